@@ -1,0 +1,81 @@
+# One command for each job. The work itself is described by CMakePresets.json and the CMake lists;
+# every target first has scripts/bootstrap.sh install what it needs and what is missing.
+
+JOBS ?= $(shell nproc)
+
+# How many schedules a schedule search runs. The release and search builds use the tests' own
+# numbers; under a sanitizer a schedule takes several times as long and fewer of them must do.
+asan: export NETSIEVE_SCHEDULES ?= 1000
+tsan: export NETSIEVE_SCHEDULES ?= 500
+
+CTEST = ctest --output-on-failure --no-tests=error --parallel $(JOBS) --test-dir
+SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name '*.h' -o -name '*.c'
+
+.DEFAULT_GOAL := help
+.NOTPARALLEL:
+.PHONY: help build image demo test bench format format-check tidy asan tsan search clean
+
+help: ## print this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+
+# The first configuration leaves out tests and benchmarks, so that building the command does not
+# need their libraries. A tree that has them keeps them.
+build: ## build the command, build/bin/netsieve
+	@scripts/bootstrap.sh build
+	@test -f build/release/build.ninja || \
+	    cmake --preset release -DNETSIEVE_TESTS=OFF -DNETSIEVE_BENCH=OFF
+	cmake --build --preset release --parallel $(JOBS) --target netsieve
+
+image: ## cross-build the driver, build/image/NETSIEVE.sys
+	@scripts/bootstrap.sh build image
+	@test -f build/image-work/build.ninja || cmake --preset image
+	cmake --build --preset image --parallel $(JOBS)
+
+demo: build image ## replay a capture through the driver and look at the outcome
+	scripts/demo.sh
+
+test: image ## build everything for release and run all tests
+	@scripts/bootstrap.sh build test
+	@cmake --preset release -DNETSIEVE_TESTS=ON -DNETSIEVE_BENCH=ON
+	cmake --build --preset release --parallel $(JOBS)
+	$(CTEST) build/release
+
+bench: image ## run the benchmarks (release)
+	@scripts/bootstrap.sh build test
+	@cmake --preset release -DNETSIEVE_BENCH=ON
+	cmake --build --preset release --parallel $(JOBS)
+	build/release/bench/netsieve_bench
+
+asan: image ## run all tests under AddressSanitizer and UndefinedBehaviorSanitizer
+	@scripts/bootstrap.sh build test checks
+	@test -f build/asan/build.ninja || cmake --preset asan
+	cmake --build --preset asan --parallel $(JOBS)
+	$(CTEST) build/asan
+
+tsan: image ## run all tests under ThreadSanitizer
+	@scripts/bootstrap.sh build test checks
+	@test -f build/tsan/build.ninja || cmake --preset tsan
+	cmake --build --preset tsan --parallel $(JOBS)
+	$(CTEST) build/tsan
+
+search: image ## run the tests with every load and store of the driver a scheduling point
+	@scripts/bootstrap.sh build test checks
+	@test -f build/search/build.ninja || cmake --preset search
+	cmake --build --preset search --parallel $(JOBS)
+	$(CTEST) build/search
+
+format: ## format the sources in place
+	@scripts/bootstrap.sh checks
+	@$(SOURCES) | xargs clang-format-14 -i
+
+format-check: ## fail if a source is not formatted
+	@scripts/bootstrap.sh checks
+	@$(SOURCES) | xargs clang-format-14 --dry-run --Werror --ferror-limit=1 || \
+	    { echo "Not formatted: run 'make format'." >&2; exit 1; }
+
+tidy: ## static analysis
+	@scripts/bootstrap.sh build test checks
+	@scripts/tidy.sh $(JOBS)
+
+clean: ## remove everything that was built
+	rm -rf build

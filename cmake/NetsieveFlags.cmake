@@ -1,0 +1,61 @@
+# Options and the interface targets that carry the compiler flags.
+
+option(NETSIEVE_TESTS "Build the test suite" ON)
+option(NETSIEVE_BENCH "Build the benchmarks" ON)
+option(NETSIEVE_SEARCH "Make every plain load and store of the driver a scheduling point (clang)" OFF)
+set(NETSIEVE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
+set(NETSIEVE_IMAGE "${CMAKE_SOURCE_DIR}/build/image/NETSIEVE.sys" CACHE FILEPATH
+    "The cross-built driver image that the tests run")
+set(NETSIEVE_TEST_IMAGE_DIR "${CMAKE_SOURCE_DIR}/build/image-tests" CACHE PATH
+    "Where the image build leaves the images that only tests load")
+set(NETSIEVE_COMMAND_DIR "${CMAKE_BINARY_DIR}/bin" CACHE PATH "Where the netsieve command is left")
+
+# Before any target is made: a target keeps the launcher that was set when it was.
+find_program(NETSIEVE_CCACHE ccache)
+mark_as_advanced(NETSIEVE_CCACHE)
+if(NETSIEVE_CCACHE)
+    foreach(language C CXX)
+        if(NOT DEFINED CMAKE_${language}_COMPILER_LAUNCHER)
+            set(CMAKE_${language}_COMPILER_LAUNCHER "${NETSIEVE_CCACHE}")
+        endif()
+    endforeach()
+endif()
+
+add_library(netsieve_warnings INTERFACE)
+target_compile_options(netsieve_warnings INTERFACE
+    -Wall -Wextra -Werror -Wshadow -Wundef -Wvla
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+
+if(NETSIEVE_SANITIZE)
+    add_compile_options(-fsanitize=${NETSIEVE_SANITIZE} -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${NETSIEVE_SANITIZE})
+    if(NETSIEVE_SANITIZE MATCHES "undefined")
+        add_compile_options(-fno-sanitize-recover=undefined)
+    endif()
+endif()
+
+# The driver is freestanding wherever it is built, so that the native build cannot use what the
+# image could not have.
+add_library(netsieve_driver_flags INTERFACE)
+target_compile_options(netsieve_driver_flags INTERFACE
+    -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+target_include_directories(netsieve_driver_flags INTERFACE "${CMAKE_SOURCE_DIR}/src")
+target_link_libraries(netsieve_driver_flags INTERFACE netsieve_warnings)
+
+# The red zones of a sanitizer make frames larger than the driver's own.
+if(NOT NETSIEVE_SANITIZE)
+    target_compile_options(netsieve_driver_flags INTERFACE -Wframe-larger-than=2048)
+endif()
+
+# For the driver's sources alone, never for the host's: the host answers these calls, and must not
+# be called from inside itself. Without a granularity (here func) clang 14 accepts the two trace
+# flags and inserts nothing.
+set(NETSIEVE_SEARCH_OPTIONS -fsanitize-coverage=func,trace-loads,trace-stores)
+add_library(netsieve_search_flags INTERFACE)
+if(NETSIEVE_SEARCH)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "NETSIEVE_SEARCH needs clang's load and store tracing; "
+                            "configure with the preset 'search', or with CXX=clang++-14")
+    endif()
+    target_compile_options(netsieve_search_flags INTERFACE ${NETSIEVE_SEARCH_OPTIONS})
+endif()
