@@ -1,0 +1,87 @@
+#include "driver/data_path.h"
+
+#include "driver/module_reference.h"
+#include "packet/receive_path.h"
+#include "packet/send_path.h"
+#include "platform/atomics.h"
+
+namespace {
+
+void RefuseSend(FILTER_MODULE* module, PNET_BUFFER_LIST lists, ULONG sendFlags) {
+    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = list->Next) {
+        list->Status = NDIS_STATUS_PAUSED;
+    }
+    ULONG flags =
+        (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0;
+    NdisFSendNetBufferListsComplete(module->FilterHandle, lists, flags);
+}
+
+void RefuseReceive(FILTER_MODULE* module, PNET_BUFFER_LIST lists, ULONG receiveFlags) {
+    if (receiveFlags & NDIS_RECEIVE_FLAGS_RESOURCES) {
+        return;  // lent for the call only: the adapter has the lists back when it ends
+    }
+    ULONG flags =
+        (receiveFlags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0;
+    NdisFReturnNetBufferLists(module->FilterHandle, lists, flags);
+}
+
+}  // namespace
+
+VOID NTAPI NSVFilterSendNetBufferLists(NDIS_HANDLE FilterModuleContext,
+                                       PNET_BUFFER_LIST NetBufferLists,
+                                       NDIS_PORT_NUMBER PortNumber,
+                                       ULONG SendFlags) {
+    auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
+    ModuleReference reference(module);
+    if (reference.Closing()) {
+        RefuseSend(module, NetBufferLists, SendFlags);
+    } else if (reference.Live()) {
+        WriteRelease(&module->LastSendPortNumber, PortNumber);
+        if (ReadAcquire(&module->HookCount) == 0) {
+            NdisFSendNetBufferLists(module->FilterHandle, NetBufferLists, PortNumber, SendFlags);
+        } else {
+            NSVFSendNBLs(module, NetBufferLists, PortNumber, SendFlags);
+        }
+    }
+}
+
+VOID NTAPI NSVFilterSendNetBufferListsComplete(NDIS_HANDLE FilterModuleContext,
+                                               PNET_BUFFER_LIST NetBufferLists,
+                                               ULONG SendCompleteFlags) {
+    auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
+    ModuleReference reference(module);
+    // A detaching module's lists may still carry our context, so they take the whole way.
+    if (reference.Held()) {
+        NSVFSendNBLsComplete(module, NetBufferLists, SendCompleteFlags);
+    }
+}
+
+VOID NTAPI NSVFilterReceiveNetBufferLists(NDIS_HANDLE FilterModuleContext,
+                                          PNET_BUFFER_LIST NetBufferLists,
+                                          NDIS_PORT_NUMBER PortNumber,
+                                          ULONG NumberOfNetBufferLists,
+                                          ULONG ReceiveFlags) {
+    auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
+    ModuleReference reference(module);
+    if (reference.Closing()) {
+        RefuseReceive(module, NetBufferLists, ReceiveFlags);
+    } else if (reference.Live()) {
+        if (ReadAcquire(&module->HookCount) == 0) {
+            NdisFIndicateReceiveNetBufferLists(module->FilterHandle, NetBufferLists, PortNumber,
+                                               NumberOfNetBufferLists, ReceiveFlags);
+        } else {
+            NSVFReceiveNBLs(module, NetBufferLists, PortNumber, NumberOfNetBufferLists,
+                            ReceiveFlags);
+        }
+    }
+}
+
+VOID NTAPI NSVFilterReturnNetBufferLists(NDIS_HANDLE FilterModuleContext,
+                                         PNET_BUFFER_LIST NetBufferLists,
+                                         ULONG ReturnFlags) {
+    auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
+    ModuleReference reference(module);
+    if (reference.Held()) {
+        NSVFReturnNBLs(module, NetBufferLists, ReturnFlags, TRUE);
+    }
+}

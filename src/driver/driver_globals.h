@@ -1,0 +1,28 @@
+// The driver-wide state.
+#pragma once
+
+#include "driver/locked_list.h"
+#include "platform/ndis.h"
+
+// Its address is the filter driver context that NDIS hands to the attach handler.
+struct FILTER_DRIVER_GLOBALS {
+    PDRIVER_OBJECT DriverObject;
+
+    // Guards ModuleList, DetachingList, the ActiveCalls of every module and DeviceObject. Inside it
+    // may be taken: a module's HookLock, free-list, trace and OutstandingLock, and the lock of a
+    // list's context. Never held together with the lock of HookList.
+    DRIVER_SPIN_LOCK ModuleListLock;
+    LIST_ENTRY ModuleList;  // the attached FILTER_MODULEs, in the order of their attach
+
+    LOCKED_LIST HookList;  // the registered HOOK_FILTERs; inside its lock, a module's HookLock
+
+    NDIS_HANDLE FilterDriverHandle;  // NULL while not registered; DriverEntry and unload only
+    PDEVICE_OBJECT DeviceObject;     // NULL while there is none; under ModuleListLock
+
+    // Modules that have left ModuleList and are not freed yet. A call that comes in for one of them
+    // still finds a handle here to give its lists back with.
+    LIST_ENTRY DetachingList;
+};
+
+// Zeroed by DriverEntry before anything else uses it.
+extern FILTER_DRIVER_GLOBALS g_DriverGlobals;

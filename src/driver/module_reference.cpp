@@ -1,0 +1,54 @@
+#include "driver/module_reference.h"
+
+#include "driver/driver_globals.h"
+
+namespace {
+
+// ModuleListLock is held.
+bool IsOnList(const LIST_ENTRY* head, const FILTER_MODULE* module) {
+    const LIST_ENTRY* entry = head->Flink;
+    while (entry != head && entry != &module->Link) {
+        entry = entry->Flink;
+    }
+    return entry != head;
+}
+
+// ModuleListLock is held.
+void RaiseActiveCalls(FILTER_MODULE* module) {
+    if (module->ActiveCalls++ == 0) {
+        KeClearEvent(&module->IdleEvent);
+    }
+}
+
+}  // namespace
+
+NDIS_STATUS NTAPI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing) {
+    if (heldClosing != nullptr) {
+        *heldClosing = false;
+    }
+    if (module == nullptr) {
+        return NDIS_STATUS_INVALID_PARAMETER;
+    }
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    if (IsOnList(&g_DriverGlobals.ModuleList, module)) {
+        RaiseActiveCalls(module);
+        return NDIS_STATUS_SUCCESS;
+    }
+    // Both lists under one hold of the lock: between two, the detach could free the module.
+    if (heldClosing != nullptr && IsOnList(&g_DriverGlobals.DetachingList, module)) {
+        RaiseActiveCalls(module);
+        *heldClosing = true;
+    }
+    return NDIS_STATUS_CLOSING;
+}
+
+VOID NTAPI DereferenceFilterModule(FILTER_MODULE* module) {
+    if (module == nullptr) {
+        return;
+    }
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    if (--module->ActiveCalls == 0) {
+        // Inside the lock: detach frees the module as soon as it sees 0 there.
+        KeSetEvent(&module->IdleEvent, 0, FALSE);
+    }
+}
