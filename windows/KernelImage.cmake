@@ -1,0 +1,57 @@
+# Builds kernel images: x64 PE32+ files of the native subsystem that a kernel loader takes as they
+# are, and that our own loader maps into a process.
+
+enable_language(RC)
+
+# User-mode libraries, which CMake would name in every link.
+set(CMAKE_C_STANDARD_LIBRARIES "")
+
+include("${CMAKE_CURRENT_LIST_DIR}/../cmake/NetsievePefile.cmake")
+
+set(NETSIEVE_IMAGE_CHECK "${CMAKE_CURRENT_LIST_DIR}/../scripts/check_image.py")
+set(NETSIEVE_VERSION_TEMPLATE "${CMAKE_CURRENT_LIST_DIR}/version.rc.in")
+
+# The compiler makes SEH unwind tables for every function by itself. No stack probes: there is no
+# __chkstk to call, and -Wframe-larger-than keeps every frame far below a page. The prefix map keeps
+# the place of the source tree out of the image.
+add_library(netsieve_image_flags INTERFACE)
+target_compile_options(netsieve_image_flags INTERFACE
+    -O2 -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector
+    -fno-ident -mno-red-zone -mno-stack-arg-probe -Wframe-larger-than=2048
+    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+
+# netsieve_kernel_image(TARGET NAME name VERSION a.b.c.d DESCRIPTION text DEF file OUTPUT dir
+#                       SOURCES file...)
+# Builds OUTPUT/NAME.sys, entered at DriverEntry, with the exports of DEF and nothing else exported.
+# The build fails, and leaves no image, when scripts/check_image.py finds a fault in it.
+function(netsieve_kernel_image target)
+    cmake_parse_arguments(PARSE_ARGV 1 image "" "NAME;VERSION;DESCRIPTION;DEF;OUTPUT" "SOURCES")
+
+    string(REPLACE "." "," image_VERSION_COMMAS "${image_VERSION}")
+    configure_file("${NETSIEVE_VERSION_TEMPLATE}" "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc" @ONLY)
+    get_filename_component(image_DEF "${image_DEF}" ABSOLUTE)
+
+    add_library(${target} MODULE ${image_SOURCES} "${image_DEF}"
+                "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc")
+    set_target_properties(${target} PROPERTIES
+        PREFIX "" OUTPUT_NAME "${image_NAME}" SUFFIX ".sys"
+        LIBRARY_OUTPUT_DIRECTORY "${image_OUTPUT}"
+        LINK_DEPENDS "${image_DEF};${NETSIEVE_IMAGE_CHECK}"
+        # The runtime library of C++ is no part of a kernel image.
+        LINKER_LANGUAGE C)
+    target_link_libraries(${target} PRIVATE netsieve_image_flags ntoskrnl ndis)
+    # A fixed base and no time stamp make two builds of one tree equal to the byte. Auto-import
+    # would patch data references in a start-up routine that no kernel calls.
+    target_link_options(${target} PRIVATE
+        -nostdlib -s
+        "LINKER:--subsystem,native:6.0" "LINKER:--entry,DriverEntry"
+        "LINKER:--major-os-version,6" "LINKER:--minor-os-version,0"
+        "LINKER:--image-base,0x140000000" "LINKER:--dynamicbase" "LINKER:--nxcompat"
+        "LINKER:--exclude-all-symbols" "LINKER:--disable-auto-import"
+        "LINKER:--disable-runtime-pseudo-reloc" "LINKER:--no-insert-timestamp"
+        "LINKER:--fatal-warnings")
+    add_custom_command(TARGET ${target} POST_BUILD
+        COMMAND "${NETSIEVE_PEFILE_PYTHON}" "${NETSIEVE_IMAGE_CHECK}" --remove-bad
+                --def "${image_DEF}" --version "${image_VERSION}" "$<TARGET_FILE:${target}>"
+        VERBATIM)
+endfunction()
