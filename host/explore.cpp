@@ -1,0 +1,85 @@
+#include "host/explore.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/ndis/ndis.h"
+
+namespace netsieve::host {
+
+namespace {
+
+struct OneRun {
+    RunResult result;
+    std::string what;
+};
+
+OneRun RunOnce(const MachineOptions& options,
+               const std::function<void(Machine&)>& body,
+               const std::function<std::string(Machine&)>& check) {
+    Machine machine(options);
+    OneRun run;
+    run.result = machine.Run([&] { body(machine); });
+    machine.ndis().ReportLostLists();
+    run.what = machine.verifier().Describe();
+    if (run.what.empty() && !run.result.completed) {
+        run.what = run.result.abandonReason;
+    }
+    if (run.what.empty() && check) {
+        run.what = check(machine);
+    }
+    return run;
+}
+
+// PCT draws its change points over the length of a run, which a first run tells.
+std::uint64_t MeasurePoints(MachineOptions options, const std::function<void(Machine&)>& body) {
+    options.strategy = StrategyKind::kUniform;
+    return RunOnce(options, body, {}).result.points;
+}
+
+}  // namespace
+
+std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise) {
+    const char* const text = std::getenv(name);
+    std::uint64_t value = 0;
+    if (text == nullptr) {
+        return otherwise;
+    }
+    const char* const end = text + std::strlen(text);
+    const auto parsed = std::from_chars(text, end, value);
+    return parsed.ec == std::errc() && parsed.ptr == end ? value : otherwise;
+}
+
+ExploreResult Explore(const ExploreOptions& options,
+                      const std::function<void(Machine&)>& body,
+                      const std::function<std::string(Machine&)>& check) {
+    MachineOptions machine = options.machine;
+    machine.seed = options.firstSeed;
+    machine.expectedPoints = MeasurePoints(machine, body);
+    machine.strategy = options.strategy;
+    std::uint64_t first = options.firstSeed;
+    std::uint64_t count = NumberFromEnvironment("NETSIEVE_SCHEDULES", options.schedules);
+    if (const std::uint64_t seed = NumberFromEnvironment("NETSIEVE_SEED", 0); seed != 0) {
+        first = seed;
+        count = 1;
+    }
+    ExploreResult result;
+    for (std::uint64_t seed = first; seed < first + count; ++seed) {
+        machine.seed = seed;
+        OneRun run = RunOnce(machine, body, check);
+        ++result.schedules;
+        result.points += run.result.points;
+        if (!run.what.empty()) {
+            result.finding = {
+                seed, std::move(run.what),
+                fmt::format("replay: NETSIEVE_SEED={} with the scenario '{}'", seed, options.name)};
+            break;
+        }
+    }
+    return result;
+}
+
+}  // namespace netsieve::host

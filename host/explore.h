@@ -1,0 +1,46 @@
+// Searching the schedules of a scenario for a fault.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "host/machine.h"
+
+namespace netsieve::host {
+
+/// How to search. The budget may be set from outside: NETSIEVE_SCHEDULES overrides `schedules`,
+/// and NETSIEVE_SEED runs the one schedule of that seed.
+struct ExploreOptions {
+    std::string name;        ///< of the scenario, for the replay line
+    MachineOptions machine;  ///< seed, strategy and expected points are set by the search
+    StrategyKind strategy = StrategyKind::kPct;
+    std::uint64_t schedules = 1000;
+    std::uint64_t firstSeed = 1;
+};
+
+/// A schedule that went wrong.
+struct Finding {
+    std::uint64_t seed = 0;
+    std::string what;    ///< the verifier's reports, or what `check` said
+    std::string replay;  ///< how to run just this schedule again
+};
+
+struct ExploreResult {
+    std::uint64_t schedules = 0;  ///< that were run
+    std::uint64_t points = 0;     ///< in all of them
+    std::optional<Finding> finding;
+};
+
+/// Runs `body` as the first thread of a new machine for each seed, until one of them breaks a rule,
+/// loses a list, does not end, or makes `check` return a text (which is asked when the run is over;
+/// empty is good). The first finding ends the search.
+ExploreResult Explore(const ExploreOptions& options,
+                      const std::function<void(Machine&)>& body,
+                      const std::function<std::string(Machine&)>& check = {});
+
+/// The number in an environment variable, or `otherwise` when it is unset or no number.
+std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise);
+
+}  // namespace netsieve::host

@@ -1,0 +1,45 @@
+#include "host/kernel/callback.h"
+
+#include <fmt/format.h>
+
+#include "host/machine.h"
+
+namespace netsieve::host {
+
+CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* module) {
+    Context& context = CurrentContext();
+    frame_.outer = context.frame;
+    frame_.routine = routine;
+    frame_.driver = driver;
+    frame_.module = module;
+    frame_.entryIrql = context.irql;
+    frame_.heldAtEntry = context.held.size();
+    context.frame = &frame_;
+}
+
+CallbackScope::~CallbackScope() {
+    Context& context = CurrentContext();
+    Machine& machine = Machine::Current();
+    if (machine.verifier().Enabled()) {
+        if (context.held.size() > frame_.heldAtEntry) {
+            machine.verifier().Report(
+                Rule::kCallbackHoldsLock,
+                fmt::format("{} returned with {} spin lock(s) more than it was entered with",
+                            frame_.routine, context.held.size() - frame_.heldAtEntry));
+        } else if (context.irql != frame_.entryIrql) {
+            machine.verifier().Report(Rule::kCallbackIrql,
+                                      fmt::format("{} was entered at IRQL {} and returned at {}",
+                                                  frame_.routine, frame_.entryIrql, context.irql));
+        }
+    }
+    while (context.held.size() > frame_.heldAtEntry) {
+        machine.scheduler().ReleaseSpin(context.held.back().lock);
+        context.held.pop_back();
+    }
+    if (context.irql != frame_.entryIrql) {
+        machine.scheduler().SetIrql(frame_.entryIrql);
+    }
+    context.frame = frame_.outer;
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,105 @@
+#include "host/kernel/mdls.h"
+
+#include <algorithm>
+
+#include "host/machine.h"
+#include "platform/ndis.h"
+
+namespace netsieve::host {
+
+namespace {
+constexpr std::uintptr_t kPageMask = 0xFFF;
+}
+
+void DescribeBuffer(MDL& mdl, void* buffer, std::uint32_t size, bool mapped) {
+    const auto address = reinterpret_cast<std::uintptr_t>(buffer);
+    mdl = {};
+    mdl.Size = sizeof(MDL);
+    mdl.MdlFlags = mapped ? MDL_SOURCE_IS_NONPAGED_POOL : MDL_PAGES_LOCKED;
+    mdl.MappedSystemVa = mapped ? buffer : nullptr;
+    mdl.StartVa = reinterpret_cast<void*>(address & ~kPageMask);
+    mdl.ByteOffset = static_cast<ULONG>(address & kPageMask);
+    mdl.ByteCount = size;
+}
+
+Mdls::~Mdls() {
+    for (const auto& [mdl, driver] : live_) {
+        delete mdl;
+    }
+}
+
+PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
+    if (machine_.faults().Fails(FaultKind::kMdl)) {
+        return nullptr;
+    }
+    auto* mdl = new MDL;
+    DescribeBuffer(*mdl, buffer, size, true);
+    HostLock lock(mutex_);
+    live_[mdl] = LoadedDriver::Innermost(CurrentContext());
+    return mdl;
+}
+
+void Mdls::Free(PMDL mdl) {
+    HostLock lock(mutex_);
+    if (live_.erase(mdl) == 0) {
+        machine_.verifier().Report(Rule::kPoolDoubleFree,
+                                   "NdisFreeMdl of what is no allocated descriptor");
+        return;
+    }
+    delete mdl;
+}
+
+void* Mdls::Map(PMDL mdl) {
+    if ((mdl->MdlFlags & MDL_HAS_SYSTEM_ADDRESS) != 0) {
+        return mdl->MappedSystemVa;
+    }
+    if (machine_.faults().Fails(FaultKind::kMapping)) {
+        return nullptr;
+    }
+    mdl->MappedSystemVa = static_cast<char*>(mdl->StartVa) + mdl->ByteOffset;
+    mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
+    return mdl->MappedSystemVa;
+}
+
+std::size_t Mdls::Live() {
+    HostLock lock(mutex_);
+    return live_.size();
+}
+
+std::size_t Mdls::AllocatedBy(const LoadedDriver* driver) {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(
+        live_.begin(), live_.end(), [&](const auto& entry) { return entry.second == driver; }));
+}
+
+}  // namespace netsieve::host
+
+using namespace netsieve::host;
+
+extern "C" {
+
+PMDL NTAPI NdisAllocateMdl(NDIS_HANDLE, PVOID VirtualAddress, UINT Length) {
+    Machine::Current().EnterCall("NdisAllocateMdl");
+    return Machine::Current().mdls().Allocate(VirtualAddress, Length);
+}
+
+VOID NTAPI NdisFreeMdl(PMDL Mdl) {
+    Machine::Current().EnterCall("NdisFreeMdl");
+    Machine::Current().mdls().Free(Mdl);
+}
+
+PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList,
+                                         KPROCESSOR_MODE,
+                                         MEMORY_CACHING_TYPE,
+                                         PVOID,
+                                         ULONG,
+                                         ULONG) {
+    Machine::Current().EnterCall("MmMapLockedPagesSpecifyCache");
+    return Machine::Current().mdls().Map(MemoryDescriptorList);
+}
+
+MM_SYSTEMSIZE NTAPI MmQuerySystemSize(VOID) {
+    return Machine::Current().options().systemSize;
+}
+
+}  // extern "C"

@@ -1,0 +1,39 @@
+// Memory descriptor lists.
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "host/verifier/verifier.h"
+#include "platform/kernel.h"
+
+namespace netsieve::host {
+
+class LoadedDriver;
+class Machine;
+
+/// Fills an MDL of the caller's for a buffer of `size` bytes. With `mapped` the system address is
+/// in it; without, a reader has to ask MmMapLockedPagesSpecifyCache for one.
+void DescribeBuffer(MDL& mdl, void* buffer, std::uint32_t size, bool mapped);
+
+/// The descriptors that drivers allocated.
+class Mdls {
+  public:
+    explicit Mdls(Machine& machine) : machine_(machine) {}
+    ~Mdls();
+
+    PMDL Allocate(void* buffer, std::uint32_t size);
+    void Free(PMDL mdl);
+    /// The buffer's system address, mapping it first if need be; null on a fault.
+    void* Map(PMDL mdl);
+    /// Allocated now, by anyone.
+    std::size_t Live();
+    std::size_t AllocatedBy(const LoadedDriver* driver);
+
+  private:
+    Machine& machine_;
+    HostMutex mutex_;
+    std::map<PMDL, const LoadedDriver*> live_;
+};
+
+}  // namespace netsieve::host

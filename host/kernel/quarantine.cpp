@@ -1,0 +1,79 @@
+#include "host/kernel/quarantine.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define NETSIEVE_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NETSIEVE_ASAN 1
+#endif
+#endif
+#ifdef NETSIEVE_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace netsieve::host {
+
+namespace {
+
+constexpr unsigned char kFreedPattern = 0xDD;
+constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
+constexpr std::size_t kMostEntries = 4096;
+
+void Poison([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) {
+#ifdef NETSIEVE_ASAN
+    __asan_poison_memory_region(data, size);
+#endif
+}
+
+void Unpoison([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) {
+#ifdef NETSIEVE_ASAN
+    __asan_unpoison_memory_region(data, size);
+#endif
+}
+
+}  // namespace
+
+Quarantine::Quarantine(std::function<void(const std::string&)> onWrite)
+    : onWrite_(std::move(onWrite)) {}
+
+Quarantine::~Quarantine() {
+    Drain();
+}
+
+void Quarantine::Add(void* allocation, void* data, std::size_t size, std::string what) {
+    std::memset(data, kFreedPattern, size);
+    Poison(data, size);
+    HostLock lock(mutex_);
+    entries_.push_back({allocation, data, size, std::move(what)});
+    bytes_ += size;
+    while (bytes_ > kMostBytes || entries_.size() > kMostEntries) {
+        Release(entries_.front());
+        bytes_ -= entries_.front().size;
+        entries_.pop_front();
+    }
+}
+
+void Quarantine::Drain() {
+    HostLock lock(mutex_);
+    for (const Entry& entry : entries_) {
+        Release(entry);
+    }
+    entries_.clear();
+    bytes_ = 0;
+}
+
+void Quarantine::Release(const Entry& entry) {
+    Unpoison(entry.data, entry.size);
+    const auto* bytes = static_cast<const unsigned char*>(entry.data);
+    if (std::any_of(bytes, bytes + entry.size,
+                    [](unsigned char byte) { return byte != kFreedPattern; })) {
+        onWrite_(entry.what);
+    }
+    std::free(entry.allocation);
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,121 @@
+#include "host/kernel/timers.h"
+
+#include <fmt/format.h>
+
+#include "host/machine.h"
+
+namespace netsieve::host {
+
+namespace {
+
+PNDIS_TIMER_FUNCTION FunctionOf(PNDIS_TIMER timer) {
+    return reinterpret_cast<PNDIS_TIMER_FUNCTION>(timer->Dpc.DeferredRoutine);
+}
+
+}  // namespace
+
+Timers::Timers(Scheduler& scheduler, Verifier& verifier)
+    : scheduler_(scheduler), verifier_(verifier) {}
+
+void Timers::Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context) {
+    *timer = {};
+    timer->Dpc.DeferredRoutine = reinterpret_cast<PVOID>(function);
+    timer->Dpc.DeferredContext = context;
+}
+
+void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
+    Cancel(timer);
+    const Context& context = CurrentContext();
+    HostLock lock(mutex_);
+    Armed armed{.generation = ++generations_, .driver = LoadedDriver::Innermost(context)};
+    const Ticks due = scheduler_.Now() + milliseconds * kTicksPerMillisecond;
+    armed.call =
+        scheduler_.CallAt(due, context.processor, [this, timer, armed] { Fire(timer, armed); });
+    armed_[reinterpret_cast<std::uintptr_t>(timer)] = armed;
+    ++started_[armed.driver];
+}
+
+void Timers::Fire(PNDIS_TIMER timer, const Armed& armed) {
+    {
+        HostLock lock(mutex_);
+        --started_[armed.driver];
+        if (forgotten_.erase(armed.generation) != 0) {
+            return;
+        }
+        const auto it = armed_.find(reinterpret_cast<std::uintptr_t>(timer));
+        if (it != armed_.end() && it->second.generation == armed.generation) {
+            armed_.erase(it);
+        }
+    }
+    const PNDIS_TIMER_FUNCTION function = FunctionOf(timer);
+    const PVOID context = timer->Dpc.DeferredContext;
+    const CallbackScope scope("timer routine", armed.driver, nullptr);
+    function(nullptr, context, nullptr, nullptr);
+}
+
+bool Timers::Cancel(PNDIS_TIMER timer) {
+    HostLock lock(mutex_);
+    const auto it = armed_.find(reinterpret_cast<std::uintptr_t>(timer));
+    if (it == armed_.end() || !scheduler_.CancelCall(it->second.call)) {
+        return false;
+    }
+    --started_[it->second.driver];
+    armed_.erase(it);
+    return true;
+}
+
+void Timers::ForgetRange(const void* start, std::size_t size) {
+    const auto first = reinterpret_cast<std::uintptr_t>(start);
+    HostLock lock(mutex_);
+    for (auto it = armed_.lower_bound(first); it != armed_.end() && it->first < first + size;) {
+        verifier_.Report(
+            Rule::kTimerInFreedMemory,
+            fmt::format("a timer {} bytes into the block is armed", it->first - first));
+        if (scheduler_.CancelCall(it->second.call)) {
+            --started_[it->second.driver];
+        } else {
+            forgotten_.insert(it->second.generation);
+        }
+        it = armed_.erase(it);
+    }
+}
+
+unsigned Timers::Live() {
+    HostLock lock(mutex_);
+    unsigned live = 0;
+    for (const auto& [driver, count] : started_) {
+        live += count;
+    }
+    return live;
+}
+
+unsigned Timers::Outstanding(const LoadedDriver* driver) {
+    HostLock lock(mutex_);
+    const auto it = started_.find(driver);
+    return it == started_.end() ? 0 : it->second;
+}
+
+}  // namespace netsieve::host
+
+using namespace netsieve::host;
+
+extern "C" {
+
+VOID NTAPI NdisInitializeTimer(PNDIS_TIMER Timer,
+                               PNDIS_TIMER_FUNCTION TimerFunction,
+                               PVOID FunctionContext) {
+    Machine::Current().EnterCall("NdisInitializeTimer");
+    Machine::Current().timers().Initialise(Timer, TimerFunction, FunctionContext);
+}
+
+VOID NTAPI NdisSetTimer(PNDIS_TIMER Timer, UINT MillisecondsToDelay) {
+    Machine::Current().EnterCall("NdisSetTimer");
+    Machine::Current().timers().Set(Timer, MillisecondsToDelay);
+}
+
+VOID NTAPI NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled) {
+    Machine::Current().EnterCall("NdisCancelTimer");
+    *TimerCancelled = Machine::Current().timers().Cancel(Timer) ? TRUE : FALSE;
+}
+
+}  // extern "C"

@@ -1,0 +1,49 @@
+// One-shot NDIS timers.
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "host/verifier/verifier.h"
+#include "platform/ndis.h"
+
+namespace netsieve::host {
+
+class LoadedDriver;
+
+/// Timers by the address of their record. The routine runs as a DPC of the processor that set it.
+class Timers {
+  public:
+    Timers(Scheduler& scheduler, Verifier& verifier);
+
+    void Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context);
+    /// Arms, or arms anew, for `milliseconds` from now.
+    void Set(PNDIS_TIMER timer, UINT milliseconds);
+    /// True when the timer was armed and will not fire. A routine that has started goes on.
+    bool Cancel(PNDIS_TIMER timer);
+
+    /// The memory is about to be freed: an armed timer in it is a fault.
+    void ForgetRange(const void* start, std::size_t size);
+    /// Timers that are armed, or whose routine is queued or running.
+    unsigned Live();
+    /// Timers of `driver` that are armed, or whose routine is queued and has not begun.
+    unsigned Outstanding(const LoadedDriver* driver);
+
+  private:
+    struct Armed {
+        std::uint64_t call = 0;        ///< the scheduler's id
+        std::uint64_t generation = 0;  ///< of the arming: a queued DPC may be older
+        LoadedDriver* driver = nullptr;
+    };
+    void Fire(PNDIS_TIMER timer, const Armed& armed);
+
+    Scheduler& scheduler_;
+    Verifier& verifier_;
+    HostMutex mutex_;
+    std::map<std::uintptr_t, Armed> armed_;
+    std::map<const LoadedDriver*, unsigned> started_;  ///< armed or queued
+    std::set<std::uint64_t> forgotten_;                ///< queued, and the timer's memory is gone
+    std::uint64_t generations_ = 0;
+};
+
+}  // namespace netsieve::host

@@ -1,0 +1,57 @@
+// A driver in the machine.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "host/sched/context.h"
+#include "platform/kernel.h"
+
+namespace netsieve::host {
+
+class KernelImage;
+
+/// Where a driver comes from: a function of this process, or a .sys image.
+struct DriverSource {
+    std::string name;                    ///< service name: "NETSIEVE"
+    PDRIVER_INITIALIZE entry = nullptr;  ///< the native driver's entry routine, or
+    std::filesystem::path image{};       ///< the image to load when `entry` is null
+    /// Place in an adapter's stack among filter drivers: higher stands nearer to the protocols.
+    int altitude = 0;
+};
+
+/// The driver's side of the machine. Its address is stable while it is loaded.
+class LoadedDriver {
+  public:
+    explicit LoadedDriver(DriverSource source);
+    ~LoadedDriver();
+
+    const std::string& Name() const { return source_.name; }
+    int Altitude() const { return source_.altitude; }
+    DRIVER_OBJECT& Object() { return object_; }
+    /// Maps the image if the driver is one. False with the reason when it cannot be loaded.
+    bool Prepare(std::string& error);
+    PDRIVER_INITIALIZE Entry() const { return entry_; }
+    const KernelImage* Image() const { return image_.get(); }
+    bool Unloading() const { return unloading_; }
+    void SetUnloading() { unloading_ = true; }
+    /// Unloaded: nothing of it may run but a routine's way out.
+    bool Gone() const { return gone_.load(std::memory_order_acquire); }
+    void SetGone() { gone_.store(true, std::memory_order_release); }
+
+    /// The driver of the innermost callback that `context` is inside of; null outside of any.
+    static LoadedDriver* Innermost(const Context& context);
+
+  private:
+    DriverSource source_;
+    std::u16string objectName_;
+    DRIVER_OBJECT object_{};
+    PDRIVER_INITIALIZE entry_ = nullptr;
+    std::unique_ptr<KernelImage> image_;
+    bool unloading_ = false;
+    std::atomic<bool> gone_ = false;
+};
+
+}  // namespace netsieve::host

@@ -1,0 +1,219 @@
+#include "host/machine.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/ndis/ndis.h"
+#include "host/sched/threaded_scheduler.h"
+#include "platform/atomics.h"
+
+// The native driver's atomic operations call this when it is set.
+extern "C" {
+void(NTAPI* PlatformAtomicHook)(const volatile void* address) = nullptr;
+}
+
+namespace netsieve::host {
+
+bool g_plainMode = false;
+bool g_verifyMode = true;
+
+namespace {
+
+void NTAPI AtomicPointHook(const volatile void*) {
+    if (t_context != nullptr) {
+        Machine::Current().scheduler().Point(PointKind::kAtomic);
+    }
+}
+
+std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
+    if (options.scheduler == SchedulerKind::kThreaded) {
+        return std::make_unique<ThreadedScheduler>(options.processors);
+    }
+    SimulatedScheduler::Options simulated{.processors = options.processors, .clock = options.clock};
+    if (options.strategy == StrategyKind::kPct) {
+        simulated.strategy =
+            std::make_unique<PctStrategy>(options.seed, options.pctDepth, options.expectedPoints);
+    } else {
+        simulated.strategy = std::make_unique<UniformStrategy>(options.seed);
+    }
+    return std::make_unique<SimulatedScheduler>(std::move(simulated));
+}
+
+}  // namespace
+
+Machine::Machine(MachineOptions options) : options_(options), verifier_(options.verify) {
+    current_ = this;
+    const bool simulated = options.scheduler == SchedulerKind::kSimulated;
+    HostMutex::SetThreaded(!simulated);
+    g_verifyMode = options.verify;
+    g_plainMode = !options.verify && !simulated;
+    scheduler_ = MakeScheduler(options);
+    pool_ = std::make_unique<MemoryPool>(
+        verifier_, [this](const void* start, std::size_t size) { ForgetRange(start, size); });
+    if (options.verify) {
+        locks_ = std::make_unique<LockTracker>(
+            verifier_, [this](const void* address) { return pool_->Describe(address); });
+    }
+    events_ = std::make_unique<Events>(*scheduler_, verifier_);
+    timers_ = std::make_unique<Timers>(*scheduler_, verifier_);
+    mdls_ = std::make_unique<Mdls>(*this);
+    devices_ = std::make_unique<Devices>(*this);
+    ndis_ = std::make_unique<Ndis>(*this);
+    PlatformAtomicHook = simulated ? &AtomicPointHook : nullptr;
+}
+
+Machine::~Machine() {
+    PlatformAtomicHook = nullptr;
+    scheduler_.reset();
+    ndis_.reset();
+    devices_.reset();
+    mdls_.reset();
+    drivers_.clear();
+    goneDrivers_.clear();
+    pool_.reset();
+    current_ = nullptr;
+}
+
+RunResult Machine::Run(const std::function<void()>& body) {
+    RunResult result = scheduler_->Run(body);
+    if (!result.completed && result.abandonReason.starts_with("deadlock")) {
+        verifier_.Report(Rule::kDeadlock, result.abandonReason);
+    }
+    pool_->Settle();
+    ndis_->lists().Settle();
+    return result;
+}
+
+NTSTATUS Machine::LoadDriver(const DriverSource& source) {
+    auto made = std::make_unique<LoadedDriver>(source);
+    LoadedDriver& driver = *made;
+    std::string error;
+    if (!driver.Prepare(error)) {
+        WriteDebug(fmt::format("{} cannot be loaded: {}\n", source.name, error));
+        return STATUS_UNSUCCESSFUL;
+    }
+    if (driver.Image() != nullptr && locks_ != nullptr) {
+        locks_->AcceptInlineInitialisation();
+    }
+    {
+        HostLock lock(mutex_);
+        drivers_.push_back(std::move(made));
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const std::u16string path = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\" +
+                                    std::u16string(source.name.begin(), source.name.end());
+        UNICODE_STRING registryPath{
+            .Length = static_cast<USHORT>(path.size() * sizeof(WCHAR)),
+            .MaximumLength = static_cast<USHORT>(path.size() * sizeof(WCHAR)),
+            .Buffer = const_cast<PWSTR>(path.data())};
+        const CallbackScope scope("DriverEntry", &driver, nullptr);
+        status = driver.Entry()(&driver.Object(), &registryPath);
+    }
+    ndis_->WaitForAttaches(&driver);
+    if (!NT_SUCCESS(status)) {
+        Retire(driver);
+    }
+    return status;
+}
+
+void Machine::UnloadDriver(const std::string& name) {
+    LoadedDriver* const driver = FindDriver(name);
+    if (driver == nullptr || driver->Object().DriverUnload == nullptr) {
+        return;
+    }
+    driver->SetUnloading();
+    {
+        const CallbackScope scope("DriverUnload", driver, nullptr);
+        driver->Object().DriverUnload(&driver->Object());
+    }
+    Retire(*driver);
+}
+
+void Machine::Retire(LoadedDriver& driver) {
+    CheckNothingLeft(driver);
+    driver.SetGone();
+    HostLock lock(mutex_);
+    const auto it = std::find_if(drivers_.begin(), drivers_.end(),
+                                 [&](const auto& entry) { return entry.get() == &driver; });
+    goneDrivers_.push_back(std::move(*it));
+    drivers_.erase(it);
+}
+
+void Machine::CheckNothingLeft(LoadedDriver& driver) {
+    if (!verifier_.Enabled()) {
+        return;
+    }
+    const std::size_t routines = devices_->RoutinesOf(&driver) + timers_->Outstanding(&driver);
+    if (routines != 0) {
+        verifier_.Report(Rule::kRoutineOutlivesDriver,
+                         fmt::format("{}: {} work item or timer routine(s) armed or queued",
+                                     driver.Name(), routines));
+    }
+    const auto blocks =
+        pool_->Find([&](const PoolBlock& block) { return block.driver == &driver; });
+    for (const PoolBlock& block : blocks) {
+        verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", driver.Name(),
+                                                      TagText(block.tag), block.size));
+    }
+    const struct {
+        const char* what;
+        std::size_t count;
+    } objects[] = {
+        {"device(s)", devices_->DevicesOf(&driver)},
+        {"work item(s)", devices_->WorkItemsOf(&driver)},
+        {"memory descriptor list(s)", mdls_->AllocatedBy(&driver)},
+        {"list pool(s)", ndis_->lists().PoolsOf(&driver)},
+        {"filter registration", ndis_->IsRegistered(&driver) ? std::size_t{1} : 0},
+    };
+    for (const auto& object : objects) {
+        if (object.count != 0) {
+            verifier_.Report(Rule::kObjectLeak,
+                             fmt::format("{}: {} {}", driver.Name(), object.count, object.what));
+        }
+    }
+}
+
+LoadedDriver* Machine::FindDriver(const std::string& name) {
+    HostLock lock(mutex_);
+    const auto it = std::find_if(drivers_.begin(), drivers_.end(),
+                                 [&](const auto& driver) { return driver->Name() == name; });
+    return it == drivers_.end() ? nullptr : it->get();
+}
+
+LoadedDriver* Machine::DriverOf(const DRIVER_OBJECT* object) {
+    HostLock lock(mutex_);
+    const auto it = std::find_if(drivers_.begin(), drivers_.end(),
+                                 [&](const auto& driver) { return &driver->Object() == object; });
+    return it == drivers_.end() ? nullptr : it->get();
+}
+
+void Machine::EnterCallChecked(const char* routine) {
+    verifier_.DemandUpToDispatch(routine);
+    // The last thing a routine does may be to let the unload go on. Its way out is the system's to
+    // wait for, but on it nothing of the driver may be used any more.
+    if (const auto* frame = CurrentContext().frame;
+        frame != nullptr && frame->driver != nullptr &&
+        static_cast<LoadedDriver*>(frame->driver)->Gone()) {
+        verifier_.Report(Rule::kRoutineOutlivesDriver,
+                         fmt::format("{} called by {}, which is unloaded", routine,
+                                     static_cast<LoadedDriver*>(frame->driver)->Name()));
+    }
+    scheduler_->Point(PointKind::kCall);
+}
+
+void Machine::WriteDebug(std::string text) {
+    HostLock lock(mutex_);
+    debugOutput_.push_back(std::move(text));
+}
+
+void Machine::ForgetRange(const void* start, std::size_t size) {
+    if (locks_ != nullptr) {
+        locks_->ForgetRange(start, size);
+    }
+    timers_->ForgetRange(start, size);
+    ndis_->ForgetRange(start, size);
+}
+
+}  // namespace netsieve::host

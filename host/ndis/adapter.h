@@ -1,0 +1,74 @@
+// The lower end of a stack: a miniport.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "host/ndis/edge_pace.h"
+#include "host/ndis/internal_objects.h"
+#include "host/ndis/list_pools.h"
+#include "host/verifier/list_tracker.h"
+
+namespace netsieve::host {
+
+class Stack;
+
+struct AdapterOptions {
+    std::u16string instanceName = u"Host Ethernet Adapter";
+    std::u16string deviceName = u"\\DEVICE\\{6D1F0C53-9A42-4F0E-8B77-3C5A1E20D9F4}";
+    std::u16string moduleGuid = u"{6D1F0C53-9A42-4F0E-8B77-3C5A1E20D9F4}-0000";
+    MacAddress mac{0x02, 0, 0, 0, 0, 1};
+    NDIS_MEDIUM medium = NdisMedium802_3;
+    std::uint32_t ifIndex = 1;
+    std::uint32_t mtu = 1500;
+    bool restartAttributes = true;  ///< whether a restart carries the general attributes
+    /// Bind filters although the medium is not theirs, to see that they refuse.
+    bool bindAnyway = false;
+};
+
+/// The adapter of a stack. It completes sends and takes returns as its pace says, and indicates
+/// what it is told to.
+class Adapter {
+  public:
+    Adapter(Machine& machine, Stack& stack, AdapterOptions options);
+
+    const AdapterOptions& options() const { return options_; }
+    /// When sent lists are completed.
+    EdgePace& pace() { return pace_; }
+    Party& party() { return party_; }
+    AdapterObjects& objects() { return objects_; }
+    /// Lists made from it are the adapter's own, to be indicated.
+    ListPool* pool() { return pool_; }
+
+    /// Indicates a chain of the adapter's lists. False when the stack does not take lists now: they
+    /// stay the caller's. Lent lists (NDIS_RECEIVE_FLAGS_RESOURCES) are the caller's again when
+    /// this returns, the others when onReturned has been called with them. Adds the dispatch flag
+    /// when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+    bool Indicate(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
+    /// The same, with a count of lists that the caller vouches for.
+    bool IndicateCounted(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags);
+    /// Starts a status indication up the stack.
+    void IndicateStatus(PNDIS_STATUS_INDICATION status);
+
+    // What came down, before anything is done with it. Set them while the stack is quiet.
+    std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags)> onSend;
+    std::function<void(PNET_BUFFER_LIST, ULONG flags)> onReturned;
+    std::function<void(PVOID cancelId)> onCancel;
+    std::function<void(PNET_DEVICE_PNP_EVENT)> onDevicePnpEvent;
+    std::function<NDIS_STATUS(PNET_PNP_EVENT_NOTIFICATION)> onNetPnpEvent;
+
+    // Called by the stack.
+    void Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags);
+    void Returned(PNET_BUFFER_LIST chain, ULONG flags);
+
+  private:
+    Stack& stack_;
+    AdapterOptions options_;
+    AdapterObjects objects_;
+    Party party_;
+    ListPool* pool_;
+    EdgePace pace_;
+};
+
+}  // namespace netsieve::host

@@ -1,0 +1,476 @@
+#include "host/ndis/data_path.h"
+
+#include <fmt/format.h>
+
+#include <vector>
+
+#include "host/kernel/callback.h"
+#include "host/machine.h"
+#include "host/ndis/ndis.h"
+#include "host/ndis/stack.h"
+
+namespace netsieve::host {
+
+namespace {
+
+using Handlers = NDIS_FILTER_DRIVER_CHARACTERISTICS;
+
+template <auto kHandler>
+FilterModule* NextLower(Stack& stack, FilterModule* from) {
+    FilterModule* next =
+        from == nullptr ? stack.Top() : from->lower.load(std::memory_order_acquire);
+    while (next != nullptr && next->handlers.*kHandler == nullptr) {
+        next = next->lower.load(std::memory_order_acquire);
+    }
+    return next;
+}
+
+template <auto kHandler>
+FilterModule* NextUpper(Stack& stack, FilterModule* from) {
+    FilterModule* next =
+        from == nullptr ? stack.Bottom() : from->upper.load(std::memory_order_acquire);
+    while (next != nullptr && next->handlers.*kHandler == nullptr) {
+        next = next->upper.load(std::memory_order_acquire);
+    }
+    return next;
+}
+
+/// A callback into a module, with the checks only when the verifier is on.
+template <typename Handler, typename... Arguments>
+void CallDataPath(const char* routine,
+                  FilterModule& module,
+                  Handler handler,
+                  Arguments... arguments) {
+    if (!g_verifyMode) {
+        handler(module.context, arguments...);
+        return;
+    }
+    CallbackScope scope(routine, module.registration.driver, &module);
+    scope.Frame().dataPath = true;
+    handler(module.context, arguments...);
+}
+
+void CheckDispatchFlag(Machine& machine, const Party& party, ULONG flags, const char* call) {
+    if ((flags & 1) != 0 && CurrentContext().irql != DISPATCH_LEVEL) {
+        machine.verifier().Report(Rule::kDispatchFlag,
+                                  fmt::format("{} by {} with the flag set at IRQL {}", call,
+                                              party.name, CurrentContext().irql));
+    }
+}
+
+ListTracker& Tracker(Stack& stack) {
+    return stack.machine().ndis().lists().tracker();
+}
+
+/// Splits a chain by a key, keeping the order within each part.
+template <typename Key>
+std::vector<PNET_BUFFER_LIST> Split(PNET_BUFFER_LIST chain, std::size_t parts, Key key) {
+    std::vector<PNET_BUFFER_LIST> heads(parts);
+    std::vector<PNET_BUFFER_LIST*> tails(parts);
+    for (std::size_t i = 0; i < parts; ++i) {
+        tails[i] = &heads[i];
+    }
+    while (chain != nullptr) {
+        PNET_BUFFER_LIST const list = chain;
+        chain = list->Next;
+        const std::size_t part = key(list);
+        *tails[part] = list;
+        tails[part] = &list->Next;
+    }
+    for (PNET_BUFFER_LIST* tail : tails) {
+        *tail = nullptr;
+    }
+    return heads;
+}
+
+/// The protocol whose list it is; protocolCount() for a list that no protocol of the stack sent.
+std::size_t SenderOf(Stack& stack, PNET_BUFFER_LIST list) {
+    const Party* const home = g_verifyMode ? Tracker(stack).HomeOf(list) : nullptr;
+    std::size_t index = 0;
+    for (; index < stack.protocolCount(); ++index) {
+        const Party& party = stack.protocol(index).party();
+        if (g_verifyMode ? home == &party : list->SourceHandle == party.handle) {
+            break;
+        }
+    }
+    return index;
+}
+
+void CompleteToProtocols(Stack& stack, Party& from, PNET_BUFFER_LIST chain, ULONG flags) {
+    if (!g_verifyMode && stack.protocolCount() == 1) {
+        stack.protocol().SendComplete(chain, flags);
+        return;
+    }
+    const std::size_t count = stack.protocolCount();
+    const auto parts =
+        Split(chain, count + 1, [&](PNET_BUFFER_LIST list) { return SenderOf(stack, list); });
+    for (std::size_t i = 0; i < count; ++i) {
+        PNET_BUFFER_LIST part = parts[i];
+        if (g_verifyMode && part != nullptr) {
+            part =
+                Tracker(stack).Move(part, from, stack.protocol(i).party(), ListMove::kSendComplete);
+        }
+        if (part != nullptr) {
+            stack.protocol(i).SendComplete(part, flags);
+        }
+    }
+    if (g_verifyMode && parts[count] != nullptr) {
+        // No protocol's: the tracker says what is wrong with each.
+        Tracker(stack).Move(parts[count], from, stack.protocol().party(), ListMove::kSendComplete);
+    }
+}
+
+struct Indication {
+    NDIS_PORT_NUMBER port;
+    ULONG count;
+    ULONG flags;
+    bool Lent() const { return (flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0; }
+};
+
+std::vector<PNET_BUFFER_LIST> ListsOf(PNET_BUFFER_LIST chain) {
+    std::vector<PNET_BUFFER_LIST> lists;
+    for (; chain != nullptr; chain = chain->Next) {
+        lists.push_back(chain);
+    }
+    return lists;
+}
+
+void DeliverToProtocol(Stack& stack,
+                       Protocol& protocol,
+                       Party& from,
+                       PNET_BUFFER_LIST chain,
+                       const Indication& indication) {
+    if (!g_verifyMode) {
+        protocol.Receive(chain, indication.port, indication.count, indication.flags);
+        return;
+    }
+    chain =
+        Tracker(stack).Move(chain, from, protocol.party(), ListMove::kIndicate, indication.Lent());
+    if (chain == nullptr) {
+        return;
+    }
+    const std::vector<PNET_BUFFER_LIST> lists = ListsOf(chain);
+    protocol.Receive(chain, indication.port, indication.count, indication.flags);
+    if (indication.Lent()) {
+        Tracker(stack).LoanEnded(lists, from, protocol.party());
+    }
+}
+
+void IndicateToProtocols(Stack& stack,
+                         Party& from,
+                         PNET_BUFFER_LIST chain,
+                         const Indication& indication) {
+    if (!stack.chooseReceiver) {
+        DeliverToProtocol(stack, stack.protocol(), from, chain, indication);
+        return;
+    }
+    const std::vector<PNET_BUFFER_LIST> lists =
+        indication.Lent() ? ListsOf(chain) : std::vector<PNET_BUFFER_LIST>();
+    const auto parts = Split(chain, stack.protocolCount(), stack.chooseReceiver);
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (parts[i] != nullptr) {
+            DeliverToProtocol(stack, stack.protocol(i), from, parts[i],
+                              {indication.port, CountLists(parts[i]), indication.flags});
+        }
+    }
+    for (std::size_t i = 0; i < lists.size(); ++i) {
+        lists[i]->Next = i + 1 < lists.size() ? lists[i + 1] : nullptr;
+    }
+}
+
+void CheckCount(Stack& stack, const Party& from, PNET_BUFFER_LIST chain, ULONG count) {
+    const ULONG lists = Tracker(stack).Count(chain);
+    const CallFrame* const frame = CurrentContext().frame;
+    if (count != lists && (frame == nullptr || !frame->countWasWrong)) {
+        stack.machine().verifier().Report(
+            Rule::kListCount,
+            fmt::format("{} indicated {} list(s) and said {}", from.name, lists, count));
+    }
+}
+
+}  // namespace
+
+void NTAPI SendDown(Stack& stack,
+                    FilterModule* from,
+                    Party& party,
+                    PNET_BUFFER_LIST chain,
+                    NDIS_PORT_NUMBER port,
+                    ULONG flags) {
+    FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
+    if (g_verifyMode) {
+        CheckDispatchFlag(stack.machine(), party, flags, "send");
+        chain = Tracker(stack).Move(
+            chain, party, next != nullptr ? next->party : stack.adapter().party(), ListMove::kSend);
+        if (chain == nullptr) {
+            return;
+        }
+    }
+    if (next == nullptr) {
+        stack.adapter().Send(chain, port, flags);
+        return;
+    }
+    CallDataPath("FilterSendNetBufferLists", *next, next->handlers.SendNetBufferListsHandler, chain,
+                 port, flags);
+}
+
+void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
+    Party& party = from == nullptr ? stack.adapter().party() : from->party;
+    FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
+    if (g_verifyMode) {
+        CheckDispatchFlag(stack.machine(), party, flags, "send completion");
+    }
+    if (next == nullptr) {
+        CompleteToProtocols(stack, party, chain, flags);
+        return;
+    }
+    if (g_verifyMode) {
+        chain = Tracker(stack).Move(chain, party, next->party, ListMove::kSendComplete);
+        if (chain == nullptr) {
+            return;
+        }
+    }
+    CallDataPath("FilterSendNetBufferListsComplete", *next,
+                 next->handlers.SendNetBufferListsCompleteHandler, chain, flags);
+}
+
+void NTAPI IndicateUp(Stack& stack,
+                      FilterModule* from,
+                      PNET_BUFFER_LIST chain,
+                      NDIS_PORT_NUMBER port,
+                      ULONG count,
+                      ULONG flags) {
+    Party& party = from == nullptr ? stack.adapter().party() : from->party;
+    FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
+    if (g_verifyMode) {
+        CheckDispatchFlag(stack.machine(), party, flags, "indication");
+        CheckCount(stack, party, chain, count);
+        if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) == 0 && Tracker(stack).DropsLoan(chain, party)) {
+            flags |= NDIS_RECEIVE_FLAGS_RESOURCES;
+        }
+    }
+    const Indication indication{port, count, flags};
+    if (next == nullptr) {
+        IndicateToProtocols(stack, party, chain, indication);
+        return;
+    }
+    const auto handler = next->handlers.ReceiveNetBufferListsHandler;
+    if (!g_verifyMode) {
+        handler(next->context, chain, port, count, flags);
+        return;
+    }
+    chain = Tracker(stack).Move(chain, party, next->party, ListMove::kIndicate, indication.Lent());
+    if (chain == nullptr) {
+        return;
+    }
+    const std::vector<PNET_BUFFER_LIST> lists = ListsOf(chain);
+    {
+        CallbackScope scope("FilterReceiveNetBufferLists", next->registration.driver, next);
+        scope.Frame().dataPath = true;
+        scope.Frame().countWasWrong = count != lists.size();
+        handler(next->context, chain, port, count, flags);
+    }
+    if (indication.Lent()) {
+        Tracker(stack).LoanEnded(lists, party, next->party);
+    }
+}
+
+void NTAPI ReturnDown(Stack& stack,
+                      FilterModule* from,
+                      Party& party,
+                      PNET_BUFFER_LIST chain,
+                      ULONG flags) {
+    FilterModule* const next = NextLower<&Handlers::ReturnNetBufferListsHandler>(stack, from);
+    if (g_verifyMode) {
+        CheckDispatchFlag(stack.machine(), party, flags, "return");
+        chain = Tracker(stack).Move(chain, party,
+                                    next != nullptr ? next->party : stack.adapter().party(),
+                                    ListMove::kReturn);
+        if (chain == nullptr) {
+            return;
+        }
+    }
+    if (next == nullptr) {
+        stack.adapter().Returned(chain, flags);
+        return;
+    }
+    CallDataPath("FilterReturnNetBufferLists", *next, next->handlers.ReturnNetBufferListsHandler,
+                 chain, flags);
+}
+
+void CancelDown(Stack& stack, FilterModule* from, PVOID cancelId) {
+    FilterModule* const next = NextLower<&Handlers::CancelSendNetBufferListsHandler>(stack, from);
+    if (next == nullptr) {
+        if (stack.adapter().onCancel) {
+            stack.adapter().onCancel(cancelId);
+        }
+        return;
+    }
+    CallbackScope scope("FilterCancelSendNetBufferLists", next->registration.driver, next);
+    next->handlers.CancelSendNetBufferListsHandler(next->context, cancelId);
+    if (!scope.Frame().cancelForwarded) {
+        stack.machine().verifier().Report(Rule::kCancelNotForwarded, next->party.name);
+    }
+}
+
+void DevicePnpDown(Stack& stack, FilterModule* from, PNET_DEVICE_PNP_EVENT event) {
+    stack.machine().verifier().DemandPassive("device PnP event");
+    FilterModule* const next = NextLower<&Handlers::DevicePnPEventNotifyHandler>(stack, from);
+    if (next == nullptr) {
+        if (stack.adapter().onDevicePnpEvent) {
+            stack.adapter().onDevicePnpEvent(event);
+        }
+        return;
+    }
+    const CallbackScope scope("FilterDevicePnPEventNotify", next->registration.driver, next);
+    next->handlers.DevicePnPEventNotifyHandler(next->context, event);
+}
+
+NDIS_STATUS NetPnpDown(Stack& stack, FilterModule* from, PNET_PNP_EVENT_NOTIFICATION event) {
+    stack.machine().verifier().DemandPassive("network PnP event");
+    FilterModule* const next = NextLower<&Handlers::NetPnPEventHandler>(stack, from);
+    if (next == nullptr) {
+        return stack.adapter().onNetPnpEvent ? stack.adapter().onNetPnpEvent(event)
+                                             : NDIS_STATUS_SUCCESS;
+    }
+    const CallbackScope scope("FilterNetPnPEvent", next->registration.driver, next);
+    return next->handlers.NetPnPEventHandler(next->context, event);
+}
+
+void StatusUp(Stack& stack, FilterModule* from, PNDIS_STATUS_INDICATION status) {
+    FilterModule* const next = NextUpper<&Handlers::StatusHandler>(stack, from);
+    if (next == nullptr) {
+        for (std::size_t i = 0; i < stack.protocolCount(); ++i) {
+            if (stack.protocol(i).onStatus) {
+                stack.protocol(i).onStatus(status);
+            }
+        }
+        return;
+    }
+    const CallbackScope scope("FilterStatus", next->registration.driver, next);
+    next->handlers.StatusHandler(next->context, status);
+}
+
+}  // namespace netsieve::host
+
+using namespace netsieve::host;
+
+namespace {
+
+/// The module that makes an NDIS call, for the length of the call.
+class ModuleCall {
+  public:
+    ModuleCall(NDIS_HANDLE handle, const char* routine) {
+        if (!g_verifyMode) {
+            module_ = static_cast<FilterModule*>(InternalObject::OwnerOf(handle));
+            Machine::Current().EnterCall(routine);
+            return;
+        }
+        Machine& machine = Machine::Current();
+        machine.EnterCall(routine);
+        module_ = machine.ndis().ModuleOf(handle);
+        if (module_ == nullptr) {
+            machine.verifier().Report(Rule::kModuleFreedInUse,
+                                      fmt::format("{} with a handle that is no module's", routine));
+            return;
+        }
+        frame_ = CurrentContext().frame;
+        counted_ = frame_ != nullptr && frame_->dataPath && frame_->module == module_;
+        module_->callsBelow += counted_ ? 1 : 0;
+    }
+    ~ModuleCall() {
+        if (counted_) {
+            --module_->callsBelow;
+        }
+    }
+    ModuleCall(const ModuleCall&) = delete;
+    ModuleCall& operator=(const ModuleCall&) = delete;
+
+    explicit operator bool() const { return module_ != nullptr; }
+    FilterModule* operator->() const { return module_; }
+    FilterModule* Get() const { return module_; }
+
+  private:
+    FilterModule* module_ = nullptr;
+    CallFrame* frame_ = nullptr;
+    bool counted_ = false;
+};
+
+}  // namespace
+
+extern "C" {
+
+VOID NTAPI NdisFSendNetBufferLists(NDIS_HANDLE NdisFilterHandle,
+                                   PNET_BUFFER_LIST NetBufferLists,
+                                   NDIS_PORT_NUMBER PortNumber,
+                                   ULONG SendFlags) {
+    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferLists");
+    if (call) {
+        SendDown(call->stack, call.Get(), call->party, NetBufferLists, PortNumber, SendFlags);
+    }
+}
+
+VOID NTAPI NdisFSendNetBufferListsComplete(NDIS_HANDLE NdisFilterHandle,
+                                           PNET_BUFFER_LIST NetBufferLists,
+                                           ULONG SendCompleteFlags) {
+    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferListsComplete");
+    if (call) {
+        CompleteUp(call->stack, call.Get(), NetBufferLists, SendCompleteFlags);
+    }
+}
+
+VOID NTAPI NdisFIndicateReceiveNetBufferLists(NDIS_HANDLE NdisFilterHandle,
+                                              PNET_BUFFER_LIST NetBufferLists,
+                                              NDIS_PORT_NUMBER PortNumber,
+                                              ULONG NumberOfNetBufferLists,
+                                              ULONG ReceiveFlags) {
+    const ModuleCall call(NdisFilterHandle, "NdisFIndicateReceiveNetBufferLists");
+    if (call) {
+        IndicateUp(call->stack, call.Get(), NetBufferLists, PortNumber, NumberOfNetBufferLists,
+                   ReceiveFlags);
+    }
+}
+
+VOID NTAPI NdisFReturnNetBufferLists(NDIS_HANDLE NdisFilterHandle,
+                                     PNET_BUFFER_LIST NetBufferLists,
+                                     ULONG ReturnFlags) {
+    const ModuleCall call(NdisFilterHandle, "NdisFReturnNetBufferLists");
+    if (call) {
+        ReturnDown(call->stack, call.Get(), call->party, NetBufferLists, ReturnFlags);
+    }
+}
+
+VOID NTAPI NdisFCancelSendNetBufferLists(NDIS_HANDLE NdisFilterHandle, PVOID CancelId) {
+    const ModuleCall call(NdisFilterHandle, "NdisFCancelSendNetBufferLists");
+    if (call) {
+        if (CallFrame* const frame = CurrentContext().frame;
+            frame != nullptr && frame->module == call.Get()) {
+            frame->cancelForwarded = true;
+        }
+        CancelDown(call->stack, call.Get(), CancelId);
+    }
+}
+
+VOID NTAPI NdisFDevicePnPEventNotify(NDIS_HANDLE NdisFilterHandle,
+                                     PNET_DEVICE_PNP_EVENT NetDevicePnPEvent) {
+    const ModuleCall call(NdisFilterHandle, "NdisFDevicePnPEventNotify");
+    if (call) {
+        DevicePnpDown(call->stack, call.Get(), NetDevicePnPEvent);
+    }
+}
+
+NDIS_STATUS NTAPI NdisFNetPnPEvent(NDIS_HANDLE NdisFilterHandle,
+                                   PNET_PNP_EVENT_NOTIFICATION NetPnPEventNotification) {
+    const ModuleCall call(NdisFilterHandle, "NdisFNetPnPEvent");
+    return call ? NetPnpDown(call->stack, call.Get(), NetPnPEventNotification)
+                : NDIS_STATUS_INVALID_PARAMETER;
+}
+
+VOID NTAPI NdisFIndicateStatus(NDIS_HANDLE NdisFilterHandle,
+                               PNDIS_STATUS_INDICATION StatusIndication) {
+    const ModuleCall call(NdisFilterHandle, "NdisFIndicateStatus");
+    if (call) {
+        StatusUp(call->stack, call.Get(), StatusIndication);
+    }
+}
+
+}  // extern "C"

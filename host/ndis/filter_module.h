@@ -1,0 +1,60 @@
+// A filter driver's registration, and a filter module in an adapter's stack.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "host/ndis/internal_objects.h"
+#include "host/verifier/list_tracker.h"
+#include "platform/ndis.h"
+
+namespace netsieve::host {
+
+class LoadedDriver;
+class Stack;
+
+/// A filter driver as NDIS knows it; its address is the handle that the driver got.
+struct FilterRegistration {
+    LoadedDriver* driver = nullptr;
+    NDIS_HANDLE context = nullptr;
+    NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
+    std::atomic<bool> deregistering = false;  ///< no further attach
+    bool gone = false;  ///< deregistered; it lives on for an attach that met the deregistration
+    std::uint32_t pnpThread = 0;  ///< the context that attaches it to the adapters; 0 for none
+};
+
+/// Whether a module's handlers may be called for the first time.
+enum class ModuleState : std::uint8_t {
+    kAttaching,
+    kPaused,
+    kPausing,
+    kRestarting,
+    kRunning,
+    kGone
+};
+
+/// One filter module. It outlives its detach until the machine ends, so that a report can name it.
+struct FilterModule {
+    FilterModule(FilterRegistration& owner, Stack& home, std::string name);
+
+    /// What the driver knows the module by, and what SourceHandle of its own lists must be.
+    NDIS_HANDLE Handle() { return object.Address(); }
+
+    InternalObject object{ObjectType::kFilter, this};
+    FilterRegistration& registration;
+    const NDIS_FILTER_DRIVER_CHARACTERISTICS& handlers;
+    Stack& stack;
+    Party party;
+    NDIS_HANDLE context = nullptr;  ///< set by NdisFSetAttributes
+    bool attributesSet = false;
+    std::atomic<ModuleState> state = ModuleState::kAttaching;
+    std::atomic<FilterModule*> upper = nullptr;
+    std::atomic<FilterModule*> lower = nullptr;
+    /// Calls that came through one of the module's data-path handlers and are inside an NDIS call
+    /// that it made: when that returns, the driver will touch its module again.
+    std::atomic<int> callsBelow = 0;
+    /// LookaheadSize as the module left it in its latest restart attributes.
+    std::uint32_t lookaheadSize = 0;
+};
+
+}  // namespace netsieve::host

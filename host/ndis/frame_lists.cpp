@@ -1,0 +1,142 @@
+#include "host/ndis/frame_lists.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "host/kernel/mdls.h"
+#include "host/machine.h"
+#include "host/ndis/ndis.h"
+
+namespace netsieve::host {
+
+/// One frame's memory: its bytes, its MDLs, and a buffer for when it is not the first of its list.
+struct FrameLists::Frame {
+    std::vector<std::uint8_t> bytes;
+    MDL mdls[4];
+    NET_BUFFER extra{};
+    Frame* next = nullptr;  ///< the next frame of the same list
+};
+
+namespace {
+
+// The first buffer's frame is found again through the list, as a protocol would keep it.
+constexpr std::size_t kFrameSlot = 0;
+
+}  // namespace
+
+FrameLists::FrameLists(Machine& machine, ListPool* pool) : machine_(machine), pool_(pool) {}
+FrameLists::~FrameLists() = default;
+
+FrameLists::Frame* FrameLists::TakeFrame(std::size_t capacity) {
+    if (free_.empty()) {
+        frames_.push_back(std::make_unique<Frame>());
+        free_.push_back(frames_.back().get());
+    }
+    Frame* const frame = free_.back();
+    free_.pop_back();
+    if (frame->bytes.size() < capacity) {
+        frame->bytes.resize(capacity);
+    }
+    frame->next = nullptr;
+    return frame;
+}
+
+void FrameLists::Fill(Frame& frame,
+                      std::span<const std::uint8_t> bytes,
+                      const FrameLayout& layout) {
+    if (!bytes.empty()) {
+        std::memcpy(frame.bytes.data() + layout.headroom, bytes.data(), bytes.size());
+    }
+    std::size_t at = 0;
+    const std::size_t end = layout.headroom + bytes.size();
+    std::size_t count = 0;
+    for (const std::uint32_t wanted : layout.mdlSizes) {
+        const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(wanted, end - at));
+        if (size > 0) {
+            DescribeBuffer(frame.mdls[count++], frame.bytes.data() + at, size, layout.mapped);
+            at += size;
+        }
+    }
+    if (at < end || count == 0) {
+        DescribeBuffer(frame.mdls[count++], frame.bytes.data() + at,
+                       static_cast<std::uint32_t>(end - at), layout.mapped);
+    }
+    for (std::size_t i = 0; i + 1 < count; ++i) {
+        frame.mdls[i].Next = &frame.mdls[i + 1];
+    }
+}
+
+PNET_BUFFER_LIST FrameLists::Make(std::span<const std::uint8_t> frame, const FrameLayout& layout) {
+    return Make(std::span<const std::span<const std::uint8_t>>(&frame, 1), layout);
+}
+
+PNET_BUFFER_LIST FrameLists::Make(std::span<const std::span<const std::uint8_t>> frames,
+                                  const FrameLayout& layout) {
+    Frame* const first = TakeFrame(frames[0].size() + layout.headroom + 1);
+    Fill(*first, frames[0], layout);
+    PNET_BUFFER_LIST const list =
+        machine_.ndis().lists().AllocateList(pool_, first->mdls, layout.headroom, frames[0].size());
+    if (list == nullptr) {
+        free_.push_back(first);
+        return nullptr;
+    }
+    Frame* lastFrame = first;
+    PNET_BUFFER last = list->FirstNetBuffer;
+    for (const std::span<const std::uint8_t> bytes : frames.subspan(1)) {
+        Frame* const frame = TakeFrame(bytes.size() + layout.headroom + 1);
+        Fill(*frame, bytes, layout);
+        std::memset(&frame->extra, 0, sizeof(frame->extra));
+        PMDL mdl = frame->mdls;
+        ULONG skip = layout.headroom;
+        while (skip >= mdl->ByteCount && mdl->Next != nullptr) {
+            skip -= mdl->ByteCount;
+            mdl = mdl->Next;
+        }
+        frame->extra.CurrentMdl = mdl;
+        frame->extra.CurrentMdlOffset = skip;
+        frame->extra.stDataLength = bytes.size();
+        frame->extra.MdlChain = frame->mdls;
+        frame->extra.DataOffset = layout.headroom;
+        last->Next = &frame->extra;
+        last = &frame->extra;
+        lastFrame->next = frame;
+        lastFrame = frame;
+    }
+    list->SourceHandle = pool_->home->handle;
+    list->ProtocolReserved[kFrameSlot] = first;
+    return list;
+}
+
+void FrameLists::Free(PNET_BUFFER_LIST list) {
+    for (auto* frame = static_cast<Frame*>(list->ProtocolReserved[kFrameSlot]); frame != nullptr;) {
+        Frame* const next = frame->next;
+        free_.push_back(frame);
+        frame = next;
+    }
+    machine_.ndis().lists().FreeList(list);
+}
+
+void FrameLists::FreeChain(PNET_BUFFER_LIST chain) {
+    while (chain != nullptr) {
+        PNET_BUFFER_LIST const next = chain->Next;
+        Free(chain);
+        chain = next;
+    }
+}
+
+std::vector<std::uint8_t> FrameLists::BytesOf(const NET_BUFFER& buffer) {
+    std::vector<std::uint8_t> bytes;
+    bytes.reserve(buffer.DataLength);
+    std::size_t skip = buffer.CurrentMdlOffset;
+    for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && bytes.size() < buffer.DataLength;
+         mdl = mdl->Next) {
+        const auto* start = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
+        const std::size_t size =
+            std::min<std::size_t>(mdl->ByteCount - skip, buffer.DataLength - bytes.size());
+        bytes.insert(bytes.end(), start + skip, start + skip + size);
+        skip = 0;
+    }
+    return bytes;
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,59 @@
+// Lists full of frames, for protocols to send and adapters to indicate.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "host/ndis/list_pools.h"
+#include "platform/ndis.h"
+
+namespace netsieve::host {
+
+class Machine;
+
+/// How the bytes of a frame lie in memory. Every combination is legal on the platform.
+struct FrameLayout {
+    std::uint32_t mdlSizes[3] = {0, 0,
+                                 0};  ///< sizes of the first MDLs; what is left goes in one more
+    std::uint32_t headroom = 0;       ///< unused bytes before the frame in the first MDL
+    bool mapped = true;               ///< whether the MDLs carry a system address
+};
+
+/// Makes lists from a pool of an edge and takes them back; buffers and lists are kept for the next
+/// use, so that steady traffic allocates nothing. One context at a time.
+class FrameLists {
+  public:
+    /// Lists will be at home with the owner of `pool`.
+    FrameLists(Machine& machine, ListPool* pool);
+    ~FrameLists();
+    FrameLists(const FrameLists&) = delete;
+    FrameLists& operator=(const FrameLists&) = delete;
+
+    /// A list of one buffer for each frame, in order. SourceHandle is the owner's. The frames are
+    /// copied. Null when NDIS refuses a list (a fault).
+    PNET_BUFFER_LIST Make(std::span<const std::span<const std::uint8_t>> frames,
+                          const FrameLayout& layout = {});
+    PNET_BUFFER_LIST Make(std::span<const std::uint8_t> frame, const FrameLayout& layout = {});
+    /// Takes back a list that this object made and that is home again.
+    void Free(PNET_BUFFER_LIST list);
+    /// Takes back every list of a chain.
+    void FreeChain(PNET_BUFFER_LIST chain);
+
+    /// The bytes of a buffer, gathered.
+    static std::vector<std::uint8_t> BytesOf(const NET_BUFFER& buffer);
+
+  private:
+    struct Frame;
+    Frame* TakeFrame(std::size_t capacity);
+    void Fill(Frame& frame, std::span<const std::uint8_t> bytes, const FrameLayout& layout);
+
+    Machine& machine_;
+    ListPool* pool_;
+    std::vector<std::unique_ptr<Frame>> frames_;
+    std::vector<Frame*> free_;
+};
+
+}  // namespace netsieve::host

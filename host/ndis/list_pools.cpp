@@ -1,0 +1,393 @@
+#include "host/ndis/list_pools.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/machine.h"
+#include "host/ndis/ndis.h"
+#include "host/sched/threaded_scheduler.h"
+
+namespace netsieve::host {
+
+/// A list as it is allocated: with the info array of the newest NDIS and its one buffer.
+struct ListBlock {
+    alignas(16) NET_BUFFER_LIST list;
+    PVOID moreInfo[31];
+    alignas(16) NET_BUFFER buffer;
+    ListPool* pool;
+    ListBlock* nextFree;
+};
+
+namespace {
+
+constexpr USHORT kAllocationAlignment = 16;  // MEMORY_ALLOCATION_ALIGNMENT
+
+// Context space is 8-byte but deliberately not 16-byte aligned, since the platform only promises
+// the former: a block's head stands 8 bytes into its 16-byte aligned allocation.
+constexpr std::size_t kContextShift = 8;
+
+// Blocks that a data path gives back and takes again, kept by each thread.
+class ContextCache {
+  public:
+    ~ContextCache() {
+        for (void* allocation : free_) {
+            std::free(allocation);
+        }
+    }
+    void* Take(std::size_t size) {
+        if (size != size_ || free_.empty()) {
+            return nullptr;
+        }
+        void* const allocation = free_.back();
+        free_.pop_back();
+        return allocation;
+    }
+    bool Give(void* allocation, std::size_t size) {
+        if (free_.empty()) {
+            size_ = size;
+        }
+        if (size != size_ || free_.size() == kMost) {
+            return false;
+        }
+        free_.push_back(allocation);
+        return true;
+    }
+
+  private:
+    static constexpr std::size_t kMost = 256;
+    std::size_t size_ = 0;
+    std::vector<void*> free_;
+};
+
+thread_local ContextCache t_contextCache;
+
+ListBlock* BlockOf(PNET_BUFFER_LIST list) {
+    return CONTAINING_RECORD(list, ListBlock, list);
+}
+
+}  // namespace
+
+ListPools::ListPools(Machine& machine)
+    : machine_(machine),
+      tracker_(machine.verifier()),
+      quarantine_([&machine](const std::string& what) {
+          machine.verifier().Report(Rule::kFreedListUsed, what + " was written after it was freed");
+      }) {}
+
+ListPools::~ListPools() {
+    for (PNET_BUFFER_LIST list : tracker_.Alive()) {
+        while (NET_BUFFER_LIST_CONTEXT* const block = list->Context) {
+            list->Context = block->Next;
+            std::free(reinterpret_cast<char*>(block) - kContextShift);
+        }
+        std::free(BlockOf(list));
+    }
+    for (ListPool* pool : pools_) {
+        while (ListBlock* block = pool->free) {
+            pool->free = block->nextFree;
+            std::free(block);
+        }
+        delete pool;
+    }
+}
+
+ListPool* ListPools::CreatePool(Party* home, const LoadedDriver* driver) {
+    if (machine_.faults().Fails(FaultKind::kNblPool)) {
+        return nullptr;
+    }
+    auto* pool = new ListPool{.home = home, .driver = driver};
+    allocations_.fetch_add(1, std::memory_order_relaxed);
+    HostLock lock(mutex_);
+    pools_.insert(pool);
+    return pool;
+}
+
+void ListPools::FreePool(ListPool* pool) {
+    HostLock lock(mutex_);
+    if (!pools_.contains(pool)) {
+        machine_.verifier().Report(Rule::kPoolDoubleFree,
+                                   "NdisFreeNetBufferListPool of what is no pool");
+        return;
+    }
+    if (pool->live != 0) {
+        machine_.verifier().Report(Rule::kNblPoolInUse,
+                                   fmt::format("{} list(s) of the pool of {} are not back",
+                                               pool->live.load(), pool->home->name));
+        pool->driver = nullptr;  // given up, though its lists still need it
+        return;
+    }
+    pools_.erase(pool);
+    while (ListBlock* block = pool->free) {
+        pool->free = block->nextFree;
+        std::free(block);
+    }
+    delete pool;
+}
+
+ListBlock* ListPools::TakeBlock(ListPool* pool) {
+    ThreadedScheduler::SpinUntilAcquired(&pool->lock);
+    ListBlock* block = pool->free;
+    if (block != nullptr) {
+        pool->free = block->nextFree;
+    }
+    ThreadedScheduler::ReleaseWord(&pool->lock);
+    if (block == nullptr) {
+        block = static_cast<ListBlock*>(std::malloc(sizeof(ListBlock)));
+        allocations_.fetch_add(1, std::memory_order_relaxed);
+    }
+    return block;
+}
+
+PNET_BUFFER_LIST ListPools::AllocateList(ListPool* pool,
+                                         PMDL mdlChain,
+                                         ULONG dataOffset,
+                                         SIZE_T length) {
+    if (machine_.faults().Fails(FaultKind::kNbl)) {
+        return nullptr;
+    }
+    ListBlock* const block = TakeBlock(pool);
+    std::memset(block, 0, sizeof(ListBlock));
+    block->pool = pool;
+    PMDL mdl = mdlChain;
+    ULONG skip = dataOffset;
+    while (mdl != nullptr && skip != 0 && skip >= mdl->ByteCount) {
+        skip -= mdl->ByteCount;
+        mdl = mdl->Next;
+    }
+    block->buffer.CurrentMdl = mdl;
+    block->buffer.CurrentMdlOffset = skip;
+    block->buffer.stDataLength = length;
+    block->buffer.MdlChain = mdlChain;
+    block->buffer.DataOffset = dataOffset;
+    block->buffer.NdisPoolHandle = pool;
+    block->list.FirstNetBuffer = &block->buffer;
+    block->list.NdisPoolHandle = pool;
+    pool->live.fetch_add(1, std::memory_order_relaxed);
+    if (machine_.verifier().Enabled()) {
+        tracker_.Born(&block->list, pool->home);
+    }
+    return &block->list;
+}
+
+void ListPools::FreeList(PNET_BUFFER_LIST list) {
+    if (!machine_.verifier().Enabled()) {
+        ListBlock* const block = BlockOf(list);
+        ListPool* const pool = block->pool;
+        pool->live.fetch_sub(1, std::memory_order_relaxed);
+        ThreadedScheduler::SpinUntilAcquired(&pool->lock);
+        block->nextFree = pool->free;
+        pool->free = block;
+        ThreadedScheduler::ReleaseWord(&pool->lock);
+        return;
+    }
+    if (!tracker_.Dies(list)) {
+        return;
+    }
+    ReleaseContexts(list);
+    ListBlock* const block = BlockOf(list);
+    block->pool->live.fetch_sub(1, std::memory_order_relaxed);
+    const std::string what = fmt::format("a list of {}", block->pool->home->name);
+    quarantine_.Add(block, block, sizeof(ListBlock), what);
+}
+
+void ListPools::ReleaseContexts(PNET_BUFFER_LIST list) {
+    HostLock lock(mutex_);
+    const auto it = areas_.find(list);
+    if (it == areas_.end()) {
+        return;
+    }
+    const bool left = !it->second.back().ofList;
+    areas_.erase(it);
+    lock.unlock();
+    if (left) {
+        machine_.verifier().Report(Rule::kContextLeft, "a list was freed with a context on it");
+    }
+    while (NET_BUFFER_LIST_CONTEXT* const block = list->Context) {
+        list->Context = block->Next;
+        ReleaseContextBlock(block);
+    }
+}
+
+NDIS_STATUS ListPools::AllocateContext(PNET_BUFFER_LIST list,
+                                       USHORT size,
+                                       USHORT backFill,
+                                       ULONG tag,
+                                       bool ofList) {
+    const bool checked = machine_.verifier().Enabled();
+    if (checked && (size % kAllocationAlignment != 0 || backFill % kAllocationAlignment != 0)) {
+        machine_.verifier().Report(Rule::kContextSize,
+                                   fmt::format("size {}, back-fill {}", size, backFill));
+    }
+    if (machine_.faults().Fails(FaultKind::kNblContext, tag)) {
+        return NDIS_STATUS_RESOURCES;
+    }
+    if (list->Context != nullptr && list->Context->Offset >= size) {
+        list->Context->Offset = static_cast<USHORT>(list->Context->Offset - size);
+    } else {
+        const std::size_t bytes = kContextShift + sizeof(NET_BUFFER_LIST_CONTEXT) + size + backFill;
+        void* allocation = checked ? nullptr : t_contextCache.Take(bytes);
+        if (allocation == nullptr) {
+            allocation = std::malloc(bytes);
+            allocations_.fetch_add(1, std::memory_order_relaxed);
+        }
+        auto* block = reinterpret_cast<NET_BUFFER_LIST_CONTEXT*>(static_cast<char*>(allocation) +
+                                                                 kContextShift);
+        block->Next = list->Context;
+        block->Size = static_cast<USHORT>(size + backFill);
+        block->Offset = backFill;
+        list->Context = block;
+    }
+    if (checked) {
+        HostLock lock(mutex_);
+        const CallFrame* frame = CurrentContext().frame;
+        areas_[list].push_back({size, frame == nullptr ? nullptr : frame->module, ofList});
+    }
+    return NDIS_STATUS_SUCCESS;
+}
+
+bool ListPools::CheckContextFree(PNET_BUFFER_LIST list, USHORT size) {
+    HostLock lock(mutex_);
+    const auto it = areas_.find(list);
+    if (it == areas_.end()) {
+        machine_.verifier().Report(Rule::kContextNotOnTop, "the list carries no context");
+        return false;
+    }
+    const Area top = it->second.back();
+    const CallFrame* frame = CurrentContext().frame;
+    const void* module = frame == nullptr ? nullptr : frame->module;
+    if (top.size != size) {
+        machine_.verifier().Report(
+            Rule::kContextNotOnTop,
+            fmt::format("freed with size {}; the one on top has {}", size, top.size));
+        return false;
+    }
+    if (top.module != nullptr && module != nullptr && top.module != module) {
+        machine_.verifier().Report(Rule::kContextNotOnTop, "the one on top is another module's");
+        return false;
+    }
+    it->second.pop_back();
+    if (it->second.empty()) {
+        areas_.erase(it);
+    }
+    return true;
+}
+
+void ListPools::FreeContext(PNET_BUFFER_LIST list, USHORT size) {
+    if (machine_.verifier().Enabled() && !CheckContextFree(list, size)) {
+        return;
+    }
+    NET_BUFFER_LIST_CONTEXT* const block = list->Context;
+    if (machine_.verifier().Enabled()) {
+        machine_.ForgetRange(reinterpret_cast<char*>(block + 1) + block->Offset, size);
+    }
+    block->Offset = static_cast<USHORT>(block->Offset + size);
+    if (block->Offset == block->Size) {
+        list->Context = block->Next;
+        ReleaseContextBlock(block);
+    }
+}
+
+void ListPools::ReleaseContextBlock(NET_BUFFER_LIST_CONTEXT* block) {
+    const std::size_t bytes = kContextShift + sizeof(*block) + block->Size;
+    void* const allocation = reinterpret_cast<char*>(block) - kContextShift;
+    if (machine_.verifier().Enabled()) {
+        quarantine_.Add(allocation, block, bytes - kContextShift, "a list's context space");
+    } else if (!t_contextCache.Give(allocation, bytes)) {
+        std::free(allocation);
+    }
+}
+
+std::size_t ListPools::PoolsOf(const LoadedDriver* driver) {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(pools_.begin(), pools_.end(),
+                      [&](const ListPool* pool) { return pool->driver == driver; }));
+}
+
+std::size_t ListPools::PoolsAtHome(const Party& home) {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(
+        pools_.begin(), pools_.end(), [&](const ListPool* pool) { return pool->home == &home; }));
+}
+
+std::size_t ListPools::DriverPools() {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(pools_.begin(), pools_.end(),
+                      [](const ListPool* pool) { return pool->driver != nullptr; }));
+}
+
+std::size_t ListPools::DriverLists() {
+    HostLock lock(mutex_);
+    std::size_t lists = 0;
+    for (const ListPool* pool : pools_) {
+        lists += pool->driver != nullptr ? static_cast<std::size_t>(pool->live.load()) : 0;
+    }
+    return lists;
+}
+
+}  // namespace netsieve::host
+
+using namespace netsieve::host;
+
+extern "C" {
+
+NDIS_HANDLE NTAPI NdisAllocateNetBufferListPool(NDIS_HANDLE NdisHandle,
+                                                PNET_BUFFER_LIST_POOL_PARAMETERS) {
+    Machine& machine = Machine::Current();
+    machine.EnterCall("NdisAllocateNetBufferListPool");
+    FilterModule* const module = machine.ndis().ModuleOf(NdisHandle);
+    if (module == nullptr) {
+        return nullptr;
+    }
+    return machine.ndis().lists().CreatePool(&module->party,
+                                             LoadedDriver::Innermost(CurrentContext()));
+}
+
+VOID NTAPI NdisFreeNetBufferListPool(NDIS_HANDLE PoolHandle) {
+    Machine::Current().EnterCall("NdisFreeNetBufferListPool");
+    Machine::Current().ndis().lists().FreePool(static_cast<ListPool*>(PoolHandle));
+}
+
+PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHandle,
+                                                             USHORT ContextSize,
+                                                             USHORT ContextBackFill,
+                                                             PMDL MdlChain,
+                                                             ULONG DataOffset,
+                                                             SIZE_T DataLength) {
+    Machine& machine = Machine::Current();
+    machine.EnterCall("NdisAllocateNetBufferAndNetBufferList");
+    ListPools& lists = machine.ndis().lists();
+    PNET_BUFFER_LIST const list =
+        lists.AllocateList(static_cast<ListPool*>(PoolHandle), MdlChain, DataOffset, DataLength);
+    if (list != nullptr && ContextSize + ContextBackFill != 0 &&
+        lists.AllocateContext(list, ContextSize, ContextBackFill, 0, true) != NDIS_STATUS_SUCCESS) {
+        lists.FreeList(list);
+        return nullptr;
+    }
+    return list;
+}
+
+VOID NTAPI NdisFreeNetBufferList(PNET_BUFFER_LIST NetBufferList) {
+    Machine::Current().EnterCall("NdisFreeNetBufferList");
+    Machine::Current().ndis().lists().FreeList(NetBufferList);
+}
+
+NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST NetBufferList,
+                                                   USHORT ContextSize,
+                                                   USHORT ContextBackFill,
+                                                   ULONG PoolTag) {
+    Machine::Current().EnterCall("NdisAllocateNetBufferListContext");
+    return Machine::Current().ndis().lists().AllocateContext(NetBufferList, ContextSize,
+                                                             ContextBackFill, PoolTag);
+}
+
+VOID NTAPI NdisFreeNetBufferListContext(PNET_BUFFER_LIST NetBufferList, USHORT ContextSize) {
+    Machine::Current().EnterCall("NdisFreeNetBufferListContext");
+    Machine::Current().ndis().lists().FreeContext(NetBufferList, ContextSize);
+}
+
+}  // extern "C"

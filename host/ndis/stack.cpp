@@ -1,0 +1,344 @@
+#include "host/ndis/stack.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/kernel/callback.h"
+#include "host/machine.h"
+#include "host/ndis/ndis.h"
+
+namespace netsieve::host {
+
+namespace {
+
+constexpr Ticks kPauseLimit = 10 * kTicksPerSecond;
+
+UNICODE_STRING Counted(const std::u16string& text) {
+    const auto bytes = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+    return {.Length = bytes, .MaximumLength = bytes, .Buffer = const_cast<PWSTR>(text.data())};
+}
+
+}  // namespace
+
+FilterModule::FilterModule(FilterRegistration& owner, Stack& home, std::string name)
+    : registration(owner), handlers(owner.handlers), stack(home) {
+    party.kind = PartyKind::kModule;
+    party.stack = &home;
+    party.name = std::move(name);
+    party.handle = object.Address();
+    party.mayOriginate = false;
+}
+
+/// One life-cycle operation at a time on a stack.
+class Stack::PnpTurn {
+  public:
+    explicit PnpTurn(Stack& stack) : stack_(stack) {
+        HostLock lock(stack_.mutex_);
+        while (stack_.pnpBusy_) {
+            stack_.machine_.scheduler().Wait(stack_.pnpFree_, lock, kForever);
+        }
+        stack_.pnpBusy_ = true;
+    }
+    ~PnpTurn() {
+        HostLock lock(stack_.mutex_);
+        stack_.pnpBusy_ = false;
+        stack_.machine_.scheduler().Wake(stack_.pnpFree_);
+    }
+    PnpTurn(const PnpTurn&) = delete;
+    PnpTurn& operator=(const PnpTurn&) = delete;
+
+  private:
+    Stack& stack_;
+};
+
+Stack::Stack(Machine& machine, AdapterOptions options) : machine_(machine) {
+    adapter_ = std::make_unique<Adapter>(machine, *this, std::move(options));
+}
+
+Stack::~Stack() = default;
+
+Protocol& Stack::AddProtocol(std::u16string name) {
+    const std::uint64_t seed =
+        machine_.options().seed ^
+        (0xB0B0'0000ull + adapter_->options().ifIndex * 64 + protocols_.size());
+    protocols_.push_back(std::make_unique<Protocol>(machine_, *this, std::move(name), seed));
+    return *protocols_.back();
+}
+
+bool Stack::Enter(ULONG lists) {
+    inside_.fetch_add(lists, std::memory_order_seq_cst);
+    if (open_.load(std::memory_order_seq_cst)) {
+        return true;
+    }
+    Leave(lists);
+    return false;
+}
+
+void Stack::Leave(ULONG lists) {
+    const std::int64_t left = inside_.fetch_sub(lists, std::memory_order_seq_cst) - lists;
+    if (left == 0 && !open_.load(std::memory_order_seq_cst)) {
+        HostLock lock(mutex_);
+        machine_.scheduler().Wake(home_);
+    }
+}
+
+void Stack::Pause() {
+    machine_.verifier().DemandPassive("pause of a stack");
+    const PnpTurn turn(*this);
+    PauseStack();
+}
+
+void Stack::Restart() {
+    machine_.verifier().DemandPassive("restart of a stack");
+    const PnpTurn turn(*this);
+    RestartStack();
+}
+
+// The filters are paused while lists are still under way: that is what their pause has to be ready
+// for. Only then is everything awaited.
+void Stack::PauseStack() {
+    open_.store(false, std::memory_order_seq_cst);
+    for (FilterModule* module : modules_) {
+        PauseModule(*module);
+    }
+    WaitUntilHome();
+}
+
+void Stack::RestartStack() {
+    for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
+        RestartModule(**it);
+    }
+    adapter_->pace().SetDraining(false);
+    for (const auto& protocol : protocols_) {
+        protocol->pace().SetDraining(false);
+    }
+    open_.store(true, std::memory_order_seq_cst);
+}
+
+void Stack::WaitUntilHome() {
+    Scheduler& scheduler = machine_.scheduler();
+    const Ticks deadline = scheduler.Now() + kPauseLimit;
+    adapter_->pace().SetDraining(true);
+    for (const auto& protocol : protocols_) {
+        protocol->pace().SetDraining(true);
+    }
+    HostLock lock(mutex_);
+    while (inside_.load(std::memory_order_seq_cst) != 0) {
+        if (!scheduler.Wait(home_, lock, deadline) && scheduler.Now() >= deadline) {
+            lock.unlock();
+            machine_.ndis().lists().tracker().ReportAway(
+                "not home 10 s after the stack's pause",
+                [this](const Party& home, const Party&) { return home.stack == this; });
+            return;
+        }
+    }
+}
+
+void Stack::PauseModule(FilterModule& module) {
+    if (module.state != ModuleState::kRunning) {
+        return;
+    }
+    module.state = ModuleState::kPausing;
+    const Ticks start = machine_.scheduler().Now();
+    NDIS_STATUS status = NDIS_STATUS_SUCCESS;
+    {
+        NDIS_OBJECT_HEADER parameters{NDIS_OBJECT_TYPE_FILTER_PAUSE_PARAMETERS, 1,
+                                      sizeof(NDIS_OBJECT_HEADER)};
+        const CallbackScope scope("FilterPause", module.registration.driver, &module);
+        status = module.handlers.PauseHandler(
+            module.context, reinterpret_cast<PNDIS_FILTER_PAUSE_PARAMETERS>(&parameters));
+    }
+    module.state = ModuleState::kPaused;
+    module.party.mayOriginate = false;
+    Verifier& verifier = machine_.verifier();
+    if (status != NDIS_STATUS_SUCCESS) {
+        verifier.Report(Rule::kPauseFailed, fmt::format("{} returned {:#010x}", module.party.name,
+                                                        static_cast<std::uint32_t>(status)));
+    }
+    if (machine_.scheduler().Now() - start > kPauseLimit) {
+        verifier.Report(Rule::kPauseTooLong,
+                        fmt::format("{} took {} ms", module.party.name,
+                                    (machine_.scheduler().Now() - start) / kTicksPerMillisecond));
+    }
+    if (module.party.originatedOut != 0) {
+        verifier.Report(Rule::kPauseOutstanding,
+                        fmt::format("{} has {} list(s) outstanding", module.party.name,
+                                    module.party.originatedOut.load()));
+    }
+}
+
+void Stack::RestartModule(FilterModule& module) {
+    if (module.state != ModuleState::kPaused) {
+        return;
+    }
+    module.state = ModuleState::kRestarting;
+    module.party.mayOriginate = true;
+    alignas(16) std::uint8_t storage[sizeof(NDIS_RESTART_ATTRIBUTES) + 128] = {};
+    auto* const attributes = reinterpret_cast<PNDIS_RESTART_ATTRIBUTES>(storage);
+    auto* const general = reinterpret_cast<PNDIS_RESTART_GENERAL_ATTRIBUTES>(attributes->Data);
+    attributes->Oid = 0x0001'0202;  // OID_GEN_MINIPORT_RESTART_ATTRIBUTES
+    attributes->DataLength = 128;
+    general->MtuSize = adapter_->options().mtu;
+    general->LookaheadSize = adapter_->options().mtu;
+    NDIS_FILTER_RESTART_PARAMETERS parameters{};
+    parameters.Header = {NDIS_OBJECT_TYPE_FILTER_RESTART_PARAMETERS, 1,
+                         sizeof(NDIS_FILTER_RESTART_PARAMETERS)};
+    parameters.MiniportMediaType = adapter_->options().medium;
+    parameters.RestartAttributes = adapter_->options().restartAttributes ? attributes : nullptr;
+    const CallbackScope scope("FilterRestart", module.registration.driver, &module);
+    const NDIS_STATUS status = module.handlers.RestartHandler(module.context, &parameters);
+    module.state = status == NDIS_STATUS_SUCCESS ? ModuleState::kRunning : ModuleState::kPaused;
+    module.lookaheadSize = general->LookaheadSize;
+}
+
+NDIS_STATUS Stack::Attach(FilterRegistration& registration) {
+    machine_.verifier().DemandPassive("attach of a filter");
+    const PnpTurn turn(*this);
+    if (registration.deregistering) {
+        return NDIS_STATUS_CLOSING;
+    }
+    const bool wasOpen = open_;
+    if (wasOpen) {
+        PauseStack();
+    }
+    allModules_.push_back(std::make_unique<FilterModule>(
+        registration, *this,
+        fmt::format("{} on adapter {}", registration.driver->Name(), adapter_->options().ifIndex)));
+    FilterModule& module = *allModules_.back();
+    machine_.ndis().AddHandle(module);
+    const NDIS_STATUS status = CallAttach(module);
+    if (status == NDIS_STATUS_SUCCESS) {
+        module.state = ModuleState::kPaused;
+        Insert(module);
+    } else {
+        module.state = ModuleState::kGone;
+        machine_.ndis().RemoveHandle(module);
+    }
+    if (wasOpen) {
+        RestartStack();
+    }
+    return status;
+}
+
+NDIS_STATUS Stack::CallAttach(FilterModule& module) {
+    const AdapterOptions& options = adapter_->options();
+    UNICODE_STRING guid = Counted(options.moduleGuid);
+    UNICODE_STRING instance = Counted(options.instanceName);
+    UNICODE_STRING device = Counted(options.deviceName);
+    NDIS_FILTER_ATTACH_PARAMETERS parameters{};
+    parameters.Header = {NDIS_OBJECT_TYPE_FILTER_ATTACH_PARAMETERS, 1,
+                         sizeof(NDIS_FILTER_ATTACH_PARAMETERS)};
+    parameters.IfIndex = options.ifIndex + 100;
+    parameters.FilterModuleGuidName = &guid;
+    parameters.BaseMiniportIfIndex = options.ifIndex;
+    parameters.BaseMiniportInstanceName = &instance;
+    parameters.BaseMiniportName = &device;
+    parameters.MiniportMediaType = options.medium;
+    parameters.MacAddressLength = static_cast<USHORT>(options.mac.size());
+    std::copy(options.mac.begin(), options.mac.end(), parameters.CurrentMacAddress);
+    NDIS_STATUS status = NDIS_STATUS_SUCCESS;
+    {
+        const CallbackScope scope("FilterAttach", module.registration.driver, &module);
+        status = module.handlers.AttachHandler(module.Handle(), module.registration.context,
+                                               &parameters);
+    }
+    if (status != NDIS_STATUS_SUCCESS) {
+        CheckAttachLeftNothing(module);
+    }
+    return status;
+}
+
+void Stack::CheckAttachLeftNothing(FilterModule& module) {
+    const auto blocks =
+        machine_.pool().Find([&](const PoolBlock& block) { return block.module == &module; });
+    for (const PoolBlock& block : blocks) {
+        machine_.verifier().Report(Rule::kAttachLeftBehind,
+                                   fmt::format("{}: block '{}' of {} bytes", module.party.name,
+                                               TagText(block.tag), block.size));
+    }
+    if (machine_.ndis().lists().PoolsAtHome(module.party) != 0) {
+        machine_.verifier().Report(Rule::kAttachLeftBehind, module.party.name + ": a list pool");
+    }
+}
+
+void Stack::Insert(FilterModule& module) {
+    const auto place = std::find_if(modules_.begin(), modules_.end(), [&](FilterModule* other) {
+        return other->registration.driver->Altitude() < module.registration.driver->Altitude();
+    });
+    modules_.insert(place, &module);
+    Relink();
+}
+
+void Stack::Remove(FilterModule& module) {
+    std::erase(modules_, &module);
+    Relink();
+}
+
+void Stack::Relink() {
+    FilterModule* above = nullptr;
+    for (FilterModule* module : modules_) {
+        module->upper = above;
+        module->lower = nullptr;
+        if (above != nullptr) {
+            above->lower = module;
+        }
+        above = module;
+    }
+    top_ = modules_.empty() ? nullptr : modules_.front();
+    bottom_ = modules_.empty() ? nullptr : modules_.back();
+}
+
+void Stack::Detach(FilterModule& module) {
+    machine_.verifier().DemandPassive("detach of a filter");
+    const PnpTurn turn(*this);
+    if (module.state == ModuleState::kGone) {
+        return;
+    }
+    const bool wasOpen = open_;
+    PauseStack();
+    CallDetach(module);
+    if (wasOpen) {
+        RestartStack();
+    }
+}
+
+void Stack::DetachUnderCalls(FilterModule& module) {
+    const PnpTurn turn(*this);
+    PauseModule(module);
+    CallDetach(module);
+}
+
+void Stack::CallDetach(FilterModule& module) {
+    {
+        const CallbackScope scope("FilterDetach", module.registration.driver, &module);
+        module.handlers.DetachHandler(module.context);
+    }
+    module.state = ModuleState::kGone;
+    Remove(module);
+    machine_.ndis().RemoveHandle(module);
+    machine_.ndis().lists().tracker().ReportAway(
+        "held by a module that is gone",
+        [&](const Party&, const Party& holder) { return &holder == &module.party; });
+}
+
+void Stack::DetachDriver(const LoadedDriver* driver) {
+    const PnpTurn turn(*this);
+    const bool wasOpen = open_;
+    while (FilterModule* const module = FindModule(driver)) {
+        PauseStack();
+        CallDetach(*module);
+    }
+    if (wasOpen && !open_) {
+        RestartStack();
+    }
+}
+
+FilterModule* Stack::FindModule(const LoadedDriver* driver) {
+    const auto it = std::find_if(modules_.begin(), modules_.end(), [&](FilterModule* module) {
+        return module->registration.driver == driver;
+    });
+    return it == modules_.end() ? nullptr : *it;
+}
+
+}  // namespace netsieve::host

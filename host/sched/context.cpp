@@ -1,0 +1,23 @@
+#include "host/sched/context.h"
+
+#include <fmt/format.h>
+
+namespace netsieve::host {
+
+thread_local Context* t_context = nullptr;
+
+std::string Context::Describe() const {
+    static constexpr const char* kKinds[] = {"thread", "dpc", "worker"};
+    return fmt::format("{} {} ({}) on processor {}", kKinds[static_cast<int>(kind)], id, name,
+                       processor);
+}
+
+std::string Context::DescribeCalls() const {
+    std::string text;
+    for (const CallFrame* call = frame; call != nullptr; call = call->outer) {
+        text += fmt::format(", in {}", call->routine);
+    }
+    return text;
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,62 @@
+// What the machine knows of one thread of execution.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/kernel.h"
+
+namespace netsieve::host {
+
+enum class ContextKind : std::uint8_t { kThread, kDpc, kWorker };
+
+/// A callback of a driver that this context is inside of; the innermost comes first.
+struct CallFrame {
+    CallFrame* outer = nullptr;
+    const char* routine = "";  ///< handler name, for reports
+    void* driver = nullptr;    ///< the LoadedDriver the callback belongs to
+    void* module = nullptr;    ///< the FilterModule, when the callback is a module's
+    KIRQL entryIrql = PASSIVE_LEVEL;
+    bool dataPath = false;         ///< one of a module's four list handlers
+    bool countWasWrong = false;    ///< an indication came with another count than lists
+    bool cancelForwarded = false;  ///< a cancel request has been passed on
+    std::size_t heldAtEntry = 0;
+};
+
+/// A spin lock that this context holds.
+struct HeldLock {
+    PKSPIN_LOCK lock = nullptr;
+    std::uint32_t record = 0;  ///< the verifier's record of it
+    KIRQL savedIrql = PASSIVE_LEVEL;
+    bool atDpc = false;
+    unsigned again = 0;  ///< acquisitions by its owner that were reported and not made
+};
+
+/// One thread, DPC or system worker. Its processor is an attribute: at DISPATCH_LEVEL and above it
+/// keeps the processor to itself.
+struct Context {
+    std::uint32_t id = 0;  ///< dense, in order of creation: the same for the same seed
+    ContextKind kind = ContextKind::kThread;
+    KIRQL irql = PASSIVE_LEVEL;
+    unsigned processor = 0;
+    std::string name;
+    std::vector<HeldLock> held;
+    CallFrame* frame = nullptr;
+    const void* timedOutOn = nullptr;  ///< object of the last wait, if it timed out
+    unsigned timeouts = 0;             ///< such waits in a row on that object
+
+    /// How the context is named in reports: "dpc 7 (adapter eth0) on processor 1".
+    std::string Describe() const;
+    /// The callbacks it is inside of, innermost first: ", in FilterPause"; empty outside of any.
+    std::string DescribeCalls() const;
+};
+
+/// The context that is running on this OS thread; never null inside Scheduler::Run.
+extern thread_local Context* t_context;
+
+inline Context& CurrentContext() {
+    return *t_context;
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,161 @@
+#include "host/sched/fiber.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <boost/context/detail/fcontext.hpp>
+#include <new>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define NETSIEVE_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NETSIEVE_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define NETSIEVE_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define NETSIEVE_TSAN 1
+#endif
+#endif
+
+#ifdef NETSIEVE_ASAN
+#include <sanitizer/asan_interface.h>
+#include <sanitizer/common_interface_defs.h>
+#endif
+#ifdef NETSIEVE_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace netsieve::host {
+
+namespace {
+
+using boost::context::detail::fcontext_t;
+using boost::context::detail::jump_fcontext;
+using boost::context::detail::make_fcontext;
+using boost::context::detail::transfer_t;
+
+// Sanitizers make frames several times larger; the pages are only touched when used.
+constexpr std::size_t kStackSize = 512 * 1024;
+
+struct Stack {
+    char* base = nullptr;  // lowest usable byte, one guard page above the mapping's start
+    void* sanitizerFiber = nullptr;
+};
+
+std::vector<Stack>& StackPool() {
+    thread_local std::vector<Stack> pool;
+    return pool;
+}
+
+Stack TakeStack() {
+    std::vector<Stack>& pool = StackPool();
+    if (!pool.empty()) {
+        Stack stack = pool.back();
+        pool.pop_back();
+#ifdef NETSIEVE_ASAN
+        __asan_unpoison_memory_region(stack.base, kStackSize);
+#endif
+        return stack;
+    }
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* mapping = mmap(nullptr, kStackSize + page, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapping == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    mprotect(mapping, page, PROT_NONE);
+    Stack stack;
+    stack.base = static_cast<char*>(mapping) + page;
+#ifdef NETSIEVE_TSAN
+    stack.sanitizerFiber = __tsan_create_fiber(0);
+#endif
+    return stack;
+}
+
+}  // namespace
+
+struct Fiber::Impl {
+    Stack stack;
+    bool adopted = false;
+    fcontext_t context = nullptr;
+    Entry entry = nullptr;
+    void* argument = nullptr;
+    // What AddressSanitizer switches to and from.
+    void* fakeStack = nullptr;
+    const void* bottom = nullptr;
+    std::size_t size = 0;
+
+    static Impl* switchedFrom;  // set by the side that leaves, read by the side that arrives
+
+    void Arrive(transfer_t transfer) {
+        Impl* previous = switchedFrom;
+        previous->context = transfer.fctx;
+#ifdef NETSIEVE_ASAN
+        const void* oldBottom = nullptr;
+        std::size_t oldSize = 0;
+        __sanitizer_finish_switch_fiber(fakeStack, &oldBottom, &oldSize);
+        if (previous->adopted) {
+            previous->bottom = oldBottom;
+            previous->size = oldSize;
+        }
+#endif
+    }
+
+    static void Trampoline(transfer_t transfer) {
+        Impl* self = static_cast<Impl*>(transfer.data);
+        self->Arrive(transfer);
+        self->entry(self->argument);
+        __builtin_trap();  // an entry routine ends with a final switch
+    }
+};
+
+Fiber::Impl* Fiber::Impl::switchedFrom = nullptr;
+
+Fiber::Fiber(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+std::unique_ptr<Fiber> Fiber::Adopt() {
+    auto impl = std::make_unique<Impl>();
+    impl->adopted = true;
+#ifdef NETSIEVE_TSAN
+    impl->stack.sanitizerFiber = __tsan_get_current_fiber();
+#endif
+    return std::unique_ptr<Fiber>(new Fiber(std::move(impl)));
+}
+
+std::unique_ptr<Fiber> Fiber::Create(Entry entry, void* argument) {
+    auto impl = std::make_unique<Impl>();
+    impl->stack = TakeStack();
+    impl->entry = entry;
+    impl->argument = argument;
+    impl->bottom = impl->stack.base;
+    impl->size = kStackSize;
+    impl->context = make_fcontext(impl->stack.base + kStackSize, kStackSize, &Impl::Trampoline);
+    return std::unique_ptr<Fiber>(new Fiber(std::move(impl)));
+}
+
+Fiber::~Fiber() {
+    if (!impl_->adopted) {
+        StackPool().push_back(impl_->stack);
+    }
+}
+
+void Fiber::Switch(Fiber& from, Fiber& to, [[maybe_unused]] bool final) {
+    Impl& source = *from.impl_;
+    Impl& target = *to.impl_;
+#ifdef NETSIEVE_ASAN
+    __sanitizer_start_switch_fiber(final ? nullptr : &source.fakeStack, target.bottom, target.size);
+#endif
+#ifdef NETSIEVE_TSAN
+    __tsan_switch_to_fiber(target.stack.sanitizerFiber, 0);
+#endif
+    Impl::switchedFrom = &source;
+    const transfer_t transfer = jump_fcontext(target.context, &target);
+    source.Arrive(transfer);
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,81 @@
+// The rules of the platform that the verifier checks, by name.
+#pragma once
+
+#include <cstdint>
+
+namespace netsieve::host {
+
+// Name, and what the platform demands. The names appear in reports and in tests.
+#define NETSIEVE_RULES(X)                                                                  \
+    X(PassiveLevelRequired, "may be called at PASSIVE_LEVEL only")                         \
+    X(DispatchLevelExceeded, "may be called up to DISPATCH_LEVEL only")                    \
+    X(CallbackIrql, "a callback returns at the IRQL it was entered at")                    \
+    X(CallbackHoldsLock, "a callback returns with no spin lock held")                      \
+    X(DispatchFlag, "a DISPATCH_LEVEL flag is set only by a caller that is there")         \
+    X(ListTouched, "a list and its data are not written while they are given away")        \
+    X(SourceHandle, "a list carries the handle of whoever originated it, and no other")    \
+    X(OriginatedListPassedOn, "a filter's own lists go no further than its own handlers")  \
+    X(ListNotOwned, "a list is handed on only by who holds it, and once")                  \
+    X(ListDirection, "a sent list is completed, an indicated one returned")                \
+    X(ListBuffers, "a list goes back with the buffers and the order it came with")         \
+    X(ListBytes, "a list goes back with the bytes it came with")                           \
+    X(ListLost, "every list goes back to its owner")                                       \
+    X(ResourcesListKept, "a list lent for the call is not kept past it")                   \
+    X(ResourcesChain, "a lent chain is whole again when the call returns")                 \
+    X(ResourcesListReturned, "a lent list is never returned")                              \
+    X(ResourcesFlagDropped, "a lent list is not passed up as if it were given")            \
+    X(ListCount, "NumberOfNetBufferLists is the length of the chain")                      \
+    X(PauseOutstanding, "a paused filter has none of its own lists outstanding")           \
+    X(PauseFailed, "pause does not fail")                                                  \
+    X(PauseTooLong, "pause ends within 10 seconds")                                        \
+    X(OriginatedWhilePaused, "a paused filter originates nothing")                         \
+    X(AttachLeftBehind, "a failed attach leaves nothing behind")                           \
+    X(DeregisteredElsewhere, "a filter driver is deregistered from its unload routine")    \
+    X(CancelNotForwarded, "a cancel request is passed down")                               \
+    X(ContextSize, "a list context's size is a multiple of MEMORY_ALLOCATION_ALIGNMENT")   \
+    X(ContextLeft, "a list goes to its owner without contexts of others on it")            \
+    X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
+    X(NblPoolInUse, "a list pool is freed when all its lists are back")                    \
+    X(FreedListUsed, "a freed list is not used")                                           \
+    X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \
+    X(TimerInFreedMemory, "a timer is not armed in memory that is freed")                  \
+    X(PoolZeroSize, "no allocation has size zero")                                         \
+    X(PagedPoolLevel, "paged pool is used below DISPATCH_LEVEL only")                      \
+    X(PoolOverrun, "nothing is written outside a block")                                   \
+    X(PoolDoubleFree, "a block is freed once")                                             \
+    X(PoolForeignPointer, "only what was allocated is freed, by its first byte")           \
+    X(PoolWrongTag, "a block is freed with the tag it was allocated with")                 \
+    X(PoolUseAfterFree, "a freed block is not written")                                    \
+    X(PoolLeak, "every block is freed before the driver is gone")                          \
+    X(ObjectLeak,                                                                          \
+      "every device, work item, pool, list and descriptor is freed before the driver "     \
+      "is gone")                                                                           \
+    X(LockForm,                                                                            \
+      "the at-DPC lock forms are used at DISPATCH_LEVEL, and a lock is released in the "   \
+      "form it was acquired in")                                                           \
+    X(LockRecursion, "a spin lock is not acquired again by its owner")                     \
+    X(LockOwner, "a spin lock is released by its owner")                                   \
+    X(LockUninitialised, "a spin lock is initialised before it is used")                   \
+    X(LockReinitialised, "a spin lock is not initialised while it is held")                \
+    X(LockInFreedMemory, "memory with a held spin lock in it is not freed")                \
+    X(LockOrder, "spin locks are acquired in one order throughout")                        \
+    X(WaitLevel, "a wait that may block runs below DISPATCH_LEVEL with no spin lock held") \
+    X(EventUninitialised, "an event is initialised before it is used")                     \
+    X(ModuleFreedInUse, "a module's context lives until no call is inside")                \
+    X(RoutineOutlivesDriver, "no routine of a driver runs or is queued when it is gone")   \
+    X(Hang, "a wait makes progress")                                                       \
+    X(Deadlock, "the machine can always go on")
+
+enum class Rule : std::uint8_t {
+#define NETSIEVE_RULE_ENUM(name, text) k##name,
+    NETSIEVE_RULES(NETSIEVE_RULE_ENUM)
+#undef NETSIEVE_RULE_ENUM
+        kCount
+};
+
+/// The rule's name as reports print it: "LockOrder".
+const char* RuleName(Rule rule);
+/// What the platform demands.
+const char* RuleText(Rule rule);
+
+}  // namespace netsieve::host

@@ -1,0 +1,53 @@
+// Collects broken rules.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/sched/scheduler.h"
+#include "host/verifier/rules.h"
+
+namespace netsieve::host {
+
+/// One broken rule as it was met.
+struct Violation {
+    Rule rule = Rule::kCount;
+    std::string what;   ///< what was seen: the call, the values, the object
+    std::string where;  ///< the context and the callbacks it was inside of
+
+    /// One or more lines for people: name, demand, what was seen, where.
+    std::string Describe() const;
+};
+
+/// The record of everything that went against the platform's rules in one machine. Reporting does
+/// not stop the run: the host then does what hurts least and goes on.
+class Verifier {
+  public:
+    /// Whether the checks run at all. Fixed for the life of the machine.
+    explicit Verifier(bool enabled) : enabled_(enabled) {}
+
+    bool Enabled() const { return enabled_; }
+
+    /// Notes a violation. Any context, any IRQL; nothing is noted when the verifier is off, but for
+    /// Deadlock and Hang, which end a run.
+    void Report(Rule rule, std::string what);
+
+    /// Every violation so far, in order. Read it when the machine is quiet.
+    const std::vector<Violation>& Violations() const { return violations_; }
+    bool Silent() const { return violations_.empty(); }
+    /// All violations as text, for a failing test or a summary; empty when silent.
+    std::string Describe() const;
+
+    /// Demands an IRQL of PASSIVE_LEVEL, or at most DISPATCH_LEVEL, of the caller of `routine`.
+    void DemandPassive(const char* routine);
+    void DemandUpToDispatch(const char* routine);
+
+  private:
+    bool enabled_;
+    HostMutex mutex_;
+    std::vector<Violation> violations_;
+};
+
+}  // namespace netsieve::host
