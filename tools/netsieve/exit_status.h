@@ -1,0 +1,43 @@
+// How the program ends.
+#pragma once
+
+#include <algorithm>
+#include <string_view>
+
+namespace netsieve::tool {
+
+/// The exit statuses in the order of their weight: when several apply, the highest is the one.
+enum class ExitStatus : int {
+    kClean = 0,
+    kInternalError = 1,
+    kUsage = 2,
+    kInputUnreadable = 3,
+    kInputBrokenOff = 4,
+    kNotRepresentable = 5,
+    kOutputFailed = 6,
+    kDriverNotLoaded = 7,
+    kFramesLost = 8,
+    kRuleBroken = 9,
+};
+
+/// The graver of two.
+constexpr ExitStatus Graver(ExitStatus left, ExitStatus right) {
+    return std::max(left, right);
+}
+
+/// The end of every help text.
+constexpr std::string_view kExitStatusHelp =
+    R"(Exit status:
+  0  nothing was lost and no rule was broken
+  1  the program itself failed
+  2  the command line is wrong
+  3  the capture cannot be read at all, or is not an Ethernet capture
+  4  the capture broke off; what could be read was replayed and written
+  5  frames have times that the output format has no room for; they were not written
+  6  the output could not be written
+  7  the driver could not be loaded or did not bind to the adapter
+  8  frames, lists or memory were lost on the way through the driver
+  9  the driver broke a rule of its platform
+When several apply, the highest number is the exit status.)";
+
+}  // namespace netsieve::tool

@@ -1,0 +1,72 @@
+#include "tools/netsieve/module_trace.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "driver/trace_log.h"
+
+namespace netsieve::tool {
+namespace {
+
+/// The name that our driver registers by, whoever built it and under whatever file name.
+constexpr std::u16string_view kUniqueName = u"{7C1E5B39-2D84-4a6f-B0E2-9F31C6A8D547}";
+
+bool IsOurDriver(const host::FilterModule& module) {
+    const UNICODE_STRING& name = module.handlers.UniqueName;
+    return name.Buffer != nullptr &&
+           std::u16string_view(name.Buffer, name.Length / sizeof(WCHAR)) == kUniqueName;
+}
+
+struct TraceLine {
+    std::uint32_t number;
+    std::string text;
+};
+
+/// "[number label->site]", or nothing for the rest of a line that was overwritten in part.
+std::optional<TraceLine> ParseLine(std::string_view text) {
+    if (text.size() < 2 || text.front() != '[' || !text.ends_with("]\n")) {
+        return std::nullopt;
+    }
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data() + 1, text.data() + text.size(), number);
+    if (error != std::errc() || *end != ' ') {
+        return std::nullopt;
+    }
+    return TraceLine{static_cast<std::uint32_t>(number),
+                     std::string(text.substr(0, text.size() - 1))};
+}
+
+}  // namespace
+
+std::vector<std::string> ReadModuleTrace(const host::FilterModule& module) {
+    // A module's context is the driver's own affair: another's is no record of ours.
+    if (!IsOurDriver(module)) {
+        return {};
+    }
+    const auto* record = static_cast<const FILTER_MODULE*>(module.context);
+    if (record == nullptr || record->TraceBuffer == nullptr) {
+        return {};
+    }
+    std::string_view ring(reinterpret_cast<const char*>(record->TraceBuffer), TRACE_BUFFER_SIZE);
+    std::vector<TraceLine> lines;
+    for (std::size_t end = 0; (end = ring.find('\0')) != ring.npos; ring.remove_prefix(end + 1)) {
+        std::string_view piece = ring.substr(0, end);
+        piece.remove_prefix(std::min(piece.size(), piece.rfind('[')));
+        if (auto line = ParseLine(piece); line && line->number < record->TraceSequence) {
+            lines.push_back(std::move(*line));
+        }
+    }
+    std::sort(lines.begin(), lines.end(), [](const TraceLine& left, const TraceLine& right) {
+        return left.number < right.number;
+    });
+    std::vector<std::string> texts;
+    for (TraceLine& line : lines) {
+        texts.push_back(std::move(line.text));
+    }
+    return texts;
+}
+
+}  // namespace netsieve::tool

@@ -1,0 +1,214 @@
+#include "tools/netsieve/replay_command.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/netsieve/capture_reader.h"
+#include "tools/netsieve/capture_writer.h"
+#include "tools/netsieve/mac_address.h"
+#include "tools/netsieve/progress.h"
+#include "tools/netsieve/replay_engine.h"
+#include "tools/netsieve/replay_options.h"
+#include "tools/netsieve/replay_report.h"
+
+namespace netsieve::tool {
+namespace {
+
+/// Locally administered, so it is nobody's.
+constexpr MacAddress kFallbackAddress = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+
+void PrintMessage(const std::string& message) {
+    fmt::print(stderr, "netsieve: {}\n", message);
+}
+
+/// One replay from opening the capture to printing the summary.
+class ReplayCommand {
+  public:
+    explicit ReplayCommand(const ReplayOptions& options) : options_(options) {
+        report_.capture = options.capture == "-" ? "standard input" : options.capture;
+        report_.output = options.output == "-" ? "standard output" : options.output;
+        report_.driver = options.driver;
+    }
+
+    ExitStatus Run() {
+        if (OpenCapture()) {
+            ReplayFrames();
+        }
+        PrintProblems();
+        PrintSummary();
+        return report_.Status();
+    }
+
+  private:
+    bool OpenCapture() {
+        report_.inputFailure = reader_.Open(options_.capture, !options_.mac);
+        if (report_.inputFailure) {
+            return false;
+        }
+        if (!options_.output.empty() && reader_.Source().IsSameFile(options_.output)) {
+            report_.outputFailure =
+                fmt::format("{} is the capture itself; choose another output", options_.output);
+            return false;
+        }
+        report_.pcapng = reader_.IsPcapng();
+        report_.precision = reader_.Header().precision;
+        return true;
+    }
+
+    void ReplayFrames() {
+        AdapterReport adapter;
+        if (!ChooseAddress(adapter)) {
+            return;
+        }
+        Progress progress("replaying", reader_.Source().Size());
+        Replay(options_, adapter, {reader_, [this] { return OpenOutput(); }, progress}, report_);
+        if (auto failure = writer_.Close()) {
+            report_.outputFailure = failure;
+        }
+        report_.framesWritten = writer_.FramesWritten();
+    }
+
+    bool ChooseAddress(AdapterReport& adapter) {
+        if (options_.mac) {
+            adapter.address = *options_.mac;
+            return true;
+        }
+        MacVote vote;
+        CountVotes(vote);
+        const auto winner = vote.Result();
+        adapter.origin = winner ? MacOrigin::kVoted : MacOrigin::kFallback;
+        adapter.address = winner ? winner->address : kFallbackAddress;
+        adapter.votes = winner ? winner->frames : 0;
+        report_.inputFailure = reader_.Rewind();
+        return !report_.inputFailure;
+    }
+
+    void CountVotes(MacVote& vote) {
+        Progress progress("looking for the adapter's address", reader_.Source().Size());
+        CaptureFrame frame;
+        // A capture that breaks off does so again in the second pass, which reports it.
+        while (reader_.Next(frame) == ReadOutcome::kFrame) {
+            vote.Count(frame);
+            progress.Update(reader_.FramesRead(), reader_.Source().Position());
+        }
+    }
+
+    CaptureWriter* OpenOutput() {
+        if (options_.output.empty()) {
+            return nullptr;
+        }
+        report_.outputFailure = writer_.Open(options_.output, reader_.Header());
+        return report_.outputFailure ? nullptr : &writer_;
+    }
+
+    void PrintProblems() const {
+        if (report_.inputFailure) {
+            PrintMessage(report_.inputFailure->message);
+        }
+        if (report_.driverFailure) {
+            PrintMessage(*report_.driverFailure);
+        }
+        if (report_.outputFailure) {
+            PrintMessage(*report_.outputFailure);
+        }
+    }
+
+    void PrintSummary() const {
+        // When the frames go to standard output, the summary must not mix with them.
+        FILE* stream = options_.output == "-" ? stderr : stdout;
+        if (options_.json) {
+            std::fputs(FormatReportJson(report_).c_str(), stream);
+        } else if (report_.ran) {
+            std::fputs(FormatReport(report_).c_str(), stream);
+        }
+    }
+
+    const ReplayOptions& options_;
+    CaptureReader reader_;
+    CaptureWriter writer_;
+    ReplayReport report_;
+};
+
+/// Nothing stands for "auto". Throws for what is no adapter's address.
+std::optional<MacAddress> ParseAddress(const std::string& text) {
+    if (text == "auto") {
+        return std::nullopt;
+    }
+    const auto address = ParseMac(text);
+    if (!address || !IsAdapterAddress(*address)) {
+        throw CLI::ValidationError(
+            "--mac",
+            fmt::format("{} is not a unicast address like 00:00:5e:00:53:01, nor auto", text));
+    }
+    return address;
+}
+
+DirectionChoice ParseDirection(const std::string& text) {
+    if (text == "auto") {
+        return DirectionChoice::kAuto;
+    }
+    if (text == "send") {
+        return DirectionChoice::kSend;
+    }
+    if (text == "receive") {
+        return DirectionChoice::kReceive;
+    }
+    throw CLI::ValidationError("--direction",
+                               fmt::format("{} is not one of auto, send, receive", text));
+}
+
+void AddOptions(CLI::App& command, ReplayOptions& options) {
+    command
+        .add_option("CAPTURE", options.capture, "The capture, pcap or pcapng; - is standard input")
+        ->required()
+        ->type_name("");
+    command
+        .add_option("-o,--output", options.output,
+                    "Write what leaves the driver to this pcap file; - is standard output")
+        ->type_name("FILE");
+    command
+        .add_option("--driver", options.driver,
+                    "The driver: native, or the path of a driver image (.sys)")
+        ->type_name("native|FILE")
+        ->capture_default_str();
+    command
+        .add_option_function<std::string>(
+            "--mac", [&options](const std::string& text) { options.mac = ParseAddress(text); },
+            "The adapter's address; auto takes the unicast address that occurs in most frames")
+        ->type_name("ADDR|auto")
+        ->default_str("auto");
+    command
+        .add_option_function<std::string>(
+            "--direction",
+            [&options](const std::string& text) { options.direction = ParseDirection(text); },
+            "auto sends the frames whose source is the adapter's address and receives the "
+            "others; send and receive force one way for all")
+        ->type_name("auto|send|receive")
+        ->default_str("auto");
+    command
+        .add_option("--seed", options.seed,
+                    "Every random choice of the machine follows from this number (default 1)")
+        ->type_name("N");
+    command.add_flag_callback(
+        "--no-verify", [&options] { options.verify = false; },
+        "Do not check the platform's rules: much faster");
+    command.add_flag("--json", options.json, "Print the summary as JSON");
+}
+
+}  // namespace
+
+void AddReplayCommand(CLI::App& app, ExitStatus& status) {
+    auto options = std::make_shared<ReplayOptions>();
+    CLI::App* command = app.add_subcommand(
+        "replay", "Send the frames of a capture through the driver and say what became of them");
+    command->footer(std::string(kExitStatusHelp));
+    AddOptions(*command, *options);
+    command->callback([options, &status] { status = ReplayCommand(*options).Run(); });
+}
+
+}  // namespace netsieve::tool

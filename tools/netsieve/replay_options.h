@@ -1,0 +1,25 @@
+// What the user asked `netsieve replay` to do.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/netsieve/mac_address.h"
+
+namespace netsieve::tool {
+
+enum class DirectionChoice { kAuto, kSend, kReceive };
+
+struct ReplayOptions {
+    std::string capture;            ///< "-" is standard input
+    std::string output;             ///< "-" is standard output; empty: frames are not written
+    std::string driver = "native";  ///< or the path of a driver image
+    std::optional<MacAddress> mac;  ///< nothing: found by a vote of the frames
+    DirectionChoice direction = DirectionChoice::kAuto;
+    std::optional<std::uint64_t> seed;
+    bool verify = true;
+    bool json = false;
+};
+
+}  // namespace netsieve::tool

@@ -1,0 +1,308 @@
+#include "tools/netsieve/replay_report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+namespace netsieve::tool {
+namespace {
+
+/// The first few say what went wrong; a thousand more of them would hide it.
+constexpr std::size_t kFindingsShown = 10;
+
+using Json = nlohmann::ordered_json;
+
+/// Appends lines that share one label, which only the first of them shows.
+class SummaryText {
+  public:
+    template <typename... Args>
+    void Line(std::string_view label, fmt::format_string<Args...> format, Args&&... args) {
+        fmt::format_to(std::back_inserter(text_), "{:<12}", label);
+        fmt::format_to(std::back_inserter(text_), format, std::forward<Args>(args)...);
+        text_ += '\n';
+    }
+
+    /// A text of several lines.
+    void Lines(std::string_view label, std::string_view lines) {
+        std::size_t end = 0;
+        do {
+            end = lines.find('\n');
+            Line(label, "{}", lines.substr(0, end));
+            label = "";
+            lines.remove_prefix(std::min(end + 1, lines.size()));
+        } while (end != lines.npos);
+    }
+
+    std::string Take() { return std::move(text_); }
+
+  private:
+    std::string text_;
+};
+
+/// "1 frame", "2 frames".
+std::string Counted(std::uint64_t count, std::string_view noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+const char* PrecisionName(TimePrecision precision) {
+    return precision == TimePrecision::kNanoseconds ? "nanoseconds" : "microseconds";
+}
+
+const char* FaultName(CaptureFault fault) {
+    switch (fault) {
+        case CaptureFault::kCannotOpen:
+            return "cannot_open";
+        case CaptureFault::kNotACapture:
+            return "not_a_capture";
+        case CaptureFault::kUnsupportedVersion:
+            return "unsupported_version";
+        case CaptureFault::kDamagedHeader:
+            return "damaged_header";
+        case CaptureFault::kLinkType:
+            return "link_type";
+        case CaptureFault::kBrokenOff:
+            return "broken_off";
+    }
+    return "unknown";
+}
+
+const char* OriginName(MacOrigin origin) {
+    switch (origin) {
+        case MacOrigin::kGiven:
+            return "given";
+        case MacOrigin::kVoted:
+            return "voted";
+        case MacOrigin::kFallback:
+            return "fallback";
+    }
+    return "unknown";
+}
+
+/// The sum over all adapters and both directions of one count.
+template <typename Count>
+std::uint64_t Total(const ReplayReport& report, Count count) {
+    std::uint64_t total = 0;
+    for (const AdapterReport& adapter : report.adapters) {
+        total += count(adapter.sent) + count(adapter.received);
+    }
+    return total;
+}
+
+std::uint64_t TotalLost(const ReplayReport& report) {
+    return Total(report, [](const DirectionCounts& counts) { return counts.Lost(); });
+}
+
+bool WithheldAsOrdered(const ReplayReport& report) {
+    return Total(report, [](const DirectionCounts& counts) {
+               return std::uint64_t{counts.withheld != counts.withheldByHooks};
+           }) == 0;
+}
+
+std::string OriginText(const AdapterReport& adapter) {
+    switch (adapter.origin) {
+        case MacOrigin::kGiven:
+            return "as given";
+        case MacOrigin::kVoted:
+            return fmt::format("found in {}, more than any other", Counted(adapter.votes, "frame"));
+        case MacOrigin::kFallback:
+            return "made up: no frame has an adapter's address";
+    }
+    return {};
+}
+
+void AddAdapter(SummaryText& text, const AdapterReport& adapter) {
+    text.Line("adapter", "{} ({})", FormatMac(adapter.address), OriginText(adapter));
+    text.Line("", "{:<10}{:>12}{:>12}", "", "sent", "received");
+    const auto row = [&](const char* name, std::uint64_t sent, std::uint64_t received,
+                         bool always) {
+        if (always || sent + received > 0) {
+            text.Line("", "{:<10}{:>12}{:>12}", name, sent, received);
+        }
+    };
+    const DirectionCounts& sent = adapter.sent;
+    const DirectionCounts& received = adapter.received;
+    row("frames", sent.frames, received.frames, true);
+    row("passed", sent.passed, received.passed, true);
+    row("withheld", sent.withheld, received.withheld, true);
+    row("injected", sent.injected, received.injected, false);
+    row("reordered", sent.reordered, received.reordered, false);
+    row("lost", sent.Lost(), received.Lost(), true);
+}
+
+void AddOutput(SummaryText& text, const ReplayReport& report) {
+    if (report.output.empty()) {
+        return;
+    }
+    if (report.outputFailure) {
+        text.Line("output", "{}: not written to its end", report.output);
+        return;
+    }
+    text.Line("output", "{}: {}", report.output, Counted(report.framesWritten, "frame"));
+    if (report.notRepresentable > 0) {
+        text.Line("", "{} not written, the first is frame {}: no room for such a time",
+                  Counted(report.notRepresentable, "frame"), report.firstNotRepresentable);
+    }
+}
+
+void AddLines(SummaryText& text, const char* label, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        text.Line(label, "{}", line);
+        label = "";
+    }
+}
+
+void AddVerifier(SummaryText& text, const ReplayReport& report) {
+    if (report.abandoned) {
+        text.Lines("run", "did not come to its end: " + *report.abandoned);
+    }
+    if (!report.verified && report.findings.empty()) {
+        text.Line("verifier", "was off");
+        return;
+    }
+    if (report.findings.empty()) {
+        text.Line("verifier", "no rule broken");
+        return;
+    }
+    text.Line("verifier", "{}, seed {}:", Counted(report.findings.size(), "violation"),
+              report.seed);
+    for (std::size_t i = 0; i < std::min(report.findings.size(), kFindingsShown); ++i) {
+        text.Lines("", report.findings[i].text);
+    }
+    if (report.findings.size() > kFindingsShown) {
+        text.Line("", "and {} more; --json shows all", report.findings.size() - kFindingsShown);
+    }
+}
+
+void AddAccounting(SummaryText& text, const ReplayReport& report) {
+    AddLines(text, "left over", report.leftovers);
+    const auto total = [&](auto member) {
+        return Total(report, [&](const DirectionCounts& counts) { return counts.*member; });
+    };
+    text.Line("accounting", "{} in; {} passed, {} withheld, {} injected, {} lost; {}",
+              Counted(total(&DirectionCounts::frames), "frame"), total(&DirectionCounts::passed),
+              total(&DirectionCounts::withheld), total(&DirectionCounts::injected),
+              TotalLost(report),
+              report.Balanced() ? "everything was given back" : "the account does not balance");
+}
+
+Json CountsJson(const DirectionCounts& counts) {
+    return {{"frames", counts.frames},       {"passed", counts.passed},
+            {"withheld", counts.withheld},   {"injected", counts.injected},
+            {"reordered", counts.reordered}, {"lost", counts.Lost()}};
+}
+
+Json CaptureJson(const ReplayReport& report) {
+    Json capture = {{"path", report.capture},
+                    {"format", report.pcapng ? "pcapng" : "pcap"},
+                    {"precision", PrecisionName(report.precision)},
+                    {"frames", report.framesRead},
+                    {"bytes", report.bytesRead},
+                    {"problem", nullptr}};
+    if (report.inputFailure) {
+        capture["problem"] = {{"kind", FaultName(report.inputFailure->fault)},
+                              {"message", report.inputFailure->message}};
+    }
+    return capture;
+}
+
+Json OutputJson(const ReplayReport& report) {
+    if (report.output.empty()) {
+        return nullptr;
+    }
+    Json output = {{"path", report.output},
+                   {"frames", report.framesWritten},
+                   {"not_representable", report.notRepresentable},
+                   {"problem", nullptr}};
+    if (report.outputFailure) {
+        output["frames"] = nullptr;  // how many of them reached the disk is not known
+        output["problem"] = *report.outputFailure;
+    }
+    return output;
+}
+
+Json AdaptersJson(const ReplayReport& report) {
+    Json adapters = Json::array();
+    for (const AdapterReport& adapter : report.adapters) {
+        adapters.push_back({{"name", adapter.name},
+                            {"address", FormatMac(adapter.address)},
+                            {"origin", OriginName(adapter.origin)},
+                            {"votes", adapter.votes},
+                            {"sent", CountsJson(adapter.sent)},
+                            {"received", CountsJson(adapter.received)}});
+    }
+    return adapters;
+}
+
+Json VerifierJson(const ReplayReport& report) {
+    Json findings = Json::array();
+    for (const Finding& finding : report.findings) {
+        findings.push_back({{"rule", finding.rule}, {"text", finding.text}});
+    }
+    return {{"enabled", report.verified}, {"seed", report.seed}, {"findings", findings}};
+}
+
+}  // namespace
+
+bool ReplayReport::Balanced() const {
+    return !abandoned && leftovers.empty() && TotalLost(*this) == 0 && WithheldAsOrdered(*this);
+}
+
+ExitStatus ReplayReport::Status() const {
+    ExitStatus status = ExitStatus::kClean;
+    const auto apply = [&](bool applies, ExitStatus candidate) {
+        status = applies ? Graver(status, candidate) : status;
+    };
+    apply(inputFailure.has_value(), inputFailure && inputFailure->fault == CaptureFault::kBrokenOff
+                                        ? ExitStatus::kInputBrokenOff
+                                        : ExitStatus::kInputUnreadable);
+    apply(notRepresentable > 0, ExitStatus::kNotRepresentable);
+    apply(outputFailure.has_value(), ExitStatus::kOutputFailed);
+    apply(driverFailure.has_value(), ExitStatus::kDriverNotLoaded);
+    apply(!Balanced(), ExitStatus::kFramesLost);
+    apply(!findings.empty(), ExitStatus::kRuleBroken);
+    return status;
+}
+
+std::string FormatReport(const ReplayReport& report) {
+    SummaryText text;
+    text.Line("capture", "{}: {}, {}, {}, {}{}", report.capture,
+              Counted(report.framesRead, "frame"), Counted(report.bytesRead, "byte"),
+              report.pcapng ? "pcapng" : "pcap", PrecisionName(report.precision),
+              report.inputFailure ? ", broken off" : "");
+    text.Line("driver", "{}", report.driver);
+    for (const AdapterReport& adapter : report.adapters) {
+        AddAdapter(text, adapter);
+    }
+    AddOutput(text, report);
+    AddLines(text, "trace", report.trace);
+    AddVerifier(text, report);
+    AddAccounting(text, report);
+    return text.Take();
+}
+
+std::string FormatReportJson(const ReplayReport& report) {
+    Json document = {{"capture", CaptureJson(report)},
+                     {"driver", {{"source", report.driver}, {"problem", nullptr}}},
+                     {"adapters", AdaptersJson(report)},
+                     {"output", OutputJson(report)},
+                     {"trace", report.trace},
+                     {"verifier", VerifierJson(report)},
+                     {"accounting",
+                      {{"balanced", report.Balanced()},
+                       {"lost", TotalLost(report)},
+                       {"leftovers", report.leftovers},
+                       {"abandoned", nullptr}}},
+                     {"exit_status", static_cast<int>(report.Status())}};
+    if (report.driverFailure) {
+        document["driver"]["problem"] = *report.driverFailure;
+    }
+    if (report.abandoned) {
+        document["accounting"]["abandoned"] = *report.abandoned;
+    }
+    // File names need not be UTF-8, JSON has to be.
+    return document.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace netsieve::tool

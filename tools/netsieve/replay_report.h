@@ -1,0 +1,87 @@
+// What a replay found out, and how it is told.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/netsieve/capture_reader.h"
+#include "tools/netsieve/exit_status.h"
+#include "tools/netsieve/mac_address.h"
+
+namespace netsieve::tool {
+
+/// What became of the frames of one direction.
+struct DirectionCounts {
+    std::uint64_t frames = 0;     ///< handed to the driver
+    std::uint64_t passed = 0;     ///< came out at the other end
+    std::uint64_t withheld = 0;   ///< came back to their owner without having been there
+    std::uint64_t injected = 0;   ///< came out without having been handed in
+    std::uint64_t reordered = 0;  ///< of the passed ones: came out before an earlier frame
+
+    /// What the hooks ordered to be withheld. Where it differs from `withheld`, the driver withheld
+    /// what it should not have, or let go what it should have kept.
+    std::uint64_t withheldByHooks = 0;
+
+    /// Neither came out nor came back.
+    std::uint64_t Lost() const { return frames - passed - withheld; }
+};
+
+enum class MacOrigin { kGiven, kVoted, kFallback };
+
+struct AdapterReport {
+    std::string name;
+    MacAddress address{};
+    MacOrigin origin = MacOrigin::kGiven;
+    std::uint64_t votes = 0;  ///< frames the address occurs in, when it was voted
+    DirectionCounts sent{};
+    DirectionCounts received{};
+};
+
+/// A broken rule of the platform.
+struct Finding {
+    std::string rule;
+    std::string text;
+};
+
+/// Everything the summary says. Filled by the command (the captures) and the engine (the rest).
+struct ReplayReport {
+    std::string capture;
+    bool pcapng = false;
+    TimePrecision precision = TimePrecision::kMicroseconds;
+    std::uint64_t framesRead = 0;
+    std::uint64_t bytesRead = 0;
+    std::optional<CaptureFailure> inputFailure;
+
+    std::string output;  ///< empty when nothing is written
+    std::uint64_t framesWritten = 0;
+    std::uint64_t notRepresentable = 0;
+    std::uint64_t firstNotRepresentable = 0;  ///< number of the frame, from 1
+    std::optional<std::string> outputFailure;
+
+    std::string driver;
+    std::optional<std::string> driverFailure;
+    std::vector<AdapterReport> adapters;
+    std::vector<std::string> trace;  ///< what the driver printed, line by line
+
+    bool ran = false;  ///< the driver was loaded and frames were given to it
+    bool verified = false;
+    std::uint64_t seed = 0;
+    std::vector<Finding> findings;
+    std::vector<std::string> leftovers;    ///< what was not given back at the end
+    std::optional<std::string> abandoned;  ///< why the run did not come to its end
+
+    /// True when every frame, list and block is accounted for.
+    bool Balanced() const;
+    /// The gravest status that applies.
+    ExitStatus Status() const;
+};
+
+/// The summary for people, with a line feed at its end.
+std::string FormatReport(const ReplayReport& report);
+
+/// The same for programs: one JSON object, with a line feed at its end.
+std::string FormatReportJson(const ReplayReport& report);
+
+}  // namespace netsieve::tool
