@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "driver/driver_entry.h"
+#include "host/accounting.h"
 #include "host/machine.h"
 #include "host/ndis/frame_lists.h"
 #include "host/ndis/ndis.h"
@@ -20,6 +21,7 @@ namespace {
 
 constexpr const char* kDriverName = "NETSIEVE";
 constexpr const char* kNative = "native";
+constexpr host::Ticks kNanosecondsPerTick = 100;
 
 /// Without the verifier and without a seed nothing but speed is wanted: real threads. Everything
 /// else runs under the simulated scheduler, in the capture's time.
@@ -60,16 +62,6 @@ struct Way {
     host::ListPool* pool = nullptr;              ///< what the originator's lists are made from
     std::unique_ptr<host::FrameLists> frames{};  ///< the lists themselves
     DirectionCounts counts{};
-
-    PNET_BUFFER_LIST Fill(const CaptureFrame& frame, std::uint64_t number) {
-        PNET_BUFFER_LIST const list = frames->Make({frame.bytes, frame.capturedLength});
-        ++counts.frames;
-        if (list != nullptr) {
-            TagOf(*list->FirstNetBuffer, originator) = {
-                frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number, 0};
-        }
-        return list;
-    }
 };
 
 /// One replay. Everything the run touches is a member, because a run that is abandoned drops its
@@ -94,7 +86,7 @@ class ReplayRun {
         if (!result.completed) {
             report_.abandoned = result.abandonReason;
         }
-        CollectTrace();
+        CollectModuleTraces();
         CollectAccounts();
     }
 
@@ -106,7 +98,7 @@ class ReplayRun {
         }
         report_.ran = true;
         PushFrames();
-        CollectTrace();
+        CollectModuleTraces();
         machine_.ndis().RemoveAdapter(*stack_);
         StopDriver();
         machine_.ndis().ReportLostLists();
@@ -188,14 +180,14 @@ class ReplayRun {
     bool OutputFailed() const { return writer_ != nullptr && writer_->HasFailed(); }
 
     /// Lets the machine's clock reach the frame's time. It never goes back: frames whose stamps do
-    /// follow at once.
+    /// follow at once. A plain machine has a real clock, which is not waited for.
     void WaitFor(const CaptureStamp& stamp) {
-        if (WantsPlainMachine(options_) || !CaptureWriter::CanRepresent(stamp)) {
+        if (!CaptureWriter::CanRepresent(stamp)) {
             return;
         }
+        const host::Ticks captured = stamp.TotalNanoseconds() / kNanosecondsPerTick;
         const host::Ticks now = machine_.scheduler().Now();
-        const host::Ticks captured = stamp.TotalNanoseconds() / 100;
-        if (!clockOffset_) {
+        if (!clockOffset_ || WantsPlainMachine(options_)) {
             clockOffset_ = captured - now;
         }
         const host::Ticks due = captured - *clockOffset_;
@@ -213,7 +205,7 @@ class ReplayRun {
             rest += host::kTicksPerSecond;
             --seconds;
         }
-        return {seconds, static_cast<std::uint32_t>(rest * 100)};
+        return {seconds, static_cast<std::uint32_t>(rest * kNanosecondsPerTick)};
     }
 
     bool IsSent(const CaptureFrame& frame) const {
@@ -229,15 +221,28 @@ class ReplayRun {
                std::memcmp(frame.bytes + kMacLength, adapter_.address.data(), kMacLength) == 0;
     }
 
+    /// A list of `way` with the frame in it; null when none can be had.
+    PNET_BUFFER_LIST Fill(Way& way, const CaptureFrame& frame) {
+        const host::HostLock lock(mutex_);
+        ++way.counts.frames;
+        PNET_BUFFER_LIST const list = way.frames->Make({frame.bytes, frame.capturedLength});
+        if (list != nullptr) {
+            TagOf(*list->FirstNetBuffer, way.originator) = {
+                frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength,
+                report_.framesRead, 0};
+        }
+        return list;
+    }
+
     void Send(const CaptureFrame& frame) {
-        PNET_BUFFER_LIST const list = sent_.Fill(frame, report_.framesRead);
+        PNET_BUFFER_LIST const list = Fill(sent_, frame);
         if (list != nullptr) {
             stack_->protocol().Send(list);
         }
     }
 
     void Receive(const CaptureFrame& frame) {
-        PNET_BUFFER_LIST const list = received_.Fill(frame, report_.framesRead);
+        PNET_BUFFER_LIST const list = Fill(received_, frame);
         if (list != nullptr && !stack_->adapter().Indicate(list)) {
             ComeHome(list, received_);
         }
@@ -246,6 +251,7 @@ class ReplayRun {
     /// Lists have come out at the end opposite to their originator, or to where the driver wants
     /// them to seem to come from.
     void Deliver(PNET_BUFFER_LIST chain, Way& way) {
+        const host::HostLock lock(mutex_);
         for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
             const bool tagged = list->NdisPoolHandle == way.pool;
             for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr;
@@ -269,6 +275,7 @@ class ReplayRun {
     }
 
     void ComeHome(PNET_BUFFER_LIST chain, Way& way) {
+        const host::HostLock lock(mutex_);
         for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
             for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr;
                  buffer = buffer->Next) {
@@ -308,14 +315,12 @@ class ReplayRun {
         machine_.scheduler().WaitUntilIdle();
     }
 
-    void CollectTrace() {
+    /// While the modules are attached, because each takes its trace with it.
+    void CollectModuleTraces() {
         if (traceCollected_ || !report_.ran) {
             return;
         }
         traceCollected_ = true;
-        for (const std::string& text : machine_.DebugOutput()) {
-            report_.trace.push_back(WithoutLineFeed(text));
-        }
         for (const host::FilterModule* module : stack_->modules()) {
             for (std::string& line : ReadModuleTrace(*module)) {
                 report_.trace.push_back(std::move(line));
@@ -331,18 +336,19 @@ class ReplayRun {
         if (!report_.ran) {
             return;
         }
+        for (const std::string& text : machine_.DebugOutput()) {
+            report_.trace.push_back(WithoutLineFeed(text));
+        }
         adapter_.sent = sent_.counts;
         adapter_.received = received_.counts;
         report_.adapters = {adapter_};
-        const auto note = [&](std::uint64_t count, const char* what) {
-            if (count > 0) {
-                report_.leftovers.push_back(fmt::format("{} {}", count, what));
-            }
-        };
-        note(static_cast<std::uint64_t>(sent_.pool->live), "sent list(s) did not come back");
-        note(static_cast<std::uint64_t>(received_.pool->live),
-             "received list(s) did not come back");
-        note(machine_.pool().LiveBlocks(), "block(s) of memory were not freed");
+        host::Accounting stock = host::TakeStock(machine_);
+        // Without the verifier nobody follows the lists; the ends' own are known all the same.
+        const int away = sent_.pool->live + received_.pool->live;
+        stock.listsAway = std::max(stock.listsAway, static_cast<std::uint64_t>(away));
+        if (!stock.Balanced()) {
+            report_.leftover = stock.Describe();
+        }
     }
 
     const ReplayOptions& options_;
@@ -351,6 +357,8 @@ class ReplayRun {
     AdapterReport adapter_;
     host::Machine machine_;
     host::Stack* stack_ = nullptr;
+    /// Guards the lists, the counts and the output: a driver may let go of a frame in any thread.
+    host::HostMutex mutex_;
     Way sent_{.originator = Originator::kProtocol};
     Way received_{.originator = Originator::kAdapter};
     CaptureWriter* writer_ = nullptr;

@@ -176,15 +176,14 @@ void AddVerifier(SummaryText& text, const ReplayReport& report) {
 }
 
 void AddAccounting(SummaryText& text, const ReplayReport& report) {
-    AddLines(text, "left over", report.leftovers);
     const auto total = [&](auto member) {
         return Total(report, [&](const DirectionCounts& counts) { return counts.*member; });
     };
-    text.Line("accounting", "{} in; {} passed, {} withheld, {} injected, {} lost; {}",
+    text.Line("accounting", "{} in; {} passed, {} withheld, {} injected, {} lost; {}{}",
               Counted(total(&DirectionCounts::frames), "frame"), total(&DirectionCounts::passed),
               total(&DirectionCounts::withheld), total(&DirectionCounts::injected),
-              TotalLost(report),
-              report.Balanced() ? "everything was given back" : "the account does not balance");
+              TotalLost(report), report.leftover.value_or("everything was given back"),
+              report.Balanced() ? "" : "; the account does not balance");
 }
 
 Json CountsJson(const DirectionCounts& counts) {
@@ -246,7 +245,7 @@ Json VerifierJson(const ReplayReport& report) {
 }  // namespace
 
 bool ReplayReport::Balanced() const {
-    return !abandoned && leftovers.empty() && TotalLost(*this) == 0 && WithheldAsOrdered(*this);
+    return !abandoned && !leftover && TotalLost(*this) == 0 && WithheldAsOrdered(*this);
 }
 
 ExitStatus ReplayReport::Status() const {
@@ -292,11 +291,14 @@ std::string FormatReportJson(const ReplayReport& report) {
                      {"accounting",
                       {{"balanced", report.Balanced()},
                        {"lost", TotalLost(report)},
-                       {"leftovers", report.leftovers},
+                       {"leftover", nullptr},
                        {"abandoned", nullptr}}},
                      {"exit_status", static_cast<int>(report.Status())}};
     if (report.driverFailure) {
         document["driver"]["problem"] = *report.driverFailure;
+    }
+    if (report.leftover) {
+        document["accounting"]["leftover"] = *report.leftover;
     }
     if (report.abandoned) {
         document["accounting"]["abandoned"] = *report.abandoned;

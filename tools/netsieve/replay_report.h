@@ -69,7 +69,7 @@ struct ReplayReport {
     bool verified = false;
     std::uint64_t seed = 0;
     std::vector<Finding> findings;
-    std::vector<std::string> leftovers;    ///< what was not given back at the end
+    std::optional<std::string> leftover;   ///< what was not given back at the end
     std::optional<std::string> abandoned;  ///< why the run did not come to its end
 
     /// True when every frame, list and block is accounted for.

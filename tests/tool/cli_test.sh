@@ -1,0 +1,81 @@
+#!/bin/bash
+# The program as a user meets it: exit statuses, standard input and output, files that are not
+# touched. The frames themselves are compared by compare-replay.sh.
+#
+# usage: cli_test.sh NETSIEVE SAMPLE MANUAL
+set -uo pipefail
+
+netsieve=$1 sample=$2 manual=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+failed=0
+
+fail() {
+    echo "FAILED: $1"
+    cat "$scratch/out" "$scratch/err"
+    failed=1
+}
+
+# Runs the program and checks its status and a piece of what it said.
+expect() { # STATUS WORDS ARGUMENT...
+    local status=$1 words=$2
+    shift 2
+    "$netsieve" "$@" >"$scratch/out" 2>"$scratch/err"
+    local got=$?
+    [ $got = "$status" ] || fail "netsieve $* ended with $got, expected $status"
+    cat "$scratch/out" "$scratch/err" | grep -qF -e "$words" ||
+        fail "netsieve $* did not say '$words'"
+}
+
+head -c 5000 "$sample" >"$scratch/cut.pcap"
+gzip -c "$sample" >"$scratch/sample.gz"
+cp "$sample" "$scratch/itself.pcap"
+echo "kept" >"$scratch/kept.pcap"
+
+expect 0 "Usage: netsieve" --help
+expect 0 "--direction" replay --help
+expect 2 "subcommand is required"
+expect 2 "CAPTURE is required" replay
+expect 2 "not expected" replay "$sample" --bogus
+expect 2 "is not a unicast address" replay "$sample" --mac 01:00:5e:00:00:01
+expect 2 "not one of" replay "$sample" --direction up
+expect 3 "No such file" replay "$scratch/missing.pcap"
+expect 3 "is compressed" replay "$scratch/sample.gz" --json
+expect 4 "truncated dump file" replay "$scratch/cut.pcap"
+expect 6 "the capture itself" replay "$scratch/itself.pcap" -o "$scratch/../${scratch##*/}/itself.pcap"
+cmp "$sample" "$scratch/itself.pcap" || fail "the capture was overwritten"
+expect 6 "No space left" replay "$sample" -o /dev/full
+expect 7 "did not start" replay "$sample" --driver "$scratch/cut.pcap" -o "$scratch/kept.pcap"
+grep -qx kept "$scratch/kept.pcap" || fail "the output was overwritten although the driver failed"
+
+expect 0 "00:00:5e:00:53:01 (found in" replay "$sample"
+expect 0 "02:02:03:04:05:06 (as given)" replay "$sample" --mac 02-02-03-04-05-06
+for direction in send receive; do
+    "$netsieve" replay "$sample" --direction $direction --json |
+        grep -A 2 "\"$([ $direction = send ] && echo received || echo sent)\"" |
+        grep -q '"frames": 0' || fail "--direction $direction left frames for the other"
+done
+expect 0 '"exit_status": 0' replay "$sample" --json --no-verify -o "$scratch/plain.pcap"
+cmp "$sample" "$scratch/plain.pcap" || fail "the output without the verifier differs"
+
+# A pipe, with a second pass and without, and the frames on standard output.
+for mac in auto 00:00:5e:00:53:01; do
+    cat "$sample" | "$netsieve" replay - --mac $mac -o - 2>"$scratch/err" >"$scratch/out" ||
+        fail "replay from a pipe with --mac $mac"
+    cmp "$sample" "$scratch/out" || fail "standard output with --mac $mac differs"
+    grep -q '^accounting' "$scratch/err" || fail "the summary is not on standard error"
+    ! grep -q $'\r' "$scratch/err" || fail "a progress bar was drawn without a terminal"
+done
+
+# A reader that goes away.
+"$netsieve" replay "$sample" -o - 2>"$scratch/err" | head -c 10 >/dev/null
+[ "${PIPESTATUS[0]}" = 6 ] || fail "a reader that went away was not reported"
+
+# The manual and the help say the same about the exit statuses.
+"$netsieve" --help | sed -n 's/^  \([0-9]\)  /\1 /p' >"$scratch/out"
+sed -n '/^\.SH EXIT STATUS/,/^\.SH ENV/p' "$manual" |
+    awk '/^\.B [0-9]$/ { number = $2; getline; print number, $0 }' >"$scratch/err"
+[ "$(wc -l <"$scratch/out")" = 10 ] && cmp -s "$scratch/out" "$scratch/err" ||
+    fail "the manual and the help differ about the exit statuses"
+
+exit $failed

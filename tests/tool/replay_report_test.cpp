@@ -1,0 +1,86 @@
+#include "tools/netsieve/replay_report.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+
+namespace netsieve::tool {
+namespace {
+
+ReplayReport CleanReport() {
+    ReplayReport report;
+    report.ran = true;
+    report.framesRead = 3;
+    report.adapters.resize(1);
+    report.adapters[0].sent.frames = 2;
+    report.adapters[0].sent.passed = 2;
+    report.adapters[0].received.frames = 1;
+    report.adapters[0].received.passed = 1;
+    return report;
+}
+
+TEST(ReplayReportTest, StatusIsTheGravestThatApplies) {
+    const struct {
+        std::function<void(ReplayReport&)> spoil;
+        ExitStatus status;
+    } steps[] = {
+        // Each step adds something graver than all before it.
+        {[](ReplayReport&) {}, ExitStatus::kClean},
+        {[](ReplayReport& report) {
+             report.inputFailure = CaptureFailure{CaptureFault::kLinkType, "link type"};
+         },
+         ExitStatus::kInputUnreadable},
+        {[](ReplayReport& report) {
+             report.inputFailure = CaptureFailure{CaptureFault::kBrokenOff, "broken off"};
+         },
+         ExitStatus::kInputBrokenOff},
+        {[](ReplayReport& report) { report.notRepresentable = 1; }, ExitStatus::kNotRepresentable},
+        {[](ReplayReport& report) { report.outputFailure = "disk full"; },
+         ExitStatus::kOutputFailed},
+        {[](ReplayReport& report) { report.driverFailure = "no driver"; },
+         ExitStatus::kDriverNotLoaded},
+        {[](ReplayReport& report) { report.leftover = "1 list"; }, ExitStatus::kFramesLost},
+        {[](ReplayReport& report) {
+             report.findings.push_back({"ListLost", "lost"});
+         },
+         ExitStatus::kRuleBroken},
+    };
+    ReplayReport report = CleanReport();
+    for (const auto& step : steps) {
+        step.spoil(report);
+        EXPECT_EQ(report.Status(), step.status);
+        EXPECT_EQ(nlohmann::json::parse(FormatReportJson(report))["exit_status"],
+                  static_cast<int>(step.status));
+    }
+}
+
+TEST(ReplayReportTest, EveryFrameHasToBeAccountedFor) {
+    const std::function<void(ReplayReport&)> faults[] = {
+        [](ReplayReport& report) { --report.adapters[0].sent.passed; },
+        [](ReplayReport& report) {
+            // Came back without having been out, and no hook had asked for it.
+            --report.adapters[0].received.passed;
+            ++report.adapters[0].received.withheld;
+        },
+        [](ReplayReport& report) { ++report.adapters[0].received.withheldByHooks; },
+        [](ReplayReport& report) { report.abandoned = "deadlock"; },
+    };
+    EXPECT_TRUE(CleanReport().Balanced());
+    for (const auto& fault : faults) {
+        ReplayReport report = CleanReport();
+        fault(report);
+        EXPECT_FALSE(report.Balanced());
+        EXPECT_EQ(report.Status(), ExitStatus::kFramesLost);
+        EXPECT_NE(FormatReport(report).find("does not balance"), std::string::npos);
+    }
+}
+
+TEST(ReplayReportTest, JsonTakesNamesThatAreNotUtf8) {
+    ReplayReport report = CleanReport();
+    report.capture = "caf\xE9.pcap";
+    EXPECT_EQ(nlohmann::json::parse(FormatReportJson(report))["capture"]["frames"], 3);
+}
+
+}  // namespace
+}  // namespace netsieve::tool
