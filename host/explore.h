@@ -13,8 +13,8 @@ namespace netsieve::host {
 /// How to search. The budget may be set from outside: NETSIEVE_SCHEDULES overrides `schedules`,
 /// and NETSIEVE_SEED runs the one schedule of that seed.
 struct ExploreOptions {
-    std::string name;        ///< of the scenario, for the replay line
-    MachineOptions machine;  ///< seed, strategy and expected points are set by the search
+    std::string name;          ///< of the scenario, for the replay line
+    MachineOptions machine{};  ///< seed, strategy and expected points are set by the search
     StrategyKind strategy = StrategyKind::kPct;
     std::uint64_t schedules = 1000;
     std::uint64_t firstSeed = 1;

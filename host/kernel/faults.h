@@ -31,8 +31,8 @@ const char* FaultKindName(FaultKind kind);
 
 /// Which failable calls fail. A call counts when it matches `kind` and `tag` (unset: every one).
 struct FaultPlan {
-    std::optional<FaultKind> kind;
-    std::optional<std::uint32_t> tag;
+    std::optional<FaultKind> kind{};
+    std::optional<std::uint32_t> tag{};
     std::uint64_t nth = 0;    ///< the nth counted call fails (from 1); 0: none by number
     bool persistent = false;  ///< and every later one too
     double probability = 0;   ///< of each counted call, drawn from `seed`

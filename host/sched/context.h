@@ -31,6 +31,7 @@ struct HeldLock {
     KIRQL savedIrql = PASSIVE_LEVEL;
     bool atDpc = false;
     unsigned again = 0;  ///< acquisitions by its owner that were reported and not made
+    bool freed = false;  ///< its memory was freed: nothing may be written there
 };
 
 /// One thread, DPC or system worker. Its processor is an attribute: at DISPATCH_LEVEL and above it

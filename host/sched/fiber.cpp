@@ -25,6 +25,7 @@
 #ifdef NETSIEVE_ASAN
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
+#include <sanitizer/lsan_interface.h>
 #endif
 #ifdef NETSIEVE_TSAN
 #include <sanitizer/tsan_interface.h>
@@ -74,6 +75,9 @@ Stack TakeStack() {
 #ifdef NETSIEVE_TSAN
     stack.sanitizerFiber = __tsan_create_fiber(0);
 #endif
+#ifdef NETSIEVE_ASAN
+    __lsan_register_root_region(stack.base, kStackSize);
+#endif
     return stack;
 }
 
@@ -82,6 +86,7 @@ Stack TakeStack() {
 struct Fiber::Impl {
     Stack stack;
     bool adopted = false;
+    bool ended = false;
     fcontext_t context = nullptr;
     Entry entry = nullptr;
     void* argument = nullptr;
@@ -139,12 +144,18 @@ std::unique_ptr<Fiber> Fiber::Create(Entry entry, void* argument) {
 }
 
 Fiber::~Fiber() {
-    if (!impl_->adopted) {
+#ifdef NETSIEVE_ASAN
+    // The frames of a dropped flow still own memory: without their stack it would count as leaked.
+    const bool reuse = impl_->ended;
+#else
+    const bool reuse = true;
+#endif
+    if (!impl_->adopted && reuse) {
         StackPool().push_back(impl_->stack);
     }
 }
 
-void Fiber::Switch(Fiber& from, Fiber& to, [[maybe_unused]] bool final) {
+void Fiber::Switch(Fiber& from, Fiber& to, bool final) {
     Impl& source = *from.impl_;
     Impl& target = *to.impl_;
 #ifdef NETSIEVE_ASAN
@@ -153,6 +164,7 @@ void Fiber::Switch(Fiber& from, Fiber& to, [[maybe_unused]] bool final) {
 #ifdef NETSIEVE_TSAN
     __tsan_switch_to_fiber(target.stack.sanitizerFiber, 0);
 #endif
+    source.ended = final;
     Impl::switchedFrom = &source;
     const transfer_t transfer = jump_fcontext(target.context, &target);
     source.Arrive(transfer);

@@ -334,7 +334,8 @@ std::string SimulatedScheduler::DescribeStuck() const {
 
 void SimulatedScheduler::Abandon(const std::string& reason) {
     abandonReason_ = reason;
-    Fiber::Switch(*current_->fiber, *root_, true);
+    // Not final: this flow has not ended, it is dropped with all that its frames own.
+    Fiber::Switch(*current_->fiber, *root_, false);
 }
 
 }  // namespace netsieve::host

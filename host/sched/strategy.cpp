@@ -47,8 +47,13 @@ std::size_t PctStrategy::Pick(std::span<const std::uint32_t> enabled,
         }
     }
     if (enabled[best] == kClock) {
-        // A clock that stayed above everyone would let timeouts pass while nobody gets to run.
-        priorities_[kClock] = DrawPriority(kClock);
+        // A clock that stayed above someone would let timeouts pass for ever while he never runs:
+        // each turn that it took from others leaves it less likely to take another, and none in
+        // the end.
+        constexpr unsigned kMostTurns = 8;
+        ++clockTurns_;
+        priorities_[kClock] =
+            clockTurns_ < kMostTurns ? (1ull << 63) | (random_.Next() >> (1 + clockTurns_)) : 0;
     }
     return best;
 }

@@ -60,6 +60,7 @@ class PctStrategy final : public Strategy {
 
     Random random_;
     std::uint64_t depth_;
+    unsigned clockTurns_ = 0;
     std::vector<std::uint64_t> changePoints_;  ///< ascending; passed ones before nextChange_
     std::size_t nextChange_ = 0;
     std::vector<std::uint64_t> priorities_;  ///< by context id

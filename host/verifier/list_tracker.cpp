@@ -117,7 +117,7 @@ std::vector<PNET_BUFFER_LIST> ListTracker::Alive() {
 ULONG ListTracker::Count(const NET_BUFFER_LIST* chain) {
     HostLock lock(mutex_);
     ULONG count = 0;
-    while (chain != nullptr && count < records_.size()) {
+    while (chain != nullptr && count <= records_.size()) {
         ++count;
         const bool alive = records_.contains(const_cast<PNET_BUFFER_LIST>(chain));
         chain = alive ? chain->Next : nullptr;

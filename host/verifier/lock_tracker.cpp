@@ -161,8 +161,9 @@ bool LockTracker::BeforeRelease(PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql) {
         verifier_.Report(Rule::kLockForm, fmt::format("lock in {} released at IRQL {}",
                                                       describe_(lock), context.irql));
     }
+    const bool freed = held->freed;
     context.held.erase(held);
-    return true;
+    return !freed;
 }
 
 void LockTracker::ForgetRange(const void* start, std::size_t size) {
@@ -175,6 +176,9 @@ void LockTracker::ForgetRange(const void* start, std::size_t size) {
         if ((word & kMarkMask) == kMark && (word & 1) != 0) {
             verifier_.Report(Rule::kLockInFreedMemory,
                              fmt::format("lock in {} is held", Name(index)));
+            for (HeldLock& held : CurrentContext().held) {
+                held.freed = held.freed || held.lock == records_[index].lock;
+            }
         }
         for (Record& record : records_) {
             std::erase(record.after, index);

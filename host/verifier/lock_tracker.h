@@ -27,7 +27,7 @@ class LockTracker {
     /// After it: `savedIrql` is what the caller will have to restore.
     void AfterAcquire(PKSPIN_LOCK lock, bool atDpc, KIRQL savedIrql);
     /// Before a release. False when there is nothing to release: the caller does not hold the lock,
-    /// or this release pairs with an acquisition that was not made.
+    /// the release pairs with an acquisition that was not made, or the lock's memory is gone.
     bool BeforeRelease(PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql);
     /// The memory is about to be freed: forgets its locks, reports a held one.
     void ForgetRange(const void* start, std::size_t size);
