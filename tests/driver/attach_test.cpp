@@ -1,0 +1,289 @@
+// How modules come to be: their records, what attach refuses, and what it leaves when it fails.
+#include <cstring>
+
+#include "driver/driver_globals.h"
+#include "driver/module_reference.h"
+#include "driver/trace_log.h"
+#include "host/kernel/callback.h"
+#include "tests/driver/driver_scenario.h"
+
+namespace netsieve::host {
+namespace {
+
+std::u16string TextOf(const UNICODE_STRING& name) {
+    EXPECT_EQ(name.Length, name.MaximumLength);
+    return {name.Buffer, name.Length / sizeof(WCHAR)};
+}
+
+class AttachTest : public testing::TestWithParam<AttachTiming> {
+  protected:
+    // Loads with two adapters, one of them nameless, and looks at both records.
+    static void LoadAndCheckRecords(Machine& machine) {
+        const AdapterOptions nameless{.instanceName = u"",
+                                      .deviceName = u"",
+                                      .moduleGuid = u"",
+                                      .mac = {2, 0, 0, 0, 0, 9},
+                                      .ifIndex = 9};
+        Stack& first = machine.ndis().AddAdapter();
+        Stack& second = machine.ndis().AddAdapter(nameless);
+        machine.ndis().SetAttachTiming(GetParam());
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        CheckRecord(machine, first);
+        CheckRecord(machine, second);
+
+        // Bound while the driver was loading and the stacks were running; now it works.
+        EXPECT_EQ(RecordOf(machine, second)->State, FILTER_STATE_RUNNING);
+        second.Pause();
+        EXPECT_EQ(RecordOf(machine, second)->State, FILTER_STATE_PAUSED);
+        second.Restart();
+        machine.UnloadDriver("NETSIEVE");
+    }
+
+    static void CheckRecord(Machine& machine, Stack& stack) {
+        const FILTER_MODULE* const record = RecordOf(machine, stack);
+        ASSERT_NE(record, nullptr);
+        const AdapterOptions& adapter = stack.adapter().options();
+        EXPECT_EQ(TextOf(record->FilterModuleName), adapter.moduleGuid);
+        EXPECT_EQ(TextOf(record->MiniportInstanceName), adapter.instanceName);
+        EXPECT_EQ(TextOf(record->MiniportName), adapter.deviceName);
+        EXPECT_EQ(record->FilterModuleName.Buffer, record->NameStorage);
+        const std::size_t characters =
+            adapter.moduleGuid.size() + adapter.instanceName.size() + adapter.deviceName.size();
+        EXPECT_EQ(record->AllocationSize, sizeof(FILTER_MODULE) + 2 * characters);
+        EXPECT_THAT(record->MacAddress, testing::ElementsAreArray(adapter.mac));
+        EXPECT_EQ(record->MiniportIfIndex, adapter.ifIndex);
+        EXPECT_EQ(record->FilterHandle, stack.FindModule(machine.FindDriver("NETSIEVE"))->Handle());
+        EXPECT_EQ(record->ActiveCalls, 0u);
+        EXPECT_NE(record->NblPool, nullptr);
+        EXPECT_NE(record->TraceBuffer, nullptr);
+        EXPECT_EQ(record->TraceSequence, 0u);
+    }
+};
+
+TEST_P(AttachTest, FillsTheRecord) {
+    RunClean({}, LoadAndCheckRecords);
+}
+
+// The nth failable call of a load fails, alone or with every later one, until a load meets none:
+// whatever failed, the load says so or works without it, and the next frame passes.
+TEST_P(AttachTest, SurvivesEachFailure) {
+    for (const bool persistent : {false, true}) {
+        for (std::uint64_t nth = 1, injected = 1; injected != 0; ++nth) {
+            ASSERT_LT(nth, 200u);
+            RunClean({}, [&](Machine& machine) {
+                Stack& stack = machine.ndis().AddAdapter();
+                machine.ndis().AddAdapter({.ifIndex = 2});
+                machine.ndis().SetAttachTiming(GetParam());
+                machine.faults().Arm({.nth = nth, .persistent = persistent});
+                const NTSTATUS status = machine.LoadDriver(DriverUnderTest());
+                injected = machine.faults().Injected();
+                machine.faults().Disarm();
+                EXPECT_EQ(status == STATUS_SUCCESS, machine.FindDriver("NETSIEVE") != nullptr);
+                Traffic(machine, stack).ExpectPassing();
+                machine.UnloadDriver("NETSIEVE");
+            });
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Timing,
+                         AttachTest,
+                         testing::Values(AttachTiming::kConcurrent, AttachTiming::kInline));
+
+struct Failure {
+    const char* what;
+    FaultPlan plan;
+    NTSTATUS load;
+    bool attached;        ///< whether the adapter has a module afterwards
+    const char* trace;    ///< what the module's ring begins with; null when it has none
+    const char* console;  ///< what was printed
+};
+
+const Failure kFailures[] = {
+    {"nothing", {}, STATUS_SUCCESS, true, "", ""},
+    {"registration",
+     {.kind = FaultKind::kFilterRegistration, .nth = 1},
+     NDIS_STATUS_RESOURCES,
+     false,
+     "",
+     ""},
+    {"device",
+     {.kind = FaultKind::kDevice, .nth = 1},
+     STATUS_INSUFFICIENT_RESOURCES,
+     false,
+     "",
+     ""},
+    {"module",
+     {.kind = FaultKind::kPool, .tag = FILTER_MODULE_TAG, .nth = 1},
+     STATUS_SUCCESS,
+     false,
+     "",
+     ""},
+    {"trace ring",
+     {.kind = FaultKind::kPool, .tag = TRACE_BUFFER_TAG, .nth = 1},
+     STATUS_SUCCESS,
+     true,
+     nullptr,
+     "dbglog memory allocate failed\n"},
+    {"attributes", {.kind = FaultKind::kFilterAttributes, .nth = 1}, STATUS_SUCCESS, false, "", ""},
+    {"list pool",
+     {.kind = FaultKind::kNblPool, .nth = 1},
+     STATUS_SUCCESS,
+     true,
+     "[0 InitializeNBLPool->52]\n",
+     ""},
+};
+
+TEST(AttachFailureTest, FailsWhatItMustAndGoesOnWithoutTheRest) {
+    for (const Failure& failure : kFailures) {
+        SCOPED_TRACE(failure.what);
+        RunClean({}, [&](Machine& machine) {
+            Stack& stack = machine.ndis().AddAdapter();
+            machine.faults().Arm(failure.plan);
+            EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), failure.load);
+            machine.faults().Disarm();
+            EXPECT_EQ(testing::PrintToString(machine.DebugOutput()),
+                      testing::PrintToString(*failure.console == '\0'
+                                                 ? std::vector<std::string>{}
+                                                 : std::vector<std::string>{failure.console}));
+            const FILTER_MODULE* const record =
+                machine.FindDriver("NETSIEVE") == nullptr ? nullptr : RecordOf(machine, stack);
+            ASSERT_EQ(record != nullptr, failure.attached);
+            if (record != nullptr) {
+                EXPECT_EQ(record->TraceBuffer != nullptr, failure.trace != nullptr);
+            }
+            if (record != nullptr && failure.trace != nullptr && *failure.trace != '\0') {
+                EXPECT_STREQ(reinterpret_cast<const char*>(record->TraceBuffer), failure.trace);
+            }
+            Traffic(machine, stack).ExpectPassing();
+            machine.UnloadDriver("NETSIEVE");
+
+            // Nothing of a failed start stands in the way of the next one.
+            EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+            EXPECT_NE(RecordOf(machine, stack), nullptr);
+            machine.UnloadDriver("NETSIEVE");
+        });
+    }
+}
+
+TEST(AttachRefusalTest, TakesOnlyItsOwnContextAndEthernet) {
+    RunClean({}, [](Machine& machine) {
+        Stack& ethernet = machine.ndis().AddAdapter();
+        Stack& wan =
+            machine.ndis().AddAdapter({.medium = NdisMediumWan, .ifIndex = 2, .bindAnyway = true});
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        EXPECT_EQ(RecordOf(machine, wan), nullptr);
+
+        LoadedDriver* const driver = machine.FindDriver("NETSIEVE");
+        const FilterModule* const module = ethernet.FindModule(driver);
+        const FilterRegistration& registration = module->registration;
+        UNICODE_STRING name{};
+        NDIS_FILTER_ATTACH_PARAMETERS parameters{};
+        parameters.FilterModuleGuidName = &name;
+        parameters.BaseMiniportInstanceName = &name;
+        parameters.BaseMiniportName = &name;
+        const std::uint64_t allocations = machine.pool().Allocations();
+        const auto attach = [&](NDIS_HANDLE context, NDIS_MEDIUM medium) {
+            parameters.MiniportMediaType = medium;
+            const CallbackScope scope("FilterAttach", driver, nullptr);
+            return module->handlers.AttachHandler(nullptr, context, &parameters);
+        };
+        EXPECT_EQ(attach(nullptr, NdisMedium802_3), NDIS_STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(attach(&name, NdisMedium802_3), NDIS_STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(attach(registration.context, NdisMediumLoopback), NDIS_STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(machine.pool().Allocations(), allocations);
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+TEST(RestartTest, ChangesTheLookaheadOfTheFirstAttributesOnly) {
+    for (const bool attributes : {false, true}) {
+        RunClean({}, [&](Machine& machine) {
+            Stack& stack = machine.ndis().AddAdapter({.restartAttributes = attributes});
+            ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+            const FilterModule* const module = stack.FindModule(machine.FindDriver("NETSIEVE"));
+            EXPECT_EQ(module->lookaheadSize, attributes ? 128u : 1500u);
+            EXPECT_EQ(RecordOf(machine, stack)->State, FILTER_STATE_RUNNING);
+
+            // The second entry has the same shape, and must come back as it was.
+            struct {
+                NDIS_RESTART_ATTRIBUTES attributes;
+                UCHAR data[sizeof(NDIS_RESTART_GENERAL_ATTRIBUTES)];
+            } entries[2];
+            std::memset(entries, 0xA5, sizeof(entries));
+            const auto untouched = std::to_array(entries[1].data);
+            entries[0].attributes.Next = &entries[1].attributes;
+            NDIS_FILTER_RESTART_PARAMETERS parameters{};
+            parameters.RestartAttributes = &entries[0].attributes;
+            EXPECT_EQ(module->handlers.RestartHandler(module->context, &parameters),
+                      NDIS_STATUS_SUCCESS);
+            EXPECT_EQ(std::to_array(entries[1].data), untouched);
+            machine.UnloadDriver("NETSIEVE");
+        });
+    }
+}
+
+TEST(RegistrationTest, TellsNdisWhoItIs) {
+    RunClean({}, [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        const NDIS_FILTER_DRIVER_CHARACTERISTICS& told =
+            stack.FindModule(machine.FindDriver("NETSIEVE"))->handlers;
+        EXPECT_THAT((std::array{told.MajorNdisVersion, told.MinorNdisVersion,
+                                told.MajorDriverVersion, told.MinorDriverVersion}),
+                    testing::ElementsAre(6, 0, 1, 0));
+        EXPECT_EQ(std::u16string(told.FriendlyName.Buffer), u"Veldan Light Weight Filter");
+        EXPECT_EQ(std::u16string(told.UniqueName.Buffer),
+                  u"{7C1E5B39-2D84-4a6f-B0E2-9F31C6A8D547}");
+        EXPECT_EQ(std::u16string(told.ServiceName.Buffer), u"NETSIEVE");
+        // Requests would be held up by a handler that only forwards them.
+        EXPECT_EQ(told.OidRequestHandler, nullptr);
+        PDEVICE_OBJECT device = nullptr;
+        EXPECT_EQ(machine.devices().Create(&machine.FindDriver("NETSIEVE")->Object(),
+                                           u"\\Device\\NETSIEVE", &device),
+                  STATUS_OBJECT_NAME_COLLISION);
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+#if !defined(NETSIEVE_TEST_IMAGE)  // an image keeps its globals to itself
+
+std::vector<void*> ModuleList() {
+    std::vector<void*> modules;
+    LIST_ENTRY& head = g_DriverGlobals.ModuleList;
+    for (PLIST_ENTRY entry = head.Flink; entry != &head; entry = entry->Flink) {
+        modules.push_back(CONTAINING_RECORD(entry, FILTER_MODULE, Link));
+    }
+    return modules;
+}
+
+TEST(ModuleListTest, HoldsTheAttachedModulesInTheirOrder) {
+    RunClean({}, [](Machine& machine) {
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        Stack& a = machine.ndis().AddAdapter();
+        Stack& b = machine.ndis().AddAdapter({.ifIndex = 2});
+        Stack& c = machine.ndis().AddAdapter({.ifIndex = 3});
+        FILTER_MODULE* const ofB = RecordOf(machine, b);
+        EXPECT_THAT(ModuleList(),
+                    testing::ElementsAre(RecordOf(machine, a), ofB, RecordOf(machine, c)));
+        EXPECT_EQ(ReferenceFilterModule(ofB), NDIS_STATUS_SUCCESS);
+        EXPECT_EQ(ofB->ActiveCalls, 1u);
+        EXPECT_EQ(ofB->IdleEvent.Header.SignalState, 0);
+        DereferenceFilterModule(ofB);
+        EXPECT_EQ(ofB->ActiveCalls, 0u);
+        EXPECT_EQ(ofB->IdleEvent.Header.SignalState, 1);
+
+        machine.ndis().RemoveAdapter(b);
+        EXPECT_THAT(ModuleList(), testing::ElementsAre(RecordOf(machine, a), RecordOf(machine, c)));
+        EXPECT_EQ(ReferenceFilterModule(ofB), NDIS_STATUS_CLOSING);
+        EXPECT_EQ(ReferenceFilterModule(nullptr), NDIS_STATUS_INVALID_PARAMETER);
+        DereferenceFilterModule(nullptr);
+        machine.UnloadDriver("NETSIEVE");
+        EXPECT_THAT(ModuleList(), testing::IsEmpty());
+    });
+}
+
+#endif
+
+}  // namespace
+}  // namespace netsieve::host

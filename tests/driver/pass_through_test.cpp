@@ -1,0 +1,169 @@
+// A module without hooks is transparent: every list and every event goes on as it came.
+#include <deque>
+
+#include "tests/driver/driver_scenario.h"
+
+namespace netsieve::host {
+namespace {
+
+/// A call as it arrived at an end of the stack.
+struct Call {
+    std::string name;
+    std::vector<PNET_BUFFER_LIST> lists;
+    NDIS_PORT_NUMBER port = 0;
+    ULONG count = 0;
+    ULONG flags = 0;
+    KIRQL irql = PASSIVE_LEVEL;
+    bool operator==(const Call&) const = default;
+};
+
+void PrintTo(const Call& call, std::ostream* out) {
+    *out << call.name << " lists " << testing::PrintToString(call.lists) << " port " << call.port
+         << " count " << call.count << " flags " << call.flags << " IRQL " << int{call.irql};
+}
+
+void RecordCalls(Stack& stack, std::vector<Call>& calls) {
+    const auto note = [&calls](Call call) {
+        call.irql = CurrentContext().irql;
+        calls.push_back(std::move(call));
+    };
+    stack.adapter().onSend = [=](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
+        note({"send", ListsOf(chain), port, 0, flags});
+    };
+    stack.protocol().onSendComplete = [=](PNET_BUFFER_LIST chain, ULONG flags) {
+        note({"complete", ListsOf(chain), 0, 0, flags});
+    };
+    stack.protocol().onReceive = [=](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count,
+                                     ULONG flags) {
+        note({"receive", ListsOf(chain), port, count, flags});
+    };
+    stack.adapter().onReturned = [=](PNET_BUFFER_LIST chain, ULONG flags) {
+        note({"return", ListsOf(chain), 0, 0, flags});
+    };
+}
+
+class PassThroughTest : public BothSchedulers {};
+
+TEST_P(PassThroughTest, HandsListsOnAsTheyCame) {
+    RunClean(Options(), [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        Traffic traffic(machine, stack);
+        std::vector<Call> calls;
+        RecordCalls(stack, calls);
+        for (const KIRQL irql : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
+            const ULONG atDispatch = irql == DISPATCH_LEVEL ? 1 : 0;
+            PNET_BUFFER_LIST const sent = traffic.MakeSends(3);
+            PNET_BUFFER_LIST const given = traffic.MakeReceives(2);
+            PNET_BUFFER_LIST const lent = traffic.MakeReceives(2);
+            const auto ofSent = ListsOf(sent), ofGiven = ListsOf(given), ofLent = ListsOf(lent);
+            AtIrql(machine, irql, [&] {
+                stack.protocol().Send(sent, 7 + irql, 0x10);
+                stack.adapter().Indicate(given, 9 + irql, 0x100);
+                stack.adapter().Indicate(lent, 11, NDIS_RECEIVE_FLAGS_RESOURCES);
+            });
+            EXPECT_THAT(calls, testing::ElementsAre(
+                                   Call{"send", ofSent, 7u + irql, 0, 0x10 | atDispatch, irql},
+                                   Call{"complete", ofSent, 0, 0, atDispatch, irql},
+                                   Call{"receive", ofGiven, 9u + irql, 2, 0x100 | atDispatch, irql},
+                                   Call{"return", ofGiven, 0, 0, atDispatch, irql},
+                                   Call{"receive", ofLent, 11, 2,
+                                        NDIS_RECEIVE_FLAGS_RESOURCES | atDispatch, irql}));
+            EXPECT_EQ(ListsOf(lent), ofLent);
+            // A receive's port is nobody's affair; a send's is what an injection will use.
+            EXPECT_EQ(RecordOf(machine, stack)->LastSendPortNumber, 7u + irql);
+            calls.clear();
+        }
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+TEST_P(PassThroughTest, HandsEventsOnAsTheyCame) {
+    RunClean(Options(), [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        Protocol& second = stack.AddProtocol(u"SECOND");
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        constexpr NDIS_STATUS kAnswer = MakeStatus(0xC00000BB);
+        char objects[4];  // only their addresses matter
+        auto* const deviceEvent = reinterpret_cast<PNET_DEVICE_PNP_EVENT>(&objects[1]);
+        auto* const netEvent = reinterpret_cast<PNET_PNP_EVENT_NOTIFICATION>(&objects[2]);
+        auto* const status = reinterpret_cast<PNDIS_STATUS_INDICATION>(&objects[3]);
+        std::vector<const void*> seen;
+        stack.adapter().onCancel = [&](PVOID id) { seen.push_back(id); };
+        stack.adapter().onDevicePnpEvent = [&](auto* event) { seen.push_back(event); };
+        stack.adapter().onNetPnpEvent = [&](auto* event) {
+            seen.push_back(event);
+            return kAnswer;
+        };
+        stack.protocol().onStatus = [&](auto* event) { seen.push_back(event); };
+        second.onStatus = stack.protocol().onStatus;
+
+        for (const KIRQL irql : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
+            AtIrql(machine, irql, [&] {
+                second.CancelSend(&objects[0]);
+                stack.adapter().IndicateStatus(status);
+            });
+            EXPECT_THAT(seen, testing::ElementsAre(&objects[0], status, status));
+            seen.clear();
+        }
+        stack.protocol().DevicePnpEvent(deviceEvent);
+        EXPECT_EQ(stack.protocol().NetPnpEvent(netEvent), kAnswer);
+        EXPECT_THAT(seen, testing::ElementsAre(deviceEvent, netEvent));
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+// Everything at once: two adapters, foreign filters with contexts of their own on both sides,
+// buffers in pieces, chains of several senders that are split, mixed and reordered on their way
+// back. The verifier compares each list's buffers and bytes with how it left.
+TEST_P(PassThroughTest, KeepsMixedTrafficWhole) {
+    const FrameLayout layouts[] = {{}, {.mdlSizes = {20, 1, 30}, .headroom = 25, .mapped = false}};
+    for (const Pace pace : {Pace::kDeferred, Pace::kMixed}) {
+        RunClean(Options(), [&](Machine& machine) {
+            Stack* const stacks[] = {&machine.ndis().AddAdapter(),
+                                     &machine.ndis().AddAdapter({.ifIndex = 2})};
+            for (const bool above : {true, false}) {
+                ASSERT_EQ(machine.LoadDriver(ForeignFilter(above)), STATUS_SUCCESS);
+            }
+            ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+            std::deque<Traffic> traffic;
+            std::vector<std::uint32_t> callers;
+            for (Stack* const stack : stacks) {
+                stack->adapter().pace().Set(pace);
+                stack->protocol().pace().Set(pace);
+                Traffic& counts = traffic.emplace_back(machine, *stack);
+                for (unsigned i = 0; i < 4; ++i) {
+                    PNET_BUFFER_LIST const sends = counts.MakeSends(5, layouts[i % 2]);
+                    PNET_BUFFER_LIST const receives = counts.MakeReceives(5, layouts[i % 2]);
+                    callers.push_back(machine.scheduler().Start(
+                        {.name = "caller",
+                         .kind = i < 2 ? ContextKind::kDpc : ContextKind::kThread,
+                         .processor = i},
+                        [=] {
+                            stack->protocol().Send(sends);
+                            stack->adapter().Indicate(receives, 0,
+                                                      i == 3 ? NDIS_RECEIVE_FLAGS_RESOURCES : 0);
+                        }));
+                }
+            }
+            for (const std::uint32_t caller : callers) {
+                machine.scheduler().Join(caller);
+            }
+            machine.UnloadDriver("NETSIEVE");
+            machine.UnloadDriver("FOREIGNUP");
+            machine.UnloadDriver("FOREIGNLO");
+            for (const Traffic& counts : traffic) {
+                EXPECT_THAT((std::array<int, 5>{counts.onWire, counts.completed, counts.refused,
+                                                counts.received, counts.returned}),
+                            testing::ElementsAre(20, 20, 0, 20, 15));
+            }
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Schedulers,
+                         PassThroughTest,
+                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded));
+
+}  // namespace
+}  // namespace netsieve::host

@@ -1,0 +1,199 @@
+// Small scenarios to run in many schedules. Each says what it saw wrong, or nothing.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+
+#include "driver/trace_log.h"
+#include "host/explore.h"
+#include "tests/driver/detaching_stack.h"
+
+namespace netsieve::host {
+
+/// A scenario for Explore. `Run` is its body; `Verdict` is asked when the machine is at rest.
+class Scenario {
+  public:
+    virtual ~Scenario() = default;
+    virtual void Run(Machine& machine) = 0;
+    virtual std::string Verdict(Machine& machine) {
+        const Accounting stock = TakeStock(machine);
+        return stock.Balanced() ? verdict_ : verdict_ + stock.Describe();
+    }
+    /// Runs in which contexts got in each other's way, as they must in some schedules: a list was
+    /// refused, or the lines of two tracers alternate.
+    std::uint64_t Meetings() const { return meetings_; }
+
+  protected:
+    void Demand(bool good, std::string what) {
+        if (!good && verdict_.empty()) {
+            verdict_ = std::move(what);
+        }
+    }
+    /// Every list came back once, and only from where it can have been.
+    void DemandHome(const Traffic& traffic, int sent, int given, int lent) {
+        Demand(traffic.onWire == traffic.completed && traffic.completed + traffic.refused == sent &&
+                   traffic.returned == given && traffic.received <= given + lent,
+               fmt::format("of {} sent lists {} were on the wire, {} came back and {} were "
+                           "refused; of {} given and {} lent lists {} were received and {} "
+                           "returned",
+                           sent, traffic.onWire.load(), traffic.completed.load(),
+                           traffic.refused.load(), given, lent, traffic.received.load(),
+                           traffic.returned.load()));
+        meetings_ += traffic.refused != 0 ? 1 : 0;
+    }
+    std::string verdict_;
+    std::uint64_t meetings_ = 0;
+};
+
+/// Attach, traffic, pause and detach, on four processors: one sender meets the attach, the others
+/// the pause and the detach.
+class LifeUnderTraffic final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Stack& stack = machine.ndis().AddAdapter();
+        Traffic traffic(machine, stack);
+        stack.adapter().pace().Set(Pace::kMixed);
+        stack.protocol().pace().Set(Pace::kMixed);
+        const auto sender = [&](int lists) {
+            return [&, chain = traffic.MakeSends(lists)] { stack.protocol().Send(chain); };
+        };
+        int given = 0;
+        int lent = 0;
+        const auto receiver = [&, first = traffic.MakeReceives(2),
+                               second = traffic.MakeReceives(1)] {
+            given = stack.adapter().Indicate(first) ? 2 : 0;
+            lent = stack.adapter().Indicate(second, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+        };
+        const auto pause = [&] {
+            stack.Pause();
+            stack.Restart();
+        };
+        Scheduler& scheduler = machine.scheduler();
+        std::vector<std::uint32_t> contexts;
+        contexts.push_back(scheduler.Start({.name = "early sender", .processor = 1}, sender(1)));
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        contexts.push_back(scheduler.Start({.name = "sender", .processor = 1}, sender(2)));
+        contexts.push_back(scheduler.Start(
+            {.name = "receiver", .kind = ContextKind::kDpc, .processor = 2}, receiver));
+        contexts.push_back(scheduler.Start({.name = "pause", .processor = 3}, pause));
+        machine.UnloadDriver("NETSIEVE");
+        for (const std::uint32_t context : contexts) {
+            scheduler.Join(context);
+        }
+        stack.Pause();  // everything comes home
+        DemandHome(traffic, 3, given, lent);
+    }
+};
+
+/// Sends, receives, completions and returns that meet a module which is being detached.
+class CallsDuringDetach final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Scheduler& scheduler = machine.scheduler();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Traffic traffic(machine, stack);
+        stack.adapter().pace().Set(Pace::kMixed);
+        stack.protocol().pace().Set(Pace::kMixed);
+        PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(1), traffic.MakeSends(1)};
+        PNET_BUFFER_LIST const given[] = {traffic.MakeReceives(1), traffic.MakeReceives(1)};
+        PNET_BUFFER_LIST const lent = traffic.MakeReceives(1);
+        DetachingStack detaching(machine, stack);
+        detaching.Begin(traffic.MakeSends(1));
+        // The first of each races with the detach. In a simulated machine nobody sleeps to the end
+        // before the handler waits, so that the second surely meets a module on its way out.
+        const std::uint32_t contexts[] = {
+            scheduler.Start({.name = "sender", .processor = 3},
+                            [&] {
+                                stack.protocol().Send(sends[0]);
+                                scheduler.Sleep(kTicksPerMillisecond);
+                                stack.protocol().Send(sends[1]);
+                            }),
+            scheduler.Start({.name = "receiver", .processor = 0}, [&] {
+                stack.adapter().Indicate(given[0]);
+                stack.adapter().Indicate(lent, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+                scheduler.Sleep(kTicksPerMillisecond);
+                stack.adapter().Indicate(given[1]);
+            })};
+        for (const std::uint32_t context : contexts) {
+            scheduler.Join(context);
+        }
+        // What is still at the ends comes back while the module waits.
+        Await(machine,
+              [&] { return traffic.returned == 2 && traffic.completed + traffic.refused == 2; });
+        detaching.End();
+        stack.Pause();
+        DemandHome(traffic, 3, 2, 1);
+        machine.UnloadDriver("NETSIEVE");
+    }
+};
+
+#if !defined(NETSIEVE_TEST_IMAGE)
+
+/// Four processors that trace on one module. The ring then holds their lines back to back, numbered
+/// as they lie there.
+class ConcurrentTraces final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        constexpr unsigned kCallers = 4;
+        constexpr unsigned kLines = 3;
+        FILTER_MODULE record{};
+        FILTER_MODULE* const module = &record;
+        InitializeTraceLog(module);
+        std::uint32_t contexts[kCallers];
+        for (unsigned i = 0; i < kCallers; ++i) {
+            const bool atDispatch = i % 2 != 0;
+            contexts[i] = machine.scheduler().Start(
+                {.name = "tracer",
+                 .kind = atDispatch ? ContextKind::kDpc : ContextKind::kThread,
+                 .processor = i},
+                [module, i, atDispatch] {
+                    for (unsigned line = 0; line < kLines; ++line) {
+                        TraceLog(module, "Tracer", i, atDispatch);
+                    }
+                });
+        }
+        for (const std::uint32_t context : contexts) {
+            machine.scheduler().Join(context);
+        }
+        const char* at = reinterpret_cast<const char*>(module->TraceBuffer);
+        unsigned lines[kCallers] = {};
+        unsigned changes = 0;
+        unsigned previous = kCallers;
+        for (unsigned number = 0; number < kCallers * kLines && verdict_.empty(); ++number) {
+            unsigned caller = kCallers;
+            const std::string line(at, strnlen(at, 64));
+            std::sscanf(line.c_str(), "[%*u Tracer->%u", &caller);
+            Demand(caller < kCallers && ++lines[caller] <= kLines &&
+                       line == fmt::format("[{} Tracer->{}]\n", number, caller),
+                   fmt::format("line {} reads '{}'", number, line));
+            at += line.size() + 1;
+            changes += caller != previous ? 1 : 0;
+            previous = caller;
+        }
+        meetings_ += changes > kCallers ? 1 : 0;
+        FreeTraceLog(module);
+    }
+};
+
+#endif
+
+/// Searches the schedules of `scenario` on four processors.
+inline ExploreResult SearchSchedules(const char* name,
+                                     Scenario& scenario,
+                                     StrategyKind strategy,
+                                     std::uint64_t schedules) {
+    return Explore(
+        {.name = name,
+         .machine = {.pctDepth = 2, .processors = 4},
+         .strategy = strategy,
+         .schedules = schedules},
+        [&](Machine& machine) { scenario.Run(machine); },
+        [&](Machine& machine) { return scenario.Verdict(machine); });
+}
+
+}  // namespace netsieve::host

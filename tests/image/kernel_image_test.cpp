@@ -1,0 +1,219 @@
+#include "host/image/kernel_image.h"
+
+#include <fmt/format.h>
+
+#include <cstdarg>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "platform/kernel.h"
+#include "tests/image/test_image.h"
+
+namespace netsieve::host {
+namespace {
+
+std::string gLog;
+
+// Stand-ins for what the toy driver imports.
+ULONG NTAPI Print(PCSTR format, ...) {
+    if (std::strchr(format, '%') == nullptr) {
+        gLog += format;
+        return 0;
+    }
+    __builtin_ms_va_list arguments;
+    __builtin_ms_va_start(arguments, format);
+    auto name = __builtin_va_arg(arguments, const char*);
+    auto version = __builtin_va_arg(arguments, unsigned);
+    auto pointer = __builtin_va_arg(arguments, void*);
+    auto number = __builtin_va_arg(arguments, int);
+    __builtin_ms_va_end(arguments);
+    gLog += fmt::format("{} {} {} {};", name, version, pointer, number);
+    return 0;
+}
+KIRQL NTAPI Acquire(PKSPIN_LOCK lock) {
+    *lock = 1;
+    return 7;
+}
+VOID NTAPI Release(PKSPIN_LOCK lock, KIRQL irql) {
+    gLog += fmt::format("lock {} irql {};", *lock, irql);
+    *lock = 0;
+}
+UINT NTAPI Version() {
+    return 0x60001;
+}
+
+ImportTable ToyImports() {
+    ImportTable table;
+    table.Add("NTOSKRNL.EXE", "DbgPrint", reinterpret_cast<void*>(Print));
+    table.Add("ntoskrnl.exe", "KeAcquireSpinLockRaiseToDpc", reinterpret_cast<void*>(Acquire));
+    table.Add("ntoskrnl.exe", "KeReleaseSpinLock", reinterpret_cast<void*>(Release));
+    table.Add("ndis.sys", "NdisGetVersion", reinterpret_cast<void*>(Version));
+    return table;
+}
+
+// The page protection of `address`, as the system tells it: "r-xp", or empty when nothing is
+// mapped.
+std::string ProtectionOf(const void* address) {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        std::uintptr_t begin = 0;
+        std::uintptr_t end = 0;
+        char protection[5] = {};
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, protection) == 3 &&
+            reinterpret_cast<std::uintptr_t>(address) - begin < end - begin) {
+            return protection;
+        }
+    }
+    return {};
+}
+
+template <class Function>
+Function* At(void* address) {
+    return reinterpret_cast<Function*>(address);
+}
+
+TEST(KernelImage, RunsInItsOwnProtectedPages) {
+    auto loaded = KernelImage::Load(std::filesystem::path(NETSIEVE_TOY_IMAGE), ToyImports());
+    ASSERT_TRUE(loaded) << loaded.Fault().message;
+    const std::uint8_t* base = loaded.Value().Memory().data();
+    {
+        KernelImage image = std::move(loaded.Value());
+        gLog.clear();
+        DRIVER_OBJECT driver{};
+        auto entry = At<NTSTATUS NTAPI(DRIVER_OBJECT*, UNICODE_STRING*)>(image.EntryPoint());
+        EXPECT_EQ(entry(&driver, nullptr), STATUS_SUCCESS);
+        ASSERT_TRUE(image.ContainsCode(reinterpret_cast<void*>(driver.DriverUnload)));
+        driver.DriverUnload(&driver);
+        EXPECT_EQ(gLog, fmt::format("lock 1 irql 7;loaded {} {} -7;toy unloaded\n", 0x60001,
+                                    static_cast<void*>(&driver)));
+        EXPECT_EQ(At<ULONG NTAPI(ULONG)>(image.FindExport("ToySum"))(4), 14u);
+        EXPECT_EQ(image.FindExport("DriverEntry"), nullptr);
+
+        EXPECT_FALSE(image.Contains(base - 1));
+        EXPECT_FALSE(image.Contains(base + image.Memory().size()));
+        EXPECT_EQ(ProtectionOf(base), "r--p");
+        for (const PeSection& section : image.File().Sections()) {
+            EXPECT_EQ(ProtectionOf(base + section.address), section.executable ? "r-xp"
+                                                            : section.writable ? "rw-p"
+                                                                               : "r--p")
+                << section.name;
+        }
+    }
+    EXPECT_EQ(ProtectionOf(base), "");
+}
+
+TEST(KernelImage, BindsOneImageToAnother) {
+    ImportTable platform = ToyImports();
+    auto first = KernelImage::Load(std::filesystem::path(NETSIEVE_TOY_IMAGE), platform);
+    ASSERT_TRUE(first) << first.Fault().message;
+    ImageExports exports("toy.sys", first.Value());
+    ImportChain chain;
+    chain.Add(platform);
+    chain.Add(exports);
+
+    TestImage client;
+    client.Replace("NDIS.SYS", "TOY.sys");
+    client.Replace("NdisGetVersion", "ToyLoads");
+    client.FixChecksum();
+    auto second = KernelImage::Load(client.bytes, chain);
+    ASSERT_TRUE(second) << second.Fault().message;
+    gLog.clear();
+    DRIVER_OBJECT driver{};
+    for (KernelImage* image : {&first.Value(), &second.Value()}) {
+        At<NTSTATUS NTAPI(DRIVER_OBJECT*, UNICODE_STRING*)>(image->EntryPoint())(&driver, nullptr);
+    }
+    EXPECT_NE(gLog.find(fmt::format("loaded 1 {} ", static_cast<void*>(&driver))),
+              std::string::npos)
+        << gLog;
+}
+
+using Long = std::uint32_t;
+
+struct Refusal {
+    ImageError expected;
+    const char* message;  // a part of it
+    std::function<void(TestImage&)> prepare;
+    bool fixChecksum = true;
+};
+
+const Refusal kRefusals[] = {
+    {ImageError::kWrongChecksum, "0x0", [](TestImage& i) { i.Set(i.Optional() + 64, Long{0}); },
+     false},
+    {ImageError::kWrongChecksum, "add up", [](TestImage& i) { i.bytes[0x40] ^= 1; }, false},
+    {ImageError::kWrongSubsystem, "subsystem is 3",
+     [](TestImage& i) { i.Set(i.Optional() + 68, std::uint16_t{3}); }},
+    {ImageError::kWritableCode, ".text", [](TestImage& i) { i.bytes[i.Section(0) + 39] |= 0x80; }},
+    {ImageError::kBadEntryPoint, "0x2000",
+     [](TestImage& i) { i.Set(i.Optional() + 16, Long{0x2000}); }},
+    {ImageError::kBadEntryPoint, "0x0", [](TestImage& i) { i.Set(i.Optional() + 16, Long{0}); }},
+    {ImageError::kBadEntryPoint, "0xffffffff",
+     [](TestImage& i) { i.Set(i.Optional() + 16, ~Long{0}); }},
+    {ImageError::kUnsupported, "thread-local",
+     [](TestImage& i) { i.Set(i.Directory(PeDirectory::kTls), Long{0x3000}); }},
+    {ImageError::kUnsupported, "ToyLoads is forwarded to TOY.sys",
+     [](TestImage& i) {
+         std::size_t table = i.Contents(PeDirectory::kExports);
+         i.Set(table + 40, i.Get<Long>(table + 12));
+     }},
+    {ImageError::kImportByOrdinal, "NDIS.SYS!#9",
+     [](TestImage& i) {
+         i.Set(i.FileOffset(i.Get<Long>(i.Contents(PeDirectory::kImports))),
+               std::uint64_t{1} << 63 | 9);
+     }},
+    {ImageError::kUnknownImports, "NDIS.SYS!NdisGetVersiom, ntoskrnl.exe!DbgPrimt",
+     [](TestImage& i) {
+         i.Replace("NdisGetVersion", "NdisGetVersiom");
+         i.Replace("DbgPrint", "DbgPrimt");
+     }},
+    {ImageError::kUnknownImports, "NDIT.SYS!NdisGetVersion",
+     [](TestImage& i) { i.Replace("NDIS.SYS", "NDIT.SYS"); }},
+    {ImageError::kNotRelocatable, "only base",
+     [](TestImage& i) {
+         i.bytes[i.Pe() + 22] |= 1;
+         // This test's own code is in the way there.
+         i.Set(i.Optional() + 24, reinterpret_cast<std::uintptr_t>(Print) & ~std::uint64_t{0xFFFF});
+     }},
+};
+
+TEST(KernelImage, RefusesByName) {
+    for (const Refusal& refusal : kRefusals) {
+        TestImage image;
+        refusal.prepare(image);
+        if (refusal.fixChecksum) {
+            image.FixChecksum();
+        }
+        auto loaded = KernelImage::Load(image.bytes, ToyImports());
+        ASSERT_FALSE(loaded) << refusal.message;
+        EXPECT_EQ(ImageErrorName(loaded.Fault().error), ImageErrorName(refusal.expected));
+        EXPECT_NE(loaded.Fault().message.find(refusal.message), std::string::npos)
+            << loaded.Fault().message;
+    }
+    for (const char* path : {"/nonexistent.sys", "/"}) {
+        auto loaded = KernelImage::Load(std::filesystem::path(path), ToyImports());
+        ASSERT_FALSE(loaded) << path;
+        EXPECT_EQ(loaded.Fault().error, ImageError::kUnreadable);
+    }
+}
+
+TEST(KernelImage, FlippedBitsAreLoadedOrRefused) {
+    const TestImage image;
+    const ImportTable imports = ToyImports();
+    std::mt19937_64 random(2);
+    std::size_t loaded = 0;
+    for (int round = 0; round < 10000; ++round) {
+        TestImage flipped = image;
+        flipped.FlipBits(image, random, 1);
+        // The checksum sees any one bit; several may cancel out.
+        EXPECT_FALSE(KernelImage::Load(flipped.bytes, imports)) << "round " << round;
+        flipped.FlipBits(image, random, round % 4);
+        if (flipped.Pe() == image.Pe()) {
+            flipped.FixChecksum();
+        }
+        loaded += KernelImage::Load(flipped.bytes, imports) ? 1 : 0;
+    }
+    EXPECT_GT(loaded, 1000u);
+}
+
+}  // namespace
+}  // namespace netsieve::host

@@ -1,0 +1,326 @@
+#include "tests/verifier/breakers.h"
+
+namespace netsieve::host {
+
+namespace {
+
+constexpr ULONG kTag = SmallFilter::kTag;
+
+UCHAR* Block(UINT size = 64) {
+    PVOID block = nullptr;
+    NdisAllocateMemoryWithTag(&block, size, kTag);
+    return static_cast<UCHAR*>(block);
+}
+
+void Free(PVOID block) {
+    NdisFreeMemory(block, 0, 0);
+}
+
+struct Lock {
+    Lock() { KeInitializeSpinLock(&word); }
+    KSPIN_LOCK word;
+};
+
+NTSTATUS WaitFor(KEVENT& event, LONGLONG timeout) {
+    LARGE_INTEGER due;
+    due.QuadPart = timeout;
+    return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE,
+                                 timeout == 0 ? nullptr : &due);
+}
+
+VOID NTAPI NoRoutine(PDEVICE_OBJECT, PVOID) {}
+VOID NTAPI NoTimerRoutine(PVOID, PVOID, PVOID, PVOID) {}
+
+// Two events that a routine waits for and sets, on behalf of a driver that does not wait for it.
+struct Rendezvous {
+    KEVENT go;
+    KEVENT done;
+};
+VOID NTAPI WaitAndSet(PDEVICE_OBJECT, PVOID context) {
+    auto* const events = static_cast<Rendezvous*>(context);
+    WaitFor(events->go, 0);
+    KeSetEvent(&events->done, 0, FALSE);
+}
+
+PDEVICE_OBJECT Device(Scene& scene) {
+    PDEVICE_OBJECT device = nullptr;
+    IoCreateDevice(scene.filter.object, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+    return device;
+}
+
+/// Starts the filter with a device and a work item, hands the item to `body`, and frees both.
+void WithWorkItem(Scene& scene, const std::function<void(PIO_WORKITEM)>& body, bool frees = true) {
+    scene.Start();
+    PDEVICE_OBJECT const device = Device(scene);
+    PIO_WORKITEM const item = IoAllocateWorkItem(device);
+    // The worker cannot run yet: this processor is kept.
+    AtDispatch([&] { body(item); });
+    scene.machine.scheduler().Sleep(kTicksPerMillisecond);
+    if (frees) {
+        IoFreeWorkItem(item);
+    }
+    IoDeleteDevice(device);
+}
+
+void FreeBlockWithTimer(Scene& scene) {
+    auto* const timer = reinterpret_cast<PNDIS_TIMER>(Block(sizeof(NDIS_TIMER)));
+    NdisInitializeTimer(timer, &NoTimerRoutine, nullptr);
+    NdisSetTimer(timer, 5);
+    Free(timer);
+    scene.machine.scheduler().Sleep(10 * kTicksPerMillisecond);
+}
+
+// The timer fires while this processor is kept, so that its routine is queued and has not begun.
+void FreeBlockWithQueuedTimer(Scene& scene) {
+    auto* const timer = reinterpret_cast<PNDIS_TIMER>(Block(sizeof(NDIS_TIMER)));
+    NdisInitializeTimer(timer, &NoTimerRoutine, nullptr);
+    NdisSetTimer(timer, 1);
+    Scheduler& scheduler = scene.machine.scheduler();
+    const std::uint32_t other = scheduler.Start({.name = "other", .processor = 1}, [&] {
+        scheduler.Sleep(2 * kTicksPerMillisecond);
+        Free(timer);
+        scheduler.Sleep(kTicksPerMillisecond);
+    });
+    AtDispatch([&] { scheduler.Sleep(5 * kTicksPerMillisecond); });
+    scheduler.Join(other);
+}
+
+void TakeInBothOrders() {
+    Lock a;
+    Lock b;
+    for (const auto& [first, second] : {std::pair{&a, &b}, std::pair{&b, &a}}) {
+        const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&first->word);
+        KeAcquireSpinLockAtDpcLevel(&second->word);
+        KeReleaseSpinLockFromDpcLevel(&second->word);
+        KeReleaseSpinLock(&first->word, irql);
+    }
+}
+
+void RunPastUnload(Scene& scene) {
+    static Rendezvous events;
+    KeInitializeEvent(&events.go, NotificationEvent, FALSE);
+    KeInitializeEvent(&events.done, NotificationEvent, FALSE);
+    WithWorkItem(scene, [](PIO_WORKITEM item) {
+        IoQueueWorkItem(item, &WaitAndSet, DelayedWorkQueue, &events);
+    });
+    scene.Finish();
+    KeSetEvent(&events.go, 0, FALSE);
+    WaitFor(events.done, 0);
+}
+
+std::vector<Breaker> LockBreakers() {
+    return {
+        {Rule::kLockForm, "at-DPC form at PASSIVE_LEVEL",
+         [](Scene&) {
+             Lock lock;
+             KeAcquireSpinLockAtDpcLevel(&lock.word);
+             KeReleaseSpinLockFromDpcLevel(&lock.word);
+         }},
+        {Rule::kLockForm, "released to another IRQL than was saved",
+         [](Scene&) {
+             Lock lock;
+             AtDispatch([&] {
+                 KeAcquireSpinLockRaiseToDpc(&lock.word);
+                 KeReleaseSpinLock(&lock.word, PASSIVE_LEVEL);
+             });
+         }},
+        {Rule::kLockRecursion, "acquired by its owner",
+         [](Scene&) {
+             Lock lock;
+             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock.word);
+             KeAcquireSpinLockAtDpcLevel(&lock.word);
+             KeReleaseSpinLockFromDpcLevel(&lock.word);
+             KeReleaseSpinLock(&lock.word, irql);
+         }},
+        {Rule::kLockOwner, "released by one who never acquired it",
+         [](Scene&) {
+             Lock lock;
+             KeReleaseSpinLock(&lock.word, PASSIVE_LEVEL);
+         }},
+        {Rule::kLockUninitialised, "a word of zero is no lock",
+         [](Scene&) {
+             KSPIN_LOCK lock = 0;
+             KeReleaseSpinLock(&lock, KeAcquireSpinLockRaiseToDpc(&lock));
+         }},
+        {Rule::kLockReinitialised, "initialised while held",
+         [](Scene&) {
+             Lock lock;
+             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock.word);
+             KeInitializeSpinLock(&lock.word);
+             KeReleaseSpinLock(&lock.word, irql);
+         }},
+        {Rule::kLockInFreedMemory, "freed while held, then released",
+         [](Scene&) {
+             auto* const lock = reinterpret_cast<PKSPIN_LOCK>(Block());
+             KeInitializeSpinLock(lock);
+             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(lock);
+             Free(lock);
+             KeReleaseSpinLock(lock, irql);
+         }},
+        {Rule::kLockOrder, "two locks in both orders", [](Scene&) { TakeInBothOrders(); }},
+    };
+}
+
+std::vector<Breaker> PoolBreakers() {
+    return {
+        {Rule::kPoolZeroSize, "zero bytes", [](Scene&) { Free(Block(0)); }},
+        {Rule::kPagedPoolLevel, "paged pool at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             void* block = nullptr;
+             MemoryPool& pool = scene.machine.pool();
+             AtDispatch([&] { block = pool.Allocate(8, kTag, PoolKind::kPaged); });
+             pool.Free(block, kTag);
+         }},
+        {Rule::kPoolOverrun, "one byte behind",
+         [](Scene&) {
+             UCHAR* const block = Block();
+             block[64] = 0;
+             Free(block);
+         }},
+        {Rule::kPoolOverrun, "one byte before",
+         [](Scene&) {
+             UCHAR* const block = Block();
+             block[-1] = 0;
+             Free(block);
+         }},
+        {Rule::kPoolDoubleFree, "freed twice",
+         [](Scene&) {
+             UCHAR* const block = Block();
+             Free(block);
+             Free(block);
+         }},
+        {Rule::kPoolForeignPointer, "not by its first byte",
+         [](Scene&) {
+             UCHAR* const block = Block();
+             Free(block + 8);
+             Free(block);
+         }},
+        {Rule::kPoolWrongTag, "another tag",
+         [](Scene& scene) { scene.machine.pool().Free(Block(), kTag + 1); }},
+        {Rule::kPoolUseAfterFree, "written after it was freed",
+         [](Scene&) {
+             UCHAR* const block = Block();
+             Free(block);
+             block[7] = 0;
+         },
+         true},
+        {Rule::kPoolUseAfterFree, "a freed work item is queued",
+         [](Scene& scene) {
+             WithWorkItem(
+                 scene,
+                 [](PIO_WORKITEM item) {
+                     IoFreeWorkItem(item);
+                     IoQueueWorkItem(item, &NoRoutine, DelayedWorkQueue, nullptr);
+                 },
+                 false);
+         }},
+        {Rule::kPoolLeak, "a block outlives the driver",
+         [](Scene& scene) {
+             scene.filter.entry = [] { return Block() == nullptr ? STATUS_UNSUCCESSFUL : 0; };
+             scene.Start();
+         }},
+        {Rule::kObjectLeak, "a device outlives the driver",
+         [](Scene& scene) {
+             scene.Start();
+             Device(scene);
+         }},
+    };
+}
+
+std::vector<Breaker> RoutineBreakers() {
+    return {
+        {Rule::kWorkItemQueued, "queued twice",
+         [](Scene& scene) {
+             WithWorkItem(scene, [](PIO_WORKITEM item) {
+                 IoQueueWorkItem(item, &NoRoutine, DelayedWorkQueue, nullptr);
+                 IoQueueWorkItem(item, &NoRoutine, DelayedWorkQueue, nullptr);
+             });
+         }},
+        {Rule::kWorkItemQueued, "freed while queued",
+         [](Scene& scene) {
+             WithWorkItem(
+                 scene,
+                 [](PIO_WORKITEM item) {
+                     IoQueueWorkItem(item, &NoRoutine, DelayedWorkQueue, nullptr);
+                     IoFreeWorkItem(item);
+                 },
+                 false);
+         }},
+        {Rule::kTimerInFreedMemory, "armed", &FreeBlockWithTimer},
+        {Rule::kTimerInFreedMemory, "queued", &FreeBlockWithQueuedTimer},
+        {Rule::kRoutineOutlivesDriver, "a timer is armed at the end of unload",
+         [](Scene& scene) {
+             static NDIS_TIMER timer;
+             scene.filter.unload = [] {
+                 NdisInitializeTimer(&timer, &NoTimerRoutine, nullptr);
+                 NdisSetTimer(&timer, 1);
+             };
+             scene.Start();
+         }},
+        {Rule::kRoutineOutlivesDriver, "a routine goes on after unload", &RunPastUnload},
+    };
+}
+
+std::vector<Breaker> LevelBreakers() {
+    return {
+        {Rule::kPassiveLevelRequired, "a PnP event at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             AtDispatch([&] { NdisFDevicePnPEventNotify(scene.filter.handle, nullptr); });
+         }},
+        {Rule::kDispatchLevelExceeded, "an event set in an interrupt",
+         [](Scene& scene) {
+             KEVENT event;
+             KeInitializeEvent(&event, NotificationEvent, FALSE);
+             constexpr KIRQL kDeviceLevel = 5;
+             scene.machine.scheduler().SetIrql(kDeviceLevel);
+             KeSetEvent(&event, 0, FALSE);
+             scene.machine.scheduler().SetIrql(PASSIVE_LEVEL);
+         }},
+        {Rule::kWaitLevel, "a wait at DISPATCH_LEVEL",
+         [](Scene&) {
+             KEVENT event;
+             KeInitializeEvent(&event, NotificationEvent, TRUE);
+             AtDispatch([&] { WaitFor(event, -kTicksPerMillisecond); });
+         }},
+        {Rule::kEventUninitialised, "an event of zeroes",
+         [](Scene&) {
+             KEVENT event{};
+             KeSetEvent(&event, 0, FALSE);
+         }},
+        {Rule::kHang, "the same wait times out for ever",
+         [](Scene&) {
+             KEVENT event;
+             KeInitializeEvent(&event, NotificationEvent, FALSE);
+             while (WaitFor(event, -3 * kTicksPerSecond) == STATUS_TIMEOUT) {
+             }
+         }},
+        {Rule::kDeadlock, "an event that nobody sets",
+         [](Scene&) {
+             KEVENT event;
+             KeInitializeEvent(&event, NotificationEvent, FALSE);
+             WaitFor(event, 0);
+         }},
+    };
+}
+
+}  // namespace
+
+void AtDispatch(const std::function<void()>& body) {
+    // As the system raises it: a lock would be one more thing held.
+    Scheduler& scheduler = Machine::Current().scheduler();
+    const KIRQL irql = CurrentContext().irql;
+    scheduler.SetIrql(DISPATCH_LEVEL);
+    body();
+    scheduler.SetIrql(irql);
+}
+
+std::vector<Breaker> KernelBreakers() {
+    std::vector<Breaker> all;
+    for (const auto& part : {LockBreakers(), PoolBreakers(), RoutineBreakers(), LevelBreakers()}) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,63 @@
+// For each rule of the platform something small that breaks it, and only it.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "host/machine.h"
+#include "host/ndis/frame_lists.h"
+#include "host/ndis/ndis.h"
+#include "tests/verifier/small_filter.h"
+
+namespace netsieve::host {
+
+/// One adapter, one protocol and the small filter between them. It lives outside the machine's run,
+/// because a run that is given up drops what stands on its stacks.
+struct Scene {
+    explicit Scene(Machine& theMachine) : machine(theMachine) {}
+
+    /// Brings the adapter and the filter up.
+    void Start();
+    /// The protocol sends, the adapter indicates, chains of `count` lists of two frames each.
+    void Send(int count = 1);
+    void Receive(ULONG flags = 0, int count = 1);
+    /// Frees what came home and unloads the filter.
+    void Finish();
+
+    /// A list of the filter's own, and its end.
+    PNET_BUFFER_LIST MakeOwn();
+    void FreeOwn();
+
+    Machine& machine;
+    SmallFilter filter;
+    Stack* stack = nullptr;
+    PNET_BUFFER_LIST kept = nullptr;  ///< for a breaker to remember a list in
+    PNET_BUFFER_LIST own = nullptr;
+
+  private:
+    std::unique_ptr<FrameLists> protocolLists_;
+    std::unique_ptr<FrameLists> adapterLists_;
+    std::vector<PNET_BUFFER_LIST> sentHome_;
+    std::vector<PNET_BUFFER_LIST> receivedHome_;
+    PMDL ownMdl_ = nullptr;
+    NDIS_HANDLE ownPool_ = nullptr;
+    UCHAR ownFrame_[64] = {};
+};
+
+struct Breaker {
+    Rule rule;
+    const char* how;
+    std::function<void(Scene&)> act;  ///< in the machine, as its first thread
+    /// AddressSanitizer stops the program at the access itself, before any rule could report it.
+    bool stopsAddressSanitizer = false;
+};
+
+/// Those about locks, memory, timers and the like; those about lists and modules.
+std::vector<Breaker> KernelBreakers();
+std::vector<Breaker> ListBreakers();
+
+/// Runs `body` at DISPATCH_LEVEL.
+void AtDispatch(const std::function<void()>& body);
+
+}  // namespace netsieve::host

@@ -1,0 +1,367 @@
+#include <utility>
+
+#include "tests/verifier/breakers.h"
+
+namespace netsieve::host {
+
+namespace {
+
+constexpr ULONG kLent = NDIS_RECEIVE_FLAGS_RESOURCES;
+
+UCHAR& FirstByte(PNET_BUFFER_LIST list) {
+    const NET_BUFFER& buffer = *list->FirstNetBuffer;
+    return static_cast<UCHAR*>(buffer.CurrentMdl->MappedSystemVa)[buffer.CurrentMdlOffset];
+}
+
+void SendOn(Scene& scene, PNET_BUFFER_LIST chain, ULONG flags = 0) {
+    NdisFSendNetBufferLists(scene.filter.handle, chain, 0, flags);
+}
+
+void CompleteOn(Scene& scene, PNET_BUFFER_LIST chain) {
+    NdisFSendNetBufferListsComplete(scene.filter.handle, chain, 0);
+}
+
+void IndicateOn(Scene& scene, PNET_BUFFER_LIST chain, ULONG count, ULONG flags) {
+    NdisFIndicateReceiveNetBufferLists(scene.filter.handle, chain, 0, count, flags);
+}
+
+/// What breaks a rule when the filter meets a list that is sent, in place of passing it on.
+std::function<void(Scene&)> OnSend(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
+    return [handler = std::move(handler)](Scene& scene) {
+        scene.filter.send = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+            handler(scene, chain);
+        };
+        scene.Start();
+        scene.Send();
+    };
+}
+
+std::function<void(Scene&)> OnSendComplete(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
+    return [handler = std::move(handler)](Scene& scene) {
+        scene.filter.sendComplete = [&](PNET_BUFFER_LIST chain, ULONG) { handler(scene, chain); };
+        scene.Start();
+        scene.Send();
+    };
+}
+
+/// The same for a chain of two lists that the adapter lends.
+std::function<void(Scene&)> OnLoan(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
+    return [handler = std::move(handler)](Scene& scene) {
+        scene.filter.receive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
+            handler(scene, chain);
+        };
+        scene.Start();
+        scene.Receive(kLent, 2);
+    };
+}
+
+/// Starts with a list of the filter's own, which its send-complete handler keeps to itself.
+void StartWithOwn(Scene& scene) {
+    scene.filter.sendComplete = [](PNET_BUFFER_LIST, ULONG) {};
+    scene.Start();
+    scene.MakeOwn();
+}
+
+void WriteWhileGivenAway(Scene& scene) {
+    scene.filter.sendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
+        FirstByte(chain) ^= 1;
+        CompleteOn(scene, chain);
+    };
+    scene.Start();
+    scene.stack->adapter().pace().Set(Pace::kHold);
+    scene.stack->adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+        scene.kept = chain;
+    };
+    scene.Send();
+    FirstByte(scene.kept) ^= 1;
+    scene.stack->adapter().pace().ReleaseAll();
+}
+
+void SwapBuffers(PNET_BUFFER_LIST list) {
+    PNET_BUFFER const first = list->FirstNetBuffer;
+    list->FirstNetBuffer = std::exchange(first->Next, nullptr);
+    list->FirstNetBuffer->Next = first;
+}
+
+void KeepLoan(Scene& scene) {
+    OnLoan([](Scene& inside, PNET_BUFFER_LIST chain) { inside.kept = chain; })(scene);
+    IndicateOn(scene, scene.kept, 2, 0);
+}
+
+void DetachUnderCall(Scene& scene) {
+    scene.Start();
+    scene.stack->adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
+        scene.stack->DetachUnderCalls(*scene.stack->modules().front());
+    };
+    scene.Send();
+}
+
+void LeaveBlockBehindFailedAttach(Scene& scene) {
+    static PVOID block = nullptr;
+    scene.filter.attach = [] {
+        NdisAllocateMemoryWithTag(&block, 16, SmallFilter::kTag);
+        return NDIS_STATUS_FAILURE;
+    };
+    scene.filter.unload = [] { NdisFreeMemory(block, 0, 0); };
+    scene.Start();
+}
+
+NDIS_STATUS WaitElevenSeconds() {
+    KEVENT never;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    LARGE_INTEGER due;
+    due.QuadPart = -11 * kTicksPerSecond;
+    KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
+    return NDIS_STATUS_SUCCESS;
+}
+
+std::vector<Breaker> HandOverBreakers() {
+    return {
+        {Rule::kDispatchFlag, "flag set at PASSIVE_LEVEL",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
+         })},
+        {Rule::kListTouched, "written after it was sent on", &WriteWhileGivenAway},
+        {Rule::kSourceHandle, "a list of another's with the filter's handle",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             chain->SourceHandle = scene.filter.handle;
+             SendOn(scene, chain);
+         })},
+        {Rule::kSourceHandle, "an own list without it",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             scene.own->SourceHandle = nullptr;
+             SendOn(scene, scene.own);
+         }},
+        {Rule::kOriginatedListPassedOn, "an own list is completed to those above",
+         [](Scene& scene) {
+             scene.Start();
+             SendOn(scene, scene.MakeOwn());
+         }},
+        {Rule::kListNotOwned, "completed twice",
+         OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
+             CompleteOn(scene, chain);
+             CompleteOn(scene, chain);
+         })},
+        {Rule::kListDirection, "a sent list is returned",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
+             SendOn(scene, chain);
+         })},
+        {Rule::kListBuffers, "completed with its buffers in another order",
+         OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
+             SwapBuffers(chain);
+             CompleteOn(scene, chain);
+         })},
+        {Rule::kListBytes, "completed with other bytes",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             FirstByte(chain) ^= 1;
+             SendOn(scene, chain);
+         })},
+        {Rule::kListLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
+        {Rule::kListCount, "one list too many",
+         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 3, kLent); })},
+        {Rule::kResourcesListKept, "indicated after the loan", &KeepLoan},
+        {Rule::kResourcesChain, "the second list is gone from the chain",
+         OnLoan([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
+        {Rule::kResourcesListReturned, "returned during the loan",
+         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
+         })},
+        {Rule::kResourcesFlagDropped, "passed up without the flag",
+         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 2, 0); })},
+    };
+}
+
+std::vector<Breaker> ModuleBreakers() {
+    return {
+        {Rule::kCallbackIrql, "a handler returns at DISPATCH_LEVEL",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             SendOn(scene, chain);
+             scene.machine.scheduler().SetIrql(DISPATCH_LEVEL);
+         })},
+        {Rule::kCallbackHoldsLock, "a handler returns with a lock",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             static KSPIN_LOCK lock;
+             SendOn(scene, chain);
+             KeInitializeSpinLock(&lock);
+             KeAcquireSpinLockRaiseToDpc(&lock);
+         })},
+        {Rule::kPauseOutstanding, "an own list is out when pause returns",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             scene.stack->adapter().pace().Set(Pace::kHold);
+             SendOn(scene, scene.own);
+             scene.stack->Pause();
+         }},
+        {Rule::kPauseFailed, "pause fails",
+         [](Scene& scene) {
+             scene.filter.pause = [] { return NDIS_STATUS_FAILURE; };
+             scene.Start();
+         }},
+        {Rule::kPauseTooLong, "pause takes 11 s",
+         [](Scene& scene) {
+             scene.filter.pause = &WaitElevenSeconds;
+             scene.Start();
+         }},
+        {Rule::kOriginatedWhilePaused, "sends a list of its own when paused",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             scene.stack->Pause();
+             SendOn(scene, scene.own);
+         }},
+        {Rule::kAttachLeftBehind, "a failed attach leaves a block", &LeaveBlockBehindFailedAttach},
+        {Rule::kDeregisteredElsewhere, "outside the unload routine",
+         [](Scene& scene) {
+             scene.filter.deregisters = false;
+             scene.Start();
+             NdisFDeregisterFilterDriver(scene.filter.registration);
+         }},
+        {Rule::kCancelNotForwarded, "a cancel request ends here",
+         [](Scene& scene) {
+             scene.filter.cancel = [](PVOID) {};
+             scene.Start();
+             scene.stack->protocol().CancelSend(&scene);
+         }},
+        {Rule::kModuleFreedInUse, "detached under a call", &DetachUnderCall},
+    };
+}
+
+std::vector<Breaker> ContextAndPoolBreakers() {
+    return {
+        {Rule::kContextSize, "24 bytes", OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisAllocateNetBufferListContext(chain, 24, 0, SmallFilter::kTag);
+             NdisFreeNetBufferListContext(chain, 24);
+             SendOn(scene, chain);
+         })},
+        {Rule::kContextLeft, "completed with the filter's context",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisAllocateNetBufferListContext(chain, 32, 0, SmallFilter::kTag);
+             SendOn(scene, chain);
+         })},
+        {Rule::kContextNotOnTop, "freed with another size",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisAllocateNetBufferListContext(chain, 32, 0, SmallFilter::kTag);
+             NdisFreeNetBufferListContext(chain, 16);
+             NdisFreeNetBufferListContext(chain, 32);
+             SendOn(scene, chain);
+         })},
+        {Rule::kNblPoolInUse, "freed with a list out",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             NdisFreeNetBufferListPool(scene.own->NdisPoolHandle);
+             scene.own->NdisPoolHandle = nullptr;
+         }},
+        {Rule::kFreedListUsed, "freed twice",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PNET_BUFFER_LIST const list = scene.own;
+             scene.FreeOwn();
+             NdisFreeNetBufferList(list);
+         }},
+        {Rule::kFreedListUsed, "a freed list is indicated",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PNET_BUFFER_LIST const list = scene.own;
+             scene.FreeOwn();
+             IndicateOn(scene, list, 1, 0);
+         }},
+        {Rule::kFreedListUsed, "written after it was freed",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PNET_BUFFER_LIST const list = scene.own;
+             scene.FreeOwn();
+             list->Status = NDIS_STATUS_FAILURE;
+         },
+         true},
+    };
+}
+
+}  // namespace
+
+std::vector<Breaker> ListBreakers() {
+    std::vector<Breaker> all;
+    for (const auto& part : {HandOverBreakers(), ModuleBreakers(), ContextAndPoolBreakers()}) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+void Scene::Start() {
+    stack = &machine.ndis().AddAdapter();
+    machine.LoadDriver(SmallFilter::Source());
+    protocolLists_ = std::make_unique<FrameLists>(machine, stack->protocol().pool());
+    adapterLists_ = std::make_unique<FrameLists>(machine, stack->adapter().pool());
+    const auto collect = [](std::vector<PNET_BUFFER_LIST>& home) {
+        return [&home](PNET_BUFFER_LIST chain, ULONG) {
+            for (; chain != nullptr; chain = chain->Next) {
+                home.push_back(chain);
+            }
+        };
+    };
+    stack->protocol().onSendComplete = collect(sentHome_);
+    stack->adapter().onReturned = collect(receivedHome_);
+}
+
+namespace {
+
+PNET_BUFFER_LIST MakeChain(FrameLists& lists, int count) {
+    static constexpr std::uint8_t kFrame[60] = {1, 2, 3, 4};
+    static constexpr std::span<const std::uint8_t> kFrames[] = {kFrame, kFrame};
+    PNET_BUFFER_LIST chain = nullptr;
+    for (int i = 0; i < count; ++i) {
+        PNET_BUFFER_LIST const list = lists.Make(kFrames);
+        list->Next = chain;
+        chain = list;
+    }
+    return chain;
+}
+
+}  // namespace
+
+void Scene::Send(int count) {
+    stack->protocol().Send(MakeChain(*protocolLists_, count));
+}
+
+void Scene::Receive(ULONG flags, int count) {
+    PNET_BUFFER_LIST const chain = MakeChain(*adapterLists_, count);
+    stack->adapter().Indicate(chain, 0, flags);
+    for (PNET_BUFFER_LIST list = chain; (flags & kLent) != 0 && list != nullptr;
+         list = list->Next) {
+        receivedHome_.push_back(list);
+    }
+}
+
+void Scene::Finish() {
+    if (own != nullptr) {
+        FreeOwn();
+    }
+    machine.UnloadDriver("SMALL");
+    for (PNET_BUFFER_LIST list : std::exchange(sentHome_, {})) {
+        protocolLists_->Free(list);
+    }
+    for (PNET_BUFFER_LIST list : std::exchange(receivedHome_, {})) {
+        adapterLists_->Free(list);
+    }
+}
+
+PNET_BUFFER_LIST Scene::MakeOwn() {
+    NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
+    parameters.fAllocateNetBuffer = TRUE;
+    ownPool_ = NdisAllocateNetBufferListPool(filter.handle, &parameters);
+    ownMdl_ = NdisAllocateMdl(filter.handle, ownFrame_, sizeof(ownFrame_));
+    own = NdisAllocateNetBufferAndNetBufferList(ownPool_, 0, 0, ownMdl_, 0, sizeof(ownFrame_));
+    own->SourceHandle = filter.handle;
+    return own;
+}
+
+void Scene::FreeOwn() {
+    const bool poolIsFreed = own->NdisPoolHandle == nullptr;
+    NdisFreeNetBufferList(std::exchange(own, nullptr));
+    NdisFreeMdl(ownMdl_);
+    if (!poolIsFreed) {
+        NdisFreeNetBufferListPool(ownPool_);
+    }
+}
+
+}  // namespace netsieve::host

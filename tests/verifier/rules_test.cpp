@@ -1,0 +1,123 @@
+// Every rule is broken by something, and exactly that rule is reported.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tests/verifier/breakers.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NETSIEVE_ASAN 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define NETSIEVE_ASAN 1
+#endif
+
+namespace netsieve::host {
+namespace {
+
+std::vector<Breaker> AllBreakers() {
+    std::vector<Breaker> all = KernelBreakers();
+    const std::vector<Breaker> lists = ListBreakers();
+    all.insert(all.end(), lists.begin(), lists.end());
+    return all;
+}
+
+std::string NameOf(const testing::TestParamInfo<Breaker>& info) {
+    return RuleName(info.param.rule) + std::to_string(info.index);
+}
+
+void RunBreaker(Machine& machine, Scene& scene, const Breaker& breaker) {
+    machine.Run([&] {
+        breaker.act(scene);
+        scene.Finish();
+    });
+    machine.ndis().ReportLostLists();
+}
+
+class BrokenRule : public testing::TestWithParam<Breaker> {};
+
+TEST_P(BrokenRule, IsReportedAndNoOther) {
+    const Breaker& breaker = GetParam();
+#ifdef NETSIEVE_ASAN
+    if (breaker.stopsAddressSanitizer) {
+        GTEST_SKIP() << "AddressSanitizer stops the program at the access itself";
+    }
+#endif
+    Machine machine;
+    Scene scene(machine);
+    RunBreaker(machine, scene, breaker);
+    std::set<std::string> reported;
+    for (const Violation& violation : machine.verifier().Violations()) {
+        reported.insert(RuleName(violation.rule));
+    }
+    EXPECT_THAT(reported, testing::ElementsAre(RuleName(breaker.rule)))
+        << breaker.how << "\n"
+        << machine.verifier().Describe();
+}
+
+INSTANTIATE_TEST_SUITE_P(, BrokenRule, testing::ValuesIn(AllBreakers()), NameOf);
+
+TEST(Rules, EachHasABreaker) {
+    std::set<Rule> broken;
+    for (const Breaker& breaker : AllBreakers()) {
+        broken.insert(breaker.rule);
+    }
+    for (int i = 0; i < static_cast<int>(Rule::kCount); ++i) {
+        const Rule rule = static_cast<Rule>(i);
+        EXPECT_TRUE(broken.contains(rule)) << RuleName(rule);
+    }
+}
+
+// With the same scene and nothing broken the verifier is silent, so that a report is the breaker's.
+TEST(Rules, PassingOnBreaksNone) {
+    Machine machine;
+    Scene scene(machine);
+    RunBreaker(machine, scene, {Rule::kCount, "", [](Scene& inside) {
+                                    inside.Start();
+                                    inside.Send(3);
+                                    inside.Receive(0, 3);
+                                    inside.Receive(NDIS_RECEIVE_FLAGS_RESOURCES, 3);
+                                }});
+    EXPECT_TRUE(machine.verifier().Silent()) << machine.verifier().Describe();
+}
+
+TEST(Rules, ReportTellsWhatWhereAndTheListsWay) {
+    Machine machine;
+    Scene scene(machine);
+    for (const Breaker& breaker : ListBreakers()) {
+        if (breaker.rule == Rule::kListNotOwned) {
+            RunBreaker(machine, scene, breaker);
+        }
+    }
+    const std::string text = machine.verifier().Describe();
+    for (const char* part :
+         {"ListNotOwned: a list is handed on only by who holds it, and once",
+          "seen: completed by SMALL on adapter 1", "of protocol TCPIP, held by protocol TCPIP",
+          "1. sent by protocol TCPIP to SMALL on adapter 1",
+          "2. sent by SMALL on adapter 1 to adapter 1",
+          "3. completed by adapter 1 to SMALL on adapter 1",
+          "4. completed by SMALL on adapter 1 to protocol TCPIP",
+          "by:   thread 1 (main) on processor 0 at IRQL 0, in FilterSendNetBufferListsComplete, in "
+          "FilterSendNetBufferLists"}) {
+        EXPECT_THAT(text, testing::HasSubstr(part));
+    }
+}
+
+// A verifier that is off says nothing and lets the same drivers run.
+TEST(Rules, NoneIsReportedWhenTheVerifierIsOff) {
+    Machine machine({.verify = false});
+    Scene scene(machine);
+    RunBreaker(machine, scene, {Rule::kCount, "", [](Scene& inside) {
+                                    KEVENT event{};
+                                    KeSetEvent(&event, 0, FALSE);
+                                    inside.Start();
+                                    inside.Send();
+                                }});
+    EXPECT_TRUE(machine.verifier().Silent());
+}
+
+}  // namespace
+}  // namespace netsieve::host
