@@ -4,13 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define NETSIEVE_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define NETSIEVE_ASAN 1
-#endif
-#endif
+#include "host/sanitizers.h"
+
 #ifdef NETSIEVE_ASAN
 #include <sanitizer/asan_interface.h>
 #endif

@@ -7,20 +7,7 @@
 #include <new>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define NETSIEVE_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define NETSIEVE_ASAN 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define NETSIEVE_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define NETSIEVE_TSAN 1
-#endif
-#endif
+#include "host/sanitizers.h"
 
 #ifdef NETSIEVE_ASAN
 #include <sanitizer/asan_interface.h>

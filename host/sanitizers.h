@@ -1,0 +1,14 @@
+// Which sanitizer this build runs under: NETSIEVE_ASAN or NETSIEVE_TSAN, or neither.
+#pragma once
+
+#if defined(__SANITIZE_ADDRESS__)
+#define NETSIEVE_ASAN 1
+#elif defined(__SANITIZE_THREAD__)
+#define NETSIEVE_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NETSIEVE_ASAN 1
+#elif __has_feature(thread_sanitizer)
+#define NETSIEVE_TSAN 1
+#endif
+#endif
