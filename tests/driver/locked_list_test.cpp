@@ -88,58 +88,44 @@ TEST(LockedListTest, FlushesUntilTheCallbackStopsIt) {
     }
 }
 
-// Four processors insert their own entries and take out their own or anyone's. At the end every
-// entry was removed as often as it was inserted, and list and count agree.
+// Four processors each insert an entry of their own again and again and take out their own or
+// anyone's. In the end what is on the list is what was inserted and not yet taken out.
 void Contend(Machine& machine, int rounds) {
     constexpr int kCallers = 4;
-    struct Caller {
-        Entry entries[2];
-        std::atomic<int> onList[2]{};  // inserted and not yet removed by anyone
-    };
     LOCKED_LIST list;
     InitializeLockedList(&list);
-    Caller callers[kCallers];
-    const auto removed = [&](PLIST_ENTRY entry) {
-        const int number = NumberOf(entry);
-        EXPECT_EQ(--callers[number / 2].onList[number % 2], 0);
+    Entry entries[kCallers];
+    std::atomic<int> onList[kCallers]{};
+    const auto remove = [&](PLIST_ENTRY entry) {
+        if (entry != nullptr) {
+            EXPECT_EQ(--onList[NumberOf(entry)], 0);
+        }
+    };
+    const auto contend = [&](int caller) {
+        for (int round = 0; round < rounds; ++round) {
+            if (int expected = 0; onList[caller].compare_exchange_strong(expected, 1)) {
+                LockedListInsertTail(&list, &entries[caller].link);
+            }
+            remove(round % 2 == 0 ? LockedListRemoveHead(&list)
+                                  : LockedListRemoveEntry(&list, &entries[caller].link));
+        }
     };
     std::vector<std::uint32_t> contexts;
     for (int i = 0; i < kCallers; ++i) {
-        for (int j = 0; j < 2; ++j) {
-            callers[i].entries[j].number = 2 * i + j;
-        }
+        entries[i].number = i;
         contexts.push_back(machine.scheduler().Start(
             {.name = "caller",
              .kind = i % 2 == 0 ? ContextKind::kThread : ContextKind::kDpc,
              .processor = static_cast<unsigned>(i)},
-            [&, i] {
-                for (int round = 0; round < rounds; ++round) {
-                    for (int j = 0; j < 2; ++j) {
-                        // A list's entry may be inserted again once somebody has taken it off.
-                        if (int expected = 0;
-                            callers[i].onList[j].compare_exchange_strong(expected, 1)) {
-                            LockedListInsertTail(&list, &callers[i].entries[j].link);
-                        }
-                    }
-                    if (PLIST_ENTRY const head = LockedListRemoveHead(&list)) {
-                        removed(head);
-                    }
-                    if (PLIST_ENTRY const own =
-                            LockedListRemoveEntry(&list, &callers[i].entries[1].link)) {
-                        removed(own);
-                    }
-                }
-            }));
+            [&contend, i] { contend(i); }));
     }
     for (const std::uint32_t context : contexts) {
         machine.scheduler().Join(context);
     }
     std::vector<int> expected;
-    for (const Caller& caller : callers) {
-        for (int j = 0; j < 2; ++j) {
-            if (caller.onList[j] != 0) {
-                expected.push_back(caller.entries[j].number);
-            }
+    for (int i = 0; i < kCallers; ++i) {
+        if (onList[i] != 0) {
+            expected.push_back(i);
         }
     }
     EXPECT_THAT(NumbersOn(&list), testing::UnorderedElementsAreArray(expected));

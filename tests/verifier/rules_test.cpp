@@ -5,15 +5,8 @@
 
 #include <set>
 
+#include "host/sanitizers.h"
 #include "tests/verifier/breakers.h"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define NETSIEVE_ASAN 1
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define NETSIEVE_ASAN 1
-#endif
 
 namespace netsieve::host {
 namespace {
