@@ -93,8 +93,8 @@ TEST(Rules, ReportTellsWhatWhereAndTheListsWay) {
           "2. sent by SMALL on adapter 1 to adapter 1",
           "3. completed by adapter 1 to SMALL on adapter 1",
           "4. completed by SMALL on adapter 1 to protocol TCPIP",
-          "by:   thread 1 (main) on processor 0 at IRQL 0, in FilterSendNetBufferListsComplete, in "
-          "FilterSendNetBufferLists"}) {
+          "by:   thread 1 (main) on processor 0 at IRQL 0, in FilterSendNetBufferListsComplete",
+          ", in FilterSendNetBufferLists"}) {
         EXPECT_THAT(text, testing::HasSubstr(part));
     }
 }

@@ -63,6 +63,7 @@ std::vector<std::string> ReadModuleTrace(const host::FilterModule& module) {
         return left.number < right.number;
     });
     std::vector<std::string> texts;
+    texts.reserve(lines.size());
     for (TraceLine& line : lines) {
         texts.push_back(std::move(line.text));
     }
