@@ -47,12 +47,8 @@ namespace netsieve::host {
     X(PoolWrongTag, "a block is freed with the tag it was allocated with")                 \
     X(PoolUseAfterFree, "a freed block is not written")                                    \
     X(PoolLeak, "every block is freed before the driver is gone")                          \
-    X(ObjectLeak,                                                                          \
-      "every device, work item, pool, list and descriptor is freed before the driver "     \
-      "is gone")                                                                           \
-    X(LockForm,                                                                            \
-      "the at-DPC lock forms are used at DISPATCH_LEVEL, and a lock is released in the "   \
-      "form it was acquired in")                                                           \
+    X(ObjectLeak, "every object is given back before the driver is gone")                  \
+    X(LockForm, "the at-DPC lock forms are used in pairs, at DISPATCH_LEVEL")              \
     X(LockRecursion, "a spin lock is not acquired again by its owner")                     \
     X(LockOwner, "a spin lock is released by its owner")                                   \
     X(LockUninitialised, "a spin lock is initialised before it is used")                   \
