@@ -38,6 +38,8 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
                 }
             });
         }
+        EXPECT_EQ(traffic.completeFlags, NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL);
+        EXPECT_EQ(traffic.returnFlags, NDIS_RETURN_FLAGS_DISPATCH_LEVEL);
         EXPECT_EQ(traffic.refused, 5);
         EXPECT_EQ(traffic.onWire, onWire);
         EXPECT_EQ(traffic.received, 3);

@@ -84,12 +84,14 @@ class Traffic {
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             onWire += static_cast<int>(ListsOf(chain).size());
         };
-        stack.adapter().onReturned = [this](PNET_BUFFER_LIST chain, ULONG) {
+        stack.adapter().onReturned = [this](PNET_BUFFER_LIST chain, ULONG flags) {
+            returnFlags = flags;
             returned += static_cast<int>(ListsOf(chain).size());
         };
         stack.protocol().onReceive = [this](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG count,
                                             ULONG) { received += static_cast<int>(count); };
-        stack.protocol().onSendComplete = [this](PNET_BUFFER_LIST chain, ULONG) {
+        stack.protocol().onSendComplete = [this](PNET_BUFFER_LIST chain, ULONG flags) {
+            completeFlags = flags;
             for (; chain != nullptr; chain = chain->Next) {
                 ++(chain->Status == NDIS_STATUS_PAUSED ? refused : completed);
             }
@@ -111,11 +113,13 @@ class Traffic {
                     testing::ElementsAre(onWire - 1, completed - 1, received - 1, returned - 1));
     }
 
-    std::atomic<int> onWire = 0;     ///< sent lists that the adapter got
-    std::atomic<int> completed = 0;  ///< sent lists that came back
-    std::atomic<int> refused = 0;    ///< those that came back with NDIS_STATUS_PAUSED
-    std::atomic<int> received = 0;   ///< indicated lists that the protocol got
-    std::atomic<int> returned = 0;   ///< indicated lists that the adapter got back
+    std::atomic<int> onWire = 0;           ///< sent lists that the adapter got
+    std::atomic<int> completed = 0;        ///< sent lists that came back
+    std::atomic<int> refused = 0;          ///< those that came back with NDIS_STATUS_PAUSED
+    std::atomic<int> received = 0;         ///< indicated lists that the protocol got
+    std::atomic<int> returned = 0;         ///< indicated lists that the adapter got back
+    std::atomic<ULONG> completeFlags = 0;  ///< of the latest completion
+    std::atomic<ULONG> returnFlags = 0;    ///< of the latest return
 
   private:
     static PNET_BUFFER_LIST MakeChain(FrameLists& from, int lists, const FrameLayout& layout) {

@@ -138,7 +138,7 @@ TEST(LockedListTest, StaysWholeUnderContention) {
         RunClean({.seed = seed, .processors = 4}, [](Machine& machine) { Contend(machine, 6); });
     }
     RunClean({.scheduler = SchedulerKind::kThreaded, .processors = 4},
-             [](Machine& machine) { Contend(machine, 2000); });
+             [](Machine& machine) { Contend(machine, 10'000); });
 }
 
 }  // namespace
