@@ -13,7 +13,7 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
-.PHONY: help build image demo test bench format format-check tidy asan tsan search clean
+.PHONY: help build image demo test bench format format-check tidy asan tsan fuzz search clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -51,6 +51,19 @@ asan: image ## run all tests under AddressSanitizer and UndefinedBehaviorSanitiz
 	@test -f build/asan/build.ninja || cmake --preset asan
 	cmake --build --preset asan --parallel $(JOBS)
 	$(CTEST) build/asan
+
+# Each target goes on from the inputs that it found before.
+FUZZ_SECONDS ?= 60
+
+fuzz: ## run each fuzz target for FUZZ_SECONDS (60)
+	@scripts/bootstrap.sh build test checks
+	@test -f build/fuzz/build.ninja || cmake --preset fuzz
+	cmake --build --preset fuzz --parallel $(JOBS) --target fuzz_targets
+	@for target in build/fuzz/tests/fuzz/*_fuzz; do \
+	    corpus=build/fuzz/corpus/$${target##*/}; mkdir -p $$corpus; echo "$$target"; \
+	    ASAN_OPTIONS=detect_stack_use_after_return=0 $$target -max_total_time=$(FUZZ_SECONDS) \
+	        -max_len=1500 -verbosity=0 -print_final_stats=1 -artifact_prefix=build/fuzz/ \
+	        $$corpus || exit 1; done
 
 tsan: image ## run all tests under ThreadSanitizer
 	@scripts/bootstrap.sh build test checks

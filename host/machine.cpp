@@ -59,6 +59,7 @@ Machine::Machine(MachineOptions options) : options_(options), verifier_(options.
     timers_ = std::make_unique<Timers>(*scheduler_, verifier_);
     mdls_ = std::make_unique<Mdls>(*this);
     devices_ = std::make_unique<Devices>(*this);
+    registry_ = std::make_unique<Registry>(*this);
     ndis_ = std::make_unique<Ndis>(*this);
     PlatformAtomicHook = simulated ? &AtomicPointHook : nullptr;
 }
@@ -67,6 +68,7 @@ Machine::~Machine() {
     PlatformAtomicHook = nullptr;
     scheduler_.reset();
     ndis_.reset();
+    registry_.reset();
     devices_.reset();
     mdls_.reset();
     drivers_.clear();
@@ -100,6 +102,7 @@ NTSTATUS Machine::LoadDriver(const DriverSource& source) {
         HostLock lock(mutex_);
         drivers_.push_back(std::move(made));
     }
+    registry_->AddServiceKey(std::u16string(source.name.begin(), source.name.end()));
     NTSTATUS status = STATUS_SUCCESS;
     {
         const std::u16string path = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\" +
@@ -163,6 +166,7 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
     } objects[] = {
         {"device(s)", devices_->DevicesOf(&driver)},
         {"work item(s)", devices_->WorkItemsOf(&driver)},
+        {"registry handle(s)", registry_->HandlesOf(&driver)},
         {"memory descriptor list(s)", mdls_->AllocatedBy(&driver)},
         {"list pool(s)", ndis_->lists().PoolsOf(&driver)},
         {"filter registration", ndis_->IsRegistered(&driver) ? std::size_t{1} : 0},

@@ -15,6 +15,7 @@
 #include "host/kernel/faults.h"
 #include "host/kernel/mdls.h"
 #include "host/kernel/memory_pool.h"
+#include "host/kernel/registry.h"
 #include "host/kernel/timers.h"
 #include "host/loaded_driver.h"
 #include "host/sched/scheduler.h"
@@ -41,6 +42,7 @@ struct MachineOptions {
     bool verify = true;
     MM_SYSTEMSIZE systemSize = MmSmallSystem;
     std::uint32_t ndisVersion = 0x60000;  ///< as NdisGetVersion gives it
+    std::uint32_t osMajorVersion = 6;     ///< as PsGetVersion gives it
 };
 
 /// True when the machine runs on real threads without the verifier: the data path then takes the
@@ -84,6 +86,7 @@ class Machine {
     Events& events() { return *events_; }
     Timers& timers() { return *timers_; }
     Devices& devices() { return *devices_; }
+    Registry& registry() { return *registry_; }
     Mdls& mdls() { return *mdls_; }
     Ndis& ndis() { return *ndis_; }
     /// The lock records; null when the verifier is off.
@@ -121,6 +124,7 @@ class Machine {
     std::unique_ptr<Timers> timers_;
     std::unique_ptr<Mdls> mdls_;
     std::unique_ptr<Devices> devices_;
+    std::unique_ptr<Registry> registry_;
     std::unique_ptr<Ndis> ndis_;
     HostMutex mutex_;
     std::vector<std::unique_ptr<LoadedDriver>> drivers_;

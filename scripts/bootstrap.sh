@@ -15,6 +15,7 @@ build   g++                         compiles the host and the native driver
 build   ccache                      keeps what was compiled before
 build   libboost-context-dev        the fibers of the simulated scheduler
 build   libpcap-dev                 reads and writes captures
+build   libhivex-dev                reads and writes registry hives
 build   libcli11-dev                parses the command line
 build   libfmt-dev                  formats what is printed
 build   nlohmann-json3-dev          writes reports for programs
@@ -26,6 +27,8 @@ test    libgmock-dev                the test framework's matchers
 test    libbenchmark-dev            the benchmark framework
 test    patch                       puts faults into copies of the driver
 test    tcpdump                     what replay is compared with
+test    libwin-hivex-perl           reads the hives that the tests write
+test    reglookup                   the same, by other means
 checks  clang-14                    compiles the sanitizer and the search builds
 checks  libclang-rt-14-dev          the run-time libraries of the sanitizers
 checks  llvm-14                     puts names and lines into what the sanitizers report

@@ -1,5 +1,8 @@
 # Every source of the driver, for the native build and for the image alike.
 set(NETSIEVE_DRIVER_SOURCES
+    config/boot_filter_list.cpp
+    config/registry_access.cpp
+    config/system_information.cpp
     driver/data_path.cpp
     driver/driver_entry.cpp
     driver/event_handlers.cpp

@@ -5,6 +5,8 @@
 #include "platform/ndis.h"
 
 extern "C" int NTAPI NetsieveRuntime_sprintf(char* buffer, const char* format, ...);
+extern "C" PWSTR NTAPI NetsieveRuntime_wcsstr(PCWSTR text, PCWSTR part);
+extern "C" int NTAPI NetsieveRuntime__wcsicmp(PCWSTR left, PCWSTR right);
 
 namespace netsieve::host {
 
@@ -44,7 +46,11 @@ ImportTable MakeTable() {
     kernel("memset", AddressOf(&PlatformMemset));
     kernel("memcmp", AddressOf(&PlatformMemcmp));
     kernel("sprintf", AddressOf(&NetsieveRuntime_sprintf));
+    kernel("wcsstr", AddressOf(&NetsieveRuntime_wcsstr));
+    kernel("_wcsicmp", AddressOf(&NetsieveRuntime__wcsicmp));
     KERNEL(DbgPrint);
+    KERNEL(ExAllocatePoolWithTag);
+    KERNEL(ExFreePoolWithTag);
     KERNEL(IoAllocateWorkItem);
     KERNEL(IoCreateDevice);
     KERNEL(IoDeleteDevice);
@@ -61,7 +67,13 @@ ImportTable MakeTable() {
     KERNEL(KeWaitForSingleObject);
     KERNEL(MmMapLockedPagesSpecifyCache);
     KERNEL(MmQuerySystemSize);
+    KERNEL(PsGetVersion);
     KERNEL(RtlInitUnicodeString);
+    KERNEL(ZwClose);
+    KERNEL(ZwDeleteValueKey);
+    KERNEL(ZwOpenKey);
+    KERNEL(ZwQueryValueKey);
+    KERNEL(ZwSetValueKey);
     NDIS(NdisAllocateMdl);
     NDIS(NdisAllocateMemoryWithTag);
     NDIS(NdisAllocateNetBufferAndNetBufferList);

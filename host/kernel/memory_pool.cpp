@@ -181,4 +181,20 @@ VOID NTAPI NdisFreeMemory(PVOID VirtualAddress, UINT, UINT) {
     machine.pool().Free(VirtualAddress, 0);
 }
 
+PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+    Machine& machine = Machine::Current();
+    machine.EnterCall("ExAllocatePoolWithTag");
+    if (machine.faults().Fails(FaultKind::kPool, Tag)) {
+        return nullptr;
+    }
+    return machine.pool().Allocate(NumberOfBytes, Tag,
+                                   PoolType == PagedPool ? PoolKind::kPaged : PoolKind::kNonPaged);
+}
+
+VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag) {
+    Machine& machine = Machine::Current();
+    machine.EnterCall("ExFreePoolWithTag");
+    machine.pool().Free(P, Tag);
+}
+
 }  // extern "C"

@@ -47,6 +47,7 @@ namespace netsieve::host {
     X(PoolWrongTag, "a block is freed with the tag it was allocated with")                 \
     X(PoolUseAfterFree, "a freed block is not written")                                    \
     X(PoolLeak, "every block is freed before the driver is gone")                          \
+    X(HandleNotOpen, "a handle is used while it is open, and closed once")                 \
     X(ObjectLeak, "every object is given back before the driver is gone")                  \
     X(LockForm, "the at-DPC lock forms are used in pairs, at DISPATCH_LEVEL")              \
     X(LockRecursion, "a spin lock is not acquired again by its owner")                     \

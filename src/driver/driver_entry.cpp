@@ -1,5 +1,6 @@
 #include "driver/driver_entry.h"
 
+#include "config/boot_filter_list.h"
 #include "driver/data_path.h"
 #include "driver/driver_globals.h"
 #include "driver/event_handlers.h"
@@ -46,6 +47,7 @@ void InitializeGlobals(PDRIVER_OBJECT driverObject) {
     InitializeListHead(&g_DriverGlobals.ModuleList);
     InitializeListHead(&g_DriverGlobals.DetachingList);
     InitializeLockedList(&g_DriverGlobals.HookList);
+    InitializeBootFilterList();
 }
 
 // Modules may be attached and running by now, so the pointer is published under the lock.

@@ -22,6 +22,8 @@ struct FILTER_DRIVER_GLOBALS {
     // Modules that have left ModuleList and are not freed yet. A call that comes in for one of them
     // still finds a handle here to give its lists back with.
     LIST_ENTRY DetachingList;
+
+    ULONG OsMajorVersion;  // 0 until it was asked for; WriteRelease and ReadAcquire
 };
 
 // Zeroed by DriverEntry before anything else uses it.

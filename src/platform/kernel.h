@@ -112,6 +112,42 @@ constexpr ULONG FILE_DEVICE_SECURE_OPEN = 0x100;
 enum WORK_QUEUE_TYPE : std::int32_t { CriticalWorkQueue = 0, DelayedWorkQueue = 1 };
 using PIO_WORKITEM_ROUTINE = VOID(NTAPI*)(PDEVICE_OBJECT DeviceObject, PVOID Context);
 
+enum POOL_TYPE : std::int32_t { NonPagedPool = 0, PagedPool = 1 };
+
+// Names an object, and says how it is opened.
+struct OBJECT_ATTRIBUTES {
+    ULONG Length;  // of this record
+    HANDLE RootDirectory;
+    PUNICODE_STRING ObjectName;
+    ULONG Attributes;
+    PVOID SecurityDescriptor;
+    PVOID SecurityQualityOfService;
+};
+using POBJECT_ATTRIBUTES = OBJECT_ATTRIBUTES*;
+constexpr ULONG OBJ_CASE_INSENSITIVE = 0x040;
+constexpr ULONG OBJ_KERNEL_HANDLE = 0x200;
+
+constexpr ACCESS_MASK KEY_QUERY_VALUE = 0x00001;
+constexpr ACCESS_MASK KEY_SET_VALUE = 0x00002;
+constexpr ACCESS_MASK KEY_ALL_ACCESS = 0xF003F;
+
+constexpr ULONG REG_DWORD = 4;
+constexpr ULONG REG_MULTI_SZ = 7;
+
+enum KEY_VALUE_INFORMATION_CLASS : std::int32_t { KeyValueFullInformation = 1 };
+
+// A registry value. DataOffset counts from the start of the record; the name is not terminated, and
+// between it and the data there may be a gap.
+struct KEY_VALUE_FULL_INFORMATION {
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG DataOffset;
+    ULONG DataLength;
+    ULONG NameLength;
+    WCHAR Name[1];
+};
+using PKEY_VALUE_FULL_INFORMATION = KEY_VALUE_FULL_INFORMATION*;
+
 extern "C" {
 
 // Makes `SpinLock` a free lock. Never on a lock that may be held. The kernel's import libraries do
@@ -176,6 +212,42 @@ NTIMPORT PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList,
                                                   ULONG BugCheckOnFailure,
                                                   ULONG Priority);
 NTIMPORT MM_SYSTEMSIZE NTAPI MmQuerySystemSize(VOID);
+
+// NULL when there is no memory. Paged pool below DISPATCH_LEVEL only, also for freeing it.
+NTIMPORT PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
+// A tag of 0 frees a block of any tag.
+NTIMPORT VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
+
+// The registry calls run at PASSIVE_LEVEL, with no spin lock held.
+//
+// Opens an existing key. The handle belongs to the caller until ZwClose.
+NTIMPORT NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle,
+                                  ACCESS_MASK DesiredAccess,
+                                  POBJECT_ATTRIBUTES ObjectAttributes);
+NTIMPORT NTSTATUS NTAPI ZwClose(HANDLE Handle);
+// Creates the value or replaces its type and data. Needs KEY_SET_VALUE, as deleting does.
+NTIMPORT NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle,
+                                      PUNICODE_STRING ValueName,
+                                      ULONG TitleIndex,
+                                      ULONG Type,
+                                      PVOID Data,
+                                      ULONG DataSize);
+// Needs KEY_QUERY_VALUE. `ResultLength` receives the size of the whole record. A buffer that holds
+// only a part of it gets that part and STATUS_BUFFER_OVERFLOW, one that does not even hold the
+// fixed fields gets nothing and STATUS_BUFFER_TOO_SMALL.
+NTIMPORT NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle,
+                                        PUNICODE_STRING ValueName,
+                                        KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
+                                        PVOID KeyValueInformation,
+                                        ULONG Length,
+                                        PULONG ResultLength);
+NTIMPORT NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName);
+
+// Each argument may be NULL. TRUE on a checked build of the system. PASSIVE_LEVEL.
+NTIMPORT BOOLEAN NTAPI PsGetVersion(PULONG MajorVersion,
+                                    PULONG MinorVersion,
+                                    PULONG BuildNumber,
+                                    PUNICODE_STRING CSDVersion);
 
 // Points `DestinationString` at `SourceString`, which must outlive it.
 NTIMPORT VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString);

@@ -19,6 +19,12 @@ extern "C" {
 // NUL. Any IRQL for formats without wide strings.
 NTIMPORT int NTAPI sprintf(char* buffer, const char* format, ...) RUNTIME_SYMBOL(sprintf);
 
+// The first place in `text` where `part` occurs, compared exactly, or NULL. An empty `part` occurs
+// at the start.
+NTIMPORT PWSTR NTAPI wcsstr(PCWSTR text, PCWSTR part) RUNTIME_SYMBOL(wcsstr);
+// 0 when the strings are equal but for the case of letters; else which of them sorts first.
+NTIMPORT int NTAPI _wcsicmp(PCWSTR left, PCWSTR right) RUNTIME_SYMBOL(_wcsicmp);
+
 // The compiler's own names, also called for copies it generates.
 void* memcpy(void* destination, const void* source, SIZE_T size);
 void* memset(void* destination, int value, SIZE_T size);
@@ -28,6 +34,15 @@ int memcmp(const void* left, const void* right, SIZE_T size);
 
 inline void RtlZeroMemory(void* destination, SIZE_T size) {
     memset(destination, 0, size);
+}
+
+// Length in characters of a NUL-terminated wide string.
+inline SIZE_T WideStringLength(PCWSTR text) {
+    SIZE_T length = 0;
+    while (text[length] != u'\0') {
+        ++length;
+    }
+    return length;
 }
 
 // Length in characters of a NUL-terminated 8-bit string.

@@ -214,6 +214,18 @@ std::vector<Breaker> PoolBreakers() {
                  },
                  false);
          }},
+        {Rule::kHandleNotOpen, "a handle closed twice",
+         [](Scene&) {
+             UNICODE_STRING name;
+             RtlInitUnicodeString(&name, u"\\Registry\\Machine");
+             OBJECT_ATTRIBUTES attributes{};
+             attributes.Length = sizeof(attributes);
+             attributes.ObjectName = &name;
+             HANDLE key = nullptr;
+             ZwOpenKey(&key, KEY_ALL_ACCESS, &attributes);
+             ZwClose(key);
+             ZwClose(key);
+         }},
         {Rule::kPoolLeak, "a block outlives the driver",
          [](Scene& scene) {
              scene.filter.entry = [] { return Block() == nullptr ? STATUS_UNSUCCESSFUL : 0; };

@@ -14,6 +14,7 @@ enum class ExitStatus : int {
     kInputUnreadable = 3,
     kInputBrokenOff = 4,
     kNotRepresentable = 5,
+    kDriverRefused = 5,  ///< of the commands that ask the driver for something
     kOutputFailed = 6,
     kDriverNotLoaded = 7,
     kFramesLost = 8,

@@ -5,8 +5,10 @@
 #include <exception>
 #include <string>
 
+#include "tools/netsieve/boot_filters_command.h"
 #include "tools/netsieve/exit_status.h"
 #include "tools/netsieve/replay_command.h"
+#include "tools/netsieve/version_command.h"
 
 namespace {
 
@@ -23,6 +25,8 @@ ExitStatus RunCommandLine(int argc, char** argv) {
     app.footer(std::string(netsieve::tool::kExitStatusHelp));
     ExitStatus status = ExitStatus::kClean;
     netsieve::tool::AddReplayCommand(app, status);
+    netsieve::tool::AddBootFiltersCommand(app, status);
+    netsieve::tool::AddVersionCommand(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -34,8 +38,10 @@ ExitStatus RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader of our output that goes away is an output failure like any other.
+    // A reader of our output that goes away, and a file that may not grow any more, are output
+    // failures like any other.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         return static_cast<int>(RunCommandLine(argc, argv));
     } catch (const std::exception& error) {

@@ -1,0 +1,75 @@
+#include "tools/netsieve/driver_session.h"
+
+#include <fmt/format.h>
+
+#include "config/system_information.h"
+#include "driver/driver_entry.h"
+#include "host/image/kernel_image.h"
+
+namespace netsieve::tool {
+namespace {
+
+constexpr const char* kDriverName = "NETSIEVE";
+constexpr const char* kNative = "native";
+constexpr const char* kExportName = "ITarnHKSystemInformationEx";
+
+}  // namespace
+
+ExitStatus DriverSession::Run(const std::function<void()>& body) {
+    const host::RunResult result = machine_.Run([&] {
+        if (Start()) {
+            body();
+        }
+        machine_.UnloadDriver(kDriverName);
+    });
+    if (!result.completed) {
+        Fail(result.abandonReason);
+    }
+    if (failure_) {
+        fmt::print(stderr, "netsieve: {}\n", *failure_);
+        return ExitStatus::kDriverNotLoaded;
+    }
+    if (!machine_.verifier().Silent()) {
+        fmt::print(stderr, "netsieve: the driver {} broke a rule of its platform\n{}", driver_,
+                   machine_.verifier().Describe());
+        return ExitStatus::kRuleBroken;
+    }
+    return ExitStatus::kClean;
+}
+
+bool DriverSession::Start() {
+    host::DriverSource source{.name = kDriverName};
+    if (driver_ == kNative) {
+        source.entry = &DriverEntry;
+    } else {
+        source.image = driver_;
+    }
+    const NTSTATUS status = machine_.LoadDriver(source);
+    if (!NT_SUCCESS(status)) {
+        Fail(fmt::format("status 0x{:08X}", static_cast<std::uint32_t>(status)));
+        return false;
+    }
+    loaded_ = machine_.FindDriver(kDriverName);
+    export_ = loaded_->Image() == nullptr
+                  ? &ITarnHKSystemInformationEx
+                  : reinterpret_cast<Export>(loaded_->Image()->FindExport(kExportName));
+    if (export_ == nullptr) {
+        Fail(fmt::format("it does not export {}", kExportName));
+    }
+    return export_ != nullptr;
+}
+
+void DriverSession::Fail(const std::string& why) {
+    failure_ = fmt::format("the driver {} cannot be used: {}", driver_, why);
+    for (std::string line : machine_.DebugOutput()) {
+        line.erase(line.find_last_not_of('\n') + 1);
+        *failure_ += "; " + line;
+    }
+}
+
+NTSTATUS DriverSession::Ask(LONG informationClass, PVOID buffer, PULONG size) {
+    const host::CallbackScope scope(kExportName, loaded_, nullptr);
+    return export_(nullptr, informationClass, buffer, size);
+}
+
+}  // namespace netsieve::tool
