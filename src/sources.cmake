@@ -4,15 +4,25 @@ set(NETSIEVE_DRIVER_SOURCES
     config/registry_access.cpp
     config/system_information.cpp
     driver/data_path.cpp
+    driver/drain_count.cpp
     driver/driver_entry.cpp
     driver/event_handlers.cpp
     driver/locked_list.cpp
     driver/module_lifecycle.cpp
     driver/module_reference.cpp
     driver/trace_log.cpp
+    hook/hook_dispatch.cpp
+    hook/hook_filter.cpp
     hook/hook_notify.cpp
+    hook/hook_registry.cpp
     hook/hook_table.cpp
+    hook/packet_queries.cpp
     hook/protocol_table.cpp
+    hook/source_handle.cpp
+    packet/copy_net_buffer.cpp
+    packet/interception.cpp
+    packet/nbl_context.cpp
+    packet/net_buffer_chain.cpp
     packet/nirp_pool.cpp
     packet/outstanding.cpp
     packet/pending.cpp

@@ -7,6 +7,10 @@
 extern "C" int NTAPI NetsieveRuntime_sprintf(char* buffer, const char* format, ...);
 extern "C" PWSTR NTAPI NetsieveRuntime_wcsstr(PCWSTR text, PCWSTR part);
 extern "C" int NTAPI NetsieveRuntime__wcsicmp(PCWSTR left, PCWSTR right);
+extern "C" VOID NTAPI NetsieveRuntime_qsort(void* elements,
+                                            SIZE_T count,
+                                            SIZE_T size,
+                                            int(NTAPI* compare)(const void*, const void*));
 
 namespace netsieve::host {
 
@@ -46,6 +50,7 @@ ImportTable MakeTable() {
     kernel("memset", AddressOf(&PlatformMemset));
     kernel("memcmp", AddressOf(&PlatformMemcmp));
     kernel("sprintf", AddressOf(&NetsieveRuntime_sprintf));
+    kernel("qsort", AddressOf(&NetsieveRuntime_qsort));
     kernel("wcsstr", AddressOf(&NetsieveRuntime_wcsstr));
     kernel("_wcsicmp", AddressOf(&NetsieveRuntime__wcsicmp));
     KERNEL(DbgPrint);
@@ -59,6 +64,7 @@ ImportTable MakeTable() {
     KERNEL(KeAcquireSpinLockAtDpcLevel);
     KERNEL(KeAcquireSpinLockRaiseToDpc);
     KERNEL(KeClearEvent);
+    KERNEL(KeFlushQueuedDpcs);
     KERNEL(KeGetCurrentIrql);
     KERNEL(KeInitializeEvent);
     KERNEL(KeReleaseSpinLock);
@@ -68,6 +74,7 @@ ImportTable MakeTable() {
     KERNEL(MmMapLockedPagesSpecifyCache);
     KERNEL(MmQuerySystemSize);
     KERNEL(PsGetVersion);
+    KERNEL(RtlCopyUnicodeString);
     KERNEL(RtlInitUnicodeString);
     KERNEL(ZwClose);
     KERNEL(ZwDeleteValueKey);

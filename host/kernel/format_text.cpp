@@ -1,5 +1,6 @@
 #include "host/kernel/format_text.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -123,6 +124,15 @@ int NTAPI NetsieveRuntime_sprintf(char* buffer, const char* format, ...) {
     __builtin_ms_va_end(arguments);
     std::memcpy(buffer, text.c_str(), text.size() + 1);
     return static_cast<int>(text.size());
+}
+
+VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString) {
+    DestinationString->Length = 0;
+    if (SourceString != nullptr) {
+        DestinationString->Length =
+            std::min(SourceString->Length, DestinationString->MaximumLength);
+        std::memmove(DestinationString->Buffer, SourceString->Buffer, DestinationString->Length);
+    }
 }
 
 VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString) {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "host/machine.h"
 
 namespace netsieve::host {
@@ -32,6 +34,7 @@ void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
     armed.call =
         scheduler_.CallAt(due, context.processor, [this, timer, armed] { Fire(timer, armed); });
     armed_[reinterpret_cast<std::uintptr_t>(timer)] = armed;
+    underWay_[armed.generation] = due;
     ++started_[armed.driver];
 }
 
@@ -40,6 +43,7 @@ void Timers::Fire(PNDIS_TIMER timer, const Armed& armed) {
         HostLock lock(mutex_);
         --started_[armed.driver];
         if (forgotten_.erase(armed.generation) != 0) {
+            End(armed);
             return;
         }
         const auto it = armed_.find(reinterpret_cast<std::uintptr_t>(timer));
@@ -49,8 +53,29 @@ void Timers::Fire(PNDIS_TIMER timer, const Armed& armed) {
     }
     const PNDIS_TIMER_FUNCTION function = FunctionOf(timer);
     const PVOID context = timer->Dpc.DeferredContext;
-    const CallbackScope scope("timer routine", armed.driver, nullptr);
-    function(nullptr, context, nullptr, nullptr);
+    {
+        const CallbackScope scope("timer routine", armed.driver, nullptr);
+        function(nullptr, context, nullptr, nullptr);
+    }
+    HostLock lock(mutex_);
+    End(armed);
+}
+
+void Timers::End(const Armed& armed) {
+    underWay_.erase(armed.generation);
+    scheduler_.Wake(ended_);
+}
+
+void Timers::AwaitDue() {
+    HostLock lock(mutex_);
+    const Ticks now = scheduler_.Now();
+    const std::uint64_t latest = generations_;
+    const auto isDue = [now, latest](const auto& entry) {
+        return entry.first <= latest && entry.second <= now;
+    };
+    while (std::any_of(underWay_.begin(), underWay_.end(), isDue)) {
+        scheduler_.Wait(ended_, lock, kForever);
+    }
 }
 
 bool Timers::Cancel(PNDIS_TIMER timer) {
@@ -60,6 +85,7 @@ bool Timers::Cancel(PNDIS_TIMER timer) {
         return false;
     }
     --started_[it->second.driver];
+    End(it->second);
     armed_.erase(it);
     return true;
 }
@@ -73,6 +99,7 @@ void Timers::ForgetRange(const void* start, std::size_t size) {
             fmt::format("a timer {} bytes into the block is armed", it->first - first));
         if (scheduler_.CancelCall(it->second.call)) {
             --started_[it->second.driver];
+            End(it->second);
         } else {
             forgotten_.insert(it->second.generation);
         }
@@ -111,6 +138,12 @@ VOID NTAPI NdisInitializeTimer(PNDIS_TIMER Timer,
 VOID NTAPI NdisSetTimer(PNDIS_TIMER Timer, UINT MillisecondsToDelay) {
     Machine::Current().EnterCall("NdisSetTimer");
     Machine::Current().timers().Set(Timer, MillisecondsToDelay);
+}
+
+VOID NTAPI KeFlushQueuedDpcs(VOID) {
+    Machine::Current().EnterCall("KeFlushQueuedDpcs");
+    Machine::Current().verifier().DemandPassive("KeFlushQueuedDpcs");
+    Machine::Current().timers().AwaitDue();
 }
 
 VOID NTAPI NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled) {

@@ -22,6 +22,9 @@ class Timers {
     /// True when the timer was armed and will not fire. A routine that has started goes on.
     bool Cancel(PNDIS_TIMER timer);
 
+    /// Waits until every routine that is due by now has ended.
+    void AwaitDue();
+
     /// The memory is about to be freed: an armed timer in it is a fault.
     void ForgetRange(const void* start, std::size_t size);
     /// Timers that are armed, or whose routine is queued or running.
@@ -36,6 +39,7 @@ class Timers {
         LoadedDriver* driver = nullptr;
     };
     void Fire(PNDIS_TIMER timer, const Armed& armed);
+    void End(const Armed& armed);  ///< mutex_ is held
 
     Scheduler& scheduler_;
     Verifier& verifier_;
@@ -43,6 +47,8 @@ class Timers {
     std::map<std::uintptr_t, Armed> armed_;
     std::map<const LoadedDriver*, unsigned> started_;  ///< armed or queued
     std::set<std::uint64_t> forgotten_;                ///< queued, and the timer's memory is gone
+    std::map<std::uint64_t, Ticks> underWay_;          ///< when each is due; until its routine ends
+    WaitQueue ended_;
     std::uint64_t generations_ = 0;
 };
 

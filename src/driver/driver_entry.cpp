@@ -6,6 +6,7 @@
 #include "driver/event_handlers.h"
 #include "driver/module_lifecycle.h"
 #include "hook/hook_notify.h"
+#include "hook/hook_registry.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
 
@@ -46,7 +47,7 @@ void InitializeGlobals(PDRIVER_OBJECT driverObject) {
     InitializeDriverSpinLock(&g_DriverGlobals.ModuleListLock);
     InitializeListHead(&g_DriverGlobals.ModuleList);
     InitializeListHead(&g_DriverGlobals.DetachingList);
-    InitializeLockedList(&g_DriverGlobals.HookList);
+    InitializeHookRegistry();
     InitializeBootFilterList();
 }
 
@@ -109,4 +110,7 @@ VOID NTAPI FilterDriverUnload(PDRIVER_OBJECT) {
         NdisFDeregisterFilterDriver(g_DriverGlobals.FilterDriverHandle);
         g_DriverGlobals.FilterDriverHandle = nullptr;
     }
+    // Last: a handler that outlived its hook's deregistration ends at the latest with the module
+    // that it was called for.
+    WaitForLeavingHooks();
 }

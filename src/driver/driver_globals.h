@@ -1,6 +1,7 @@
 // The driver-wide state.
 #pragma once
 
+#include "driver/drain_count.h"
 #include "driver/locked_list.h"
 #include "platform/ndis.h"
 
@@ -8,9 +9,10 @@
 struct FILTER_DRIVER_GLOBALS {
     PDRIVER_OBJECT DriverObject;
 
-    // Guards ModuleList, DetachingList, the ActiveCalls of every module and DeviceObject. Inside it
-    // may be taken: a module's HookLock, free-list, trace and OutstandingLock, and the lock of a
-    // list's context. Never held together with the lock of HookList.
+    // Guards ModuleList, DetachingList, the ActiveCalls of every module, AnnounceSerial and
+    // DeviceObject. Inside it may be taken: a module's HookLock, free-list, trace and
+    // OutstandingLists lock, and the lock of a list's context. Never held together with the lock of
+    // HookList.
     DRIVER_SPIN_LOCK ModuleListLock;
     LIST_ENTRY ModuleList;  // the attached FILTER_MODULEs, in the order of their attach
 
@@ -22,6 +24,13 @@ struct FILTER_DRIVER_GLOBALS {
     // Modules that have left ModuleList and are not freed yet. A call that comes in for one of them
     // still finds a handle here to give its lists back with.
     LIST_ENTRY DetachingList;
+
+    // Numbers the modules as they join ModuleList and the hooks as they are announced to it, so
+    // that the two ways in which a module and a hook can meet agree on who announces it.
+    ULONGLONG AnnounceSerial;  // under ModuleListLock
+
+    // Hooks whose last registration has ended and whose record is not freed yet.
+    DRAIN_COUNT LeavingHooks;
 
     ULONG OsMajorVersion;  // 0 until it was asked for; WriteRelease and ReadAcquire
 };

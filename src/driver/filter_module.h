@@ -2,6 +2,7 @@
 // NDIS hands to every handler.
 #pragma once
 
+#include "driver/drain_count.h"
 #include "driver/spin_lock.h"
 #include "hook/hook_table.h"
 #include "hook/protocol_table.h"
@@ -51,7 +52,9 @@ struct FILTER_MODULE {
     HOOK_FILTER* Hooks[MAX_MODULE_HOOKS];      // under HookLock
     LONG HookCount;                            // changed under HookLock, read by ReadAcquire
     HOOK_FILTER* HookSlots[MAX_MODULE_HOOKS];  // under HookLock
-    DRIVER_SPIN_LOCK HookLock;                 // guards the three above; a leaf
+    BOOLEAN HookTableClosed;                   // under HookLock: nothing can be attached any more
+    DRIVER_SPIN_LOCK HookLock;                 // guards the four above; a leaf
+    ULONGLONG AttachSerial;                    // of joining ModuleList
 
     // The ring of trace lines; NULL when it could not be allocated.
     PUCHAR TraceBuffer;
@@ -72,11 +75,8 @@ struct FILTER_MODULE {
 
     DRIVER_SPIN_LOCK ProtocolLock;  // guards growth of the protocol table; a leaf
 
-    // Lists of the driver's own that NDIS or a pending request holds. The event is cleared as the
-    // count rises from 0 and signalled as it falls to 0, while OutstandingLock is held.
-    ULONG OutstandingLists;            // under OutstandingLock
-    DRIVER_SPIN_LOCK OutstandingLock;  // guards OutstandingLists; a leaf
-    KEVENT OutstandingEvent;
+    // Lists of the driver's own that NDIS or a pending request holds.
+    DRAIN_COUNT OutstandingLists;
 
     WCHAR NameStorage[];  // the three names, back to back
 };

@@ -78,6 +78,7 @@ void InitializeFilterModule(FILTER_MODULE* module) {
 
 void LinkModule(FILTER_MODULE* module) {
     SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    module->AttachSerial = ++g_DriverGlobals.AnnounceSerial;
     InsertTailList(&g_DriverGlobals.ModuleList, &module->Link);
 }
 

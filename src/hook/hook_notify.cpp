@@ -1,8 +1,132 @@
-// The driver has no registration call so far: HookList is empty, and there is nobody to tell.
 #include "hook/hook_notify.h"
 
-void NotifyHooksAdapterAttach(FILTER_MODULE*) {}
+#include "driver/driver_globals.h"
+#include "hook/hook_filter.h"
+#include "hook/hook_table.h"
+#include "platform/atomics.h"
+#include "platform/list.h"
 
-void NotifyHooksAdapterDetach(FILTER_MODULE*) {}
+namespace {
 
-void NotifyHooksUnload() {}
+HOOK_FILTER* HookOf(PLIST_ENTRY entry) {
+    return CONTAINING_RECORD(entry, HOOK_FILTER, Link);
+}
+
+// ModuleListLock is held.
+template <typename Action>
+void ForEachModule(PLIST_ENTRY head, Action action) {
+    for (PLIST_ENTRY at = head->Flink; at != head; at = at->Flink) {
+        action(CONTAINING_RECORD(at, FILTER_MODULE, Link));
+    }
+}
+
+// The attached and the detaching modules. ModuleListLock is held.
+template <typename Action>
+void ForEveryModule(Action action) {
+    ForEachModule(&g_DriverGlobals.ModuleList, action);
+    ForEachModule(&g_DriverGlobals.DetachingList, action);
+}
+
+// The lock of HookList or ModuleListLock is held.
+void NotifyAttach(FILTER_MODULE* module, HOOK_FILTER* hook) {
+    if (hook->AttachNotify != nullptr) {
+        hook->AttachNotify(module, hook, hook->Context);
+    }
+}
+
+// Settles a pair. The lock of HookList is held with the hook on it, or ModuleListLock with the
+// module on one of its lists: the entry in the table keeps the hook from being freed.
+void Part(FILTER_MODULE* module, HOOK_FILTER* hook, bool notify) {
+    if (!IsHookAttached(module, hook)) {
+        return;
+    }
+    if (notify && hook->DetachNotify != nullptr) {
+        hook->DetachNotify(module, hook, hook->Context);
+    }
+    while (RemoveHookFromModule(module, hook)) {
+    }
+}
+
+BOOLEAN AnnounceModule(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
+    auto* module = static_cast<FILTER_MODULE*>(argument);
+    HOOK_FILTER* hook = HookOf(entry);
+    if (hook->AnnounceSerial < module->AttachSerial) {
+        NotifyAttach(module, hook);
+    }
+    return FALSE;
+}
+
+BOOLEAN PartFromModule(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
+    Part(static_cast<FILTER_MODULE*>(argument), HookOf(entry), true);
+    return FALSE;
+}
+
+// A hook that the driver's unload took off the list has had its last word with that, unless a
+// deregistration since then has more to say.
+bool IsOwedDetachNotify(HOOK_FILTER* hook) {
+    if (!ReadAcquire(&hook->UnloadTaken)) {
+        return true;
+    }
+    return ReadAcquire(&hook->Leaving) && ReadAcquire(&hook->UnloadNotified);
+}
+
+// Decides under the list's lock, together with the removal, so that a deregistration which does not
+// find the hook any more finds the decision.
+BOOLEAN TakeForUnload(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
+    HOOK_FILTER* hook = HookOf(entry);
+    HoldHook(hook, HOOK_HOLD_OWNER);
+    WriteRelease<UCHAR>(&hook->UnloadTaken, TRUE);
+    WriteRelease<UCHAR>(&hook->UnloadNotified, hook->UnloadNotify != nullptr);
+    WriteRelease(&hook->State, HOOK_STATE_STOPPED);
+    *static_cast<HOOK_FILTER**>(argument) = hook;
+    return TRUE;
+}
+
+// Takes the first hook off the list, with a hold on it; NULL when the list is empty.
+HOOK_FILTER* TakeFirstForUnload() {
+    HOOK_FILTER* hook = nullptr;
+    LockedListFlush(&g_DriverGlobals.HookList, TakeForUnload, &hook);
+    return hook;
+}
+
+}  // namespace
+
+void NotifyHooksAdapterAttach(FILTER_MODULE* module) {
+    LockedListFind(&g_DriverGlobals.HookList, AnnounceModule, module);
+}
+
+void NotifyHooksAdapterDetach(FILTER_MODULE* module) {
+    LockedListFind(&g_DriverGlobals.HookList, PartFromModule, module);
+
+    // What is left in the table are hooks that have left the list, and late attachments.
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    while (HOOK_FILTER* hook = FirstHookOrCloseTable(module)) {
+        Part(module, hook, IsOwedDetachNotify(hook));
+    }
+}
+
+void NotifyHooksUnload() {
+    while (HOOK_FILTER* hook = TakeFirstForUnload()) {
+        if (hook->UnloadNotify != nullptr) {
+            hook->UnloadNotify(hook->Context);
+        }
+        ReleaseHook(hook, HOOK_HOLD_OWNER);
+    }
+}
+
+void AnnounceHookToModules(HOOK_FILTER* hook) {
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    hook->AnnounceSerial = ++g_DriverGlobals.AnnounceSerial;
+    ForEachModule(&g_DriverGlobals.ModuleList,
+                  [hook](FILTER_MODULE* module) { NotifyAttach(module, hook); });
+}
+
+void DetachHookFromModules(HOOK_FILTER* hook, bool notify) {
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    ForEveryModule([hook, notify](FILTER_MODULE* module) { Part(module, hook, notify); });
+}
+
+void WaitForHookClaims() {
+    SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
+    ForEveryModule(WaitForTableUsers);
+}

@@ -1,23 +1,19 @@
 // A module's table of the protocols that have sent through it.
 #pragma once
 
-#include "platform/types.h"
-
-struct FILTER_MODULE;
+#include "hook/exports.h"
 
 constexpr ULONG MAX_MODULE_PROTOCOLS = 24;
-
-// A protocol's name in 8-bit characters, with a NUL behind them. Clients get a pointer to it.
-struct PROTOCOL_ENTRY {
-    USHORT Length;         // without the NUL
-    USHORT MaximumLength;  // of Buffer
-    PCHAR Buffer;
-};
-static_assert(sizeof(PROTOCOL_ENTRY) == 16 && offsetof(PROTOCOL_ENTRY, MaximumLength) == 2 &&
-              offsetof(PROTOCOL_ENTRY, Buffer) == 8);
+constexpr ULONG PROTOCOL_NAME_TAG = 0x486B5374;  // "tSkH"
 
 // Makes the table of a module that was just zeroed ready: no entry, a free lock.
 void InitializeProtocolTable(FILTER_MODULE* module);
+
+// The name of the protocol behind the SourceHandle of a sent list, put into the table when it is
+// not there yet. NULL when there is no protocol, the table is full, its name does not fit an entry
+// or memory is short; the next list tries again. The entry lives as long as the module. The caller
+// holds the list. IRQL <= DISPATCH_LEVEL.
+PROTOCOL_ENTRY* NTAPI LookupProtocolEntry(FILTER_MODULE* module, NDIS_HANDLE sourceHandle);
 
 // Frees the names. Nobody may hold an entry of the module any more.
 void FreeProtocolTable(FILTER_MODULE* module);

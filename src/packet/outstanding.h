@@ -9,11 +9,11 @@ void InitializeOutstandingLists(FILTER_MODULE* module);
 
 // Counts a list, before anyone but the caller can see it. `atDispatch` says that the caller runs at
 // DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
-void CountOutstandingList(FILTER_MODULE* module, BOOLEAN atDispatch);
+VOID NTAPI CountOutstandingList(FILTER_MODULE* module, BOOLEAN atDispatch);
 
 // Uncounts a list: the very last act of giving it up, with no lock held, since a pause or a detach
 // may be waiting for exactly this one. `atDispatch` as above. IRQL <= DISPATCH_LEVEL.
-void ReleaseOutstandingList(FILTER_MODULE* module, BOOLEAN atDispatch);
+VOID NTAPI ReleaseOutstandingList(FILTER_MODULE* module, BOOLEAN atDispatch);
 
 // Returns when the count is 0. The module must be unable to originate more. PASSIVE_LEVEL.
 void WaitForOutstandingLists(FILTER_MODULE* module);

@@ -1,15 +1,76 @@
-// No hook can be attached so far: no list carries a context of the driver, and none is its own.
 #include "packet/send_path.h"
+
+#include "driver/trace_log.h"
+#include "hook/protocol_table.h"
+#include "hook/source_handle.h"
+#include "packet/interception.h"
+#include "packet/net_buffer_chain.h"
+
+namespace {
+
+PROTOCOL_ENTRY* SendingProtocol(FILTER_MODULE* module, NDIS_HANDLE sourceHandle) {
+    UCHAR kind = GetSourceHandleKind(sourceHandle);
+    bool withoutProtocol = kind == SOURCE_KIND_FILTER || kind == SOURCE_KIND_ADAPTER;
+    return withoutProtocol ? nullptr : LookupProtocolEntry(module, sourceHandle);
+}
+
+// Puts a context on the list and shows its buffers to the hooks. False when there is no context to
+// be had; the list is untouched then.
+bool InterceptSentList(INTERCEPTION* interception,
+                       PNET_BUFFER_LIST list,
+                       NDIS_PORT_NUMBER portNumber) {
+    NBL_CONTEXT* context = AllocateNblContext(interception->Module, list);
+    if (context == nullptr) {
+        return false;
+    }
+    context->Type = NBL_TYPE_SEND;
+    context->NetBufferList = list;
+    context->PortNumber = portNumber;
+    OfferNetBuffers(interception, context,
+                    SendingProtocol(interception->Module, list->SourceHandle));
+    return true;
+}
+
+}  // namespace
 
 VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
                         PNET_BUFFER_LIST lists,
                         NDIS_PORT_NUMBER portNumber,
                         ULONG sendFlags) {
-    NdisFSendNetBufferLists(module->FilterHandle, lists, portNumber, sendFlags);
+    BOOLEAN atDispatch = (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0;
+    INTERCEPTION interception = {
+        .Module = module, .Direction = NIRP_DIRECTION_SEND, .AtDispatch = atDispatch};
+    NBL_CHAIN retained;
+    PNET_BUFFER_LIST successor = nullptr;
+    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = successor) {
+        successor = list->Next;
+        list->Next = nullptr;
+        if (!InterceptSentList(&interception, list, portNumber)) {
+            // Ahead of the lists that are kept for the one call below: the hooks do not see it, so
+            // nothing has to wait for it.
+            TraceLog(module, "NSVFSendNBLs", 1517, atDispatch);
+            NdisFSendNetBufferLists(module->FilterHandle, list, portNumber, sendFlags);
+        } else if (list->FirstNetBuffer != nullptr) {
+            AppendNetBufferList(&retained, list);
+        } else {
+            // To its sender a list whose frames were all withheld looks sent.
+            list->Status = NDIS_STATUS_SUCCESS;
+            NSVFSendNBLsComplete(module, list,
+                                 atDispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
+        }
+    }
+    EndInterception(&interception);
+    if (retained.Head != nullptr) {
+        NdisFSendNetBufferLists(module->FilterHandle, retained.Head, portNumber, sendFlags);
+    }
 }
 
 VOID NTAPI NSVFSendNBLsComplete(FILTER_MODULE* module,
                                 PNET_BUFFER_LIST lists,
                                 ULONG sendCompleteFlags) {
-    NdisFSendNetBufferListsComplete(module->FilterHandle, lists, sendCompleteFlags);
+    BOOLEAN atDispatch = (sendCompleteFlags & NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL) != 0;
+    PNET_BUFFER_LIST others = SettleLists(module, lists, NIRP_DIRECTION_SEND, atDispatch);
+    if (others != nullptr) {
+        NdisFSendNetBufferListsComplete(module->FilterHandle, others, sendCompleteFlags);
+    }
 }

@@ -31,6 +31,13 @@ inline Integer InterlockedDecrement(volatile Integer* target) {
     return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
 }
 
+// Adds `value` and returns the new value; a full barrier.
+template <typename Integer>
+inline Integer InterlockedAdd(volatile Integer* target, Integer value) {
+    AtomicPoint(target);
+    return __atomic_add_fetch(target, value, __ATOMIC_SEQ_CST);
+}
+
 // Stores `value` if `target` holds `expected`; returns what it held. A full barrier.
 template <typename Integer>
 inline Integer InterlockedCompareExchange(volatile Integer* target,

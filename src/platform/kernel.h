@@ -169,6 +169,9 @@ NTIMPORT VOID NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
 NTIMPORT VOID NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);
 // Any IRQL.
 NTIMPORT KIRQL NTAPI KeGetCurrentIrql(VOID);
+// Returns when every DPC that was queued or running on any processor has ended, timer routines
+// included. PASSIVE_LEVEL.
+NTIMPORT VOID NTAPI KeFlushQueuedDpcs(VOID);
 
 NTIMPORT VOID NTAPI KeInitializeEvent(PKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 // Signals; returns the previous state. IRQL <= DISPATCH_LEVEL when `Wait` is FALSE.
@@ -251,6 +254,11 @@ NTIMPORT BOOLEAN NTAPI PsGetVersion(PULONG MajorVersion,
 
 // Points `DestinationString` at `SourceString`, which must outlive it.
 NTIMPORT VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString);
+
+// Copies as much of `SourceString` as fits DestinationString's MaximumLength, and sets its Length.
+// A NULL source makes it empty. IRQL <= DISPATCH_LEVEL when both buffers are resident.
+NTIMPORT VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString,
+                                         PCUNICODE_STRING SourceString);
 
 // To the kernel debugger; any IRQL for formats without wide strings.
 NTIMPORT ULONG NTAPI DbgPrint(PCSTR Format, ...);

@@ -25,6 +25,14 @@ NTIMPORT PWSTR NTAPI wcsstr(PCWSTR text, PCWSTR part) RUNTIME_SYMBOL(wcsstr);
 // 0 when the strings are equal but for the case of letters; else which of them sorts first.
 NTIMPORT int NTAPI _wcsicmp(PCWSTR left, PCWSTR right) RUNTIME_SYMBOL(_wcsicmp);
 
+// Sorts `count` elements of `size` bytes in ascending order. `compare` is negative, 0 or positive
+// as its left argument goes before, with or behind its right one. Not stable.
+NTIMPORT VOID NTAPI qsort(void* elements,
+                          SIZE_T count,
+                          SIZE_T size,
+                          int(NTAPI* compare)(const void* left, const void* right))
+    RUNTIME_SYMBOL(qsort);
+
 // The compiler's own names, also called for copies it generates.
 void* memcpy(void* destination, const void* source, SIZE_T size);
 void* memset(void* destination, int value, SIZE_T size);

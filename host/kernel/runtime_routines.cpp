@@ -1,5 +1,7 @@
-// The runtime routines on wide strings, under the names that the driver's calls are bound to.
+// The runtime routines on wide strings, and sorting, under the names that the driver's calls are
+// bound to.
 
+#include <cstdlib>
 #include <string_view>
 
 #include "platform/kernel.h"
@@ -9,6 +11,12 @@ namespace {
 // The kernel has no locale, and without one only these letters have two cases.
 int Fold(WCHAR character) {
     return character >= u'A' && character <= u'Z' ? character + (u'a' - u'A') : character;
+}
+
+using Compare = int(NTAPI*)(const void* left, const void* right);
+
+int CallCompare(const void* left, const void* right, void* compare) {
+    return (*static_cast<Compare*>(compare))(left, right);
 }
 
 }  // namespace
@@ -27,6 +35,12 @@ int NTAPI NetsieveRuntime__wcsicmp(PCWSTR left, PCWSTR right) {
         ++right;
     }
     return Fold(*left) - Fold(*right);
+}
+
+// The comparison is carried along as an argument: it may be a scheduling point, and the fiber that
+// runs next may sort too.
+VOID NTAPI NetsieveRuntime_qsort(void* elements, SIZE_T count, SIZE_T size, Compare compare) {
+    qsort_r(elements, count, size, CallCompare, &compare);
 }
 
 }  // extern "C"

@@ -1,0 +1,81 @@
+// The record of a registered hook filter. Clients hold its address as their handle.
+#pragma once
+
+#include "driver/locked_list.h"
+#include "hook/exports.h"
+#include "platform/atomics.h"
+
+constexpr ULONG HOOK_FILTER_TAG = 0x746F666E;  // "nfot"
+constexpr ULONG HOOK_CLASS = 254;
+constexpr ULONG HOOK_SLOT_NONE = 0x7FFF7FFF;
+
+// The fields from MajorVersion to Context are written before the hook is announced to anyone, and
+// cleared when the record is freed.
+struct HOOK_FILTER {
+    LIST_ENTRY Link;  // in HookList, under its lock; first, because the list hands it out
+    UCHAR MajorVersion;
+    UCHAR MinorVersion;
+    HOOK_ATTACH_NOTIFY AttachNotify;
+    HOOK_DETACH_NOTIFY DetachNotify;
+    HOOK_UNLOAD_NOTIFY UnloadNotify;
+    PVOID Reserved;
+    HOOK_PACKET_HANDLER SendHandler;
+    HOOK_PACKET_HANDLER ReceiveHandler;
+    UCHAR OpaqueData[HOOK_OPAQUE_SIZE];
+    ULONG Priority;
+    UNICODE_STRING Name;  // its buffer belongs to the record
+    PVOID Context;
+
+    ULONG Class;
+    ULONG AttachCount;  // entries in the tables of all modules; atomic
+    ULONG State;        // HOOK_STATE_ values; WriteRelease and ReadAcquire
+    ULONG SlotIndex;    // claimed last, in whichever module; WriteRelease and ReadAcquire
+    LOCKED_LIST PrivateList;
+
+    // What keeps the record allocated, as one number: a handler call must not pay for two
+    // interlocked operations on each side. Whoever makes the whole of it 0 frees the record.
+    union {
+        volatile ULONGLONG Holds;
+        struct {
+            ULONG BusyCount;   // handler calls in progress, on all processors
+            ULONG OwnerCount;  // 1 for all registrations, 1 for an unload notification in progress
+        };
+    };
+
+    NDIS_TIMER HookIdleTimer;
+    NDIS_EVENT HookIdleEvent;
+    UCHAR UnloadNotified;  // 1 once UnloadNotify is called; WriteRelease and ReadAcquire
+
+    ULONG Registrations;       // handles that clients hold; atomic, never raised from 0
+    ULONGLONG AnnounceSerial;  // of the announcement to the modules; under ModuleListLock
+    // The flags below are written by WriteRelease and read by ReadAcquire.
+    UCHAR UnloadTaken;   // the driver's unload took the hook off HookList
+    UCHAR Leaving;       // being taken down: no handler call begins, nothing is attached
+    UCHAR TimerRunning;  // HookIdleTimer is armed, or its routine has not let go of the record
+    UCHAR TimerStopped;  // HookIdleTimer must not be armed again
+};
+static_assert(offsetof(HOOK_FILTER, Link) == 0);
+static_assert(offsetof(HOOK_FILTER, BusyCount) == offsetof(HOOK_FILTER, Holds));
+
+constexpr ULONGLONG HOOK_HOLD_CALL = 1;
+constexpr ULONGLONG HOOK_HOLD_OWNER = 1ULL << 32;
+
+// Makes a stopped hook with one registration, on no list and with nothing of the client's but
+// `context`. NULL when there is no memory. IRQL <= DISPATCH_LEVEL.
+HOOK_FILTER* AllocateHookFilter(PVOID context);
+
+// Frees a hook that nothing holds any more, and uncounts it in LeavingHooks.
+// IRQL <= DISPATCH_LEVEL, no lock held.
+VOID NTAPI FreeHookFilter(HOOK_FILTER* hook);
+
+// Holds the record. Something else must be holding it already, for as long as this takes.
+inline void HoldHook(HOOK_FILTER* hook, ULONGLONG hold) {
+    InterlockedAdd(&hook->Holds, hold);
+}
+
+// Ends a hold; the record may be gone when it returns. IRQL <= DISPATCH_LEVEL, no lock held.
+inline void ReleaseHook(HOOK_FILTER* hook, ULONGLONG hold) {
+    if (InterlockedAdd(&hook->Holds, 0 - hold) == 0) {
+        FreeHookFilter(hook);
+    }
+}

@@ -1,0 +1,318 @@
+/*
+ * NetSieve hook filter interface.
+ *
+ * A hook filter is a kernel driver that is shown the frames which cross an Ethernet adapter, and
+ * decides for each whether it may pass. It registers here, is told of every adapter, attaches
+ * itself to those it wants to watch, and switches itself on with ITarnHKFlowControl.
+ *
+ * The header stands alone, as C and as C++. Where the kernel's own headers are used, include them
+ * first: their types are taken then.
+ *
+ * Unless a function says otherwise, a missing pointer is refused with 0xC000000D
+ * (STATUS_INVALID_PARAMETER) and nothing happens, and a pointer that is not missing must be good.
+ */
+#pragma once
+
+#include <stddef.h>
+
+#ifndef NTAPI /* no kernel headers yet */
+#include <stdint.h>
+#ifdef _WIN32
+#define NTAPI
+typedef wchar_t WCHAR;
+#else
+/* Outside Windows the interface keeps the calling convention and the types of Windows. */
+#define NTAPI __attribute__((ms_abi))
+#ifdef __cplusplus
+typedef char16_t WCHAR;
+#else
+typedef uint_least16_t WCHAR; /* what char16_t is in C */
+#endif
+#endif
+typedef void VOID;
+typedef void* PVOID;
+typedef char CHAR;
+typedef uint8_t UCHAR;
+typedef uint16_t USHORT;
+typedef int32_t LONG;
+typedef uint32_t ULONG;
+typedef uint64_t ULONGLONG;
+typedef int32_t NTSTATUS;
+typedef struct UNICODE_STRING {
+    USHORT Length; /* in bytes, as the next */
+    USHORT MaximumLength;
+    WCHAR* Buffer;
+} UNICODE_STRING;
+#endif
+
+#ifndef NETSIEVE_HOOK_API
+#ifdef _WIN32
+#define NETSIEVE_HOOK_API __declspec(dllimport)
+#else
+#define NETSIEVE_HOOK_API
+#endif
+#endif
+
+#ifdef __cplusplus
+#define NETSIEVE_LAYOUT(condition) static_assert(condition, #condition)
+extern "C" {
+#else
+#define NETSIEVE_LAYOUT(condition) _Static_assert(condition, #condition)
+#endif
+
+/* ---- Handles ------------------------------------------------------------------------------- */
+
+/* An adapter that the driver is bound to. Valid from AttachNotify until DetachNotify has returned;
+ * a hook that is not attached to it is not told when it goes. */
+typedef struct FILTER_MODULE FILTER_MODULE;
+/* A registered hook. Valid until its deregistration. */
+typedef struct HOOK_FILTER HOOK_FILTER;
+/* The copy of one frame. Valid while the handler that got it runs. */
+typedef struct NIRP NIRP;
+
+/* ---- Constants ----------------------------------------------------------------------------- */
+
+/* What a hook's handlers answer. A frame is withheld when any hook answers other than 0; every
+ * active hook is shown it all the same, and the last such answer in their order stands. */
+#define HOOK_VERDICT_PASS 0
+#define HOOK_VERDICT_WITHHOLD 1
+#define HOOK_VERDICT_PENDING                                             \
+    2 /* has the same effect; for a frame that the hook decides on later \
+       */
+
+/* The state of a hook. It is shown frames in HOOK_STATE_ACTIVE and HOOK_STATE_RESUMED, and in no
+ * other. A new hook is HOOK_STATE_STOPPED. */
+#define HOOK_STATE_ACTIVE 11u
+#define HOOK_STATE_RESUMED 13u
+#define HOOK_STATE_STOPPED 14u
+
+/* Hooks see a frame in ascending order of priority, compared as unsigned numbers. Hooks of equal
+ * priority have no order. The class given to ITarnHKRegisterFilter stands for a priority; a class
+ * above the last stands for HOOK_PRIORITY_LAST. */
+#define HOOK_CLASS_0 0u
+#define HOOK_CLASS_1 1u
+#define HOOK_CLASS_2 2u
+#define HOOK_CLASS_3 3u
+#define HOOK_PRIORITY_CLASS_0 2000u
+#define HOOK_PRIORITY_CLASS_1 2100u
+#define HOOK_PRIORITY_CLASS_2 2200u
+#define HOOK_PRIORITY_CLASS_3 2300u
+#define HOOK_PRIORITY_LAST 2400u
+
+/* The most hooks that can be attached to one adapter. */
+#define HOOK_MODULE_LIMIT 64u
+
+#define HOOK_OPAQUE_SIZE 432
+
+/* ---- Callbacks ----------------------------------------------------------------------------- */
+
+/* `context` is always the argument of the registration. A callback that is NULL is skipped. */
+
+/* An adapter is there: those that exist are announced by the registration before it returns, later
+ * ones as they come. Here the hook attaches itself.
+ *
+ * Both notifications run at DISPATCH_LEVEL under a lock of the driver. They may call
+ * ITarnHKAttachFilter, ITarnHKDettachFilter and ITarnHKFlowControl, and no other function of the
+ * driver. */
+typedef VOID(NTAPI* HOOK_ATTACH_NOTIFY)(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context);
+
+/* The adapter goes, or the hook is being deregistered: one call for each adapter that the hook is
+ * attached to, however often. No handler is called for this adapter any more. What the hook leaves
+ * attached is detached when the call returns. */
+typedef VOID(NTAPI* HOOK_DETACH_NOTIFY)(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context);
+
+/* The driver unloads. Runs at PASSIVE_LEVEL with no lock held. The hook is stopped; it still has
+ * to be deregistered, here or later, but before the driver's unload routine has ended. */
+typedef VOID(NTAPI* HOOK_UNLOAD_NOTIFY)(PVOID context);
+
+/* Judges one frame: returns a HOOK_VERDICT_ value. Runs at IRQL <= DISPATCH_LEVEL with no lock
+ * held, on several processors at once. It must not deregister its own hook. */
+typedef LONG(NTAPI* HOOK_PACKET_HANDLER)(PVOID context, NIRP* nirp);
+
+/* ---- Registration blocks ------------------------------------------------------------------- */
+
+/* In both blocks Name.MaximumLength is at least Name.Length + 2. The driver copies what it needs
+ * of a block before the registration returns. */
+
+typedef struct HOOK_FILTER_REGISTRATION {
+    UNICODE_STRING Name;
+    HOOK_ATTACH_NOTIFY AttachNotify;
+    HOOK_DETACH_NOTIFY DetachNotify;
+    HOOK_UNLOAD_NOTIFY UnloadNotify;
+    UCHAR OpaqueData[HOOK_OPAQUE_SIZE]; /* not interpreted */
+} HOOK_FILTER_REGISTRATION;
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION, Name) == 0);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION, AttachNotify) == 16);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION, DetachNotify) == 24);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION, UnloadNotify) == 32);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION, OpaqueData) == 40);
+NETSIEVE_LAYOUT(sizeof(HOOK_FILTER_REGISTRATION) == 472);
+
+typedef struct HOOK_FILTER_REGISTRATION_EX {
+    UCHAR MajorVersion; /* the client's own; not tested, as the next */
+    UCHAR MinorVersion;
+    UCHAR Reserved1[6];
+    HOOK_ATTACH_NOTIFY AttachNotify;
+    HOOK_DETACH_NOTIFY DetachNotify;
+    HOOK_UNLOAD_NOTIFY UnloadNotify;
+    PVOID Reserved; /* kept, never called */
+    HOOK_PACKET_HANDLER SendHandler;
+    HOOK_PACKET_HANDLER ReceiveHandler;
+    UCHAR OpaqueData[HOOK_OPAQUE_SIZE]; /* not interpreted */
+    ULONG Priority;
+    ULONG Reserved2;
+    UNICODE_STRING Name; /* with a NUL right behind its Length bytes */
+    ULONGLONG Reserved3;
+} HOOK_FILTER_REGISTRATION_EX;
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, MinorVersion) == 1);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, AttachNotify) == 8);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, DetachNotify) == 16);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, UnloadNotify) == 24);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, Reserved) == 32);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, SendHandler) == 40);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, ReceiveHandler) == 48);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, OpaqueData) == 56);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, Priority) == 488);
+NETSIEVE_LAYOUT(offsetof(HOOK_FILTER_REGISTRATION_EX, Name) == 496);
+NETSIEVE_LAYOUT(sizeof(HOOK_FILTER_REGISTRATION_EX) == 520);
+
+/* ---- Records that the queries fill ---------------------------------------------------------- */
+
+/* A protocol's name in 8-bit characters, with a NUL behind them. */
+typedef struct PROTOCOL_ENTRY {
+    USHORT Length;        /* without the NUL */
+    USHORT MaximumLength; /* of Buffer */
+    CHAR* Buffer;
+} PROTOCOL_ENTRY;
+NETSIEVE_LAYOUT(offsetof(PROTOCOL_ENTRY, MaximumLength) == 2);
+NETSIEVE_LAYOUT(offsetof(PROTOCOL_ENTRY, Buffer) == 8);
+NETSIEVE_LAYOUT(sizeof(PROTOCOL_ENTRY) == 16);
+
+/* What NDIS keeps about the protocol that sent a frame. The values have no published meaning. */
+typedef struct HOOK_PROTOCOL_INFO {
+    PVOID ProtocolHandle;
+    ULONGLONG ProtocolValue;
+    UCHAR ProtocolBytes[2];
+    UCHAR Reserved[6];
+    /* The caller sets Buffer and MaximumLength. What does not fit is cut off. */
+    UNICODE_STRING ProtocolName;
+} HOOK_PROTOCOL_INFO;
+NETSIEVE_LAYOUT(offsetof(HOOK_PROTOCOL_INFO, ProtocolHandle) == 0);
+NETSIEVE_LAYOUT(offsetof(HOOK_PROTOCOL_INFO, ProtocolValue) == 8);
+NETSIEVE_LAYOUT(offsetof(HOOK_PROTOCOL_INFO, ProtocolBytes) == 16);
+NETSIEVE_LAYOUT(offsetof(HOOK_PROTOCOL_INFO, ProtocolName) == 24);
+NETSIEVE_LAYOUT(sizeof(HOOK_PROTOCOL_INFO) == 40);
+
+/* What NDIS keeps about the adapter that a frame crosses. The values have no published meaning and
+ * are named after their place. The driver writes the first 30 bytes and nothing behind them. */
+typedef struct HOOK_ADAPTER_INFO {
+    ULONGLONG Value56;
+    ULONG Value120;
+    ULONG Value124;
+    ULONG Value464;
+    ULONG Value476;
+    UCHAR MacAddress[6];
+} HOOK_ADAPTER_INFO;
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, Value56) == 0);
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, Value120) == 8);
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, Value124) == 12);
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, Value464) == 16);
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, Value476) == 20);
+NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, MacAddress) == 24);
+
+/* ---- Registration ---------------------------------------------------------------------------- */
+
+/*
+ * Registers a hook and announces every adapter to it, in the order in which they came, before it
+ * returns. The hook is stopped until ITarnHKFlowControl starts it. `*hook` is its handle; it is
+ * written only on success, and belongs to the driver.
+ *
+ * When the text of the new name contains the whole name of a registered hook (an empty name is
+ * contained in every other), that hook is returned instead: the block's callbacks, priority and
+ * `context` then count for nothing, nothing is announced, and the hook lives until each of its
+ * registrations has been deregistered.
+ *
+ * Returns 0; 0xC000000D for a missing pointer other than `context`, for a name without a buffer or
+ * without room for a NUL, and in the extended block for a name without that NUL; 0xC000009A when
+ * the name cannot be copied; 0xC0000136 when there is no memory for the hook.
+ *
+ * IRQL <= DISPATCH_LEVEL; the block and the name must be readable there. Not from a notification
+ * (UnloadNotify included).
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKRegisterFilterEx(
+    const HOOK_FILTER_REGISTRATION_EX* registration,
+    PVOID context,
+    HOOK_FILTER** hook);
+
+/* The same with the basic block: a hook that is told of adapters and never shown a frame, although
+ * the adapters it is attached to have their traffic intercepted. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKRegisterFilter(const HOOK_FILTER_REGISTRATION* registration,
+                                                       PVOID context,
+                                                       ULONG priorityClass,
+                                                       HOOK_FILTER** hook);
+
+/*
+ * Ends one registration, always with status 0 for a hook that is there. While others share the
+ * hook, that is all.
+ *
+ * The last one takes the hook down: it is shown nothing more, its running handlers are waited for,
+ * 10 seconds at most, and it gets its DetachNotify for every adapter it is attached to. No callback
+ * is made after the return, but a handler that did not end within the wait still runs. The handle
+ * is no longer valid. Takes 100 milliseconds at least. A hook that the driver's unload has passed
+ * already without an UnloadNotify to call gets no notifications, and returns at once unless a
+ * handler of it runs.
+ *
+ * PASSIVE_LEVEL. From UnloadNotify, but not from a handler of this hook or another notification.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKDeregisterFilter(HOOK_FILTER* hook);
+
+/* Sets the hook's state, a HOOK_STATE_ value; any other stops it. Counts from the next frame on. A
+ * missing hook is ignored, and a hook that is being deregistered stays stopped. Any IRQL up to
+ * DISPATCH_LEVEL, from everywhere. */
+NETSIEVE_HOOK_API VOID NTAPI ITarnHKFlowControl(HOOK_FILTER* hook, ULONG state);
+
+/* ---- Attachment ------------------------------------------------------------------------------ */
+
+/*
+ * Attaches the hook to the adapter once more: a hook that is attached twice is shown each frame
+ * twice. Only from AttachNotify, or while the module is known to be there.
+ *
+ * Returns 0; 0xC000009A when the adapter has its HOOK_MODULE_LIMIT hooks, and 0xC000000D also when
+ * the adapter has been told to all its hooks as going or the hook is being deregistered. Nothing
+ * changes then. IRQL <= DISPATCH_LEVEL, from everywhere.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKAttachFilter(FILTER_MODULE* module, HOOK_FILTER* hook);
+
+/* Undoes one attachment; returns 0 also when there is none. A handler that is running goes on.
+ * IRQL <= DISPATCH_LEVEL, from everywhere. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKDettachFilter(FILTER_MODULE* module, HOOK_FILTER* hook);
+
+/* ---- Queries: from the handler that was given the record, at its IRQL ------------------------ */
+
+/* The bytes of the frame, from its Ethernet header on. They are a copy that belongs to the driver:
+ * the frame itself cannot be changed through it. NULL for a missing record. */
+NETSIEVE_HOOK_API UCHAR* NTAPI ITarnHKGetBuffer(NIRP* nirp);
+
+/* The length of the frame in bytes; 0 for a missing record. */
+NETSIEVE_HOOK_API ULONG NTAPI ITarnHKGetBufferLength(NIRP* nirp);
+
+/* Gives the name of the protocol that sent the frame, or NULL when none did or none is known. The
+ * entry belongs to the driver and lives as long as the adapter is there. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetProtocolName(NIRP* nirp, PROTOCOL_ENTRY** entry);
+
+/* Does nothing and returns 0, whatever it is given. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKQueryProtocolName(PVOID first, PVOID second);
+
+/* Describes the protocol that sent the frame. 0xC0000001 for a received frame, or one whose sender
+ * is no protocol; 0xC000000D for one without a sender. The places it reads are known for NDIS 6.0,
+ * 6.1, 6.20, 6.30 and 6.40; do not rely on it on any other. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetProtocolInfo(NIRP* nirp, HOOK_PROTOCOL_INFO* info);
+
+/* Describes the adapter that the frame crosses. 0xC0000001 when the source of the frame does not
+ * lead to an adapter, and on an NDIS version other than those above, then with the first 24 bytes
+ * written; 0xC000000D for a frame without a source. */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetAdapterInfo(NIRP* nirp, HOOK_ADAPTER_INFO* info);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif

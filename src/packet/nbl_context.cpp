@@ -1,0 +1,68 @@
+#include "packet/nbl_context.h"
+
+#include "packet/nirp.h"
+#include "platform/list.h"
+
+namespace {
+
+NBL_CONTEXT* CurrentArea(NET_BUFFER_LIST_CONTEXT* block) {
+    return reinterpret_cast<NBL_CONTEXT*>(reinterpret_cast<PUCHAR>(block + 1) + block->Offset);
+}
+
+}  // namespace
+
+NBL_CONTEXT* NTAPI AllocateNblContext(FILTER_MODULE* module, PNET_BUFFER_LIST list) {
+    if (NdisAllocateNetBufferListContext(list, NBL_CONTEXT_SIZE, 0, NBL_CONTEXT_TAG) !=
+        NDIS_STATUS_SUCCESS) {
+        return nullptr;
+    }
+    NBL_CONTEXT* context = CurrentArea(list->Context);
+    *context = {};
+    context->Magic = NBL_CONTEXT_TAG;
+    context->Size = NBL_CONTEXT_SIZE;
+    context->Module = module;
+    InitializeListHead(&context->Nirps);
+    InitializeDriverSpinLock(&context->Lock);
+    return context;
+}
+
+NBL_CONTEXT* NTAPI FindNblContext(const FILTER_MODULE* module, PNET_BUFFER_LIST list) {
+    NET_BUFFER_LIST_CONTEXT* block = list->Context;
+    if (block == nullptr || block->Offset + NBL_CONTEXT_SIZE > block->Size) {
+        return nullptr;
+    }
+    NBL_CONTEXT* context = CurrentArea(block);
+    bool ours = context->Magic == NBL_CONTEXT_TAG && context->Size == NBL_CONTEXT_SIZE &&
+                context->Module == module;
+    return ours ? context : nullptr;
+}
+
+VOID NTAPI FreeNblContext(NBL_CONTEXT* context, PNET_BUFFER_LIST list) {
+    // NDIS keeps the bytes; another filter's area over them must not be taken for ours.
+    context->Magic = 0;
+    NdisFreeNetBufferListContext(list, NBL_CONTEXT_SIZE);
+}
+
+VOID NTAPI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST list) {
+    FreeNblContext(context, list);
+    NdisFreeNetBufferList(list);
+}
+
+VOID NTAPI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch) {
+    SpinLockGuard guard(&context->Lock, atDispatch);
+    InsertTailList(&context->Nirps, &nirp->ContextLink);
+}
+
+NIRP* NTAPI RemoveFirstContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
+    SpinLockGuard guard(&context->Lock, atDispatch);
+    return IsListEmpty(&context->Nirps)
+               ? nullptr
+               : CONTAINING_RECORD(RemoveHeadList(&context->Nirps), NIRP, ContextLink);
+}
+
+NIRP* NTAPI RemoveLastContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
+    SpinLockGuard guard(&context->Lock, atDispatch);
+    return IsListEmpty(&context->Nirps)
+               ? nullptr
+               : CONTAINING_RECORD(RemoveTailList(&context->Nirps), NIRP, ContextLink);
+}
