@@ -3,15 +3,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <array>
 #include <memory>
 #include <vector>
 
+#include "bench/crossing.h"
 #include "bench/ideal_loop.h"
 #include "driver/driver_entry.h"
-#include "host/machine.h"
-#include "host/ndis/frame_lists.h"
-#include "host/ndis/ndis.h"
 
 namespace netsieve::bench {
 
@@ -21,44 +18,14 @@ using namespace netsieve::host;
 
 constexpr std::size_t kFrameSize = 60;
 
-enum class Way { kSend, kReceive };
-
-/// A chain that crosses its stack again and again. The ends give it back before the call returns,
-/// linked as it was.
-struct Trip {
-    Stack* stack;
-    PNET_BUFFER_LIST chain;
-
-    void Go(Way way) const {
-        if (way == Way::kSend) {
-            stack->protocol().Send(chain);
-        } else {
-            stack->adapter().Indicate(chain);
-        }
-    }
-};
-
-PNET_BUFFER_LIST MakeChain(FrameLists& lists, std::int64_t length) {
-    const std::array<std::uint8_t, kFrameSize> frame{};
-    PNET_BUFFER_LIST chain = nullptr;
-    for (; length > 0; --length) {
-        PNET_BUFFER_LIST const list = lists.Make(std::span<const std::uint8_t>(frame));
-        list->Next = chain;
-        chain = list;
-    }
-    return chain;
-}
-
-std::uint64_t AllocationsOf(Machine& machine) {
-    return machine.pool().Allocations() + machine.ndis().lists().Allocations();
-}
-
-void Measure(benchmark::State& state, Machine& machine, Way way, const std::vector<Trip>& trips) {
+void Measure(benchmark::State& state,
+             Machine& machine,
+             std::vector<std::unique_ptr<Crossing>>& trips) {
     const std::uint64_t allocations = AllocationsOf(machine);
     std::size_t next = 0;
     const double start = ThreadNanoseconds();
     for (auto _ : state) {
-        trips[next].Go(way);
+        trips[next]->Go();
         next = next + 1 < trips.size() ? next + 1 : 0;
     }
     const double took = ThreadNanoseconds() - start;
@@ -81,15 +48,13 @@ void CrossStacks(benchmark::State& state, Way way) {
         if (state.range(2) != 0) {
             machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         }
-        std::vector<std::unique_ptr<FrameLists>> lists;
-        std::vector<Trip> trips;
+        std::vector<std::unique_ptr<Crossing>> trips;
         for (std::uint32_t i = 1; i <= state.range(1); ++i) {
             Stack& stack = machine.ndis().AddAdapter({.ifIndex = i});
-            lists.push_back(std::make_unique<FrameLists>(
-                machine, way == Way::kSend ? stack.protocol().pool() : stack.adapter().pool()));
-            trips.push_back({&stack, MakeChain(*lists.back(), state.range(0))});
+            trips.push_back(
+                std::make_unique<Crossing>(machine, stack, way, kFrameSize, state.range(0)));
         }
-        Measure(state, machine, way, trips);
+        Measure(state, machine, trips);
         machine.UnloadDriver("NETSIEVE");
     });
 }

@@ -1,0 +1,170 @@
+// What interception costs: a frame's way past the hooks and back, by the frame's size, the lists in
+// a call, the number of hooks, and whether one of them withholds.
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench/crossing.h"
+#include "bench/ideal_loop.h"
+#include "driver/driver_entry.h"
+#include "hook/exports.h"
+
+namespace netsieve::bench {
+
+namespace {
+
+using namespace netsieve::host;
+
+VOID NTAPI AttachHere(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
+    ITarnHKAttachFilter(module, hook);
+}
+
+LONG NTAPI Pass(PVOID, NIRP*) {
+    return HOOK_VERDICT_PASS;
+}
+LONG NTAPI Withhold(PVOID, NIRP*) {
+    return HOOK_VERDICT_WITHHOLD;
+}
+
+/// Active hooks on every adapter, for as long as the object lives.
+class Hooks {
+  public:
+    void Add(HOOK_PACKET_HANDLER handler) {
+        // No name may contain another, or it would be the same hook.
+        const std::string digits = fmt::format("hook {:02}.", hooks_.size());
+        std::u16string name(digits.begin(), digits.end());
+        HOOK_FILTER_REGISTRATION_EX block{};
+        block.AttachNotify = AttachHere;
+        block.SendHandler = handler;
+        block.ReceiveHandler = handler;
+        block.Name = {static_cast<USHORT>(name.size() * sizeof(WCHAR)),
+                      static_cast<USHORT>((name.size() + 1) * sizeof(WCHAR)), name.data()};
+        HOOK_FILTER* hook = nullptr;
+        if (ITarnHKRegisterFilterEx(&block, nullptr, &hook) != STATUS_SUCCESS) {
+            throw std::runtime_error("the hook could not be registered");
+        }
+        ITarnHKFlowControl(hook, HOOK_STATE_ACTIVE);
+        hooks_.push_back(hook);
+    }
+
+    ~Hooks() {
+        for (HOOK_FILTER* hook : hooks_) {
+            ITarnHKDeregisterFilter(hook);
+        }
+    }
+
+  private:
+    std::vector<HOOK_FILTER*> hooks_;
+};
+
+void FillHooks(Hooks& hooks, std::int64_t passing, bool withholding) {
+    for (; passing > 0; --passing) {
+        hooks.Add(Pass);
+    }
+    if (withholding) {
+        hooks.Add(Withhold);
+    }
+}
+
+// range(0): bytes of a frame; range(1): lists in a call; range(2): hooks that pass; range(3): one
+// more that withholds.
+void CrossHooks(benchmark::State& state, Way way) {
+    const auto size = static_cast<std::size_t>(state.range(0));
+    const double ideal = IdealNanoseconds(size);
+    Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
+    machine.Run([&] {
+        machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
+        {
+            Crossing crossing(machine, machine.ndis().AddAdapter(), way, size, state.range(1));
+            Hooks hooks;
+            FillHooks(hooks, state.range(2), state.range(3) != 0);
+            // The first trip is not like the others: it brings the context space and the protocol's
+            // name.
+            crossing.Go();
+            const std::uint64_t allocations = AllocationsOf(machine);
+            const double start = ThreadNanoseconds();
+            for (auto _ : state) {
+                crossing.Go();
+            }
+            const double took = ThreadNanoseconds() - start;
+            if (AllocationsOf(machine) != allocations) {
+                state.SkipWithError("the path allocated");
+            }
+            const double frames =
+                static_cast<double>(state.iterations()) * static_cast<double>(state.range(1));
+            state.counters["ns_per_frame"] = took / frames;
+            state.counters["x_ideal"] = took / frames / ideal;
+        }
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+void BM_SendPastHooks(benchmark::State& state) {
+    CrossHooks(state, Way::kSend);
+}
+void BM_ReceivePastHooks(benchmark::State& state) {
+    CrossHooks(state, Way::kReceive);
+}
+
+void EveryHookCount(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgNames({"bytes", "lists", "hooks", "withhold"})->MinTime(0.1);
+    benchmark->ArgsProduct({{60, 512, 1514}, {1, 64}, {0, 1, 4, 8, 16}, {0}});
+    benchmark->ArgsProduct({{60, 512, 1514}, {1, 64}, {0}, {1}});
+}
+BENCHMARK(BM_SendPastHooks)->Apply(EveryHookCount);
+BENCHMARK(BM_ReceivePastHooks)->Apply(EveryHookCount);
+
+// range(0): lists in a call; range(1): adapters, each with a thread of its own. What two adapters
+// carry beside one is frames_per_second of the one row over the other.
+void BM_SendOnSeveralAdapters(benchmark::State& state) {
+    constexpr std::size_t kFrameSize = 60;
+    constexpr std::int64_t kFramesOfARound = 64 * 2'000;
+    Machine machine({.scheduler = SchedulerKind::kThreaded, .processors = 2, .verify = false});
+    const std::int64_t rounds = kFramesOfARound / state.range(0);
+    machine.Run([&] {
+        machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
+        {
+            std::vector<std::unique_ptr<Crossing>> crossings;
+            for (std::uint32_t i = 1; i <= state.range(1); ++i) {
+                crossings.push_back(
+                    std::make_unique<Crossing>(machine, machine.ndis().AddAdapter({.ifIndex = i}),
+                                               Way::kSend, kFrameSize, state.range(0)));
+            }
+            Hooks hooks;
+            FillHooks(hooks, 1, false);
+            for (auto _ : state) {
+                std::vector<std::uint32_t> threads;
+                for (unsigned i = 0; i < crossings.size(); ++i) {
+                    threads.push_back(machine.scheduler().Start(
+                        {.name = fmt::format("adapter {}", i), .processor = i},
+                        [&crossing = *crossings[i], rounds] {
+                            for (std::int64_t round = 0; round < rounds; ++round) {
+                                crossing.Go();
+                            }
+                        }));
+                }
+                for (const std::uint32_t thread : threads) {
+                    machine.scheduler().Join(thread);
+                }
+            }
+            state.SetItemsProcessed(state.iterations() * rounds * state.range(0) * state.range(1));
+        }
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+BENCHMARK(BM_SendOnSeveralAdapters)
+    ->ArgNames({"lists", "adapters"})
+    ->ArgsProduct({{1, 64}, {1, 2}})
+    ->UseRealTime()
+    ->MinTime(0.5);
+
+}  // namespace
+
+}  // namespace netsieve::bench
