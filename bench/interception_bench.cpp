@@ -22,8 +22,18 @@ namespace {
 
 using namespace netsieve::host;
 
-VOID NTAPI AttachHere(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
-    ITarnHKAttachFilter(module, hook);
+/// Where a hook attaches: everywhere, or to the adapter that is announced as this one.
+struct Place {
+    int wanted = -1;
+    int announced = 0;
+};
+
+VOID NTAPI AttachHere(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
+    Place& place = *static_cast<Place*>(context);
+    if (place.wanted < 0 || place.announced == place.wanted) {
+        ITarnHKAttachFilter(module, hook);
+    }
+    ++place.announced;
 }
 
 LONG NTAPI Pass(PVOID, NIRP*) {
@@ -33,10 +43,11 @@ LONG NTAPI Withhold(PVOID, NIRP*) {
     return HOOK_VERDICT_WITHHOLD;
 }
 
-/// Active hooks on every adapter, for as long as the object lives.
+/// Active hooks, for as long as the object lives.
 class Hooks {
   public:
-    void Add(HOOK_PACKET_HANDLER handler) {
+    /// Attached to every adapter there is, or only to the one with this number.
+    void Add(HOOK_PACKET_HANDLER handler, int adapter = -1) {
         // No name may contain another, or it would be the same hook.
         const std::string digits = fmt::format("hook {:02}.", hooks_.size());
         std::u16string name(digits.begin(), digits.end());
@@ -47,7 +58,8 @@ class Hooks {
         block.Name = {static_cast<USHORT>(name.size() * sizeof(WCHAR)),
                       static_cast<USHORT>((name.size() + 1) * sizeof(WCHAR)), name.data()};
         HOOK_FILTER* hook = nullptr;
-        if (ITarnHKRegisterFilterEx(&block, nullptr, &hook) != STATUS_SUCCESS) {
+        places_.push_back(std::make_unique<Place>(Place{.wanted = adapter}));
+        if (ITarnHKRegisterFilterEx(&block, places_.back().get(), &hook) != STATUS_SUCCESS) {
             throw std::runtime_error("the hook could not be registered");
         }
         ITarnHKFlowControl(hook, HOOK_STATE_ACTIVE);
@@ -62,6 +74,7 @@ class Hooks {
 
   private:
     std::vector<HOOK_FILTER*> hooks_;
+    std::vector<std::unique_ptr<Place>> places_;
 };
 
 void FillHooks(Hooks& hooks, std::int64_t passing, bool withholding) {
@@ -121,8 +134,10 @@ void EveryHookCount(benchmark::internal::Benchmark* benchmark) {
 BENCHMARK(BM_SendPastHooks)->Apply(EveryHookCount);
 BENCHMARK(BM_ReceivePastHooks)->Apply(EveryHookCount);
 
-// range(0): lists in a call; range(1): adapters, each with a thread of its own. What two adapters
-// carry beside one is frames_per_second of the one row over the other.
+// range(0): lists in a call; range(1): adapters, each with a thread of its own; range(2): whether
+// one hook watches them all, so that its count of running handlers is what the threads share, or
+// each has a hook of its own. What two adapters carry beside one is items_per_second of the one row
+// over the other.
 void BM_SendOnSeveralAdapters(benchmark::State& state) {
     constexpr std::size_t kFrameSize = 60;
     constexpr std::int64_t kFramesOfARound = 64 * 2'000;
@@ -138,7 +153,13 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
                                                Way::kSend, kFrameSize, state.range(0)));
             }
             Hooks hooks;
-            FillHooks(hooks, 1, false);
+            if (state.range(2) != 0) {
+                hooks.Add(Pass);
+            } else {
+                for (int i = 0; i < state.range(1); ++i) {
+                    hooks.Add(Pass, i);
+                }
+            }
             for (auto _ : state) {
                 std::vector<std::uint32_t> threads;
                 for (unsigned i = 0; i < crossings.size(); ++i) {
@@ -160,8 +181,8 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
     });
 }
 BENCHMARK(BM_SendOnSeveralAdapters)
-    ->ArgNames({"lists", "adapters"})
-    ->ArgsProduct({{1, 64}, {1, 2}})
+    ->ArgNames({"lists", "adapters", "shared_hook"})
+    ->ArgsProduct({{1, 64}, {1, 2}, {0, 1}})
     ->UseRealTime()
     ->MinTime(0.5);
 
