@@ -20,11 +20,13 @@ set(NETSIEVE_DRIVER_SOURCES
     hook/protocol_table.cpp
     hook/source_handle.cpp
     packet/copy_net_buffer.cpp
+    packet/injection.cpp
     packet/interception.cpp
     packet/nbl_context.cpp
     packet/net_buffer_chain.cpp
     packet/nirp_pool.cpp
     packet/outstanding.cpp
+    packet/own_list.cpp
     packet/pending.cpp
     packet/receive_path.cpp
     packet/send_path.cpp)

@@ -40,9 +40,12 @@ struct FILTER_MODULE {
 
     // Requests that hooks have marked pending.
     LIST_ENTRY PendingSendList;           // under PendingSendLock
-    DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; a leaf
+    DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; inside it, a record's Lock
     LIST_ENTRY PendingReceiveList;        // under PendingReceiveLock
-    DRIVER_SPIN_LOCK PendingReceiveLock;  // guards PendingReceiveList; a leaf
+    DRIVER_SPIN_LOCK PendingReceiveLock;  // the same for PendingReceiveList
+    // Records whose request a pause has dropped and whose marks are not all completed yet.
+    LIST_ENTRY UnpaidSendList;     // under PendingSendLock
+    LIST_ENTRY UnpaidReceiveList;  // under PendingReceiveLock
 
     NDIS_HANDLE NblPool;       // NULL when it could not be created
     ULONG LastSendPortNumber;  // of the latest send; WriteRelease and ReadAcquire

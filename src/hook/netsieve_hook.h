@@ -313,6 +313,42 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetProtocolInfo(NIRP* nirp, HOOK_PROTOCO
  * written; 0xC000000D for a frame without a source. */
 NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetAdapterInfo(NIRP* nirp, HOOK_ADAPTER_INFO* info);
 
+/* ---- Pending requests ------------------------------------------------------------------------ */
+
+/*
+ * Takes the frame over, to decide about it later: from the handler that was given the record, which
+ * then returns HOOK_VERDICT_PENDING. The driver keeps a copy. Several hooks may mark one frame, and
+ * one hook several times; each mark has to be completed once, with ITarnHKCompleteRequest.
+ *
+ * Returns 0, or 0xC000009A when there is no memory or no record for the copy (a pending frame
+ * occupies two of the adapter's few records), when the adapter is paused, and when the record is
+ * not being offered any more. The frame is not pending then, and must not be completed; a hook that
+ * has nothing else in mind lets it pass. IRQL <= DISPATCH_LEVEL.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKMarkPending(NIRP* nirp);
+
+/*
+ * Completes one mark. With the last one the frame goes on its way when every completion had status
+ * 0, else it is dropped. When the adapter is paused its pending frames are dropped; their marks
+ * must be completed all the same, and have no other effect. Marks that are not completed when the
+ * adapter's DetachNotify comes are void, and must not be completed after it has returned.
+ *
+ * Returns 0. IRQL <= DISPATCH_LEVEL, from everywhere but AttachNotify and DetachNotify.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKCompleteRequest(NIRP* nirp, ULONG status);
+
+/* ---- Injection ------------------------------------------------------------------------------- */
+
+/*
+ * Sends a copy of an Ethernet frame of `length` bytes out of every running adapter whose address is
+ * the frame's source address (bytes 6 to 11): within the call at PASSIVE_LEVEL, from a worker
+ * thread above it. Hooks are not shown it. The first argument is ignored.
+ *
+ * Returns 0 whatever becomes of the frame, also when it is missing, shorter than 12 bytes or longer
+ * than 65535, and goes nowhere. IRQL <= DISPATCH_LEVEL, but not from a notification.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKSendPacket(PVOID reserved, const VOID* frame, ULONG length);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -4,7 +4,7 @@
 #include "packet/copy_net_buffer.h"
 #include "packet/net_buffer_chain.h"
 #include "packet/nirp_pool.h"
-#include "packet/outstanding.h"
+#include "packet/own_list.h"
 #include "packet/pending.h"
 #include "platform/atomics.h"
 
@@ -91,11 +91,13 @@ void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buf
 }
 
 // True when the buffer may stay in its list. One that a hook took over, whether its request is
-// finished by now or not, may not, whatever the verdict: the frame must not go both ways.
+// finished by now or not, may not, whatever the verdict: the frame must not go both ways. The
+// exchange keeps a hook that is late with its mark from getting hold of a record that has passed.
 bool OfferToHooks(const INTERCEPTION* interception, NIRP* nirp) {
     ULONG offered = ReadAcquire(&nirp->State);
     LONG verdict = CallHookHandlers(interception->Module, nirp, interception->Direction);
-    return verdict == HOOK_VERDICT_PASS && ReadAcquire(&nirp->State) == offered;
+    return verdict == HOOK_VERDICT_PASS &&
+           InterlockedCompareExchange(&nirp->State, NIRP_STATE_IDLE, offered) == offered;
 }
 
 void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_BUFFER successor) {
@@ -107,23 +109,6 @@ void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_B
         nirp->PrevNetBuffer = interception->TailCursor;
     }
     AppendContextNirp(interception->Context, nirp, interception->AtDispatch);
-}
-
-// Frees a list that the driver built, with everything it carries.
-VOID NTAPI FreeOwnList(FILTER_MODULE* module,
-                       NBL_CONTEXT* context,
-                       PNET_BUFFER_LIST list,
-                       BOOLEAN atDispatch) {
-    if (context->WorkItem != nullptr) {
-        IoFreeWorkItem(context->WorkItem);
-        context->WorkItem = nullptr;
-    }
-    NIRP* nirp = RemoveFirstContextNirp(context, atDispatch);
-    if (nirp != nullptr) {
-        ReturnNirp(module, nirp, atDispatch);
-    }
-    FreeNblAndContext(context, list);
-    ReleaseOutstandingList(module, atDispatch);
 }
 
 // True when the list belongs to someone else and goes on to them.
@@ -142,7 +127,7 @@ bool SettleList(FILTER_MODULE* module, PNET_BUFFER_LIST list, ULONG direction, B
     bool own = sent ? type == NBL_TYPE_INJECTED || type == NBL_TYPE_SEND_CLONE
                     : type == NBL_TYPE_RECEIVE_CLONE;
     if (own) {
-        FreeOwnList(module, context, list, atDispatch);
+        FreeOwnList(module, context, atDispatch);
     }
     return !own;
 }

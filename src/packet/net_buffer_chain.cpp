@@ -34,25 +34,6 @@ void InsertAtEnd(PNET_BUFFER_LIST list, PNET_BUFFER buffer) {
     *link = buffer;
 }
 
-// The list of the record is whole again as far as this record goes. Whoever ends the last hold has
-// the record alone, so the return needs no lock around it.
-VOID NTAPI SettleRestoredNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
-    bool free = false;
-    {
-        SpinLockGuard guard(&nirp->Lock, atDispatch);
-        nirp->PrevNetBuffer = nullptr;
-        nirp->Context = nullptr;
-        nirp->Holds &= ~NIRP_HOLD_LIST;
-        free = nirp->Holds == 0;
-        if (nirp->State == NIRP_STATE_PENDING) {
-            WriteRelease(&nirp->State, NIRP_STATE_RELEASED);
-        }
-    }
-    if (free) {
-        ReturnNirp(module, nirp, atDispatch);
-    }
-}
-
 }  // namespace
 
 VOID NTAPI JoinNetBufferListChains(PNET_BUFFER_LIST first,
@@ -78,6 +59,8 @@ VOID NTAPI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEA
             InsertAtEnd(context->NetBufferList, nirp->NetBuffer);
             TraceLog(module, "RestoreNetBuffers", 298, atDispatch);
         }
-        SettleRestoredNirp(module, nirp, atDispatch);
+        nirp->PrevNetBuffer = nullptr;
+        nirp->Context = nullptr;
+        ReleaseNirpHolds(module, nirp, NIRP_HOLD_LIST, atDispatch);
     }
 }

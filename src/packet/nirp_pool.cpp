@@ -2,6 +2,7 @@
 
 #include "driver/trace_log.h"
 #include "driver/undo_guard.h"
+#include "packet/pending.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
@@ -29,12 +30,9 @@ FREE_LIST FreeListOf(FILTER_MODULE* module, bool small) {
 void InitializeRecordLists(FILTER_MODULE* module) {
     InitializeListHead(&module->SmallNirpList);
     InitializeListHead(&module->LargeNirpList);
-    InitializeListHead(&module->PendingSendList);
-    InitializeListHead(&module->PendingReceiveList);
     InitializeDriverSpinLock(&module->SmallNirpLock);
     InitializeDriverSpinLock(&module->LargeNirpLock);
-    InitializeDriverSpinLock(&module->PendingSendLock);
-    InitializeDriverSpinLock(&module->PendingReceiveLock);
+    InitializePendingLists(module);
 }
 
 POOL_SIZE PoolSizeOfMachine() {
@@ -84,11 +82,24 @@ void FreeNirpBuffer(NIRP* nirp) {
     nirp->BufferCapacity = 0;
 }
 
+void FreeNirp(NIRP* nirp) {
+    FreeNirpBuffer(nirp);
+    NdisFreeMemory(nirp, 0, 0);
+}
+
 void FreeRecords(FILTER_MODULE* module, bool small) {
     while (NIRP* nirp = TakeNirp(module, small, FALSE)) {
-        FreeNirpBuffer(nirp);
-        NdisFreeMemory(nirp, 0, 0);
+        FreeNirp(nirp);
     }
+}
+
+// The record's lock is held. A request that outlives its list is finished by its completion alone.
+ULONG StateWithout(NIRP* nirp, ULONG holds) {
+    if (holds & NIRP_HOLD_REQUEST) {
+        return NIRP_STATE_COMPLETED;
+    }
+    ULONG state = ReadAcquire(&nirp->State);
+    return (holds & NIRP_HOLD_LIST) && state == NIRP_STATE_PENDING ? NIRP_STATE_RELEASED : state;
 }
 
 }  // namespace
@@ -130,6 +141,9 @@ NTSTATUS InitializeNirpPool(FILTER_MODULE* module, ULONG mtu) {
 void FreeNirpPool(FILTER_MODULE* module) {
     FreeRecords(module, true);
     FreeRecords(module, false);
+    while (NIRP* nirp = TakeUnpaidNirp(module)) {
+        FreeNirp(nirp);
+    }
 }
 
 NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
@@ -142,10 +156,7 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     }
     RtlZeroMemory(memory, sizeof(NIRP));
     auto* made = static_cast<NIRP*>(memory);
-    UndoGuard freeMade([made] {
-        FreeNirpBuffer(made);
-        NdisFreeMemory(made, 0, 0);
-    });
+    UndoGuard freeMade([made] { FreeNirp(made); });
     made->Module = module;
     InitializeListHead(&made->FreeLink);
     InitializeListHead(&made->PendingSendLink);
@@ -224,4 +235,18 @@ VOID NTAPI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
         InsertTailList(list.Head, &nirp->FreeLink);
     }
     InterlockedIncrement(&module->FreeNirpCount);
+}
+
+// Whoever ends the last hold has the record alone, so the return needs no lock around it.
+VOID NTAPI ReleaseNirpHolds(FILTER_MODULE* module, NIRP* nirp, ULONG holds, BOOLEAN atDispatch) {
+    bool free = false;
+    {
+        SpinLockGuard guard(&nirp->Lock, atDispatch);
+        WriteRelease(&nirp->State, StateWithout(nirp, holds));
+        nirp->Holds &= ~holds;
+        free = nirp->Holds == 0;
+    }
+    if (free) {
+        ReturnNirp(module, nirp, atDispatch);
+    }
 }

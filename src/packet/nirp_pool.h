@@ -28,7 +28,8 @@ void FreeNBLPool(FILTER_MODULE* module);
 // not one, success when there are fewer than wanted. PASSIVE_LEVEL.
 NTSTATUS InitializeNirpPool(FILTER_MODULE* module, ULONG mtu);
 
-// Frees the records on the two free lists. PASSIVE_LEVEL.
+// Frees the records on the two free lists, and those that wait for marks which nobody will complete
+// any more. PASSIVE_LEVEL.
 void FreeNirpPool(FILTER_MODULE* module);
 
 // Makes a record of the module with a buffer of `capacity` bytes, on no list. On failure nothing
@@ -50,11 +51,15 @@ NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch);
 // Takes a record back that nothing holds any more. Same terms as GetNirp.
 VOID NTAPI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch);
 
+// Ends holds of a record, which goes back to the pool when it was the last. Ending the hold of a
+// request finishes it. The caller must not touch the record any more. `atDispatch` as above; none
+// of the driver's locks may be held. IRQL <= DISPATCH_LEVEL.
+VOID NTAPI ReleaseNirpHolds(FILTER_MODULE* module, NIRP* nirp, ULONG holds, BOOLEAN atDispatch);
+
 // Makes a record that nothing holds any more what GetNirp would hand out, for a caller that has
 // further use for it. From here on nobody can mark it pending.
 inline void MakeNirpIdle(NIRP* nirp) {
     WriteRelease(&nirp->State, NIRP_STATE_IDLE);
-    nirp->Clone = nullptr;
 }
 
 // Whether GetNirp would look for `size` bytes among the records of this one's capacity.

@@ -1,0 +1,111 @@
+// Frames that a hook makes itself: which adapters send them, when, and what is left when they fail.
+#include "tests/packet/pending_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+Frame FromAdapter(std::uint8_t lastByte, std::size_t size = 60) {
+    Frame frame(size, 0xEE);
+    const std::uint8_t source[] = {2, 0, 0, 0, 0, lastByte};
+    std::copy(std::begin(source), std::end(source), frame.begin() + 6);
+    return frame;
+}
+
+void Inject(const Frame& frame) {
+    EXPECT_EQ(ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size())),
+              STATUS_SUCCESS);
+}
+
+TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
+    for (const KIRQL irql : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
+        RunClean({}, [irql](Machine& machine) {
+            {
+                Scene first(machine);
+                // Another with the same address, a paused one, and one with an address of its own.
+                Stack& twin = machine.ndis().AddAdapter({.ifIndex = 2});
+                Stack& paused = machine.ndis().AddAdapter({.ifIndex = 3});
+                Stack& other = machine.ndis().AddAdapter({.mac = {2, 0, 0, 0, 0, 9}, .ifIndex = 4});
+                paused.Pause();
+                int elsewhere = 0;
+                int fromTwin = 0;
+                twin.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
+                    ++fromTwin;
+                };
+                other.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
+                    ++elsewhere;
+                };
+                int shown = 0;
+                TestHook hook([&](NIRP*) -> LONG {
+                    ++shown;
+                    return HOOK_VERDICT_WITHHOLD;
+                });
+                const Frame frame = FromAdapter(1, 200);
+                AtIrql(machine, irql, [&] {
+                    Inject(frame);
+                    // It has gone within the call, or is left to a worker.
+                    EXPECT_EQ(first.wire.size(), irql == PASSIVE_LEVEL ? 1u : 0u);
+                });
+                EXPECT_TRUE(
+                    Await(machine, [&] { return first.wire.size() == 1 && fromTwin == 1; }));
+                EXPECT_EQ(first.wire, std::vector<Frame>{frame});
+                EXPECT_EQ(first.wirePort, 0u);
+                EXPECT_EQ(elsewhere + shown, 0);
+                EXPECT_EQ(TracesOf(RecordOf(machine, paused)), "[0 NSVFSendPacket->2363]\n");
+                first.ExpectPoolWhole();
+                paused.Restart();
+            }
+            machine.UnloadDriver("NETSIEVE");
+        });
+    }
+}
+
+TEST(InjectionTest, FollowsThePortOfTheLatestSend) {
+    OnScene([](Scene& scene) {
+        scene.Pass(true, {MakeFrame(1)});
+        Inject(FromAdapter(1));
+        EXPECT_EQ(scene.wirePort, 7u);
+        EXPECT_EQ(scene.wire.size(), 2u);
+    });
+}
+
+TEST(InjectionTest, FramesThatNoAdapterCanSendGoNowhere) {
+    OnScene([](Scene& scene) {
+        EXPECT_EQ(ITarnHKSendPacket(nullptr, nullptr, 60), STATUS_SUCCESS);
+        Inject(FromAdapter(1, 11 + 1));
+        EXPECT_EQ(scene.wire.size(), 1u);
+        Frame shortFrame = FromAdapter(1);
+        ITarnHKSendPacket(nullptr, shortFrame.data(), 11);
+        Inject(FromAdapter(1, 65536));
+        Inject(FromAdapter(9));
+        EXPECT_EQ(scene.wire.size(), 1u);
+        Inject(FromAdapter(1, 65535));
+        EXPECT_EQ(scene.wire.size(), 2u);
+        EXPECT_EQ(TracesOf(scene.module), "");
+    });
+}
+
+TEST(InjectionTest, EachFailureIsTracedAndLeavesNothingBehind) {
+    struct Case {
+        FaultKind kind;
+        const char* trace;
+    };
+    const Case cases[] = {{FaultKind::kNbl, "[0 NSVFSendPacket->2391]\n"},
+                          {FaultKind::kNblContext, "[0 NSVFSendPacket->2399]\n"},
+                          {FaultKind::kWorkItem, "[0 NSVFSendPacket->2412]\n"}};
+    for (const Case& c : cases) {
+        OnScene([&](Scene& scene) {
+            AtIrql(scene.machine_, DISPATCH_LEVEL, [&] {
+                scene.machine_.faults().Arm({.kind = c.kind, .nth = 1});
+                Inject(FromAdapter(1));
+                scene.machine_.faults().Disarm();
+            });
+            EXPECT_EQ(TracesOf(scene.module), c.trace);
+            scene.ExpectPoolWhole();
+            Inject(FromAdapter(1));
+            EXPECT_EQ(scene.wire.size(), 1u);
+        });
+    }
+}
+
+}  // namespace
+}  // namespace netsieve::host

@@ -1,0 +1,146 @@
+// A hook that takes frames over, and what it needs to decide about them later.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "hook/exports.h"
+#include "packet/nirp_pool.h"
+#include "platform/list.h"
+#include "tests/driver/driver_scenario.h"
+
+namespace netsieve::host {
+
+/// A registered hook with one handler for both directions, on every adapter, until it goes.
+class TestHook {
+  public:
+    using Handler = std::function<LONG(NIRP*)>;
+
+    explicit TestHook(Handler handler, std::u16string name = u"taker")
+        : handler_(std::move(handler)) {
+        HOOK_FILTER_REGISTRATION_EX block{};
+        block.AttachNotify = [](FILTER_MODULE* module, HOOK_FILTER* hook, PVOID)
+                                 NTAPI { ITarnHKAttachFilter(module, hook); };
+        block.SendHandler = [](PVOID context, NIRP* nirp)
+                                NTAPI { return static_cast<TestHook*>(context)->handler_(nirp); };
+        block.ReceiveHandler = block.SendHandler;
+        block.Name = {static_cast<USHORT>(name.size() * 2),
+                      static_cast<USHORT>(name.size() * 2 + 2), name.data()};
+        EXPECT_EQ(ITarnHKRegisterFilterEx(&block, this, &hook_), STATUS_SUCCESS);
+        ITarnHKFlowControl(hook_, HOOK_STATE_ACTIVE);
+    }
+    ~TestHook() { ITarnHKDeregisterFilter(hook_); }
+    TestHook(const TestHook&) = delete;
+    TestHook& operator=(const TestHook&) = delete;
+
+  private:
+    Handler handler_;
+    HOOK_FILTER* hook_ = nullptr;
+};
+
+inline std::string TracesOf(const FILTER_MODULE* module) {
+    std::string traces;
+    const char* at = reinterpret_cast<const char*>(module->TraceBuffer);
+    for (ULONG line = 0; line < module->TraceSequence; ++line) {
+        traces += at;
+        at += std::strlen(at) + 1;
+    }
+    return traces;
+}
+
+inline ULONG FreeRecordsOf(FILTER_MODULE* module) {
+    ULONG records = 0;
+    for (PLIST_ENTRY head : {&module->SmallNirpList, &module->LargeNirpList}) {
+        for (PLIST_ENTRY at = head->Flink; at != head; at = at->Flink) {
+            ++records;
+        }
+    }
+    return records;
+}
+
+using Frame = std::vector<std::uint8_t>;
+
+inline Frame MakeFrame(std::uint8_t mark, std::size_t size = 60) {
+    Frame frame(size, mark);
+    std::fill_n(frame.begin(), 6, std::uint8_t{0xFF});
+    return frame;
+}
+
+/// One stack with the driver, whose ends note every frame that reaches them.
+class Scene {
+  public:
+    explicit Scene(Machine& machine)
+        : machine_(machine),
+          stack(machine.ndis().AddAdapter()),
+          sends(machine, stack.protocol().pool()),
+          receives(machine, stack.adapter().pool()) {
+        EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        module = RecordOf(machine, stack);
+        records = FreeRecordsOf(module);
+        stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG) {
+            Note(wire, chain);
+            wirePort = port;
+        };
+        stack.protocol().onReceive = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
+                                            ULONG) { Note(up, chain); };
+        stack.protocol().onSendComplete = [this](PNET_BUFFER_LIST chain, ULONG) {
+            Note(completed, chain);
+        };
+        stack.adapter().onReturned = [this](PNET_BUFFER_LIST chain, ULONG) {
+            Note(returned, chain);
+        };
+    }
+
+    /// Down or up in one list, on port 7.
+    void Pass(bool send, const std::vector<Frame>& frames) {
+        std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
+        if (send) {
+            stack.protocol().Send(sends.Make(spans), 7);
+        } else {
+            EXPECT_TRUE(stack.adapter().Indicate(receives.Make(spans), 7));
+        }
+    }
+
+    /// Every record is in the pool, and counted.
+    void ExpectPoolWhole() const {
+        EXPECT_EQ(FreeRecordsOf(module), records);
+        EXPECT_EQ(module->FreeNirpCount, records);
+    }
+
+    Machine& machine_;
+    Stack& stack;
+    FrameLists sends;
+    FrameLists receives;
+    FILTER_MODULE* module = nullptr;
+    ULONG records = 0;
+    std::vector<Frame> wire, up, completed, returned;
+    NDIS_PORT_NUMBER wirePort = 0;
+
+  private:
+    static void Note(std::vector<Frame>& frames, PNET_BUFFER_LIST chain) {
+        for (; chain != nullptr; chain = chain->Next) {
+            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
+                frames.push_back(FrameLists::BytesOf(*at));
+            }
+        }
+    }
+};
+
+/// Runs `body` on a scene, whose driver is unloaded afterwards.
+inline void OnScene(const std::function<void(Scene&)>& body, MachineOptions options = {}) {
+    RunClean(options, [&](Machine& machine) {
+        {
+            Scene scene(machine);
+            body(scene);
+            scene.ExpectPoolWhole();
+        }
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
+}  // namespace netsieve::host

@@ -1,0 +1,251 @@
+// Searches through the ways in which completions, flushes, list returns and injections meet.
+#include "tests/driver/schedule_scenarios.h"
+#include "tests/packet/pending_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+/// What takes part beside the frame's own list.
+struct Actors {
+    int marks = 1;            ///< in the handler
+    bool secondHook = false;  ///< marks too, behind the first one and its completion
+    bool pause = false;
+    bool detach = false;
+    bool receive = false;
+    bool fail = false;  ///< the first completion drops the frame
+};
+
+/// One frame is taken over beside one that passes. Its completions start as soon as it is marked.
+class TakenFrame final : public Scenario {
+  public:
+    explicit TakenFrame(Actors actors) : actors_(actors) {}
+
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        arrived_ = 0;
+        contexts_.clear();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        const ULONG records = FreeRecordsOf(RecordOf(machine, stack));
+        FrameLists sends(machine, stack.protocol().pool());
+        FrameLists receives(machine, stack.adapter().pool());
+        stack.adapter().pace().Set(Pace::kMixed);
+        stack.protocol().pace().Set(Pace::kMixed);
+        stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+            Count(chain);
+        };
+        stack.protocol().onReceive = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
+                                            ULONG) { Count(chain); };
+        {
+            TestHook first([&](NIRP* nirp) { return Take(machine, nirp, actors_.marks); });
+            std::optional<TestHook> second;
+            if (actors_.secondHook) {
+                second.emplace([&](NIRP* nirp) { return Take(machine, nirp, 1); }, u"second");
+            }
+            const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
+            const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
+            Start(machine, 0, [&] {
+                if (actors_.receive) {
+                    PNET_BUFFER_LIST const list = receives.Make(spans);
+                    if (!stack.adapter().Indicate(list)) {
+                        receives.Free(list);
+                    }
+                } else {
+                    stack.protocol().Send(sends.Make(spans));
+                }
+            });
+            if (actors_.pause) {
+                Start(machine, 3, [&] {
+                    stack.Pause();
+                    stack.Restart();
+                });
+            }
+            if (actors_.detach) {
+                Start(machine, 3,
+                      [&] { stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE"))); });
+            }
+            JoinAll(machine);
+            stack.Pause();
+            if (!actors_.detach) {
+                FILTER_MODULE* const module = RecordOf(machine, stack);
+                Demand(FreeRecordsOf(module) == module->FreeNirpCount &&
+                           module->FreeNirpCount == records,
+                       fmt::format("{} of {} records are in the pool", module->FreeNirpCount,
+                                   records));
+            }
+        }
+        const bool mayArrive = !actors_.fail;
+        const bool mayBeDropped = actors_.fail || actors_.pause || actors_.detach;
+        Demand(arrived_ <= (mayArrive ? 1 : 0) && (arrived_ == 1 || mayBeDropped),
+               fmt::format("the frame arrived {} times", arrived_.load()));
+        meetings_ += static_cast<std::uint64_t>(arrived_.load());
+        machine.UnloadDriver("NETSIEVE");
+    }
+
+  private:
+    void Start(Machine& machine, unsigned processor, std::function<void()> body) {
+        const std::uint32_t id =
+            machine.scheduler().Start({.name = "actor", .processor = processor}, std::move(body));
+        HostLock lock(mutex_);
+        contexts_.push_back(id);
+    }
+
+    void JoinAll(Machine& machine) {
+        for (std::size_t i = 0;; ++i) {
+            std::uint32_t id = 0;
+            {
+                HostLock lock(mutex_);
+                if (i == contexts_.size()) {
+                    return;
+                }
+                id = contexts_[i];
+            }
+            machine.scheduler().Join(id);
+        }
+    }
+
+    /// Marks the frame, and lets each mark be completed on another processor.
+    LONG Take(Machine& machine, NIRP* nirp, int marks) {
+        if (ITarnHKGetBuffer(nirp)[6] != 2) {
+            return HOOK_VERDICT_PASS;
+        }
+        for (int i = 0; i < marks; ++i) {
+            if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
+                // Only where the module may be paused, or an earlier mark be completed by now.
+                Demand(actors_.pause || actors_.detach || actors_.secondHook || i > 0,
+                       "a mark was refused");
+                return HOOK_VERDICT_WITHHOLD;
+            }
+            const ULONG status = actors_.fail && i == 0 ? 0xC0000001 : 0;
+            Start(machine, 1 + static_cast<unsigned>(i) % 2, [this, nirp, status] {
+                if (!actors_.detach) {
+                    ITarnHKCompleteRequest(nirp, status);
+                }
+            });
+        }
+        return HOOK_VERDICT_PENDING;
+    }
+
+    void Count(PNET_BUFFER_LIST chain) {
+        for (; chain != nullptr; chain = chain->Next) {
+            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
+                arrived_ += FrameLists::BytesOf(*at)[6] == 2 ? 1 : 0;
+            }
+        }
+    }
+
+    Actors actors_;
+    std::atomic<int> arrived_ = 0;
+    HostMutex mutex_;
+    std::vector<std::uint32_t> contexts_;
+};
+
+enum class Against { kPause, kDetach, kUnload };
+
+/// Frames injected from passive level and from dispatch level while the adapter is paused, detached
+/// or the driver unloaded.
+class Injections final : public Scenario {
+  public:
+    explicit Injections(Against against) : against_(against) {}
+
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Scheduler& scheduler = machine.scheduler();
+        Stack& stack = machine.ndis().AddAdapter();
+        stack.adapter().pace().Set(Pace::kMixed);
+        std::atomic<int> sent = 0;
+        stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+            sent += static_cast<int>(ListsOf(chain).size());
+        };
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        const auto inject = [] {
+            Frame frame = MakeFrame(0);
+            const std::uint8_t source[] = {2, 0, 0, 0, 0, 1};
+            std::copy(std::begin(source), std::end(source), frame.begin() + 6);
+            ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size()));
+        };
+        const std::uint32_t injectors[] = {
+            scheduler.Start({.name = "injector", .processor = 1}, inject),
+            scheduler.Start({.name = "injector", .kind = ContextKind::kDpc, .processor = 2},
+                            inject)};
+        switch (against_) {
+            case Against::kPause:
+                stack.Pause();
+                stack.Restart();
+                break;
+            case Against::kDetach:
+                stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
+                break;
+            case Against::kUnload:
+                // A client's calls end before the driver that it calls is unloaded; what they began
+                // need not have.
+                break;
+        }
+        for (const std::uint32_t id : injectors) {
+            scheduler.Join(id);
+        }
+        machine.UnloadDriver("NETSIEVE");
+        stack.Pause();
+        Demand(sent <= 2, "a frame was sent twice");
+        meetings_ += sent != 0 ? 1 : 0;
+    }
+
+  private:
+    Against against_;
+};
+
+struct Search {
+    const char* name;
+    std::function<std::unique_ptr<Scenario>()> make;
+};
+
+void PrintTo(const Search& search, std::ostream* out) {
+    *out << search.name;
+}
+
+Search Taken(const char* name, Actors actors) {
+    return {name, [actors] { return std::make_unique<TakenFrame>(actors); }};
+}
+
+Search Injected(const char* name, Against against) {
+    return {name, [against] { return std::make_unique<Injections>(against); }};
+}
+
+const Search kSearches[] = {
+    Taken("completion against restore", {}),
+    Taken("failed completion against restore", {.fail = true}),
+    Taken("receive completion against restore", {.receive = true}),
+    Taken("completion against flush", {.pause = true}),
+    Taken("receive completion against flush", {.pause = true, .receive = true}),
+    Taken("two completions against restore", {.marks = 2}),
+    Taken("second mark against first completion", {.secondHook = true}),
+    Taken("marks against pause", {.marks = 2, .secondHook = true, .pause = true}),
+    Taken("pending against detach", {.marks = 2, .detach = true}),
+    Injected("injection against pause", Against::kPause),
+    Injected("injection against detach", Against::kDetach),
+    Injected("work items against unload", Against::kUnload),
+};
+
+class PendingSchedules : public testing::TestWithParam<std::tuple<Search, StrategyKind>> {};
+
+TEST_P(PendingSchedules, FindNothing) {
+    const auto& [search, strategy] = GetParam();
+    const std::unique_ptr<Scenario> scenario = search.make();
+    const ExploreResult result = SearchSchedules(search.name, *scenario, strategy, 25'000);
+    if (result.finding) {
+        FAIL() << "seed " << result.finding->seed << "\n"
+               << result.finding->what << "\n"
+               << result.finding->replay;
+    }
+    fmt::print("{}: {} schedules, {} points each\n", search.name, result.schedules,
+               result.points / result.schedules);
+}
+
+INSTANTIATE_TEST_SUITE_P(Searches,
+                         PendingSchedules,
+                         testing::Combine(testing::ValuesIn(kSearches),
+                                          testing::Values(StrategyKind::kPct,
+                                                          StrategyKind::kUniform)));
+
+}  // namespace
+}  // namespace netsieve::host
