@@ -24,14 +24,15 @@ build: ## build the command, build/bin/netsieve
 	@scripts/bootstrap.sh build
 	@test -f build/release/build.ninja || \
 	    cmake --preset release -DNETSIEVE_TESTS=OFF -DNETSIEVE_BENCH=OFF
-	cmake --build --preset release --parallel $(JOBS) --target netsieve
+	cmake --build --preset release --parallel $(JOBS) --target netsieve block_dns
 
 image: ## cross-build the driver, build/image/NETSIEVE.sys
 	@scripts/bootstrap.sh build image
 	@test -f build/image-work/build.ninja || cmake --preset image
 	cmake --build --preset image --parallel $(JOBS)
 
-demo: build image ## replay a capture through the driver and look at the outcome
+demo: build image ## replay a capture through the driver, and block DNS in it
+	@scripts/bootstrap.sh demo
 	scripts/demo.sh
 
 test: image ## build everything for release and run all tests

@@ -22,7 +22,12 @@ LoadedDriver::~LoadedDriver() = default;
 bool LoadedDriver::Prepare(std::string& error) {
     entry_ = source_.entry;
     if (entry_ == nullptr) {
-        ImageResult<KernelImage> loaded = KernelImage::Load(source_.image, PlatformImports());
+        ImportChain imports;
+        imports.Add(PlatformImports());
+        if (source_.imports != nullptr) {
+            imports.Add(*source_.imports);
+        }
+        ImageResult<KernelImage> loaded = KernelImage::Load(source_.image, imports);
         if (!loaded) {
             error = loaded.Fault().message;
             return false;

@@ -11,6 +11,7 @@
 
 namespace netsieve::host {
 
+class ImportResolver;
 class KernelImage;
 
 /// Where a driver comes from: a function of this process, or a .sys image.
@@ -20,6 +21,8 @@ struct DriverSource {
     std::filesystem::path image{};       ///< the image to load when `entry` is null
     /// Place in an adapter's stack among filter drivers: higher stands nearer to the protocols.
     int altitude = 0;
+    /// Where an image's imports lead that the platform does not have; needed until it is loaded.
+    const ImportResolver* imports = nullptr;
 };
 
 /// The driver's side of the machine. Its address is stable while it is loaded.

@@ -26,6 +26,7 @@ test    libgtest-dev                the test framework
 test    libgmock-dev                the test framework's matchers
 test    libbenchmark-dev            the benchmark framework
 test    patch                       puts faults into copies of the driver
+demo    tcpdump                     shows what was withheld
 test    tcpdump                     what replay is compared with
 test    libwin-hivex-perl           reads the hives that the tests write
 test    reglookup                   the same, by other means

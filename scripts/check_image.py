@@ -82,12 +82,12 @@ def check_relocations(image):
                 yield f"the pointer at {address:#x} has no relocation"
 
 
-def check_imports(image):
+def check_imports(image, modules):
     for module in getattr(image, "DIRECTORY_ENTRY_IMPORT", []):
         dll = module.dll.decode("ascii", "replace")
         for entry in module.imports:
             name = entry.name.decode("ascii", "replace") if entry.name else f"#{entry.ordinal}"
-            if dll.lower() not in MODULES:
+            if dll.lower() not in modules:
                 yield f"{name} is imported from {dll}"
             elif not entry.name:
                 yield f"ordinal {entry.ordinal} of {dll} is imported without a name"
@@ -182,7 +182,7 @@ def faults(path, arguments):
     yield from check_headers(image)
     yield from check_sections(image)
     yield from check_relocations(image)
-    yield from check_imports(image)
+    yield from check_imports(image, MODULES | set(arguments.imports))
     yield from check_exports(image, exports_of_def(arguments.def_file))
     yield from check_unwind(image)
     yield from check_version(image, arguments.version)
@@ -192,6 +192,10 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--def", dest="def_file", required=True, help="the image's export list")
     parser.add_argument("--version", required=True, help="the version its resource must carry")
+    parser.add_argument(
+        "--imports", nargs="*", default=[], type=str.lower, metavar="MODULE",
+        help="modules that it may import from beside NDIS and the kernel",
+    )
     parser.add_argument("--remove-bad", action="store_true", help="delete an image with a fault")
     parser.add_argument("image")
     arguments = parser.parse_args()

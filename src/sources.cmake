@@ -6,6 +6,7 @@ set(NETSIEVE_DRIVER_SOURCES
     driver/data_path.cpp
     driver/drain_count.cpp
     driver/driver_entry.cpp
+    driver/driver_globals.cpp
     driver/event_handlers.cpp
     driver/locked_list.cpp
     driver/module_lifecycle.cpp

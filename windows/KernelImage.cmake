@@ -21,11 +21,13 @@ target_compile_options(netsieve_image_flags INTERFACE
     "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
 
 # netsieve_kernel_image(TARGET NAME name VERSION a.b.c.d DESCRIPTION text DEF file OUTPUT dir
-#                       SOURCES file...)
+#                       SOURCES file... [IMPORTS library target] [IMPORT_MODULES name...])
 # Builds OUTPUT/NAME.sys, entered at DriverEntry, with the exports of DEF and nothing else exported.
-# The build fails, and leaves no image, when scripts/check_image.py finds a fault in it.
+# IMPORTS is the import library, made by netsieve_import_library, of the modules IMPORT_MODULES that it
+# calls beside NDIS and the kernel. The build fails, and leaves no image, when scripts/check_image.py finds a fault in it.
 function(netsieve_kernel_image target)
-    cmake_parse_arguments(PARSE_ARGV 1 image "" "NAME;VERSION;DESCRIPTION;DEF;OUTPUT" "SOURCES")
+    cmake_parse_arguments(PARSE_ARGV 1 image "" "NAME;VERSION;DESCRIPTION;DEF;OUTPUT;IMPORTS"
+                          "SOURCES;IMPORT_MODULES")
 
     string(REPLACE "." "," image_VERSION_COMMAS "${image_VERSION}")
     configure_file("${NETSIEVE_VERSION_TEMPLATE}" "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc" @ONLY)
@@ -39,7 +41,7 @@ function(netsieve_kernel_image target)
         LINK_DEPENDS "${image_DEF};${NETSIEVE_IMAGE_CHECK}"
         # The runtime library of C++ is no part of a kernel image.
         LINKER_LANGUAGE C)
-    target_link_libraries(${target} PRIVATE netsieve_image_flags ntoskrnl ndis)
+    target_link_libraries(${target} PRIVATE netsieve_image_flags ${image_IMPORTS} ntoskrnl ndis)
     # A fixed base and no time stamp make two builds of one tree equal to the byte. Auto-import
     # would patch data references in a start-up routine that no kernel calls.
     target_link_options(${target} PRIVATE
@@ -53,5 +55,22 @@ function(netsieve_kernel_image target)
     add_custom_command(TARGET ${target} POST_BUILD
         COMMAND "${NETSIEVE_PEFILE_PYTHON}" "${NETSIEVE_IMAGE_CHECK}" --remove-bad
                 --def "${image_DEF}" --version "${image_VERSION}" "$<TARGET_FILE:${target}>"
+                --imports ${image_IMPORT_MODULES}
         VERBATIM)
+endfunction()
+
+# netsieve_import_library(TARGET DEF file OUTPUT file)
+# Makes the import library of an image from its export list; link TARGET to call the image.
+function(netsieve_import_library target)
+    cmake_parse_arguments(PARSE_ARGV 1 library "" "DEF;OUTPUT" "")
+    get_filename_component(library_DEF "${library_DEF}" ABSOLUTE)
+    add_custom_command(OUTPUT "${library_OUTPUT}"
+        COMMAND "${CMAKE_DLLTOOL}" --machine i386:x86-64 --deterministic-libraries
+                --input-def "${library_DEF}" --output-lib "${library_OUTPUT}"
+        DEPENDS "${library_DEF}"
+        VERBATIM)
+    add_custom_target(${target}_file DEPENDS "${library_OUTPUT}")
+    add_library(${target} INTERFACE)
+    add_dependencies(${target} ${target}_file)
+    target_link_libraries(${target} INTERFACE "${library_OUTPUT}")
 endfunction()

@@ -134,6 +134,9 @@ class Scheduler {
     virtual Ticks Now() = 0;
     /// Blocks the caller for `duration`.
     virtual void Sleep(Ticks duration) = 0;
+    /// From now on the clock jumps to the next timer instead of waiting for it. For the end of a
+    /// run, when all that is left is what drivers wait for. A simulated clock always does so.
+    virtual void FastForward() {}
 
     /// Runs `routine` as a DPC on `processor` once `due` (absolute) has come. Returns an id that is
     /// never 0.

@@ -120,7 +120,10 @@ void ThreadedScheduler::RunProcessor(unsigned index) {
 void ThreadedScheduler::RunTimers() {
     HostLock lock(mutex_);
     while (!stopping_) {
-        if (calls_.empty() || calls_.begin()->first.first > Now()) {
+        const Ticks wait = calls_.empty() ? kForever : calls_.begin()->first.first - Now();
+        if (wait > 0 && wait != kForever && fastForward_) {
+            skipped_ += wait;
+        } else if (wait > 0) {
             Wait(timersChanged_, lock, calls_.empty() ? kForever : calls_.begin()->first.first);
             continue;
         }
@@ -160,12 +163,19 @@ bool ThreadedScheduler::Wait(WaitQueue& queue, HostLock& lock, Ticks deadline) {
 }
 
 Ticks ThreadedScheduler::Now() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start_).count() /
-           100;
+    const auto real = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start_);
+    return real.count() / 100 + skipped_.load(std::memory_order_relaxed);
+}
+
+void ThreadedScheduler::FastForward() {
+    HostLock lock(mutex_);
+    fastForward_ = true;
+    Wake(timersChanged_);
 }
 
 ThreadedScheduler::Clock::time_point ThreadedScheduler::At(Ticks time) const {
-    return start_ + std::chrono::nanoseconds(time * 100);
+    return start_ +
+           std::chrono::nanoseconds((time - skipped_.load(std::memory_order_relaxed)) * 100);
 }
 
 void ThreadedScheduler::Sleep(Ticks duration) {

@@ -1,6 +1,7 @@
 // The scheduler on real threads and the real clock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -38,6 +39,7 @@ class ThreadedScheduler final : public Scheduler {
     void Wake(WaitQueue& queue) override { queue.condition_.notify_all(); }
     Ticks Now() override;
     void Sleep(Ticks duration) override;
+    void FastForward() override;
     std::uint64_t CallAt(Ticks due, unsigned processor, std::function<void()> routine) override;
     bool CancelCall(std::uint64_t id) override;
     void Abandon(const std::string& reason) override;
@@ -94,8 +96,10 @@ class ThreadedScheduler final : public Scheduler {
     std::uint32_t nextId_ = 1;
     std::uint64_t nextCall_ = 1;
     bool stopping_ = false;
+    bool fastForward_ = false;
     std::string abandonReason_;
     Clock::time_point start_;
+    std::atomic<Ticks> skipped_ = 0;  ///< how far the clock is ahead of the real one
 };
 
 }  // namespace netsieve::host

@@ -10,8 +10,6 @@
 #include "platform/list.h"
 #include "platform/runtime.h"
 
-FILTER_DRIVER_GLOBALS g_DriverGlobals;
-
 namespace {
 
 void DescribeDriver(PNDIS_FILTER_DRIVER_CHARACTERISTICS characteristics) {

@@ -11,7 +11,7 @@ trap 'rm -rf "$work"' EXIT
 build() { # DIRECTORY JOBS
     local -r tree=$work/$1
     mkdir -p "$tree/tests/image"
-    cp -r "$source"/{CMakeLists.txt,cmake,scripts,src,windows} "$tree"
+    cp -r "$source"/{CMakeLists.txt,cmake,samples,scripts,src,windows} "$tree"
     cp -r "$source/tests/image/toy" "$tree/tests/image"
     # What the compiler cache has is no second build.
     CCACHE_DISABLE=1 cmake -S "$tree" -B "$tree/work" -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -27,6 +27,8 @@ build first 1
 sleep 1.1
 build a-second/place/of/another/length 2
 cd "$work"
-cmp first/build/image/NETSIEVE.sys a-second/place/of/another/length/build/image/NETSIEVE.sys
+for file in NETSIEVE.sys block_dns.sys libnetsieve.a; do
+    cmp "first/build/image/$file" "a-second/place/of/another/length/build/image/$file"
+done
 cmp first/build/image-tests/TOY.sys \
     a-second/place/of/another/length/build/image-tests/TOY.sys

@@ -67,7 +67,7 @@ using Frame = std::vector<std::uint8_t>;
 
 inline Frame MakeFrame(std::uint8_t mark, std::size_t size = 60) {
     Frame frame(size, mark);
-    std::fill_n(frame.begin(), 6, std::uint8_t{0xFF});
+    std::fill_n(frame.begin(), std::min<std::size_t>(6, size), std::uint8_t{0xFF});
     return frame;
 }
 

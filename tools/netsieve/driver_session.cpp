@@ -2,15 +2,11 @@
 
 #include <fmt/format.h>
 
-#include "config/system_information.h"
-#include "driver/driver_entry.h"
-#include "host/image/kernel_image.h"
+#include "tools/netsieve/driver_exports.h"
 
 namespace netsieve::tool {
 namespace {
 
-constexpr const char* kDriverName = "NETSIEVE";
-constexpr const char* kNative = "native";
 constexpr const char* kExportName = "ITarnHKSystemInformationEx";
 
 }  // namespace
@@ -38,21 +34,13 @@ ExitStatus DriverSession::Run(const std::function<void()>& body) {
 }
 
 bool DriverSession::Start() {
-    host::DriverSource source{.name = kDriverName};
-    if (driver_ == kNative) {
-        source.entry = &DriverEntry;
-    } else {
-        source.image = driver_;
-    }
-    const NTSTATUS status = machine_.LoadDriver(source);
+    const NTSTATUS status = machine_.LoadDriver(SourceOf(driver_));
     if (!NT_SUCCESS(status)) {
         Fail(fmt::format("status 0x{:08X}", static_cast<std::uint32_t>(status)));
         return false;
     }
     loaded_ = machine_.FindDriver(kDriverName);
-    export_ = loaded_->Image() == nullptr
-                  ? &ITarnHKSystemInformationEx
-                  : reinterpret_cast<Export>(loaded_->Image()->FindExport(kExportName));
+    export_ = reinterpret_cast<Export>(FindExport(*loaded_, kExportName));
     if (export_ == nullptr) {
         Fail(fmt::format("it does not export {}", kExportName));
     }

@@ -7,18 +7,10 @@
 #include <string_view>
 
 #include "driver/trace_log.h"
+#include "tools/netsieve/driver_record.h"
 
 namespace netsieve::tool {
 namespace {
-
-/// The name that our driver registers by, whoever built it and under whatever file name.
-constexpr std::u16string_view kUniqueName = u"{7C1E5B39-2D84-4a6f-B0E2-9F31C6A8D547}";
-
-bool IsOurDriver(const host::FilterModule& module) {
-    const UNICODE_STRING& name = module.handlers.UniqueName;
-    return name.Buffer != nullptr &&
-           std::u16string_view(name.Buffer, name.Length / sizeof(WCHAR)) == kUniqueName;
-}
 
 struct TraceLine {
     std::uint32_t number;
@@ -42,11 +34,7 @@ std::optional<TraceLine> ParseLine(std::string_view text) {
 }  // namespace
 
 std::vector<std::string> ReadModuleTrace(const host::FilterModule& module) {
-    // A module's context is the driver's own affair: another's is no record of ours.
-    if (!IsOurDriver(module)) {
-        return {};
-    }
-    const auto* record = static_cast<const FILTER_MODULE*>(module.context);
+    const FILTER_MODULE* const record = RecordOf(module);
     if (record == nullptr || record->TraceBuffer == nullptr) {
         return {};
     }

@@ -19,6 +19,9 @@ class Progress {
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    /// Whether anything is shown, terminal or not.
+    void SetEnabled(bool enabled) { enabled_ = enabled_ && enabled; }
+
     /// Cheap enough for every frame.
     void Update(std::uint64_t frames, std::uint64_t position) {
         if (enabled_ && (frames & kFrameMask) == 0) {

@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/capture_writer.h"
@@ -21,6 +24,9 @@ namespace {
 
 /// Locally administered, so it is nobody's.
 constexpr MacAddress kFallbackAddress = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+
+/// Of the frames in a list, and of the lists in a call.
+constexpr std::uint32_t kMostPerUnit = 4096;
 
 void PrintMessage(const std::string& message) {
     fmt::print(stderr, "netsieve: {}\n", message);
@@ -66,7 +72,14 @@ class ReplayCommand {
             return;
         }
         Progress progress("replaying", reader_.Source().Size());
-        Replay(options_, adapter, {reader_, [this] { return OpenOutput(); }, progress}, report_);
+        // Lines of frames would run through the bar.
+        progress.SetEnabled(!LogsFrames());
+        FILE* const log = LogStream();
+        Replay(options_, adapter, {reader_, [this] { return OpenOutput(); }, progress, log},
+               report_);
+        if (LogsFrames() && (std::fflush(log) != 0 || std::ferror(log) != 0)) {
+            report_.logFailure = "the lines of the log hooks could not be written";
+        }
         if (auto failure = writer_.Close()) {
             report_.outputFailure = failure;
         }
@@ -98,6 +111,14 @@ class ReplayCommand {
         }
     }
 
+    bool LogsFrames() const {
+        return std::any_of(options_.hooks.begin(), options_.hooks.end(),
+                           [](const HookSpec& hook) { return hook.kind == HookKind::kLog; });
+    }
+
+    /// What standard output is wanted for by a program keeps it for itself.
+    FILE* LogStream() const { return options_.json || options_.output == "-" ? stderr : stdout; }
+
     CaptureWriter* OpenOutput() {
         if (options_.output.empty()) {
             return nullptr;
@@ -115,6 +136,9 @@ class ReplayCommand {
         }
         if (report_.outputFailure) {
             PrintMessage(*report_.outputFailure);
+        }
+        if (report_.logFailure) {
+            PrintMessage(*report_.logFailure);
         }
     }
 
@@ -160,6 +184,48 @@ DirectionChoice ParseDirection(const std::string& text) {
     }
     throw CLI::ValidationError("--direction",
                                fmt::format("{} is not one of auto, send, receive", text));
+}
+
+/// CLI11 turns what its own kind of exception says into the message and the status.
+template <typename Check>
+void CheckHookOption(const Check& check) {
+    try {
+        check();
+    } catch (const std::invalid_argument& error) {
+        throw CLI::ValidationError("--hook", error.what());
+    }
+}
+
+void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
+    command
+        .add_option_function<std::vector<std::string>>(
+            "--hook",
+            [&options](const std::vector<std::string>& texts) {
+                CheckHookOption([&] {
+                    for (const std::string& text : texts) {
+                        options.hooks.push_back(ParseHookSpec(text));
+                    }
+                });
+            },
+            "Register a hook: drop:EXPR withholds what the expression (as tcpdump's) selects, "
+            "count:EXPR counts it, log or log:EXPR prints a line for it, module:PATH loads a hook "
+            "filter. drop@N:EXPR and so on give the priority class, 0 (first, the default) to 4. "
+            "May be repeated")
+        ->type_name("SPEC")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command.add_option("--frames-per-list", options.framesPerList, "Frames in one list")
+        ->type_name("N")
+        ->check(CLI::Range(1u, kMostPerUnit))
+        ->capture_default_str();
+    command
+        .add_option("--lists-per-call", options.listsPerCall,
+                    "Lists in one call of the driver (default 1; 32 where only speed is wanted, "
+                    "with --no-verify and without --seed)")
+        ->type_name("N")
+        ->check(CLI::Range(1u, kMostPerUnit));
+    command.add_flag("--resources", options.lendReceived,
+                     "Lend received lists: the adapter has them back when the call returns");
 }
 
 void AddOptions(CLI::App& command, ReplayOptions& options) {
@@ -208,7 +274,11 @@ void AddReplayCommand(CLI::App& app, ExitStatus& status) {
         "replay", "Send the frames of a capture through the driver and say what became of them");
     command->footer(std::string(kExitStatusHelp));
     AddOptions(*command, *options);
-    command->callback([options, &status] { status = ReplayCommand(*options).Run(); });
+    AddTrafficOptions(*command, *options);
+    command->callback([options, &status] {
+        CheckHookOption([&] { CheckHooks(options->hooks, options->driver); });
+        status = ReplayCommand(*options).Run();
+    });
 }
 
 }  // namespace netsieve::tool

@@ -1,6 +1,7 @@
 // Drives the frames of a capture through the driver on a host machine.
 #pragma once
 
+#include <cstdio>
 #include <functional>
 
 #include "tools/netsieve/capture_reader.h"
@@ -18,12 +19,13 @@ struct ReplayJob {
     /// output overwritten. Returns the writer, or null when the frames are not to be written.
     std::function<CaptureWriter*()> openOutput;
     Progress& progress;
+    FILE* log = stdout;  ///< where the lines of log hooks go
 };
 
 /// Replays every frame that `job.reader` still has through one adapter with the address
-/// `adapter.address`, and notes in `report` what became of them. The report's adapters, trace,
-/// verifier and accounting are filled in, and the input failure when reading stops early. One
-/// replay at a time in a process.
+/// `adapter.address`, and notes in `report` what became of them. The report's adapters, hooks,
+/// trace, verifier and accounting are filled in, and the input failure when reading stops early.
+/// One replay at a time in a process.
 void Replay(const ReplayOptions& options,
             const AdapterReport& adapter,
             const ReplayJob& job,

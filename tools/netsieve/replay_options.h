@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "tools/netsieve/hook_spec.h"
 #include "tools/netsieve/mac_address.h"
 
 namespace netsieve::tool {
@@ -17,6 +19,10 @@ struct ReplayOptions {
     std::string driver = "native";  ///< or the path of a driver image
     std::optional<MacAddress> mac;  ///< nothing: found by a vote of the frames
     DirectionChoice direction = DirectionChoice::kAuto;
+    std::vector<HookSpec> hooks;
+    std::uint32_t framesPerList = 1;
+    std::optional<std::uint32_t> listsPerCall;  ///< nothing: as many as suit the machine
+    bool lendReceived = false;  ///< received lists stay the adapter's and go back with the call
     std::optional<std::uint64_t> seed;
     bool verify = true;
     bool json = false;

@@ -131,6 +131,43 @@ void AddAdapter(SummaryText& text, const AdapterReport& adapter) {
     row("lost", sent.Lost(), received.Lost(), true);
 }
 
+void AddHooks(SummaryText& text, const ReplayReport& report) {
+    if (report.hooks.empty()) {
+        return;
+    }
+    text.Line("hooks", "{:>12}{:>12}{:>12}{:>12}  {}", "offered", "selected", "passed", "withheld",
+              "hook");
+    for (const HookReport& hook : report.hooks) {
+        text.Line("", "{:>12}{:>12}{:>12}{:>12}  {} {}{}", hook.offered,
+                  hook.matched ? std::to_string(*hook.matched) : "-", hook.passed, hook.withheld,
+                  hook.number, hook.spec, hook.name.empty() ? "" : " (" + hook.name + ")");
+    }
+}
+
+void AddUninspected(SummaryText& text, const ReplayReport& report) {
+    static constexpr struct {
+        std::uint64_t UninspectedCounts::*count;
+        const char* reason;
+    } kReasons[] = {{&UninspectedCounts::notAddressed, "not addressed to the adapter"},
+                    {&UninspectedCounts::tooLarge, "too large"},
+                    {&UninspectedCounts::copyFailed, "copy failed"},
+                    {&UninspectedCounts::poolEmpty, "pool empty"}};
+    if (report.hooks.empty()) {
+        return;
+    }
+    std::string reasons;
+    for (const auto& [count, reason] : kReasons) {
+        const std::uint64_t frames =
+            Total(report, [&](const DirectionCounts& counts) { return counts.uninspected.*count; });
+        if (frames > 0) {
+            reasons += fmt::format("{} {} {}", reasons.empty() ? ":" : ",", frames, reason);
+        }
+    }
+    const std::uint64_t total =
+        Total(report, [](const DirectionCounts& counts) { return counts.uninspected.Total(); });
+    text.Line("uninspected", "{}{}", Counted(total, "frame"), reasons);
+}
+
 void AddOutput(SummaryText& text, const ReplayReport& report) {
     if (report.output.empty()) {
         return;
@@ -187,9 +224,35 @@ void AddAccounting(SummaryText& text, const ReplayReport& report) {
 }
 
 Json CountsJson(const DirectionCounts& counts) {
-    return {{"frames", counts.frames},       {"passed", counts.passed},
-            {"withheld", counts.withheld},   {"injected", counts.injected},
-            {"reordered", counts.reordered}, {"lost", counts.Lost()}};
+    const UninspectedCounts& uninspected = counts.uninspected;
+    return {{"frames", counts.frames},
+            {"passed", counts.passed},
+            {"withheld", counts.withheld},
+            {"withheld_by_hooks", counts.withheldByHooks},
+            {"injected", counts.injected},
+            {"reordered", counts.reordered},
+            {"lost", counts.Lost()},
+            {"uninspected",
+             {{"total", uninspected.Total()},
+              {"pool_empty", uninspected.poolEmpty},
+              {"too_large", uninspected.tooLarge},
+              {"copy_failed", uninspected.copyFailed},
+              {"not_addressed", uninspected.notAddressed}}}};
+}
+
+Json HooksJson(const ReplayReport& report) {
+    Json hooks = Json::array();
+    for (const HookReport& hook : report.hooks) {
+        Json entry = {{"number", hook.number},   {"hook", hook.spec},
+                      {"name", hook.name},       {"priority", hook.priority},
+                      {"offered", hook.offered}, {"selected", nullptr},
+                      {"passed", hook.passed},   {"withheld", hook.withheld}};
+        if (hook.matched) {
+            entry["selected"] = *hook.matched;
+        }
+        hooks.push_back(std::move(entry));
+    }
+    return hooks;
 }
 
 Json CaptureJson(const ReplayReport& report) {
@@ -257,7 +320,7 @@ ExitStatus ReplayReport::Status() const {
                                         ? ExitStatus::kInputBrokenOff
                                         : ExitStatus::kInputUnreadable);
     apply(notRepresentable > 0, ExitStatus::kNotRepresentable);
-    apply(outputFailure.has_value(), ExitStatus::kOutputFailed);
+    apply(outputFailure || logFailure, ExitStatus::kOutputFailed);
     apply(driverFailure.has_value(), ExitStatus::kDriverNotLoaded);
     apply(!Balanced(), ExitStatus::kFramesLost);
     apply(!findings.empty(), ExitStatus::kRuleBroken);
@@ -274,6 +337,8 @@ std::string FormatReport(const ReplayReport& report) {
     for (const AdapterReport& adapter : report.adapters) {
         AddAdapter(text, adapter);
     }
+    AddHooks(text, report);
+    AddUninspected(text, report);
     AddOutput(text, report);
     AddLines(text, "trace", report.trace);
     AddVerifier(text, report);
@@ -285,6 +350,7 @@ std::string FormatReportJson(const ReplayReport& report) {
     Json document = {{"capture", CaptureJson(report)},
                      {"driver", {{"source", report.driver}, {"problem", nullptr}}},
                      {"adapters", AdaptersJson(report)},
+                     {"hooks", HooksJson(report)},
                      {"output", OutputJson(report)},
                      {"trace", report.trace},
                      {"verifier", VerifierJson(report)},

@@ -12,6 +12,16 @@
 
 namespace netsieve::tool {
 
+/// Frames that crossed the driver without being shown to its hooks, by the reason.
+struct UninspectedCounts {
+    std::uint64_t poolEmpty = 0;     ///< the driver had no record or no context left for it
+    std::uint64_t tooLarge = 0;      ///< longer than any record
+    std::uint64_t copyFailed = 0;    ///< there was nothing to copy
+    std::uint64_t notAddressed = 0;  ///< received, and not for the adapter
+
+    std::uint64_t Total() const { return poolEmpty + tooLarge + copyFailed + notAddressed; }
+};
+
 /// What became of the frames of one direction.
 struct DirectionCounts {
     std::uint64_t frames = 0;     ///< handed to the driver
@@ -23,6 +33,7 @@ struct DirectionCounts {
     /// What the hooks ordered to be withheld. Where it differs from `withheld`, the driver withheld
     /// what it should not have, or let go what it should have kept.
     std::uint64_t withheldByHooks = 0;
+    UninspectedCounts uninspected{};  ///< all 0 in a replay without hooks
 
     /// Neither came out nor came back.
     std::uint64_t Lost() const { return frames - passed - withheld; }
@@ -37,6 +48,19 @@ struct AdapterReport {
     std::uint64_t votes = 0;  ///< frames the address occurs in, when it was voted
     DirectionCounts sent{};
     DirectionCounts received{};
+};
+
+/// What one hook did.
+struct HookReport {
+    unsigned number = 0;         ///< its place on the command line, from 1
+    std::string spec{};          ///< as the user gave it
+    std::string name{};          ///< what a module registered it as
+    std::uint32_t priority = 0;  ///< smaller ones saw a frame first
+    std::uint64_t offered = 0;
+    std::uint64_t passed = 0;
+    std::uint64_t withheld = 0;
+    /// Frames that the expression selects; of the program's own hooks only.
+    std::optional<std::uint64_t> matched{};
 };
 
 /// A broken rule of the platform.
@@ -63,6 +87,8 @@ struct ReplayReport {
     std::string driver;
     std::optional<std::string> driverFailure;
     std::vector<AdapterReport> adapters;
+    std::vector<HookReport> hooks;  ///< in the order of the command line
+    std::optional<std::string> logFailure;
     std::vector<std::string> trace;  ///< what the driver printed, line by line
 
     bool ran = false;  ///< the driver was loaded and frames were given to it

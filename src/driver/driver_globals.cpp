@@ -1,0 +1,3 @@
+#include "driver/driver_globals.h"
+
+FILTER_DRIVER_GLOBALS g_DriverGlobals;

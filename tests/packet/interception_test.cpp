@@ -1,0 +1,295 @@
+// Lists that cross the hooks: whatever is withheld of them, their owner gets them back as they
+// were.
+#include <map>
+
+#include "host/sched/random.h"
+#include "tests/packet/pending_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+constexpr std::size_t kSizes[] = {1, 5, 6, 14, 60, 256, 1514, 1515, 9000, 65535, 65536};
+
+/// Traffic of random lists, of which a hook withholds at random. Every frame starts with the
+/// broadcast address and its own number, as far as it reaches.
+class RandomTraffic {
+  public:
+    RandomTraffic(Machine& machine, Stack& stack, std::uint64_t seed, bool send)
+        : machine_(machine),
+          stack_(stack),
+          random_(seed),
+          send_(send),
+          lists_(machine, send ? stack.protocol().pool() : stack.adapter().pool()) {
+        const auto arrived = [this](PNET_BUFFER_LIST chain) { Arrived(chain); };
+        const auto home = [this](PNET_BUFFER_LIST chain) { Home(chain); };
+        stack.adapter().onSend = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+            arrived(chain);
+        };
+        stack.protocol().onReceive = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
+                                               ULONG) { arrived(chain); };
+        stack.protocol().onSendComplete = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
+        stack.adapter().onReturned = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
+    }
+
+    /// The hook's verdict; the frame's record must show the frame and nothing else.
+    LONG Judge(NIRP* nirp) {
+        const HostLock lock(mutex_);
+        const std::uint8_t* bytes = ITarnHKGetBuffer(nirp);
+        const std::string shown(bytes, bytes + ITarnHKGetBufferLength(nirp));
+        EXPECT_TRUE(shown.size() <= 65535 && frames_.count(shown) != 0);
+        constexpr LONG verdicts[] = {0, 0, 0, 1, 2, -1, 77};
+        const LONG verdict = verdicts[random_.Below(std::size(verdicts))];
+        if (verdict != 0) {
+            ++withheld_[shown];
+        }
+        return verdict;
+    }
+
+    void Call(bool lent) {
+        PNET_BUFFER_LIST chain = nullptr;
+        for (std::uint64_t count = 1 + random_.Below(4); count > 0; --count) {
+            PNET_BUFFER_LIST const list = MakeList();
+            list->Next = chain;
+            chain = list;
+        }
+        std::vector<PNET_BUFFER_LIST> const lists = ListsOf(chain);
+        if (send_) {
+            stack_.protocol().Send(chain);
+        } else if (stack_.adapter().Indicate(chain, 0, lent ? NDIS_RECEIVE_FLAGS_RESOURCES : 0) &&
+                   lent) {
+            // One chain again, which starts with the adapter's first list.
+            EXPECT_THAT(ListsOf(lists[0]), testing::UnorderedElementsAreArray(lists));
+            Home(lists[0]);
+        }
+    }
+
+    /// Everything is home and every frame either arrived or was withheld, once.
+    void ExpectSettled() {
+        EXPECT_EQ(home_, made_.size());
+        std::map<std::string, int> seen = withheld_;
+        for (const auto& [frame, count] : arrived_) {
+            seen[frame] += count;
+        }
+        EXPECT_TRUE(seen == frames_);
+    }
+
+  private:
+    PNET_BUFFER_LIST MakeList() {
+        std::vector<Frame> frames;
+        for (std::uint64_t count = 1 + random_.Below(5); count > 0; --count) {
+            Frame frame(kSizes[random_.Below(std::size(kSizes))],
+                        static_cast<std::uint8_t>(number_));
+            std::fill_n(frame.begin(), std::min<std::size_t>(6, frame.size()), 0xFF);
+            ++number_;
+            if (frame.size() > 8) {
+                frame[7] = static_cast<std::uint8_t>(number_ >> 8);
+            }
+            ++frames_[std::string(frame.begin(), frame.end())];
+            frames.push_back(std::move(frame));
+        }
+        const FrameLayout layout{.mdlSizes = {static_cast<std::uint32_t>(random_.Below(20)),
+                                              static_cast<std::uint32_t>(random_.Below(80))},
+                                 .headroom = static_cast<std::uint32_t>(random_.Below(40)),
+                                 .mapped = random_.Below(2) == 0};
+        std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
+        PNET_BUFFER_LIST const list = lists_.Make(spans, layout);
+        for (NET_BUFFER* at = list->FirstNetBuffer; at != nullptr; at = at->Next) {
+            made_[list].push_back({at, FrameLists::BytesOf(*at)});
+        }
+        return list;
+    }
+
+    void Arrived(PNET_BUFFER_LIST chain) {
+        const HostLock lock(mutex_);
+        for (; chain != nullptr; chain = chain->Next) {
+            std::size_t at = 0;
+            const auto& made = made_.at(chain);
+            for (NET_BUFFER* buffer = chain->FirstNetBuffer; buffer != nullptr;
+                 buffer = buffer->Next) {
+                while (at < made.size() && made[at].first != buffer) {
+                    ++at;
+                }
+                ASSERT_LT(at, made.size()) << "a frame passed out of its order";
+                const Frame frame = FrameLists::BytesOf(*buffer);
+                ++arrived_[std::string(frame.begin(), frame.end())];
+            }
+        }
+    }
+
+    void Home(PNET_BUFFER_LIST chain) {
+        const HostLock lock(mutex_);
+        for (; chain != nullptr; chain = chain->Next) {
+            std::vector<std::pair<NET_BUFFER*, Frame>> now;
+            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
+                now.push_back({at, FrameLists::BytesOf(*at)});
+            }
+            EXPECT_TRUE(now == made_.at(chain)) << "a list came home changed";
+            ++home_;
+        }
+    }
+
+    Machine& machine_;
+    Stack& stack_;
+    Random random_;
+    bool send_;
+    FrameLists lists_;
+    HostMutex mutex_;
+    std::uint64_t number_ = 0;
+    std::size_t home_ = 0;
+    std::map<PNET_BUFFER_LIST, std::vector<std::pair<NET_BUFFER*, Frame>>> made_;
+    std::map<std::string, int> frames_, withheld_, arrived_;
+};
+
+class InterceptionTest : public BothSchedulers {};
+
+TEST_P(InterceptionTest, EveryListComesHomeAsItWas) {
+    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+        MachineOptions options = Options();
+        options.seed = seed;
+        RunClean(options, [&](Machine& machine) {
+            // Contexts of others lie over and under the driver's, on every second run.
+            ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+            for (const bool send : {true, false}) {
+                Stack& stack = machine.ndis().AddAdapter({.ifIndex = send ? 1u : 2u});
+                FILTER_MODULE* const module = RecordOf(machine, stack);
+                const ULONG records = FreeRecordsOf(module);
+                {
+                    RandomTraffic traffic(machine, stack, seed, send);
+                    TestHook hook([&](NIRP* nirp) { return traffic.Judge(nirp); });
+                    stack.adapter().pace().Set(Pace::kMixed);
+                    stack.protocol().pace().Set(Pace::kMixed);
+                    for (int call = 0; call < 12; ++call) {
+                        machine.faults().Arm({.kind = call % 3 == 0   ? FaultKind::kNblContext
+                                                      : call % 3 == 1 ? FaultKind::kPool
+                                                                      : FaultKind::kMdl,
+                                              .probability = 0.2,
+                                              .seed = seed + static_cast<std::uint64_t>(call)});
+                        traffic.Call(seed % 2 == 0);
+                        machine.faults().Disarm();
+                    }
+                    stack.Pause();
+                    traffic.ExpectSettled();
+                }
+                EXPECT_EQ(FreeRecordsOf(module), records);
+                EXPECT_EQ(module->FreeNirpCount, records);
+            }
+            machine.UnloadDriver("NETSIEVE");
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Schedulers,
+                         InterceptionTest,
+                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded));
+
+// A short copy shows zeroes behind what was copied, whatever the record held before.
+TEST(InterceptionEdges, AShortCopyShowsNothingOfAnEarlierFrame) {
+    OnScene([](Scene& scene) {
+        std::vector<Frame> shown;
+        TestHook hook([&](NIRP* nirp) -> LONG {
+            const std::uint8_t* bytes = ITarnHKGetBuffer(nirp);
+            shown.emplace_back(bytes, bytes + ITarnHKGetBufferLength(nirp));
+            return HOOK_VERDICT_PASS;
+        });
+        for (int i = 0; i < 20; ++i) {
+            scene.Pass(true, {MakeFrame(0xAA, 200)});
+        }
+        const Frame frame = MakeFrame(0xBB, 200);
+        scene.machine_.faults().Arm({.kind = FaultKind::kMapping, .nth = 2, .persistent = true});
+        scene.stack.protocol().Send(scene.sends.Make(std::span<const std::uint8_t>(frame),
+                                                     {.mdlSizes = {50}, .mapped = false}));
+        scene.machine_.faults().Disarm();
+        Frame expected = frame;
+        std::fill(expected.begin() + 50, expected.end(), 0);
+        EXPECT_EQ(shown.back(), expected);
+        EXPECT_EQ(scene.wire.size(), 21u);
+    });
+}
+
+// On the way up only what is for the adapter or for everybody is offered.
+TEST(InterceptionEdges, OffersReceivedFramesByTheirDestination) {
+    OnScene([](Scene& scene) {
+        int offered = 0;
+        TestHook hook([&](NIRP*) -> LONG {
+            ++offered;
+            return HOOK_VERDICT_WITHHOLD;
+        });
+        Frame own = MakeFrame(1);
+        const std::uint8_t mac[] = {2, 0, 0, 0, 0, 1};
+        std::copy(std::begin(mac), std::end(mac), own.begin());
+        Frame other = own;
+        other[5] = 2;
+        Frame multicast = MakeFrame(1);
+        multicast[0] = 0x33;
+        const std::vector<Frame> frames = {own, other, multicast, MakeFrame(1, 5), MakeFrame(1, 6)};
+        scene.Pass(false, frames);
+        EXPECT_EQ(offered, 2);
+        EXPECT_EQ(scene.up, (std::vector<Frame>{other, multicast, MakeFrame(1, 5)}));
+        EXPECT_EQ(scene.returned, frames);
+    });
+}
+
+// A list without context space goes down at once; lent lists come back in two parts.
+TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
+    OnScene([](Scene& scene) {
+        TestHook hook([](NIRP* nirp) -> LONG { return ITarnHKGetBuffer(nirp)[6] == 2; });
+        const auto chain = [](FrameLists& from, std::initializer_list<Frame> frames) {
+            std::vector<PNET_BUFFER_LIST> lists;
+            for (const Frame& frame : frames) {
+                lists.push_back(from.Make(std::span<const std::uint8_t>(frame)));
+                if (lists.size() > 1) {
+                    lists[lists.size() - 2]->Next = lists.back();
+                }
+            }
+            return lists;
+        };
+        auto sent = chain(scene.sends, {MakeFrame(1), MakeFrame(3), MakeFrame(4)});
+        scene.machine_.faults().Arm({.kind = FaultKind::kNblContext, .nth = 2});
+        scene.stack.protocol().Send(sent[0]);
+        scene.machine_.faults().Disarm();
+        EXPECT_EQ(scene.wire, (std::vector<Frame>{MakeFrame(3), MakeFrame(1), MakeFrame(4)}));
+
+        using Lists = std::vector<PNET_BUFFER_LIST>;
+        auto middle = chain(scene.receives, {MakeFrame(1), MakeFrame(2), MakeFrame(3)});
+        scene.stack.adapter().Indicate(middle[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+        EXPECT_EQ(ListsOf(middle[0]), (Lists{middle[0], middle[2], middle[1]}));
+        auto first = chain(scene.receives, {MakeFrame(2), MakeFrame(2), MakeFrame(3)});
+        scene.stack.adapter().Indicate(first[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+        EXPECT_EQ(ListsOf(first[0]), (Lists{first[0], first[1], first[2]}));
+    });
+}
+
+// Records move between the two free lists with the buffers they are given; one whose buffer could
+// not be had is not lost.
+TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
+    OnScene([](Scene& scene) {
+        FILTER_MODULE* const module = scene.module;
+        EXPECT_EQ(GetNirp(module, 65536, FALSE), nullptr);
+        for (const ULONG size : {60u, 1514u, 1515u, 65535u}) {
+            std::vector<NIRP*> taken;
+            scene.machine_.faults().Arm({.tag = NIRP_REALLOCATED_BUFFER_TAG, .nth = 1});
+            // The one refusal costs a call, not a record.
+            for (int refusals = 0; refusals < 2;) {
+                NIRP* const nirp = GetNirp(module, size, FALSE);
+                refusals += nirp == nullptr ? 1 : 0;
+                if (nirp != nullptr) {
+                    EXPECT_EQ(nirp->BufferCapacity, size > 1514 ? 65535u : 1514u);
+                    EXPECT_EQ(nirp->Mdl->ByteCount, nirp->BufferCapacity);
+                    taken.push_back(nirp);
+                }
+            }
+            scene.machine_.faults().Disarm();
+            EXPECT_EQ(taken.size(), scene.records);
+            EXPECT_EQ(module->FreeNirpCount, 0u);
+            for (NIRP* nirp : taken) {
+                ReturnNirp(module, nirp, FALSE);
+            }
+            EXPECT_EQ(IsListEmpty(&module->SmallNirpList), size > 1514);
+            EXPECT_EQ(IsListEmpty(&module->LargeNirpList), size <= 1514);
+            scene.ExpectPoolWhole();
+        }
+    });
+}
+
+}  // namespace
+}  // namespace netsieve::host

@@ -1,0 +1,1 @@
+#include "netsieve_hook.h"

@@ -1,0 +1,120 @@
+#include "tools/netsieve/built_in_hook.h"
+
+#include <fmt/format.h>
+
+#include "tools/netsieve/mac_address.h"
+
+namespace netsieve::tool {
+namespace {
+
+constexpr std::uint32_t kPriorities[] = {HOOK_PRIORITY_CLASS_0, HOOK_PRIORITY_CLASS_1,
+                                         HOOK_PRIORITY_CLASS_2, HOOK_PRIORITY_CLASS_3,
+                                         HOOK_PRIORITY_LAST};
+
+/// Protocols choose their names themselves; a line stays a line all the same.
+std::string Printable(const PROTOCOL_ENTRY* entry) {
+    if (entry == nullptr || entry->Length == 0) {
+        return "-";
+    }
+    std::string text(entry->Buffer, entry->Length);
+    for (char& character : text) {
+        character = character > ' ' && character <= '~' ? character : '_';
+    }
+    return text;
+}
+
+}  // namespace
+
+BuiltInHook::BuiltInHook(HookSurroundings& surroundings, HookSpec spec, unsigned number)
+    : surroundings_(surroundings), spec_(std::move(spec)), number_(number) {
+    // Of fixed width: a hook whose name contained another's would be taken for that one.
+    const std::string name = fmt::format("netsieve-replay hook {:03}", number);
+    name_.assign(name.begin(), name.end());
+}
+
+std::uint32_t BuiltInHook::Priority() const {
+    return number_ == 0 ? 0 : kPriorities[spec_.priorityClass] + number_;
+}
+
+std::optional<std::string> BuiltInHook::Register(bool opensFrames) {
+    opensFrames_ = opensFrames;
+    HOOK_FILTER_REGISTRATION_EX block{};
+    block.MajorVersion = 1;
+    block.AttachNotify = OnAttach;
+    block.DetachNotify = OnDetach;
+    block.SendHandler = OnFrame<Direction::kSent>;
+    block.ReceiveHandler = OnFrame<Direction::kReceived>;
+    block.Priority = Priority();
+    block.Name.Length = static_cast<USHORT>(name_.size() * sizeof(WCHAR));
+    block.Name.MaximumLength = static_cast<USHORT>(block.Name.Length + sizeof(WCHAR));
+    block.Name.Buffer = name_.data();
+    const NTSTATUS status = surroundings_.exports.registerFilter(&block, this, &handle_);
+    if (status != STATUS_SUCCESS) {
+        return fmt::format("the hook {} could not be registered, status 0x{:08X}", spec_.text,
+                           static_cast<std::uint32_t>(status));
+    }
+    if (attachStatus_ != STATUS_SUCCESS) {
+        return fmt::format("the hook {} could not be attached to the adapter, status 0x{:08X}",
+                           spec_.text, static_cast<std::uint32_t>(attachStatus_));
+    }
+    surroundings_.exports.flowControl(handle_, HOOK_STATE_ACTIVE);
+    return std::nullopt;
+}
+
+void BuiltInHook::Deregister() {
+    if (handle_ != nullptr) {
+        surroundings_.exports.deregisterFilter(handle_);
+        handle_ = nullptr;
+    }
+}
+
+VOID NTAPI BuiltInHook::OnAttach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
+    auto& self = *static_cast<BuiltInHook*>(context);
+    self.attachStatus_ = self.surroundings_.exports.attachFilter(module, hook);
+}
+
+VOID NTAPI BuiltInHook::OnDetach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
+    static_cast<BuiltInHook*>(context)->surroundings_.exports.detachFilter(module, hook);
+}
+
+template <Direction kWay>
+LONG NTAPI BuiltInHook::OnFrame(PVOID context, NIRP* nirp) {
+    auto& self = *static_cast<BuiltInHook*>(context);
+    if (self.opensFrames_) {
+        self.surroundings_.ledger.Open(kWay);
+    }
+    const bool selected = self.Selects(nirp);
+    const bool withholds = selected && self.spec_.kind == HookKind::kDrop;
+    if (selected) {
+        self.tally_.matched.Add();
+        if (self.spec_.kind == HookKind::kLog) {
+            self.Log(nirp, kWay);
+        }
+    }
+    self.tally_.Count(withholds);
+    if (withholds) {
+        self.surroundings_.ledger.Withhold(kWay, false);
+    }
+    return withholds ? HOOK_VERDICT_WITHHOLD : HOOK_VERDICT_PASS;
+}
+
+bool BuiltInHook::Selects(NIRP* nirp) const {
+    const HookExports& exports = surroundings_.exports;
+    return spec_.filter == nullptr ||
+           spec_.filter->Matches(exports.getBuffer(nirp), exports.getBufferLength(nirp));
+}
+
+void BuiltInHook::Log(NIRP* nirp, Direction way) const {
+    const HookExports& exports = surroundings_.exports;
+    PROTOCOL_ENTRY* protocol = nullptr;
+    exports.getProtocolName(nirp, &protocol);
+    HOOK_ADAPTER_INFO info{};
+    MacAddress address{};
+    const bool known = exports.getAdapterInfo(nirp, &info) == STATUS_SUCCESS;
+    std::copy(std::begin(info.MacAddress), std::end(info.MacAddress), address.begin());
+    fmt::print(surroundings_.log, "hook={} direction={} protocol={} adapter={} length={}\n",
+               number_, way == Direction::kSent ? "send" : "receive", Printable(protocol),
+               known ? FormatMac(address) : "-", exports.getBufferLength(nirp));
+}
+
+}  // namespace netsieve::tool

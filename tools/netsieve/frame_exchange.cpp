@@ -1,0 +1,243 @@
+#include "tools/netsieve/frame_exchange.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+
+#include "host/ndis/data_path.h"
+
+namespace netsieve::tool {
+namespace {
+
+constexpr std::uint32_t kLargestOffered = 65535;
+
+/// One frame after the other shows each of them alone; together they share the driver's cost per
+/// call.
+constexpr std::uint32_t kCarefulListsPerCall = 1;
+constexpr std::uint32_t kFastListsPerCall = 32;
+
+/// The frame's length, or what its descriptors hold where a driver made it longer than that.
+ULONG DescribedLength(PNET_BUFFER buffer) {
+    ULONG left = buffer->DataLength;
+    ULONG offset = buffer->CurrentMdlOffset;
+    for (PMDL mdl = buffer->CurrentMdl; mdl != nullptr && left > 0; mdl = mdl->Next) {
+        left -= std::min(left, mdl->ByteCount - offset);
+        offset = 0;
+    }
+    return buffer->DataLength - left;
+}
+
+bool IsAddressedTo(const CaptureFrame& frame, const host::MacAddress& address) {
+    static constexpr std::uint8_t kBroadcast[kMacLength] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    return frame.capturedLength >= kMacLength &&
+           (std::memcmp(frame.bytes, address.data(), kMacLength) == 0 ||
+            std::memcmp(frame.bytes, kBroadcast, kMacLength) == 0);
+}
+
+}  // namespace
+
+void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock) {
+    stack_ = &stack;
+    clock_ = &clock;
+    listsPerCall_ = options_.listsPerCall.value_or(
+        machine.scheduler().Simulated() ? kCarefulListsPerCall : kFastListsPerCall);
+    host::Adapter& adapter = stack.adapter();
+    host::Protocol& protocol = stack.protocol();
+    Way& sent = Of(Direction::kSent);
+    Way& received = Of(Direction::kReceived);
+    sent.pool = protocol.pool();
+    received.pool = adapter.pool();
+    for (Way& way : ways_) {
+        way.frames = std::make_unique<host::FrameLists>(machine, way.pool);
+    }
+    adapter.onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) { Deliver(chain, sent); };
+    protocol.onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
+        Deliver(chain, received);
+    };
+    protocol.onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) { ComeHome(chain, sent); };
+    adapter.onReturned = [&](PNET_BUFFER_LIST chain, ULONG) { ComeHome(chain, received); };
+}
+
+void FrameExchange::Turn(Direction way) {
+    if (way != turn_) {
+        Flush();
+        turn_ = way;
+    }
+}
+
+void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::uint64_t number) {
+    Way& way = Of(direction);
+    latestIn_ = number;
+    ++way.counts.frames;
+    if (!options_.hooks.empty()) {
+        CountFacts(way, frame);
+    }
+    const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number,
+                       0};
+    if (options_.framesPerList == 1) {
+        const std::span<const std::uint8_t> bytes(frame.bytes, frame.capturedLength);
+        AddList({&bytes, 1}, {&tag, 1});
+    } else {
+        gathered_.bytes.insert(gathered_.bytes.end(), frame.bytes,
+                               frame.bytes + frame.capturedLength);
+        gathered_.lengths.push_back(frame.capturedLength);
+        gathered_.tags.push_back(tag);
+        if (gathered_.tags.size() == options_.framesPerList) {
+            CloseList();
+        }
+    }
+    if (lists_ >= listsPerCall_) {
+        Flush();
+    }
+}
+
+void FrameExchange::CountFacts(Way& way, const CaptureFrame& frame) const {
+    UninspectedCounts& counts = way.counts.uninspected;
+    if (frame.capturedLength > kLargestOffered) {
+        ++counts.tooLarge;
+    } else if (frame.capturedLength == 0) {
+        ++counts.copyFailed;
+    } else if (way.direction == Direction::kReceived &&
+               !IsAddressedTo(frame, stack_->adapter().options().mac)) {
+        ++counts.notAddressed;
+    }
+}
+
+void FrameExchange::CloseList() {
+    if (gathered_.tags.empty()) {
+        return;
+    }
+    std::vector<std::span<const std::uint8_t>> frames;
+    frames.reserve(gathered_.lengths.size());
+    const std::uint8_t* at = gathered_.bytes.data();
+    for (const std::uint32_t length : gathered_.lengths) {
+        frames.emplace_back(at, length);
+        at += length;
+    }
+    AddList(frames, gathered_.tags);
+    gathered_.bytes.clear();
+    gathered_.lengths.clear();
+    gathered_.tags.clear();
+}
+
+void FrameExchange::AddList(std::span<const std::span<const std::uint8_t>> frames,
+                            std::span<const FrameTag> tags) {
+    Way& way = Of(turn_);
+    const std::lock_guard<ExchangeLock> guard(lock_);
+    PNET_BUFFER_LIST const list = way.frames->Make(frames);
+    if (list == nullptr) {
+        return;
+    }
+    PNET_BUFFER buffer = list->FirstNetBuffer;
+    for (const FrameTag& tag : tags) {
+        TagOf(*buffer, way.originator) = tag;
+        buffer = buffer->Next;
+    }
+    (head_ == nullptr ? head_ : tail_->Next) = list;
+    tail_ = list;
+    ++lists_;
+}
+
+void FrameExchange::Flush() {
+    CloseList();
+    PNET_BUFFER_LIST const chain = head_;
+    head_ = nullptr;
+    lists_ = 0;
+    if (chain == nullptr) {
+        return;
+    }
+    if (turn_ == Direction::kSent) {
+        stack_->protocol().Send(chain);
+    } else {
+        Indicate(chain);
+    }
+}
+
+void FrameExchange::Indicate(PNET_BUFFER_LIST chain) {
+    const ULONG flags = options_.lendReceived ? NDIS_RECEIVE_FLAGS_RESOURCES : 0;
+    const bool taken = stack_->adapter().Indicate(chain, 0, flags);
+    if (!taken || options_.lendReceived) {
+        ComeHome(chain, Of(Direction::kReceived));
+    }
+}
+
+/// Lists have come out at the end opposite to their originator, or to where the driver wants them
+/// to seem to come from.
+void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Way& way) {
+    const std::lock_guard<ExchangeLock> guard(lock_);
+    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
+        const bool tagged = list->NdisPoolHandle == way.pool;
+        for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+            if (tagged) {
+                DeliverTagged(buffer, TagOf(*buffer, way.originator), way.counts);
+            } else {
+                ++way.counts.injected;
+                Write(buffer, clock_->Now(), buffer->DataLength, latestIn_);
+            }
+        }
+    }
+}
+
+void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts) {
+    // The same frame once more is one that nobody handed in.
+    ++(++tag.deliveries == 1 ? counts.passed : counts.injected);
+    counts.reordered += tag.number < latestOut_ ? 1 : 0;
+    latestOut_ = std::max(latestOut_, tag.number);
+    Write(buffer, tag.Stamp(), tag.originalLength, tag.number);
+}
+
+void FrameExchange::ComeHome(PNET_BUFFER_LIST chain, Way& way) {
+    const std::lock_guard<ExchangeLock> guard(lock_);
+    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
+        for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+            way.counts.withheld += TagOf(*buffer, way.originator).deliveries == 0 ? 1 : 0;
+        }
+    }
+    way.frames->FreeChain(chain);
+}
+
+void FrameExchange::Write(PNET_BUFFER buffer,
+                          const CaptureStamp& stamp,
+                          std::uint32_t originalLength,
+                          std::uint64_t number) {
+    if (writer_ == nullptr) {
+        return;
+    }
+    if (!CaptureWriter::CanRepresent(stamp)) {
+        if (report_.notRepresentable++ == 0) {
+            report_.firstNotRepresentable = number;
+        }
+        return;
+    }
+    ULONG left = DescribedLength(buffer);
+    writer_->Begin(stamp, left, originalLength);
+    ULONG offset = buffer->CurrentMdlOffset;
+    for (PMDL mdl = buffer->CurrentMdl; left > 0; mdl = mdl->Next) {
+        const ULONG take = std::min(left, mdl->ByteCount - offset);
+        const auto* bytes = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
+        writer_->Append(bytes + offset, take);
+        left -= take;
+        offset = 0;
+    }
+}
+
+DirectionCounts FrameExchange::Counts(Direction direction, const OfferLedger* ledger) const {
+    DirectionCounts counts = ways_[static_cast<std::size_t>(direction)].counts;
+    if (ledger != nullptr) {
+        counts.withheldByHooks = ledger->Withheld(direction);
+        // What could have been shown and was not: the driver had nothing left to show it in.
+        const std::uint64_t accounted = ledger->Offered(direction) + counts.uninspected.Total();
+        counts.uninspected.poolEmpty = counts.frames - std::min(counts.frames, accounted);
+    }
+    return counts;
+}
+
+int FrameExchange::ListsAway() const {
+    int away = 0;
+    for (const Way& way : ways_) {
+        away += way.pool->live;
+    }
+    return away;
+}
+
+}  // namespace netsieve::tool

@@ -1,0 +1,114 @@
+// The two ends of the adapter's stack: where frames go in, come out, and come home.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "host/machine.h"
+#include "host/ndis/frame_lists.h"
+#include "host/ndis/stack.h"
+#include "host/sched/threaded_scheduler.h"
+#include "tools/netsieve/capture_writer.h"
+#include "tools/netsieve/frame_tag.h"
+#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/replay_clock.h"
+#include "tools/netsieve/replay_options.h"
+#include "tools/netsieve/replay_report.h"
+
+namespace netsieve::tool {
+
+/// A lock that costs a fraction of a mutex where nobody else wants it. Nothing is waited for inside
+/// it, so that a simulated machine, which has one thread, does without.
+class ExchangeLock {
+  public:
+    void lock() {
+        if (!host::Machine::Current().scheduler().Simulated()) {
+            host::ThreadedScheduler::SpinUntilAcquired(&word_);
+        }
+    }
+    void unlock() { host::ThreadedScheduler::ReleaseWord(&word_); }
+
+  private:
+    KSPIN_LOCK word_ = 0;
+};
+
+/// Gathers frames into lists and calls, hands them to the protocol or the adapter of a stack,
+/// writes what comes out at the other end, and keeps the account. Outlives the machine's run.
+class FrameExchange {
+  public:
+    /// Notes in `report` the frames that could not be written.
+    FrameExchange(const ReplayOptions& options, ReplayReport& report)
+        : options_(options), report_(report) {}
+
+    /// Takes the ends of `stack`. Once, before any frame.
+    void Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock);
+    /// Frames that come out go to `writer` from now on; null writes none.
+    void SetWriter(CaptureWriter* writer) { writer_ = writer; }
+
+    /// Frame `number` of the capture is next and goes `way`: makes the call for those before it if
+    /// they go the other way, and none can join them. At the time of the latest of them.
+    void Turn(Direction way);
+    /// Takes the frame, and makes the call when its last list is full. The bytes are copied.
+    void Push(Direction way, const CaptureFrame& frame, std::uint64_t number);
+    /// Makes the call for the frames that wait for others.
+    void Flush();
+
+    /// What became of the frames. With hooks, `ledger` says what they were shown.
+    DirectionCounts Counts(Direction way, const OfferLedger* ledger) const;
+    /// Lists of both ends that are not home.
+    int ListsAway() const;
+
+  private:
+    /// One of the two ways through the stack.
+    struct Way {
+        Direction direction;
+        Originator originator;
+        host::ListPool* pool = nullptr;              ///< what the originator's lists are made from
+        std::unique_ptr<host::FrameLists> frames{};  ///< the lists themselves
+        DirectionCounts counts{};
+    };
+    /// Frames that wait until their list is full.
+    struct Gathered {
+        std::vector<std::uint8_t> bytes;
+        std::vector<std::uint32_t> lengths;
+        std::vector<FrameTag> tags;
+    };
+
+    Way& Of(Direction way) { return ways_[static_cast<std::size_t>(way)]; }
+    void CountFacts(Way& way, const CaptureFrame& frame) const;
+    void CloseList();
+    void AddList(std::span<const std::span<const std::uint8_t>> frames,
+                 std::span<const FrameTag> tags);
+    void Indicate(PNET_BUFFER_LIST chain);
+    void Deliver(PNET_BUFFER_LIST chain, Way& way);
+    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts);
+    void ComeHome(PNET_BUFFER_LIST chain, Way& way);
+    void Write(PNET_BUFFER buffer,
+               const CaptureStamp& stamp,
+               std::uint32_t originalLength,
+               std::uint64_t number);
+
+    const ReplayOptions& options_;
+    ReplayReport& report_;
+    std::uint32_t listsPerCall_ = 1;
+    host::Stack* stack_ = nullptr;
+    ReplayClock* clock_ = nullptr;
+    CaptureWriter* writer_ = nullptr;
+    /// Guards the lists, the counts and the output: a driver may let go of a frame in any thread.
+    ExchangeLock lock_;
+    Way ways_[2] = {{.direction = Direction::kSent, .originator = Originator::kProtocol},
+                    {.direction = Direction::kReceived, .originator = Originator::kAdapter}};
+    std::uint64_t latestIn_ = 0;
+    std::uint64_t latestOut_ = 0;
+
+    // What waits to be handed in, by the one thread that does so; all of it goes `turn_`.
+    Direction turn_ = Direction::kSent;
+    Gathered gathered_;
+    PNET_BUFFER_LIST head_ = nullptr;
+    PNET_BUFFER_LIST tail_ = nullptr;
+    std::uint32_t lists_ = 0;
+};
+
+}  // namespace netsieve::tool

@@ -1,0 +1,87 @@
+#include "tools/netsieve/hook_module.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "host/image/kernel_image.h"
+
+namespace netsieve::tool {
+namespace {
+
+constexpr const char* kDriverImageName = "NETSIEVE.SYS";  // what a module imports from
+constexpr const char* kEntryName = "DriverEntry";
+
+}  // namespace
+
+HookModule::HookModule(HookSpec spec, unsigned number)
+    : spec_(std::move(spec)),
+      name_(fmt::format("{}-{}", std::filesystem::path(spec_.modulePath).stem().string(), number)) {
+}
+
+HookModule::~HookModule() {
+    if (object_ != nullptr) {
+        dlclose(object_);
+    }
+}
+
+std::optional<std::string> HookModule::Load(host::Machine& machine,
+                                            const host::LoadedDriver& driver) {
+    host::DriverSource source{.name = name_};
+    if (driver.Image() == nullptr) {
+        if (const auto failure = FindEntry(source)) {
+            return fmt::format("the hook module {} cannot be loaded: {}", spec_.modulePath,
+                               *failure);
+        }
+        return Start(machine, source);
+    }
+    const host::ImageExports exports(kDriverImageName, *driver.Image());
+    source.image = spec_.modulePath;
+    source.imports = &exports;
+    return Start(machine, source);
+}
+
+std::optional<std::string> HookModule::FindEntry(host::DriverSource& source) {
+    // Without a slash the loader would look for it in the system's own directories.
+    const std::string path = std::filesystem::absolute(spec_.modulePath);
+    object_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (object_ == nullptr) {
+        return dlerror();
+    }
+    source.entry = reinterpret_cast<PDRIVER_INITIALIZE>(dlsym(object_, kEntryName));
+    if (source.entry == nullptr) {
+        return fmt::format(
+            "it has no {}; declare it extern \"C\" and with the platform's calling "
+            "convention",
+            kEntryName);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> HookModule::Start(host::Machine& machine,
+                                             const host::DriverSource& source) {
+    const std::size_t linesBefore = machine.DebugOutput().size();
+    const NTSTATUS status = machine.LoadDriver(source);
+    if (NT_SUCCESS(status)) {
+        loaded_ = true;
+        return std::nullopt;
+    }
+    std::string failure = fmt::format("the hook module {} did not start, status 0x{:08X}",
+                                      spec_.modulePath, static_cast<std::uint32_t>(status));
+    for (std::size_t i = linesBefore; i < machine.DebugOutput().size(); ++i) {
+        std::string line = machine.DebugOutput()[i];
+        line.erase(line.find_last_not_of('\n') + 1);
+        failure += "; " + line;
+    }
+    return failure;
+}
+
+void HookModule::Unload(host::Machine& machine) {
+    if (loaded_) {
+        machine.UnloadDriver(name_);
+        loaded_ = false;
+    }
+}
+
+}  // namespace netsieve::tool

@@ -1,0 +1,40 @@
+// A hook filter that someone else wrote, loaded into the machine as the driver that it is.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/machine.h"
+#include "tools/netsieve/hook_spec.h"
+
+namespace netsieve::tool {
+
+/// One loaded hook filter: a shared object beside the native driver, a .sys beside an image. Its
+/// code stays in the process as long as this object, which has to outlive the machine's run.
+class HookModule {
+  public:
+    /// `number` makes its service name unique.
+    HookModule(HookSpec spec, unsigned number);
+    ~HookModule();
+    HookModule(const HookModule&) = delete;
+    HookModule& operator=(const HookModule&) = delete;
+
+    /// Binds it to `driver` and to the platform, and calls its entry routine. Returns what went
+    /// wrong, or nothing. Inside Run, at PASSIVE_LEVEL.
+    std::optional<std::string> Load(host::Machine& machine, const host::LoadedDriver& driver);
+    /// Calls its unload routine, if it is loaded and has one.
+    void Unload(host::Machine& machine);
+
+    const HookSpec& Spec() const { return spec_; }
+
+  private:
+    std::optional<std::string> FindEntry(host::DriverSource& source);
+    std::optional<std::string> Start(host::Machine& machine, const host::DriverSource& source);
+
+    HookSpec spec_;
+    std::string name_;
+    void* object_ = nullptr;  ///< of the dynamic loader
+    bool loaded_ = false;
+};
+
+}  // namespace netsieve::tool

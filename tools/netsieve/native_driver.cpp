@@ -1,0 +1,36 @@
+#include "tools/netsieve/native_driver.h"
+
+#include "config/system_information.h"
+#include "driver/driver_entry.h"
+#include "hook/exports.h"
+
+namespace netsieve::tool {
+
+PDRIVER_INITIALIZE NativeEntry() {
+    return &DriverEntry;
+}
+
+void* NativeExport(std::string_view name) {
+    static const struct {
+        std::string_view name;
+        void* address;
+    } kExports[] = {
+#define EXPORT(function) {#function, reinterpret_cast<void*>(&(function))}
+        EXPORT(ITarnHKAttachFilter),        EXPORT(ITarnHKDeregisterFilter),
+        EXPORT(ITarnHKDettachFilter),       EXPORT(ITarnHKFlowControl),
+        EXPORT(ITarnHKGetAdapterInfo),      EXPORT(ITarnHKGetBuffer),
+        EXPORT(ITarnHKGetBufferLength),     EXPORT(ITarnHKGetProtocolInfo),
+        EXPORT(ITarnHKGetProtocolName),     EXPORT(ITarnHKQueryProtocolName),
+        EXPORT(ITarnHKRegisterFilter),      EXPORT(ITarnHKRegisterFilterEx),
+        EXPORT(ITarnHKSystemInformationEx),
+#undef EXPORT
+    };
+    for (const auto& entry : kExports) {
+        if (entry.name == name) {
+            return entry.address;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace netsieve::tool

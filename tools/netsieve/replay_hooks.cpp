@@ -1,0 +1,147 @@
+#include "tools/netsieve/replay_hooks.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/kernel/callback.h"
+
+namespace netsieve::tool {
+namespace {
+
+void Enter(const HookTally& tally, HookReport& report) {
+    report.offered = tally.Offered();
+    report.passed = tally.passed.Value();
+    report.withheld = tally.withheld.Value();
+}
+
+}  // namespace
+
+ReplayHooks::ReplayHooks(const std::vector<HookSpec>& specs, FILE* log) {
+    surroundings_.log = log;
+    bool modules = false;
+    for (const HookSpec& spec : specs) {
+        const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
+        Hook& hook = hooks_.emplace_back();
+        if (spec.kind == HookKind::kModule) {
+            hook.module = std::make_unique<HookModule>(spec, number);
+            modules = true;
+        } else {
+            hook.builtIn = std::make_unique<BuiltInHook>(surroundings_, spec, number);
+        }
+    }
+    if (modules) {
+        HookSpec watching{.text = "that counts for the summary"};
+        observer_ = std::make_unique<BuiltInHook>(surroundings_, std::move(watching), 0);
+    }
+}
+
+std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
+                                              host::LoadedDriver& driver,
+                                              const host::FilterModule& module) {
+    if (const auto missing = FindHookExports(driver, surroundings_.exports)) {
+        return fmt::format("the driver takes no hooks: it does not export {}", *missing);
+    }
+    const FILTER_MODULE* const record = RecordOf(module);
+    if (record == nullptr) {
+        return "the driver is not the one that hooks are made for";
+    }
+    // Ahead of the modules, whose names are their own: a name that contained in ours would make the
+    // driver take our hook for theirs.
+    for (BuiltInHook* hook : BuiltIn()) {
+        const host::CallbackScope scope("ITarnHKRegisterFilterEx", &driver, nullptr);
+        if (auto failure = Register(*hook)) {
+            return failure;
+        }
+    }
+    for (Hook& hook : hooks_) {
+        if (hook.module == nullptr) {
+            continue;
+        }
+        if (auto failure = LoadModule(hook, machine, driver, *record)) {
+            return failure;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> ReplayHooks::Register(BuiltInHook& hook) {
+    return hook.Register(&hook == &Opener());
+}
+
+std::optional<std::string> ReplayHooks::LoadModule(Hook& hook,
+                                                   host::Machine& machine,
+                                                   const host::LoadedDriver& driver,
+                                                   const FILTER_MODULE& record) {
+    if (auto failure = hook.module->Load(machine, driver)) {
+        return failure;
+    }
+    std::vector<const HOOK_FILTER*> own;
+    for (const BuiltInHook* builtIn : BuiltIn()) {
+        own.push_back(builtIn->Handle());
+    }
+    hook.meters = meters_.Attach(record, own, Opener().Handle(), surroundings_.ledger);
+    return std::nullopt;
+}
+
+void ReplayHooks::Stop(host::Machine& machine, host::LoadedDriver& driver) {
+    for (auto hook = hooks_.rbegin(); hook != hooks_.rend(); ++hook) {
+        if (hook->module != nullptr) {
+            hook->module->Unload(machine);
+        }
+    }
+    for (BuiltInHook* hook : BuiltIn()) {
+        const host::CallbackScope scope("ITarnHKDeregisterFilter", &driver, nullptr);
+        hook->Deregister();
+    }
+}
+
+BuiltInHook& ReplayHooks::Opener() {
+    const std::vector<BuiltInHook*> builtIn = BuiltIn();
+    return **std::min_element(builtIn.begin(), builtIn.end(),
+                              [](const BuiltInHook* left, const BuiltInHook* right) {
+                                  return left->Priority() < right->Priority();
+                              });
+}
+
+std::vector<BuiltInHook*> ReplayHooks::BuiltIn() {
+    std::vector<BuiltInHook*> builtIn;
+    if (observer_ != nullptr) {
+        builtIn.push_back(observer_.get());
+    }
+    for (const Hook& hook : hooks_) {
+        if (hook.builtIn != nullptr) {
+            builtIn.push_back(hook.builtIn.get());
+        }
+    }
+    return builtIn;
+}
+
+std::vector<HookReport> ReplayHooks::Report() const {
+    std::vector<HookReport> reports;
+    unsigned number = 0;
+    for (const Hook& hook : hooks_) {
+        HookReport report{.number = ++number};
+        if (hook.builtIn != nullptr) {
+            report.spec = hook.builtIn->Spec().text;
+            report.priority = hook.builtIn->Priority();
+            report.matched = hook.builtIn->Counts().matched.Value();
+            Enter(hook.builtIn->Counts(), report);
+            reports.push_back(report);
+            continue;
+        }
+        report.spec = hook.module->Spec().text;
+        for (const HookMeter* meter : hook.meters) {
+            report.name = meter->name;
+            report.priority = meter->priority;
+            Enter(meter->tally, report);
+            reports.push_back(report);
+        }
+        if (hook.meters.empty()) {
+            reports.push_back(report);
+        }
+    }
+    return reports;
+}
+
+}  // namespace netsieve::tool

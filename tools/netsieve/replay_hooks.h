@@ -1,0 +1,64 @@
+// The hooks of one replay, from their registration to what they did.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/machine.h"
+#include "host/ndis/filter_module.h"
+#include "tools/netsieve/built_in_hook.h"
+#include "tools/netsieve/hook_meters.h"
+#include "tools/netsieve/hook_module.h"
+#include "tools/netsieve/replay_report.h"
+
+namespace netsieve::tool {
+
+/// Outlives the machine's run: drivers call into it.
+class ReplayHooks {
+  public:
+    /// Lines of log hooks go to `log`.
+    ReplayHooks(const std::vector<HookSpec>& specs, FILE* log);
+
+    bool Any() const { return !hooks_.empty(); }
+
+    /// Registers the built-in hooks and loads the modules, which are to register theirs. Returns
+    /// what went wrong, or nothing. Inside Run at PASSIVE_LEVEL, with the driver bound to the
+    /// adapter by `module` and no traffic.
+    std::optional<std::string> Start(host::Machine& machine,
+                                     host::LoadedDriver& driver,
+                                     const host::FilterModule& module);
+    /// Takes down whatever Start put up. Inside Run at PASSIVE_LEVEL, before the driver unloads.
+    void Stop(host::Machine& machine, host::LoadedDriver& driver);
+
+    const OfferLedger& Ledger() const { return surroundings_.ledger; }
+    /// One entry for each hook, in the order of the command line.
+    std::vector<HookReport> Report() const;
+
+  private:
+    /// One --hook: the program's own, or a module with the hooks that it registered.
+    struct Hook {
+        std::unique_ptr<BuiltInHook> builtIn{};
+        std::unique_ptr<HookModule> module{};
+        std::vector<const HookMeter*> meters{};
+    };
+
+    /// The built-in hook that sees a frame before the others: it opens the ledger for each.
+    BuiltInHook& Opener();
+    std::optional<std::string> Register(BuiltInHook& hook);
+    std::optional<std::string> LoadModule(Hook& hook,
+                                          host::Machine& machine,
+                                          const host::LoadedDriver& driver,
+                                          const FILTER_MODULE& record);
+    std::vector<BuiltInHook*> BuiltIn();
+
+    HookSurroundings surroundings_;
+    HookMeters meters_;
+    std::vector<Hook> hooks_;
+    /// Watches when only modules are there; no hook of the user's.
+    std::unique_ptr<BuiltInHook> observer_;
+};
+
+}  // namespace netsieve::tool
