@@ -4,10 +4,11 @@
 // A fragment other than the first carries no ports and passes; without the first one its datagram
 // is never put together. A port behind an IPv6 extension header is looked for behind the headers
 // that can be skipped; an encrypted packet shows none.
-// clang-format off: the client header takes the types of the kernel's headers if they came before
-// it.
-#include "hook/netsieve_hook.h"
+
+// The client header takes the types of the kernel's headers if they came before it.
+// clang-format off
 #include "platform/kernel.h"
+#include "hook/netsieve_hook.h"
 // clang-format on
 
 namespace {

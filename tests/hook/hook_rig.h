@@ -1,0 +1,61 @@
+// Hooks that note what they are told, and what registers them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "driver/driver_globals.h"
+#include "hook/hook_filter.h"
+#include "tests/packet/pending_rig.h"
+
+namespace netsieve::host {
+
+/// A registration block and what came of its callbacks. The client of one hook.
+struct Client {
+    explicit Client(std::u16string hookName, ULONG priority = 0) : name(std::move(hookName)) {
+        block.AttachNotify = [](FILTER_MODULE* module, HOOK_FILTER* self, PVOID context) NTAPI {
+            auto* client = static_cast<Client*>(context);
+            client->attached.push_back(module);
+            if (client->attach) {
+                ITarnHKAttachFilter(module, self);
+            }
+        };
+        block.DetachNotify = [](FILTER_MODULE* module, HOOK_FILTER* self, PVOID context) NTAPI {
+            auto* client = static_cast<Client*>(context);
+            client->detached.push_back(module);
+            if (client->detach) {
+                ITarnHKDettachFilter(module, self);
+            }
+        };
+        block.SendHandler = [](PVOID context, NIRP* nirp) NTAPI {
+            auto* client = static_cast<Client*>(context);
+            ++client->calls;
+            return client->handler ? client->handler(nirp) : client->verdict;
+        };
+        block.ReceiveHandler = block.SendHandler;
+        block.Priority = priority;
+        block.Name = {static_cast<USHORT>(name.size() * 2),
+                      static_cast<USHORT>(name.size() * 2 + 2), name.data()};
+    }
+    NTSTATUS Register() { return ITarnHKRegisterFilterEx(&block, this, &hook); }
+    /// Registered and switched on.
+    Client& Start() {
+        EXPECT_EQ(Register(), STATUS_SUCCESS);
+        ITarnHKFlowControl(hook, HOOK_STATE_ACTIVE);
+        return *this;
+    }
+    void Stop() { EXPECT_EQ(ITarnHKDeregisterFilter(hook), STATUS_SUCCESS); }
+
+    std::u16string name;
+    HOOK_FILTER_REGISTRATION_EX block{};
+    HOOK_FILTER* hook = nullptr;
+    bool attach = true;  ///< in the notifications
+    bool detach = true;
+    LONG verdict = HOOK_VERDICT_PASS;
+    std::function<LONG(NIRP*)> handler{};
+    std::atomic<int> calls = 0;
+    std::vector<FILTER_MODULE*> attached;
+    std::vector<FILTER_MODULE*> detached;
+};
+
+}  // namespace netsieve::host

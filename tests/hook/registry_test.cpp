@@ -1,0 +1,290 @@
+// Registering, attaching and dispatching, one thing at a time.
+#include "tests/hook/hook_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
+    OnScene([](Scene& scene) {
+        Client alpha(u"Alpha");
+        Client beta(u"AlphaBeta");
+        alpha.Start();
+        EXPECT_EQ(beta.Register(), STATUS_SUCCESS);
+        EXPECT_EQ(beta.hook, alpha.hook);
+        EXPECT_TRUE(beta.attached.empty());
+        // It lives until both have gone.
+        alpha.Stop();
+        scene.Pass(true, {MakeFrame(1)});
+        EXPECT_EQ(alpha.calls, 1);
+        beta.Stop();
+        EXPECT_EQ(alpha.detached.size(), 1u);
+        // The other way round they are two.
+        beta.Start();
+        alpha.Start();
+        EXPECT_NE(beta.hook, alpha.hook);
+        alpha.Stop();
+        Client empty(u"");
+        empty.Start();
+        EXPECT_EQ(alpha.Register(), STATUS_SUCCESS);
+        EXPECT_EQ(alpha.hook, empty.hook);
+        for (Client* client : {&alpha, &beta, &empty}) {
+            client->Stop();
+        }
+    });
+}
+
+TEST(HookRegistryTest, BadBlocksAndRefusedMemoryChangeNothing) {
+    OnScene([](Scene& scene) {
+        Client client(u"name");
+        HOOK_FILTER* out = nullptr;
+        EXPECT_EQ(ITarnHKRegisterFilterEx(nullptr, nullptr, &out), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(ITarnHKRegisterFilterEx(&client.block, nullptr, nullptr),
+                  STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(ITarnHKRegisterFilter(nullptr, nullptr, 0, &out), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(ITarnHKDeregisterFilter(nullptr), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(ITarnHKAttachFilter(scene.module, nullptr), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(ITarnHKDettachFilter(nullptr, out), STATUS_INVALID_PARAMETER);
+        ITarnHKFlowControl(nullptr, HOOK_STATE_ACTIVE);
+
+        const UNICODE_STRING good = client.block.Name;
+        client.block.Name.MaximumLength = good.Length;
+        EXPECT_EQ(client.Register(), STATUS_INVALID_PARAMETER);
+        client.block.Name = {4, 6, good.Buffer};  // no NUL where it should be
+        EXPECT_EQ(client.Register(), STATUS_INVALID_PARAMETER);
+        client.block.Name = {0, 2, nullptr};
+        EXPECT_EQ(client.Register(), STATUS_INVALID_PARAMETER);
+        client.block.Name = good;
+
+        for (const auto& [nth, status] :
+             {std::pair(1u, STATUS_INSUFFICIENT_RESOURCES), std::pair(2u, STATUS_OPEN_FAILED)}) {
+            scene.machine_.faults().Arm({.kind = FaultKind::kPool, .nth = nth});
+            EXPECT_EQ(client.Register(), status);
+            scene.machine_.faults().Disarm();
+            EXPECT_EQ(client.hook, nullptr);
+        }
+        EXPECT_TRUE(client.attached.empty());
+        EXPECT_EQ(g_DriverGlobals.HookList.Count, 0u);
+    });
+}
+
+TEST(HookRegistryTest, TheBasicBlockGivesAPriorityAndNoFrames) {
+    OnScene([](Scene& scene) {
+        const std::pair<ULONG, ULONG> classes[] = {{0, 2000}, {1, 2100}, {2, 2200},
+                                                   {3, 2300}, {4, 2400}, {0xFFFFFFFF, 2400}};
+        for (const auto& [priorityClass, priority] : classes) {
+            Client client(u"basic");
+            const HOOK_FILTER_REGISTRATION block = {.Name = client.block.Name,
+                                                    .AttachNotify = client.block.AttachNotify,
+                                                    .DetachNotify = client.block.DetachNotify,
+                                                    .UnloadNotify = nullptr,
+                                                    .OpaqueData = {}};
+            ASSERT_EQ(ITarnHKRegisterFilter(&block, &client, priorityClass, &client.hook), 0);
+            ITarnHKFlowControl(client.hook, HOOK_STATE_ACTIVE);
+            EXPECT_EQ(client.hook->Priority, priority);
+            scene.Pass(true, {MakeFrame(1)});
+            EXPECT_EQ(client.attached.size(), 1u);
+            client.Stop();
+            EXPECT_EQ(client.detached.size(), 1u);
+            EXPECT_EQ(client.calls, 0);
+        }
+    });
+}
+
+TEST(HookRegistryTest, OnlyTwoStatesAreShownFrames) {
+    OnScene([](Scene& scene) {
+        Client client(u"states");
+        EXPECT_EQ(client.Register(), STATUS_SUCCESS);
+        EXPECT_EQ(client.hook->State, HOOK_STATE_STOPPED);
+        int expected = 0;
+        for (const ULONG state : {14u, 11u, 12u, 13u, 0u}) {
+            ITarnHKFlowControl(client.hook, state);
+            scene.Pass(true, {MakeFrame(1)});
+            expected += state == 11 || state == 13 ? 1 : 0;
+            EXPECT_EQ(client.calls, expected) << state;
+        }
+        client.Stop();
+    });
+}
+
+// An idle hook takes one turn of the timer; a running handler is waited for, but not for ever, and
+// keeps the record alive.
+TEST(HookRegistryTest, DeregistrationWaitsForHandlersAndTheWaitIsBounded) {
+    for (const Ticks seconds : {0, 1, 30}) {
+        OnScene([seconds](Scene& scene) {
+            Scheduler& scheduler = scene.machine_.scheduler();
+            Client client(u"slow");
+            std::atomic<bool> inside = false;
+            client.handler = [&](NIRP*) -> LONG {
+                inside = true;
+                scheduler.Sleep(seconds * kTicksPerSecond);
+                inside = false;
+                return HOOK_VERDICT_PASS;
+            };
+            client.Start();
+            const std::uint32_t sender = scheduler.Start({.name = "sender", .processor = 1}, [&] {
+                if (seconds != 0) {
+                    scene.Pass(true, {MakeFrame(1)});
+                }
+            });
+            Await(scene.machine_, [&] { return inside || seconds == 0; });
+            const Ticks start = scheduler.Now();
+            client.Stop();
+            const Ticks took = scheduler.Now() - start;
+            EXPECT_GE(took,
+                      std::clamp<Ticks>(seconds * 1000 - 50, 90, 10'000) * kTicksPerMillisecond);
+            EXPECT_LE(took, std::min<Ticks>(seconds * 1000 + 200, 10'200) * kTicksPerMillisecond);
+            EXPECT_EQ(client.detached.size(), 1u);
+            scheduler.Join(sender);
+        });
+    }
+}
+
+TEST(HookRegistryTest, TheUnloadTellsEachHookOnceAndItsModulesNoMore) {
+    RunClean({}, [](Machine& machine) {
+        Scene scene(machine);
+        Client told(u"told");
+        Client untold(u"untold");
+        static Client* leaving = nullptr;
+        leaving = &told;
+        told.block.UnloadNotify = [](PVOID context) NTAPI {
+            EXPECT_EQ(context, leaving);
+            leaving->Stop();
+        };
+        told.Start();
+        untold.name = u"other";
+        untold.block.Name = {10, 12, untold.name.data()};
+        untold.Start();
+        untold.Stop();
+        machine.UnloadDriver("NETSIEVE");
+        EXPECT_EQ(told.detached.size(), 1u);
+        EXPECT_EQ(untold.detached.size(), 1u);
+    });
+}
+
+TEST(HookTableTest, OffersInAscendingUnsignedPriorityAndCombinesVerdicts) {
+    OnScene([](Scene& scene) {
+        std::vector<ULONG> order;
+        std::vector<std::unique_ptr<Client>> clients;
+        for (const ULONG priority : {0x80000001u, 2300u, 0u, 0x7FFFFFFFu, 0xFFFFFFFFu, 2000u}) {
+            clients.push_back(std::make_unique<Client>(
+                std::u16string(1, static_cast<char16_t>(u'A' + clients.size())), priority));
+            Client* const client = clients.back().get();
+            client->handler = [&order, client](NIRP*) -> LONG {
+                order.push_back(client->block.Priority);
+                return client->verdict;
+            };
+            client->Start();
+        }
+        scene.Pass(true, {MakeFrame(1)});
+        EXPECT_EQ(order, (std::vector<ULONG>{0, 2000, 2300, 0x7FFFFFFF, 0x80000001, 0xFFFFFFFF}));
+        EXPECT_EQ(scene.wire.size(), 1u);
+        // One that withholds is enough, whoever comes behind it.
+        clients[2]->verdict = HOOK_VERDICT_WITHHOLD;
+        scene.Pass(true, {MakeFrame(2)});
+        EXPECT_EQ(scene.wire.size(), 1u);
+        EXPECT_EQ(order.size(), 12u);
+        // Out of the middle, then twice in.
+        clients[1]->Stop();
+        EXPECT_EQ(scene.module->HookCount, 5);
+        EXPECT_EQ(ITarnHKAttachFilter(scene.module, clients[0]->hook), STATUS_SUCCESS);
+        order.clear();
+        scene.Pass(true, {MakeFrame(3)});
+        EXPECT_EQ(order,
+                  (std::vector<ULONG>{0, 2000, 0x7FFFFFFF, 0x80000001, 0x80000001, 0xFFFFFFFF}));
+        clients.erase(clients.begin() + 1);
+        for (const auto& client : clients) {
+            client->Stop();
+            EXPECT_EQ(client->detached.size(), 1u);
+        }
+        EXPECT_EQ(scene.module->HookCount, 0);
+    });
+}
+
+TEST(HookTableTest, RefusesTheSixtyFifthAndForgetsWhoLeavesEntriesBehind) {
+    OnScene([](Scene& scene) {
+        Client client(u"many");
+        client.detach = false;
+        client.Start();
+        for (int i = 1; i < 64; ++i) {
+            EXPECT_EQ(ITarnHKAttachFilter(scene.module, client.hook), STATUS_SUCCESS);
+        }
+        EXPECT_EQ(ITarnHKAttachFilter(scene.module, client.hook), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(scene.module->HookCount, 64);
+        scene.Pass(true, {MakeFrame(1)});
+        EXPECT_EQ(client.calls, 64);
+        client.Stop();
+        EXPECT_EQ(scene.module->HookCount, 0);
+        EXPECT_EQ(client.detached.size(), 1u);
+    });
+}
+
+// What the platform says of the sender and the adapter, where each version keeps it.
+TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
+    struct Case {
+        std::uint32_t version;
+        NTSTATUS adapter;
+    };
+    const Case cases[] = {{0x60000, 0}, {0x60001, 0}, {0x60014, 0},
+                          {0x6001E, 0}, {0x60028, 0}, {0x60032, STATUS_UNSUCCESSFUL}};
+    for (const Case& c : cases) {
+        OnScene(
+            [&](Scene& scene) {
+                Client client(u"asks");
+                client.handler = [&](NIRP* nirp) -> LONG {
+                    const bool sent = nirp->Direction == NIRP_DIRECTION_SEND;
+                    PROTOCOL_ENTRY* entry = nullptr;
+                    EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
+                    EXPECT_EQ(entry != nullptr, sent);
+                    WCHAR name[4] = {};
+                    HOOK_PROTOCOL_INFO protocol{};
+                    protocol.ProtocolName = {0, sizeof(name), name};
+                    EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol),
+                              sent ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+                    if (sent) {
+                        EXPECT_EQ(std::string(entry->Buffer), "TCPIP");
+                        EXPECT_EQ(std::u16string(name, protocol.ProtocolName.Length / 2), u"TCPI");
+                    }
+                    HOOK_ADAPTER_INFO info{};
+                    EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &info), c.adapter);
+                    EXPECT_EQ(info.MacAddress[5], c.adapter == 0 ? 1 : 0);
+                    EXPECT_EQ(ITarnHKQueryProtocolName(nullptr, nullptr), STATUS_SUCCESS);
+                    return HOOK_VERDICT_PASS;
+                };
+                client.Start();
+                scene.Pass(true, {MakeFrame(1)});
+                scene.Pass(false, {MakeFrame(1)});
+                EXPECT_EQ(client.calls, 2);
+                EXPECT_EQ(scene.module->ProtocolCount, 1u);
+                client.Stop();
+            },
+            {.ndisVersion = c.version});
+    }
+}
+
+TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
+    OnScene([](Scene& scene) {
+        int named = 0;
+        Client client(u"asks");
+        client.handler = [&](NIRP* nirp) -> LONG {
+            PROTOCOL_ENTRY* entry = nullptr;
+            ITarnHKGetProtocolName(nirp, &entry);
+            named += entry != nullptr ? 1 : 0;
+            return HOOK_VERDICT_PASS;
+        };
+        client.Start();
+        for (int i = 0; i < 26; ++i) {
+            Protocol& protocol = scene.stack.AddProtocol(u"\u0141" + std::u16string(3, u'x'));
+            FrameLists lists(scene.machine_, protocol.pool());
+            protocol.Send(lists.Make(std::span<const std::uint8_t>(MakeFrame(1))));
+            scene.stack.Pause();
+            scene.stack.Restart();
+        }
+        EXPECT_EQ(client.calls, 26);
+        EXPECT_EQ(named, 24);
+        EXPECT_EQ(std::string(scene.module->ProtocolNames[0].Buffer), "Axxx");
+        client.Stop();
+    });
+}
+
+}  // namespace
+}  // namespace netsieve::host
