@@ -1,0 +1,190 @@
+// Searches through the ways in which hooks come and go while frames are offered to them.
+#include "tests/driver/schedule_scenarios.h"
+#include "tests/hook/hook_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+/// Frames in both directions while hooks attach, detach, switch over and leave.
+class HooksComeAndGo final : public Scenario {
+  public:
+    enum class Change { kAttachDetach, kDeregister, kRegisterTwice, kDetachModule, kInside };
+
+    explicit HooksComeAndGo(Change change) : change_(change) {}
+
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Scheduler& scheduler = machine.scheduler();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Traffic traffic(machine, stack);
+        stack.adapter().pace().Set(Pace::kMixed);
+        Client steady(u"steady");
+        Client changing(u"changing", 1);
+        Client twin(u"changing", 1);
+        std::atomic<bool> gone = false;
+        changing.handler = [&](NIRP*) -> LONG {
+            Demand(!gone, "a handler was called after its deregistration returned");
+            if (change_ == Change::kInside) {
+                ITarnHKFlowControl(changing.hook, HOOK_STATE_RESUMED);
+                ITarnHKAttachFilter(changing.attached[0], changing.hook);
+                ITarnHKDettachFilter(changing.attached[0], changing.hook);
+                ITarnHKDettachFilter(changing.attached[0], changing.hook);
+            }
+            return HOOK_VERDICT_WITHHOLD;
+        };
+        twin.handler = changing.handler;
+        steady.Start();
+        if (change_ != Change::kRegisterTwice) {
+            changing.Start();
+        }
+        PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(2), traffic.MakeSends(1)};
+        const std::uint32_t contexts[] = {
+            scheduler.Start({.name = "sender", .processor = 1},
+                            [&] { stack.protocol().Send(sends[0]); }),
+            scheduler.Start({.name = "sender", .kind = ContextKind::kDpc, .processor = 2},
+                            [&] { stack.protocol().Send(sends[1]); }),
+            scheduler.Start({.name = "changer", .processor = 3}, [&] {
+                switch (change_) {
+                    case Change::kAttachDetach:
+                        ITarnHKDettachFilter(changing.attached[0], changing.hook);
+                        ITarnHKAttachFilter(changing.attached[0], changing.hook);
+                        break;
+                    case Change::kDetachModule:
+                        stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
+                        break;
+                    case Change::kRegisterTwice:
+                        twin.Start();
+                        break;
+                    default:
+                        break;
+                }
+            })};
+        switch (change_) {
+            case Change::kRegisterTwice:
+                changing.Start();
+                break;
+            case Change::kDeregister:
+            case Change::kDetachModule:
+                changing.Stop();
+                gone = true;
+                break;
+            default:
+                break;
+        }
+        for (const std::uint32_t context : contexts) {
+            scheduler.Join(context);
+        }
+        stack.Pause();
+        meetings_ += changing.calls != 0 ? 1 : 0;
+        // Nothing of the table moves under the frames of the one who stays.
+        if (change_ == Change::kDeregister || change_ == Change::kRegisterTwice) {
+            Demand(steady.calls == 3, "a frame missed a hook");
+        }
+        if (change_ == Change::kRegisterTwice) {
+            twin.Stop();
+        }
+        if (!gone) {
+            changing.Stop();
+        }
+        if (change_ != Change::kInside) {
+            const std::size_t told = changing.detached.size() + twin.detached.size();
+            const std::size_t pairs = changing.attached.size() + twin.attached.size();
+            Demand(told == pairs,
+                   fmt::format("{} of {} pairs were told of their end", told, pairs));
+        }
+        steady.Stop();
+        machine.UnloadDriver("NETSIEVE");
+        Demand(traffic.completed + traffic.refused == 3,
+               fmt::format("of 3 lists {} came back and {} were refused", traffic.completed.load(),
+                           traffic.refused.load()));
+    }
+
+  private:
+    Change change_;
+};
+
+/// Four processors whose protocols send through a new module: each gets one entry.
+class ProtocolsFillTheTable final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Scheduler& scheduler = machine.scheduler();
+        Stack& stack = machine.ndis().AddAdapter();
+        stack.AddProtocol(u"SECOND");
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Client client(u"hook");
+        client.Start();
+        std::vector<std::unique_ptr<FrameLists>> lists;
+        std::vector<std::uint32_t> contexts;
+        const Frame frame = MakeFrame(1);
+        for (unsigned i = 0; i < 4; ++i) {
+            Protocol& protocol = stack.protocol(i % 2);
+            lists.push_back(std::make_unique<FrameLists>(machine, protocol.pool()));
+            contexts.push_back(scheduler.Start(
+                {.name = "sender", .processor = i},
+                [&protocol, list = lists.back()->Make(std::span<const std::uint8_t>(frame))] {
+                    protocol.Send(list);
+                }));
+        }
+        for (const std::uint32_t context : contexts) {
+            scheduler.Join(context);
+        }
+        FILTER_MODULE* const module = RecordOf(machine, stack);
+        Demand(
+            module->ProtocolCount == 2 && module->ProtocolHandles[0] != module->ProtocolHandles[1],
+            fmt::format("{} entries for two protocols", module->ProtocolCount));
+        ++meetings_;
+        client.Stop();
+        machine.UnloadDriver("NETSIEVE");
+    }
+};
+
+using Change = HooksComeAndGo::Change;
+
+struct Search {
+    const char* name;
+    std::function<std::unique_ptr<Scenario>()> make;
+};
+
+void PrintTo(const Search& search, std::ostream* out) {
+    *out << search.name;
+}
+
+Search Hooks(const char* name, Change change) {
+    return {name, [change] { return std::make_unique<HooksComeAndGo>(change); }};
+}
+
+const Search kSearches[] = {
+    Hooks("dispatch against attach and detach", Change::kAttachDetach),
+    Hooks("dispatch against deregistration", Change::kDeregister),
+    Hooks("two registrations of one name", Change::kRegisterTwice),
+    Hooks("module detach against deregistration", Change::kDetachModule),
+    Hooks("changes from inside a handler", Change::kInside),
+    {"protocol table from four processors",
+     [] { return std::make_unique<ProtocolsFillTheTable>(); }},
+};
+
+class HookSchedules : public testing::TestWithParam<Search> {};
+
+TEST_P(HookSchedules, FindNothing) {
+    const Search& search = GetParam();
+    const std::unique_ptr<Scenario> scenario = search.make();
+    const ExploreResult result =
+        SearchSchedules(search.name, *scenario, StrategyKind::kPct, 25'000);
+    if (result.finding) {
+        FAIL() << "seed " << result.finding->seed << "\n"
+               << result.finding->what << "\n"
+               << result.finding->replay;
+    }
+    fmt::print("{}: {} schedules, {} points each, contexts met in {}\n", search.name,
+               result.schedules, result.points / result.schedules, scenario->Meetings());
+    if (result.schedules >= 100) {
+        EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
+
+}  // namespace
+}  // namespace netsieve::host
