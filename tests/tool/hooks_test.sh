@@ -1,0 +1,73 @@
+#!/bin/bash
+# `netsieve replay` with hooks: the shape of the traffic and the driver make no difference, the
+# summary's numbers are right, and what cannot be hooked is refused before anything is written.
+#
+# usage: hooks_test.sh NETSIEVE NETSIEVE.sys CAPTURE
+set -uo pipefail
+
+netsieve=$1 image=$2 capture=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+failed=0
+fail() {
+    echo "FAILED: $*"
+    failed=1
+}
+
+replay() { # OUTPUT OPTION...
+    "$netsieve" replay "$capture" -o "$scratch/$1" "${@:2}" >"$scratch/$1.summary" 2>&1 ||
+        fail "status $?: ${*:2}: $(cat "$scratch/$1.summary")"
+}
+
+replay plain --hook 'drop:tcp'
+for driver in native "$image"; do
+    for shape in '--frames-per-list 4' '--lists-per-call 3' '--resources' \
+        '--frames-per-list 3 --lists-per-call 2 --resources' '--seed 77 --lists-per-call 40'; do
+        # The options are words.
+        # shellcheck disable=SC2086
+        replay shaped --hook 'drop:tcp' --driver "$driver" $shape
+        cmp "$scratch/plain" "$scratch/shaped" || fail "$driver $shape"
+    done
+done
+
+# Hooks of a lower class go first, and all of them see every frame.
+replay many --json --hook 'count@3:tcp' --hook 'drop@1:tcp' --hook 'count:udp'
+python3 - "$scratch/many.summary" "$capture" <<'PYTHON' || fail "the summary's numbers"
+import json, subprocess, sys
+summary = json.load(open(sys.argv[1]))
+def count(expression):
+    lines = subprocess.run(["tcpdump", "-n", "-r", sys.argv[2], expression], capture_output=True)
+    return len(lines.stdout.splitlines())
+offered = {hook["offered"] for hook in summary["hooks"]}
+selected = [hook["selected"] for hook in summary["hooks"]]
+withheld = [hook["withheld"] for hook in summary["hooks"]]
+total = count("len >= 0")
+uninspected = count("multicast and not broadcast and not ether src 00:00:5e:00:53:01")
+assert offered == {total - uninspected}, (offered, total, uninspected)
+assert selected[:2] == [count("tcp"), count("tcp")] and withheld == [0, count("tcp"), 0], selected
+PYTHON
+
+# One line a frame, and the same with the image.
+for driver in native "$image"; do
+    "$netsieve" replay "$capture" --driver "$driver" --hook 'log:arp' -o "$scratch/log" 2>&1 |
+        grep '^hook=' >"$scratch/lines.${driver##*/}"
+done
+cmp "$scratch/lines.native" "$scratch/lines.${image##*/}" || fail "the image logs other lines"
+grep -q 'direction=send protocol=TCPIP adapter=00:00:5e:00:53:01 length=42' \
+    "$scratch/lines.native" || fail "the log: $(cat "$scratch/lines.native")"
+
+refuse() { # WORDS HOOK
+    rm -f "$scratch/none"
+    "$netsieve" replay "$capture" -o "$scratch/none" --hook "$2" >"$scratch/words" 2>&1
+    [ $? = 2 ] || fail "'$2' was not refused"
+    grep -q -- "$1" "$scratch/words" || fail "'$2' is refused with: $(cat "$scratch/words")"
+    [ ! -e "$scratch/none" ] || fail "'$2' left an output"
+}
+refuse 'syntax error' 'drop:tcp or (('
+refuse 'drop' 'drop:'
+refuse 'nonsense' 'nonsense:tcp'
+refuse '9' 'drop@9:tcp'
+refuse '/nonexistent' 'module:/nonexistent.so'
+refuse "${capture##*/}" "module:$capture"
+
+exit $failed
