@@ -101,7 +101,7 @@ NTSTATUS NTAPI ITarnHKAttachFilter(FILTER_MODULE* module, HOOK_FILTER* hook) {
     }
     module->Hooks[module->HookCount] = hook;
     ClaimHookSlot(module, hook);
-    qsort(module->Hooks, static_cast<SIZE_T>(module->HookCount) + 1, sizeof(module->Hooks[0]),
+    qsort(module->Hooks, static_cast<SIZE_T>(module->HookCount) + 1, sizeof(HOOK_FILTER*),
           CompareHookPriority);
     InterlockedIncrement(&module->HookCount);
     InterlockedIncrement(&hook->AttachCount);

@@ -156,11 +156,12 @@ void AddUninspected(SummaryText& text, const ReplayReport& report) {
         return;
     }
     std::string reasons;
-    for (const auto& [count, reason] : kReasons) {
-        const std::uint64_t frames =
-            Total(report, [&](const DirectionCounts& counts) { return counts.uninspected.*count; });
+    for (const auto& why : kReasons) {
+        const std::uint64_t frames = Total(report, [&why](const DirectionCounts& counts) {
+            return counts.uninspected.*why.count;
+        });
         if (frames > 0) {
-            reasons += fmt::format("{} {} {}", reasons.empty() ? ":" : ",", frames, reason);
+            reasons += fmt::format("{} {} {}", reasons.empty() ? ":" : ",", frames, why.reason);
         }
     }
     const std::uint64_t total =
