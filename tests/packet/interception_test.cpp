@@ -15,8 +15,7 @@ constexpr std::size_t kSizes[] = {1, 5, 6, 14, 60, 256, 1514, 1515, 9000, 65535,
 class RandomTraffic {
   public:
     RandomTraffic(Machine& machine, Stack& stack, std::uint64_t seed, bool send)
-        : machine_(machine),
-          stack_(stack),
+        : stack_(stack),
           random_(seed),
           send_(send),
           lists_(machine, send ? stack.protocol().pool() : stack.adapter().pool()) {
@@ -128,7 +127,6 @@ class RandomTraffic {
         }
     }
 
-    Machine& machine_;
     Stack& stack_;
     Random random_;
     bool send_;
