@@ -320,5 +320,25 @@ TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
     });
 }
 
+// As many records as the machine can spare, or as many as could be made before one was refused.
+TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
+    struct Case {
+        MM_SYSTEMSIZE system;
+        ULONG records;
+    };
+    for (const Case& c : {Case{MmSmallSystem, 19}, {MmMediumSystem, 26}, {MmLargeSystem, 48}}) {
+        OnScene([&](Scene& scene) { EXPECT_EQ(scene.records, c.records); },
+                {.systemSize = c.system});
+    }
+    RunClean({}, [](Machine& machine) {
+        machine.faults().Arm({.kind = FaultKind::kMdl, .nth = 9, .persistent = true});
+        Scene scene(machine);
+        machine.faults().Disarm();
+        EXPECT_EQ(scene.records, 8u);
+        scene.ExpectPoolWhole();
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host
