@@ -47,4 +47,5 @@ def subtract(source, flat, selected, target):
         sys.exit("subtract_capture: a selected frame is not in the capture")
 
 
-{"flatten": flatten, "subtract": subtract}[sys.argv[1]](*sys.argv[2:])
+if __name__ == "__main__":
+    {"flatten": flatten, "subtract": subtract}[sys.argv[1]](*sys.argv[2:])

@@ -61,9 +61,19 @@ TEST(ReplayReportTest, EveryFrameHasToBeAccountedFor) {
         [](ReplayReport& report) {
             // Came back without having been out, and no hook had asked for it.
             --report.adapters[0].received.passed;
-            ++report.adapters[0].received.withheld;
+            ++report.adapters[0].received.cameBack;
         },
-        [](ReplayReport& report) { ++report.adapters[0].received.withheldByHooks; },
+        [](ReplayReport& report) { ++report.adapters[0].received.keptByHooks; },
+        [](ReplayReport& report) {
+            // A hook let a frame go, and nothing came out.
+            DirectionCounts& sent = report.adapters[0].sent;
+            --sent.passed;
+            ++sent.cameBack;
+            ++sent.keptByHooks;
+            ++sent.reinjectedByHooks;
+            ++sent.missing;
+        },
+        [](ReplayReport& report) { ++report.adapters[0].sent.reinjected; },
         [](ReplayReport& report) { report.abandoned = "deadlock"; },
     };
     EXPECT_TRUE(CleanReport().Balanced());

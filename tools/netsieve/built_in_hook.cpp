@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "tools/netsieve/mac_address.h"
 
 namespace netsieve::tool {
@@ -83,19 +86,66 @@ LONG NTAPI BuiltInHook::OnFrame(PVOID context, NIRP* nirp) {
     if (self.opensFrames_) {
         self.surroundings_.ledger.Open(kWay);
     }
-    const bool selected = self.Selects(nirp);
-    const bool withholds = selected && self.spec_.kind == HookKind::kDrop;
-    if (selected) {
+    Answer answer = Answer::kPass;
+    if (self.Selects(nirp)) {
         self.tally_.matched.Add();
-        if (self.spec_.kind == HookKind::kLog) {
-            self.Log(nirp, kWay);
-        }
+        answer = self.Treat(nirp, kWay);
     }
-    self.tally_.Count(withholds);
-    if (withholds) {
-        self.surroundings_.ledger.Withhold(kWay, false);
+    self.tally_.Count(answer);
+    if (answer == Answer::kPass) {
+        return HOOK_VERDICT_PASS;
     }
-    return withholds ? HOOK_VERDICT_WITHHOLD : HOOK_VERDICT_PASS;
+    self.surroundings_.ledger.Withhold(kWay, false);
+    return answer == Answer::kMark ? HOOK_VERDICT_PENDING : HOOK_VERDICT_WITHHOLD;
+}
+
+Answer BuiltInHook::Treat(NIRP* nirp, Direction way) {
+    switch (spec_.kind) {
+        case HookKind::kDrop:
+            return Answer::kWithhold;
+        case HookKind::kDelay:
+        case HookKind::kHold:
+            return TakeOver(nirp, way);
+        case HookKind::kLog:
+            Log(nirp, way);
+            return Answer::kPass;
+        case HookKind::kReplyArp:
+            ReplyToArp(nirp, way);
+            return Answer::kPass;
+        default:
+            return Answer::kPass;
+    }
+}
+
+Answer BuiltInHook::TakeOver(NIRP* nirp, Direction way) {
+    if (!surroundings_.held.HasRoomFor(nirp) ||
+        surroundings_.exports.markPending(nirp) != STATUS_SUCCESS) {
+        tally_.overflow.Add();
+        return spec_.overflowDrops ? Answer::kWithhold : Answer::kPass;
+    }
+    std::optional<CaptureStamp> due;
+    if (spec_.kind == HookKind::kDelay) {
+        due = surroundings_.clock->Now().After(std::chrono::milliseconds(spec_.delayMilliseconds));
+    }
+    surroundings_.held.Add(nirp, way, due, spec_.releases);
+    return Answer::kMark;
+}
+
+void BuiltInHook::ReplyToArp(NIRP* nirp, Direction way) {
+    const HookExports& exports = surroundings_.exports;
+    HOOK_ADAPTER_INFO info{};
+    // The driver sends on the wire: a request of the adapter's own side gets no answer there.
+    if (way == Direction::kSent || exports.getAdapterInfo(nirp, &info) != STATUS_SUCCESS) {
+        return;
+    }
+    MacAddress sender{};
+    std::copy(std::begin(info.MacAddress), std::end(info.MacAddress), sender.begin());
+    const auto reply =
+        ReplyTo(exports.getBuffer(nirp), exports.getBufferLength(nirp), spec_.answer, sender);
+    if (reply) {
+        tally_.injected.Add();
+        exports.sendPacket(nullptr, reply->data(), static_cast<ULONG>(reply->size()));
+    }
 }
 
 bool BuiltInHook::Selects(NIRP* nirp) const {

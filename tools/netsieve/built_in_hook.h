@@ -7,8 +7,10 @@
 #include <string>
 
 #include "tools/netsieve/driver_exports.h"
+#include "tools/netsieve/held_frames.h"
 #include "tools/netsieve/hook_spec.h"
 #include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/replay_clock.h"
 
 namespace netsieve::tool {
 
@@ -16,10 +18,12 @@ namespace netsieve::tool {
 struct HookSurroundings {
     HookExports exports{};
     OfferLedger ledger;
-    FILE* log = stdout;  ///< where lines for frames go
+    HeldFrames held;
+    ReplayClock* clock = nullptr;  ///< for when a held frame is due
+    FILE* log = stdout;            ///< where lines for frames go
 };
 
-/// A registered hook filter that drops, counts or logs frames. Its address is its context in the
+/// A registered hook filter of one of the program's kinds. Its address is its context in the
 /// driver.
 class BuiltInHook {
   public:
@@ -50,6 +54,10 @@ class BuiltInHook {
     static LONG NTAPI OnFrame(PVOID context, NIRP* nirp);
 
     bool Selects(NIRP* nirp) const;
+    /// What the hook does with a frame that it selects.
+    Answer Treat(NIRP* nirp, Direction way);
+    Answer TakeOver(NIRP* nirp, Direction way);
+    void ReplyToArp(NIRP* nirp, Direction way);
     void Log(NIRP* nirp, Direction way) const;
 
     HookSurroundings& surroundings_;

@@ -1,6 +1,7 @@
 // Reads the frames of a capture.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,11 @@ struct CaptureStamp {
     uint32_t nanoseconds = 0;
 
     int64_t TotalNanoseconds() const { return seconds * 1'000'000'000 + nanoseconds; }
+    /// The time so much later.
+    CaptureStamp After(std::chrono::nanoseconds time) const {
+        const int64_t sum = nanoseconds + time.count();
+        return {seconds + sum / 1'000'000'000, static_cast<uint32_t>(sum % 1'000'000'000)};
+    }
     bool operator==(const CaptureStamp&) const = default;
 };
 

@@ -41,6 +41,9 @@ std::optional<std::string> FindHookExports(const host::LoadedDriver& driver, Hoo
     find("ITarnHKGetBufferLength", exports.getBufferLength);
     find("ITarnHKGetProtocolName", exports.getProtocolName);
     find("ITarnHKGetAdapterInfo", exports.getAdapterInfo);
+    find("ITarnHKMarkPending", exports.markPending);
+    find("ITarnHKCompleteRequest", exports.completeRequest);
+    find("ITarnHKSendPacket", exports.sendPacket);
     return missing;
 }
 

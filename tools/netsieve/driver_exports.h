@@ -32,6 +32,9 @@ struct HookExports {
     decltype(&ITarnHKGetBufferLength) getBufferLength;
     decltype(&ITarnHKGetProtocolName) getProtocolName;
     decltype(&ITarnHKGetAdapterInfo) getAdapterInfo;
+    decltype(&ITarnHKMarkPending) markPending;
+    decltype(&ITarnHKCompleteRequest) completeRequest;
+    decltype(&ITarnHKSendPacket) sendPacket;
 };
 
 /// Fills `exports` from a loaded driver. Returns the name of the first one it lacks, or nothing.

@@ -2,6 +2,10 @@
 
 #include <string_view>
 
+#include "packet/nbl_context.h"
+#include "packet/nirp.h"
+#include "platform/list.h"
+
 namespace netsieve::tool {
 namespace {
 
@@ -15,6 +19,21 @@ FILTER_MODULE* RecordOf(const host::FilterModule& module) {
     const bool ours = name.Buffer != nullptr &&
                       std::u16string_view(name.Buffer, name.Length / sizeof(WCHAR)) == kUniqueName;
     return ours ? static_cast<FILTER_MODULE*>(module.context) : nullptr;
+}
+
+std::optional<OwnList> ReadOwnList(PNET_BUFFER_LIST list) {
+    const NET_BUFFER_LIST_CONTEXT* const block = list->Context;
+    if (block == nullptr || block->Offset + NBL_CONTEXT_SIZE > block->Size) {
+        return std::nullopt;
+    }
+    const auto* const context = reinterpret_cast<const NBL_CONTEXT*>(
+        reinterpret_cast<const char*>(block + 1) + block->Offset);
+    if (context->Magic != NBL_CONTEXT_TAG || context->Size != NBL_CONTEXT_SIZE ||
+        IsListEmpty(&context->Nirps)) {
+        return std::nullopt;
+    }
+    return OwnList{CONTAINING_RECORD(context->Nirps.Flink, NIRP, ContextLink),
+                   context->Type == NBL_TYPE_SEND_CLONE || context->Type == NBL_TYPE_RECEIVE_CLONE};
 }
 
 }  // namespace netsieve::tool

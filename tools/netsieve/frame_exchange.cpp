@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "host/ndis/data_path.h"
+#include "tools/netsieve/driver_record.h"
 
 namespace netsieve::tool {
 namespace {
@@ -166,16 +168,45 @@ void FrameExchange::Indicate(PNET_BUFFER_LIST chain) {
 void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Way& way) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-        const bool tagged = list->NdisPoolHandle == way.pool;
+        if (list->NdisPoolHandle != way.pool) {
+            DeliverOwn(list, way.counts);
+            continue;
+        }
         for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            if (tagged) {
-                DeliverTagged(buffer, TagOf(*buffer, way.originator), way.counts);
-            } else {
-                ++way.counts.injected;
-                Write(buffer, clock_->Now(), buffer->DataLength, latestIn_);
-            }
+            DeliverTagged(buffer, TagOf(*buffer, way.originator), way.counts);
         }
     }
+}
+
+/// A list that a driver built. Every buffer of it is a frame that nobody handed in, but for the
+/// copy of one that a hook had taken over.
+void FrameExchange::DeliverOwn(PNET_BUFFER_LIST list, DirectionCounts& counts) {
+    const auto own = ReadOwnList(list);
+    const bool expected = own && release_ != nullptr && own->record == release_->clone;
+    const bool again = expected && release_->deliveries++ != 0;
+    for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+        const bool held = own && own->clone && !again;
+        ++(held ? counts.reinjected : counts.injected);
+        injectedNow_ += !held && injector_ == host::CurrentContext().id ? 1 : 0;
+        Write(buffer, clock_->Now(), expected ? release_->originalLength : buffer->DataLength,
+              expected ? release_->number : latestIn_);
+    }
+}
+
+void FrameExchange::Expect(Release* release) {
+    const std::lock_guard<ExchangeLock> guard(lock_);
+    release_ = release;
+}
+
+bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame) {
+    const auto begin = [&](std::optional<std::uint32_t> context) {
+        const std::lock_guard<ExchangeLock> guard(lock_);
+        injector_ = context;
+        return std::exchange(injectedNow_, 0);
+    };
+    begin(host::CurrentContext().id);
+    exports.sendPacket(nullptr, frame.bytes, frame.capturedLength);
+    return begin(std::nullopt) != 0;
 }
 
 void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts) {
@@ -190,7 +221,7 @@ void FrameExchange::ComeHome(PNET_BUFFER_LIST chain, Way& way) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
         for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            way.counts.withheld += TagOf(*buffer, way.originator).deliveries == 0 ? 1 : 0;
+            way.counts.cameBack += TagOf(*buffer, way.originator).deliveries == 0 ? 1 : 0;
         }
     }
     way.frames->FreeChain(chain);
@@ -224,7 +255,7 @@ void FrameExchange::Write(PNET_BUFFER buffer,
 DirectionCounts FrameExchange::Counts(Direction direction, const OfferLedger* ledger) const {
     DirectionCounts counts = ways_[static_cast<std::size_t>(direction)].counts;
     if (ledger != nullptr) {
-        counts.withheldByHooks = ledger->Withheld(direction);
+        counts.keptByHooks = ledger->Withheld(direction);
         // What could have been shown and was not: the driver had nothing left to show it in.
         const std::uint64_t accounted = ledger->Offered(direction) + counts.uninspected.Total();
         counts.uninspected.poolEmpty = counts.frames - std::min(counts.frames, accounted);

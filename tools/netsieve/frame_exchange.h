@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -10,7 +11,9 @@
 #include "host/ndis/frame_lists.h"
 #include "host/ndis/stack.h"
 #include "host/sched/threaded_scheduler.h"
+#include "packet/nirp.h"
 #include "tools/netsieve/capture_writer.h"
+#include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_tag.h"
 #include "tools/netsieve/offer_ledger.h"
 #include "tools/netsieve/replay_clock.h"
@@ -34,6 +37,15 @@ class ExchangeLock {
     KSPIN_LOCK word_ = 0;
 };
 
+/// A frame that a hook lets go now. It comes out in a list of the driver's, with what is left in
+/// its record.
+struct Release {
+    const NIRP* clone;             ///< the record of that list; null when nothing may come out
+    std::uint64_t number;          ///< of the frame, in the capture
+    std::uint32_t originalLength;  ///< of the frame
+    unsigned deliveries = 0;       ///< how often it came out
+};
+
 /// Gathers frames into lists and calls, hands them to the protocol or the adapter of a stack,
 /// writes what comes out at the other end, and keeps the account. Outlives the machine's run.
 class FrameExchange {
@@ -54,6 +66,12 @@ class FrameExchange {
     void Push(Direction way, const CaptureFrame& frame, std::uint64_t number);
     /// Makes the call for the frames that wait for others.
     void Flush();
+
+    /// From now on this release is what comes out; null when it is done.
+    void Expect(Release* release);
+    /// Has the driver send a frame of its own, from the calling context. True when it came out
+    /// meanwhile.
+    bool Inject(const HookExports& exports, const CaptureFrame& frame);
 
     /// What became of the frames. With hooks, `ledger` says what they were shown.
     DirectionCounts Counts(Direction way, const OfferLedger* ledger) const;
@@ -84,6 +102,7 @@ class FrameExchange {
     void Indicate(PNET_BUFFER_LIST chain);
     void Deliver(PNET_BUFFER_LIST chain, Way& way);
     void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts);
+    void DeliverOwn(PNET_BUFFER_LIST list, DirectionCounts& counts);
     void ComeHome(PNET_BUFFER_LIST chain, Way& way);
     void Write(PNET_BUFFER buffer,
                const CaptureStamp& stamp,
@@ -102,6 +121,9 @@ class FrameExchange {
                     {.direction = Direction::kReceived, .originator = Originator::kAdapter}};
     std::uint64_t latestIn_ = 0;
     std::uint64_t latestOut_ = 0;
+    Release* release_ = nullptr;
+    std::optional<std::uint32_t> injector_;  ///< the context that injects a frame now
+    std::uint64_t injectedNow_ = 0;          ///< what came out in it
 
     // What waits to be handed in, by the one thread that does so; all of it goes `turn_`.
     Direction turn_ = Direction::kSent;

@@ -5,6 +5,7 @@
 
 #include "platform/ndis.h"
 #include "tools/netsieve/capture_reader.h"
+#include "tools/netsieve/offer_ledger.h"
 
 namespace netsieve::tool {
 
@@ -23,6 +24,11 @@ static_assert(sizeof(FrameTag) <= sizeof(NET_BUFFER::ProtocolReserved));
 static_assert(sizeof(FrameTag) <= sizeof(NET_BUFFER::MiniportReserved));
 
 enum class Originator { kProtocol, kAdapter };
+
+/// Whose frames go this way.
+constexpr Originator OriginatorOf(Direction way) {
+    return way == Direction::kSent ? Originator::kProtocol : Originator::kAdapter;
+}
 
 /// The tag's place in a buffer of the originator's.
 inline FrameTag& TagOf(NET_BUFFER& buffer, Originator originator) {

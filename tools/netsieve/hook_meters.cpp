@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "packet/nirp.h"
+#include "platform/atomics.h"
+
 namespace netsieve::tool {
 namespace {
 
@@ -13,10 +16,17 @@ HookMeter* g_meters[HOOK_MODULE_LIMIT];
 template <std::size_t kMeter, Direction kWay>
 LONG NTAPI CallMetered(PVOID context, NIRP* nirp) {
     HookMeter& meter = *g_meters[kMeter];
+    const ULONG marksBefore = ReadAcquire(&nirp->PendingCount);
     const LONG verdict = meter.handlers[static_cast<std::size_t>(kWay)](context, nirp);
-    const bool withholds = verdict != HOOK_VERDICT_PASS;
-    meter.tally.Count(withholds);
-    if (withholds) {
+    // A request that is finished within the handler leaves no mark, but its state.
+    const ULONG state = ReadAcquire(&nirp->State);
+    const bool marked = ReadAcquire(&nirp->PendingCount) > marksBefore ||
+                        (marksBefore == 0 && state == NIRP_STATE_COMPLETED);
+    const Answer answer = marked                         ? Answer::kMark
+                          : verdict != HOOK_VERDICT_PASS ? Answer::kWithhold
+                                                         : Answer::kPass;
+    meter.tally.Count(answer);
+    if (answer != Answer::kPass) {
         meter.ledger->Withhold(kWay, meter.beforeOpener);
     }
     return verdict;

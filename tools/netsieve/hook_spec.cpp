@@ -4,11 +4,13 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "hook/exports.h"
 #include "tools/netsieve/driver_exports.h"
@@ -27,17 +29,19 @@ HookKind ParseKind(std::string_view word, const std::string& text) {
     static constexpr struct {
         std::string_view word;
         HookKind kind;
-    } kKinds[] = {{"drop", HookKind::kDrop},
-                  {"count", HookKind::kCount},
-                  {"log", HookKind::kLog},
+    } kKinds[] = {{"drop", HookKind::kDrop},    {"count", HookKind::kCount},
+                  {"log", HookKind::kLog},      {"delay", HookKind::kDelay},
+                  {"hold", HookKind::kHold},    {"reply-arp", HookKind::kReplyArp},
                   {"module", HookKind::kModule}};
     for (const auto& entry : kKinds) {
         if (entry.word == word) {
             return entry.kind;
         }
     }
-    Refuse("{}: '{}' is no kind of hook; use drop:EXPR, count:EXPR, log, log:EXPR or module:PATH",
-           text, word);
+    Refuse(
+        "{}: '{}' is no kind of hook; use drop:EXPR, count:EXPR, log, log:EXPR, delay:MS:EXPR, "
+        "hold:EXPR:success, hold:EXPR:failure, reply-arp:IP=MAC or module:PATH",
+        text, word);
 }
 
 unsigned ParseClass(std::string_view digits, const HookSpec& spec) {
@@ -57,6 +61,91 @@ void Compile(const std::string& expression, HookSpec& spec) {
         Refuse("{}: the expression cannot be compiled: {}", spec.text, *failure);
     }
     spec.filter = std::move(filter);
+}
+
+/// What stands before the last colon, and behind it; an expression may have colons of its own.
+std::pair<std::string, std::string> SplitAtLast(const std::string& text) {
+    const std::size_t colon = text.rfind(':');
+    return colon == text.npos ? std::pair(text, std::string())
+                              : std::pair(text.substr(0, colon), text.substr(colon + 1));
+}
+
+/// Takes :overflow=WORD off the end of what is left of the hook's arguments.
+void ParseOverflow(std::string& argument, HookSpec& spec) {
+    static constexpr std::string_view kWord = "overflow=";
+    const auto [before, last] = SplitAtLast(argument);
+    if (!last.starts_with(kWord)) {
+        return;
+    }
+    const std::string choice = last.substr(kWord.size());
+    if (choice != "drop" && choice != "pass") {
+        Refuse("{}: '{}' is nothing to do with an overflow; use overflow=drop or overflow=pass",
+               spec.text, choice);
+    }
+    spec.overflowDrops = choice == "drop";
+    argument = before;
+}
+
+void ParseDelay(std::string argument, HookSpec& spec) {
+    constexpr std::uint32_t kLongest = 86'400'000;
+    ParseOverflow(argument, spec);
+    const std::size_t colon = argument.find(':');
+    const std::string digits = argument.substr(0, colon);
+    const auto [end, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), spec.delayMilliseconds);
+    if (error != std::errc() || end != digits.data() + digits.size() ||
+        spec.delayMilliseconds > kLongest) {
+        Refuse("{}: '{}' is no delay; use delay:MS:EXPR with 0 to {} milliseconds", spec.text,
+               digits, kLongest);
+    }
+    if (colon == argument.npos || colon + 1 == argument.size()) {
+        Refuse("{}: the expression is missing after 'delay:{}:'", spec.text, digits);
+    }
+    Compile(argument.substr(colon + 1), spec);
+}
+
+void ParseHold(std::string argument, HookSpec& spec) {
+    ParseOverflow(argument, spec);
+    const auto [expression, outcome] = SplitAtLast(argument);
+    if (outcome != "success" && outcome != "failure") {
+        Refuse("{}: how the frames end is missing; use hold:EXPR:success or hold:EXPR:failure",
+               spec.text);
+    }
+    if (expression.empty()) {
+        Refuse("{}: the expression is missing after 'hold:'", spec.text);
+    }
+    spec.releases = outcome == "success";
+    Compile(expression, spec);
+}
+
+void ParseReplyArp(const std::string& argument, HookSpec& spec) {
+    const std::size_t equals = argument.find('=');
+    const auto protocol = ParseIpv4(argument.substr(0, equals));
+    const auto hardware =
+        equals == argument.npos ? std::nullopt : ParseMac(argument.substr(equals + 1));
+    if (!protocol || !hardware) {
+        Refuse(
+            "{}: '{}' is no answer; use reply-arp:IP=MAC, such as "
+            "reply-arp:192.0.2.1=00:00:5e:00:53:01",
+            spec.text, argument);
+    }
+    spec.answer = {*protocol, *hardware};
+}
+
+void ParseArgument(const std::string& argument, HookSpec& spec) {
+    switch (spec.kind) {
+        case HookKind::kDelay:
+            return ParseDelay(argument, spec);
+        case HookKind::kHold:
+            return ParseHold(argument, spec);
+        case HookKind::kReplyArp:
+            return ParseReplyArp(argument, spec);
+        case HookKind::kModule:
+            spec.modulePath = argument;
+            return;
+        default:
+            return Compile(argument, spec);
+    }
 }
 
 /// The first bytes that tell a shared object from an image.
@@ -110,12 +199,13 @@ HookSpec ParseHookSpec(const std::string& text) {
     }
     if (argument.empty() && (spec.kind != HookKind::kLog || colon != text.npos)) {
         Refuse("{}: {} is missing after '{}:'", text,
-               spec.kind == HookKind::kModule ? "the module's path" : "the expression", head);
+               spec.kind == HookKind::kModule     ? "the module's path"
+               : spec.kind == HookKind::kReplyArp ? "IP=MAC"
+                                                  : "the expression",
+               head);
     }
-    if (spec.kind == HookKind::kModule) {
-        spec.modulePath = argument;
-    } else if (!argument.empty()) {
-        Compile(argument, spec);
+    if (!argument.empty()) {
+        ParseArgument(argument, spec);
     }
     return spec;
 }

@@ -1,4 +1,4 @@
-// What the user says of one hook: --hook KIND[@CLASS][:ARGUMENT].
+// What the user says of one hook: --hook KIND[@CLASS][:ARGUMENTS].
 #pragma once
 
 #include <cstdint>
@@ -6,15 +6,19 @@
 #include <string>
 #include <vector>
 
+#include "tools/netsieve/arp_reply.h"
 #include "tools/netsieve/frame_filter.h"
 
 namespace netsieve::tool {
 
 enum class HookKind : std::uint8_t {
-    kDrop,    ///< withholds what its expression selects
-    kCount,   ///< counts it
-    kLog,     ///< prints a line for it
-    kModule,  ///< a hook filter of someone else
+    kDrop,      ///< withholds what its expression selects
+    kCount,     ///< counts it
+    kLog,       ///< prints a line for it
+    kDelay,     ///< holds it for a time
+    kHold,      ///< holds it to the end of the capture
+    kReplyArp,  ///< answers requests for one address
+    kModule,    ///< a hook filter of someone else
 };
 
 struct HookSpec {
@@ -23,6 +27,13 @@ struct HookSpec {
     unsigned priorityClass = 0;                   ///< HOOK_CLASS_0 to 3, and 4 for the last
     std::shared_ptr<const FrameFilter> filter{};  ///< null selects every frame
     std::string modulePath{};                     ///< of a module
+    std::uint32_t delayMilliseconds = 0;          ///< of kDelay
+    bool releases = true;        ///< whether a held frame goes on its way in the end
+    bool overflowDrops = false;  ///< whether one that the driver cannot hold is withheld instead
+    ArpAnswer answer{};          ///< of kReplyArp
+
+    /// Whether it takes frames over, to decide about them later.
+    bool Holds() const { return kind == HookKind::kDelay || kind == HookKind::kHold; }
 };
 
 /// Reads one --hook and compiles its expression. Throws std::invalid_argument with what is wrong

@@ -22,7 +22,8 @@ void* NativeExport(std::string_view name) {
         EXPORT(ITarnHKGetBufferLength),     EXPORT(ITarnHKGetProtocolInfo),
         EXPORT(ITarnHKGetProtocolName),     EXPORT(ITarnHKQueryProtocolName),
         EXPORT(ITarnHKRegisterFilter),      EXPORT(ITarnHKRegisterFilterEx),
-        EXPORT(ITarnHKSystemInformationEx),
+        EXPORT(ITarnHKSystemInformationEx), EXPORT(ITarnHKMarkPending),
+        EXPORT(ITarnHKCompleteRequest),     EXPORT(ITarnHKSendPacket),
 #undef EXPORT
     };
     for (const auto& entry : kExports) {

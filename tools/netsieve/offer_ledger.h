@@ -21,18 +21,26 @@ class Tally {
     std::atomic<std::uint64_t> value_ = 0;
 };
 
+/// What a hook does with a frame.
+enum class Answer : std::uint8_t { kPass, kWithhold, kMark };
+
 /// What one hook was shown and answered.
 struct HookTally {
     Tally passed;
     Tally withheld;
-    Tally matched;  ///< selected by the expression
+    Tally marked;    ///< taken over, to be decided about later
+    Tally matched;   ///< selected by the expression
+    Tally overflow;  ///< were to be taken over, and the driver could not
+    Tally injected;  ///< frames of its own that it gave the driver
 
-    std::uint64_t Offered() const { return passed.Value() + withheld.Value(); }
-    void Count(bool withholds) { (withholds ? withheld : passed).Add(); }
+    std::uint64_t Offered() const { return passed.Value() + withheld.Value() + marked.Value(); }
+    void Count(Answer answer) {
+        (answer == Answer::kPass ? passed : answer == Answer::kWithhold ? withheld : marked).Add();
+    }
 };
 
-/// The frames that were offered, and those of them that at least one hook withheld. Several hooks
-/// may withhold one frame. One of them, the opener, sees every frame that is offered.
+/// The frames that were offered, and those of them that at least one hook kept from passing.
+/// Several hooks may withhold one frame. One of them, the opener, sees every frame that is offered.
 class OfferLedger {
   public:
     /// The opener is shown the next frame.
@@ -40,8 +48,8 @@ class OfferLedger {
         frames_.Add();
         Of(way).offered.Add();
     }
-    /// A hook withholds the frame that is being offered; `beforeOpener` when it sees frames before
-    /// the opener does.
+    /// A hook withholds or takes over the frame that is being offered; `beforeOpener` when it sees
+    /// frames before the opener does.
     void Withhold(Direction way, bool beforeOpener) {
         const std::uint64_t frame = frames_.Value() + (beforeOpener ? 1 : 0);
         if (frame != latestWithheld_.load(std::memory_order_relaxed)) {

@@ -26,10 +26,15 @@ void ReplayClock::Reach(const CaptureStamp& stamp) {
     if (due > now) {
         scheduler_.Sleep(due - now);
     }
+    if (due >= now) {
+        latest_ = stamp;
+        latestAt_ = scheduler_.Now();
+    }
 }
 
 CaptureStamp ReplayClock::Now() {
-    if (!follows_) {
+    // The machine's clock is the coarser one.
+    if (!follows_ || scheduler_.Now() == latestAt_) {
         return latest_;
     }
     const host::Ticks ticks = scheduler_.Now() + offset_.value_or(0);

@@ -24,8 +24,9 @@ class ReplayClock {
   private:
     host::Scheduler& scheduler_;
     bool follows_;
-    std::optional<host::Ticks> offset_;  ///< from the machine's time to the capture's
-    CaptureStamp latest_;
+    std::optional<host::Ticks> offset_;    ///< from the machine's time to the capture's
+    CaptureStamp latest_;                  ///< reached
+    std::optional<host::Ticks> latestAt_;  ///< when that was, by the machine's clock
 };
 
 }  // namespace netsieve::tool

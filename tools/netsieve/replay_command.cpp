@@ -39,10 +39,12 @@ class ReplayCommand {
         report_.capture = options.capture == "-" ? "standard input" : options.capture;
         report_.output = options.output == "-" ? "standard output" : options.output;
         report_.driver = options.driver;
+        report_.inject = options.inject == "-" ? "standard input" : options.inject;
+        report_.pauseAt = options.pauseAt;
     }
 
     ExitStatus Run() {
-        if (OpenCapture()) {
+        if (OpenCapture() && OpenInjection()) {
             ReplayFrames();
         }
         PrintProblems();
@@ -66,6 +68,19 @@ class ReplayCommand {
         return true;
     }
 
+    bool OpenInjection() {
+        if (options_.inject.empty()) {
+            return true;
+        }
+        report_.injectFailure = feed_.Open(options_.inject);
+        if (!report_.injectFailure && !options_.output.empty() &&
+            feed_.Source().IsSameFile(options_.output)) {
+            report_.outputFailure = fmt::format(
+                "{} is the capture to be injected; choose another output", options_.output);
+        }
+        return !report_.injectFailure && !report_.outputFailure;
+    }
+
     void ReplayFrames() {
         AdapterReport adapter;
         if (!ChooseAddress(adapter)) {
@@ -75,7 +90,9 @@ class ReplayCommand {
         // Lines of frames would run through the bar.
         progress.SetEnabled(!LogsFrames());
         FILE* const log = LogStream();
-        Replay(options_, adapter, {reader_, [this] { return OpenOutput(); }, progress, log},
+        Replay(options_, adapter,
+               {reader_, [this] { return OpenOutput(); }, progress, log,
+                options_.inject.empty() ? nullptr : &feed_},
                report_);
         if (LogsFrames() && (std::fflush(log) != 0 || std::ferror(log) != 0)) {
             report_.logFailure = "the lines of the log hooks could not be written";
@@ -131,6 +148,9 @@ class ReplayCommand {
         if (report_.inputFailure) {
             PrintMessage(report_.inputFailure->message);
         }
+        if (report_.injectFailure) {
+            PrintMessage(report_.injectFailure->message);
+        }
         if (report_.driverFailure) {
             PrintMessage(*report_.driverFailure);
         }
@@ -154,6 +174,7 @@ class ReplayCommand {
 
     const ReplayOptions& options_;
     CaptureReader reader_;
+    InjectionFeed feed_;
     CaptureWriter writer_;
     ReplayReport report_;
 };
@@ -208,12 +229,28 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
                 });
             },
             "Register a hook: drop:EXPR withholds what the expression (as tcpdump's) selects, "
-            "count:EXPR counts it, log or log:EXPR prints a line for it, module:PATH loads a hook "
-            "filter. drop@N:EXPR and so on give the priority class, 0 (first, the default) to 4. "
-            "May be repeated")
+            "count:EXPR counts it, log or log:EXPR prints a line for it, delay:MS:EXPR holds it "
+            "for "
+            "MS milliseconds of the capture's time, hold:EXPR:success and hold:EXPR:failure hold "
+            "it "
+            "to the end and let it go or drop it then, reply-arp:IP=MAC answers received requests "
+            "for an address, module:PATH loads a hook filter. What delay and hold find no room for "
+            "passes, or is withheld with :overflow=drop at the end. drop@N:EXPR and so on give the "
+            "priority class, 0 (first, the default) to 4. May be repeated")
         ->type_name("SPEC")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command
+        .add_option("--inject", options.inject,
+                    "Have the driver send the frames of this second capture, each at its time, out "
+                    "of the adapter whose address is its source; both captures' stamps count from "
+                    "the same zero")
+        ->type_name("CAPTURE");
+    command
+        .add_option("--pause-at", options.pauseAt,
+                    "Pause and restart the adapter after N frames: what hooks hold then is flushed")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
     command.add_option("--frames-per-list", options.framesPerList, "Frames in one list")
         ->type_name("N")
         ->check(CLI::Range(1u, kMostPerUnit))
@@ -277,6 +314,9 @@ void AddReplayCommand(CLI::App& app, ExitStatus& status) {
     AddTrafficOptions(*command, *options);
     command->callback([options, &status] {
         CheckHookOption([&] { CheckHooks(options->hooks, options->driver); });
+        if (options->capture == "-" && options->inject == "-") {
+            throw CLI::ValidationError("--inject", "standard input is the capture already");
+        }
         status = ReplayCommand(*options).Run();
     });
 }

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "host/accounting.h"
+#include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
@@ -53,7 +55,7 @@ class ReplayRun {
           job_(job),
           report_(report),
           adapter_(adapter),
-          hooks_(options.hooks, job.log),
+          hooks_(options.hooks, clock_, job.log),
           exchange_(options, report),
           machine_(MachineOptionsFor(options)),
           clock_(machine_.scheduler(), !WantsPlainMachine(options)) {}
@@ -117,7 +119,7 @@ class ReplayRun {
     }
 
     bool StartHooks() {
-        if (hooks_.Any()) {
+        if (hooks_.Any() || job_.feed != nullptr) {
             report_.driverFailure = hooks_.Start(machine_, *driver_, *stack_->FindModule(driver_));
         }
         return !report_.driverFailure;
@@ -141,16 +143,68 @@ class ReplayRun {
         while (!OutputFailed() && (outcome = job_.reader.Next(frame)) == ReadOutcome::kFrame) {
             report_.framesRead = job_.reader.FramesRead();
             report_.bytesRead += frame.capturedLength;
+            CatchUpTo(frame.stamp);
             const Direction way = WayOf(frame);
             exchange_.Turn(way);
             clock_.Reach(frame.stamp);
             exchange_.Push(way, frame, report_.framesRead);
+            if (report_.framesRead == options_.pauseAt) {
+                PauseAdapter();
+            }
             job_.progress.Update(report_.framesRead, job_.reader.Source().Position());
         }
         exchange_.Flush();
+        CatchUpTo(std::nullopt);
+        ReleaseHeldFrames();
         if (outcome == ReadOutcome::kFailed) {
             report_.inputFailure = job_.reader.Failure();
         }
+    }
+
+    /// Does what is due until a time of the capture, or everything that has a time.
+    void CatchUpTo(const std::optional<CaptureStamp>& limit) {
+        constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+        const auto when = [](const std::optional<CaptureStamp>& stamp) {
+            return stamp ? stamp->TotalNanoseconds() : kNever;
+        };
+        for (;;) {
+            const auto release = hooks_.Held().NextDue();
+            const auto injection = job_.feed == nullptr ? std::nullopt : job_.feed->NextDue();
+            const bool releasesFirst = when(release) <= when(injection);
+            const auto& next = releasesFirst ? release : injection;
+            if (!next || (limit && when(next) > when(limit))) {
+                return;
+            }
+            // What was handed in before it goes before it.
+            exchange_.Flush();
+            clock_.Reach(*next);
+            if (releasesFirst) {
+                const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
+                hooks_.Held().ReleaseNext(hooks_.Exports(), exchange_);
+            } else {
+                InjectNext();
+            }
+        }
+    }
+
+    void InjectNext() {
+        const host::CallbackScope scope("ITarnHKSendPacket", driver_, nullptr);
+        const bool sent = exchange_.Inject(hooks_.Exports(), job_.feed->Next());
+        job_.feed->Advance(adapter_.address, sent);
+    }
+
+    void ReleaseHeldFrames() {
+        if (hooks_.Any()) {
+            const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
+            hooks_.Held().ReleaseAll(hooks_.Exports(), exchange_);
+        }
+    }
+
+    void PauseAdapter() {
+        exchange_.Flush();
+        stack_->Pause();
+        report_.flushedByPause = hooks_.Held().NotePause();
+        stack_->Restart();
     }
 
     bool OutputFailed() const { return writer_ != nullptr && writer_->HasFailed(); }
@@ -195,10 +249,14 @@ class ReplayRun {
             report_.trace.push_back(WithoutLineFeed(text));
         }
         const OfferLedger* const ledger = hooks_.Any() ? &hooks_.Ledger() : nullptr;
-        adapter_.sent = exchange_.Counts(Direction::kSent, ledger);
-        adapter_.received = exchange_.Counts(Direction::kReceived, ledger);
+        adapter_.sent = CountsOf(Direction::kSent, ledger);
+        adapter_.received = CountsOf(Direction::kReceived, ledger);
         report_.adapters = {adapter_};
         report_.hooks = hooks_.Report();
+        if (job_.feed != nullptr) {
+            report_.injection = job_.feed->Counts();
+            report_.injectFailure = job_.feed->Failure();
+        }
         host::Accounting stock = host::TakeStock(machine_);
         // Without the verifier nobody follows the lists; the ends' own are known all the same.
         stock.listsAway =
@@ -206,6 +264,17 @@ class ReplayRun {
         if (!stock.Balanced()) {
             report_.leftover = stock.Describe();
         }
+    }
+
+    DirectionCounts CountsOf(Direction way, const OfferLedger* ledger) const {
+        DirectionCounts counts = exchange_.Counts(way, ledger);
+        const RequestCounts& requests = hooks_.Held().Counts(way);
+        counts.dropped = requests.dropped;
+        counts.flushed = requests.flushed;
+        counts.missing = requests.missing;
+        // What modules release is known by what comes out alone.
+        counts.reinjectedByHooks = hooks_.AllKnown() ? requests.reinjected : counts.reinjected;
+        return counts;
     }
 
     const ReplayOptions& options_;

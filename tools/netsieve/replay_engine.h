@@ -6,6 +6,7 @@
 
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/capture_writer.h"
+#include "tools/netsieve/injection_feed.h"
 #include "tools/netsieve/progress.h"
 #include "tools/netsieve/replay_options.h"
 #include "tools/netsieve/replay_report.h"
@@ -19,7 +20,8 @@ struct ReplayJob {
     /// output overwritten. Returns the writer, or null when the frames are not to be written.
     std::function<CaptureWriter*()> openOutput;
     Progress& progress;
-    FILE* log = stdout;  ///< where the lines of log hooks go
+    FILE* log = stdout;             ///< where the lines of log hooks go
+    InjectionFeed* feed = nullptr;  ///< open; null when nothing is injected
 };
 
 /// Replays every frame that `job.reader` still has through one adapter with the address

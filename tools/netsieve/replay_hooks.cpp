@@ -13,12 +13,16 @@ void Enter(const HookTally& tally, HookReport& report) {
     report.offered = tally.Offered();
     report.passed = tally.passed.Value();
     report.withheld = tally.withheld.Value();
+    report.marked = tally.marked.Value();
+    report.overflow = tally.overflow.Value();
+    report.injected = tally.injected.Value();
 }
 
 }  // namespace
 
-ReplayHooks::ReplayHooks(const std::vector<HookSpec>& specs, FILE* log) {
+ReplayHooks::ReplayHooks(const std::vector<HookSpec>& specs, ReplayClock& clock, FILE* log) {
     surroundings_.log = log;
+    surroundings_.clock = &clock;
     bool modules = false;
     for (const HookSpec& spec : specs) {
         const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
@@ -42,10 +46,15 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
     if (const auto missing = FindHookExports(driver, surroundings_.exports)) {
         return fmt::format("the driver takes no hooks: it does not export {}", *missing);
     }
+    if (!Any()) {
+        return std::nullopt;
+    }
     const FILTER_MODULE* const record = RecordOf(module);
     if (record == nullptr) {
         return "the driver is not the one that hooks are made for";
     }
+    surroundings_.held.SetRoom(
+        static_cast<std::size_t>(std::max<LONG>(record->FreeNirpCount, 1) - 1) / 2);
     // Ahead of the modules, whose names are their own: a name that contained in ours would make the
     // driver take our hook for theirs.
     for (BuiltInHook* hook : BuiltIn()) {
@@ -125,7 +134,9 @@ std::vector<HookReport> ReplayHooks::Report() const {
         if (hook.builtIn != nullptr) {
             report.spec = hook.builtIn->Spec().text;
             report.priority = hook.builtIn->Priority();
-            report.matched = hook.builtIn->Counts().matched.Value();
+            if (hook.builtIn->Spec().kind != HookKind::kReplyArp) {
+                report.matched = hook.builtIn->Counts().matched.Value();
+            }
             Enter(hook.builtIn->Counts(), report);
             reports.push_back(report);
             continue;

@@ -20,7 +20,7 @@ namespace netsieve::tool {
 class ReplayHooks {
   public:
     /// Lines of log hooks go to `log`.
-    ReplayHooks(const std::vector<HookSpec>& specs, FILE* log);
+    ReplayHooks(const std::vector<HookSpec>& specs, ReplayClock& clock, FILE* log);
 
     bool Any() const { return !hooks_.empty(); }
 
@@ -34,6 +34,11 @@ class ReplayHooks {
     void Stop(host::Machine& machine, host::LoadedDriver& driver);
 
     const OfferLedger& Ledger() const { return surroundings_.ledger; }
+    const HookExports& Exports() const { return surroundings_.exports; }
+    HeldFrames& Held() { return surroundings_.held; }
+    const HeldFrames& Held() const { return surroundings_.held; }
+    /// Whether every hook is the program's own, so that all requests are known.
+    bool AllKnown() const { return observer_ == nullptr; }
     /// One entry for each hook, in the order of the command line.
     std::vector<HookReport> Report() const;
 

@@ -20,6 +20,8 @@ struct ReplayOptions {
     std::optional<MacAddress> mac;  ///< nothing: found by a vote of the frames
     DirectionChoice direction = DirectionChoice::kAuto;
     std::vector<HookSpec> hooks;
+    std::string inject;                    ///< a second capture, to be injected; empty: none
+    std::optional<std::uint64_t> pauseAt;  ///< pause the adapter after so many frames
     std::uint32_t framesPerList = 1;
     std::optional<std::uint32_t> listsPerCall;  ///< nothing: as many as suit the machine
     bool lendReceived = false;  ///< received lists stay the adapter's and go back with the call

@@ -94,9 +94,9 @@ std::uint64_t TotalLost(const ReplayReport& report) {
     return Total(report, [](const DirectionCounts& counts) { return counts.Lost(); });
 }
 
-bool WithheldAsOrdered(const ReplayReport& report) {
+bool AllAsOrdered(const ReplayReport& report) {
     return Total(report, [](const DirectionCounts& counts) {
-               return std::uint64_t{counts.withheld != counts.withheldByHooks};
+               return std::uint64_t{!counts.AsOrdered()};
            }) == 0;
 }
 
@@ -114,18 +114,21 @@ std::string OriginText(const AdapterReport& adapter) {
 
 void AddAdapter(SummaryText& text, const AdapterReport& adapter) {
     text.Line("adapter", "{} ({})", FormatMac(adapter.address), OriginText(adapter));
-    text.Line("", "{:<10}{:>12}{:>12}", "", "sent", "received");
+    text.Line("", "{:<11}{:>11}{:>12}", "", "sent", "received");
     const auto row = [&](const char* name, std::uint64_t sent, std::uint64_t received,
                          bool always) {
         if (always || sent + received > 0) {
-            text.Line("", "{:<10}{:>12}{:>12}", name, sent, received);
+            text.Line("", "{:<11}{:>11}{:>12}", name, sent, received);
         }
     };
     const DirectionCounts& sent = adapter.sent;
     const DirectionCounts& received = adapter.received;
     row("frames", sent.frames, received.frames, true);
     row("passed", sent.passed, received.passed, true);
-    row("withheld", sent.withheld, received.withheld, true);
+    row("withheld", sent.Withheld(), received.Withheld(), true);
+    row("re-injected", sent.reinjected, received.reinjected, false);
+    row("dropped", sent.dropped, received.dropped, false);
+    row("flushed", sent.flushed, received.flushed, false);
     row("injected", sent.injected, received.injected, false);
     row("reordered", sent.reordered, received.reordered, false);
     row("lost", sent.Lost(), received.Lost(), true);
@@ -141,6 +144,50 @@ void AddHooks(SummaryText& text, const ReplayReport& report) {
         text.Line("", "{:>12}{:>12}{:>12}{:>12}  {} {}{}", hook.offered,
                   hook.matched ? std::to_string(*hook.matched) : "-", hook.passed, hook.withheld,
                   hook.number, hook.spec, hook.name.empty() ? "" : " (" + hook.name + ")");
+    }
+    const char* label = "taken over";
+    for (const HookReport& hook : report.hooks) {
+        if (hook.marked + hook.overflow > 0) {
+            text.Line(label, "{:>12} marked{:>12} refused  {} {}", hook.marked, hook.overflow,
+                      hook.number, hook.spec);
+            label = "";
+        }
+    }
+    label = "made";
+    for (const HookReport& hook : report.hooks) {
+        if (hook.injected > 0) {
+            text.Line(label, "{:>12} injected  {} {}", hook.injected, hook.number, hook.spec);
+            label = "";
+        }
+    }
+}
+
+void AddInjection(SummaryText& text, const ReplayReport& report) {
+    if (report.inject.empty()) {
+        return;
+    }
+    const InjectionCounts& counts = report.injection;
+    text.Line("injection", "{}: {}, {} sent{}", report.inject, Counted(counts.frames, "frame"),
+              counts.sent, report.injectFailure ? ", broken off" : "");
+    const auto rest = [&](std::uint64_t frames, const char* why) {
+        if (frames > 0) {
+            text.Line("", "{} not sent: {}", Counted(frames, "frame"), why);
+        }
+    };
+    rest(counts.otherSource, "the source is not the adapter's address");
+    rest(counts.badLength, "shorter than 12 bytes or longer than 65535");
+    rest(counts.refused, "the driver had nothing left to send them in");
+}
+
+void AddPause(SummaryText& text, const ReplayReport& report) {
+    if (!report.pauseAt) {
+        return;
+    }
+    if (report.flushedByPause) {
+        text.Line("pause", "after frame {}, which flushed {}", *report.pauseAt,
+                  Counted(*report.flushedByPause, "held frame"));
+    } else {
+        text.Line("pause", "never: frame {} was not reached", *report.pauseAt);
     }
 }
 
@@ -217,10 +264,21 @@ void AddAccounting(SummaryText& text, const ReplayReport& report) {
     const auto total = [&](auto member) {
         return Total(report, [&](const DirectionCounts& counts) { return counts.*member; });
     };
-    text.Line("accounting", "{} in; {} passed, {} withheld, {} injected, {} lost; {}{}",
+    const std::uint64_t withheld =
+        Total(report, [](const DirectionCounts& counts) { return counts.Withheld(); });
+    std::string held;
+    const auto add = [&](auto member, const char* name) {
+        if (total(member) > 0) {
+            held += fmt::format("{} {}, ", total(member), name);
+        }
+    };
+    add(&DirectionCounts::reinjected, "re-injected");
+    add(&DirectionCounts::dropped, "dropped");
+    add(&DirectionCounts::flushed, "flushed");
+    text.Line("accounting", "{} in; {} passed, {} withheld, {}{} injected, {} lost; {}{}",
               Counted(total(&DirectionCounts::frames), "frame"), total(&DirectionCounts::passed),
-              total(&DirectionCounts::withheld), total(&DirectionCounts::injected),
-              TotalLost(report), report.leftover.value_or("everything was given back"),
+              withheld, held, total(&DirectionCounts::injected), TotalLost(report),
+              report.leftover.value_or("everything was given back"),
               report.Balanced() ? "" : "; the account does not balance");
 }
 
@@ -228,8 +286,11 @@ Json CountsJson(const DirectionCounts& counts) {
     const UninspectedCounts& uninspected = counts.uninspected;
     return {{"frames", counts.frames},
             {"passed", counts.passed},
-            {"withheld", counts.withheld},
-            {"withheld_by_hooks", counts.withheldByHooks},
+            {"withheld", counts.Withheld()},
+            {"reinjected", counts.reinjected},
+            {"dropped", counts.dropped},
+            {"flushed", counts.flushed},
+            {"kept_by_hooks", counts.keptByHooks},
             {"injected", counts.injected},
             {"reordered", counts.reordered},
             {"lost", counts.Lost()},
@@ -244,10 +305,11 @@ Json CountsJson(const DirectionCounts& counts) {
 Json HooksJson(const ReplayReport& report) {
     Json hooks = Json::array();
     for (const HookReport& hook : report.hooks) {
-        Json entry = {{"number", hook.number},   {"hook", hook.spec},
-                      {"name", hook.name},       {"priority", hook.priority},
-                      {"offered", hook.offered}, {"selected", nullptr},
-                      {"passed", hook.passed},   {"withheld", hook.withheld}};
+        Json entry = {
+            {"number", hook.number},     {"hook", hook.spec},         {"name", hook.name},
+            {"priority", hook.priority}, {"offered", hook.offered},   {"selected", nullptr},
+            {"passed", hook.passed},     {"withheld", hook.withheld}, {"marked", hook.marked},
+            {"refused", hook.overflow},  {"injected", hook.injected}};
         if (hook.matched) {
             entry["selected"] = *hook.matched;
         }
@@ -256,18 +318,45 @@ Json HooksJson(const ReplayReport& report) {
     return hooks;
 }
 
-Json CaptureJson(const ReplayReport& report) {
-    Json capture = {{"path", report.capture},
-                    {"format", report.pcapng ? "pcapng" : "pcap"},
-                    {"precision", PrecisionName(report.precision)},
-                    {"frames", report.framesRead},
-                    {"bytes", report.bytesRead},
-                    {"problem", nullptr}};
-    if (report.inputFailure) {
-        capture["problem"] = {{"kind", FaultName(report.inputFailure->fault)},
-                              {"message", report.inputFailure->message}};
+Json ProblemJson(const std::optional<CaptureFailure>& failure) {
+    if (!failure) {
+        return nullptr;
     }
-    return capture;
+    return {{"kind", FaultName(failure->fault)}, {"message", failure->message}};
+}
+
+Json InjectionJson(const ReplayReport& report) {
+    if (report.inject.empty()) {
+        return nullptr;
+    }
+    const InjectionCounts& counts = report.injection;
+    return {{"path", report.inject},
+            {"frames", counts.frames},
+            {"sent", counts.sent},
+            {"other_source", counts.otherSource},
+            {"bad_length", counts.badLength},
+            {"refused", counts.refused},
+            {"problem", ProblemJson(report.injectFailure)}};
+}
+
+Json PauseJson(const ReplayReport& report) {
+    if (!report.pauseAt) {
+        return nullptr;
+    }
+    Json pause = {{"after_frame", *report.pauseAt}, {"flushed", nullptr}};
+    if (report.flushedByPause) {
+        pause["flushed"] = *report.flushedByPause;
+    }
+    return pause;
+}
+
+Json CaptureJson(const ReplayReport& report) {
+    return {{"path", report.capture},
+            {"format", report.pcapng ? "pcapng" : "pcap"},
+            {"precision", PrecisionName(report.precision)},
+            {"frames", report.framesRead},
+            {"bytes", report.bytesRead},
+            {"problem", ProblemJson(report.inputFailure)}};
 }
 
 Json OutputJson(const ReplayReport& report) {
@@ -309,7 +398,7 @@ Json VerifierJson(const ReplayReport& report) {
 }  // namespace
 
 bool ReplayReport::Balanced() const {
-    return !abandoned && !leftover && TotalLost(*this) == 0 && WithheldAsOrdered(*this);
+    return !abandoned && !leftover && TotalLost(*this) == 0 && AllAsOrdered(*this);
 }
 
 ExitStatus ReplayReport::Status() const {
@@ -317,9 +406,11 @@ ExitStatus ReplayReport::Status() const {
     const auto apply = [&](bool applies, ExitStatus candidate) {
         status = applies ? Graver(status, candidate) : status;
     };
-    apply(inputFailure.has_value(), inputFailure && inputFailure->fault == CaptureFault::kBrokenOff
-                                        ? ExitStatus::kInputBrokenOff
-                                        : ExitStatus::kInputUnreadable);
+    for (const auto& failure : {inputFailure, injectFailure}) {
+        apply(failure.has_value(), failure && failure->fault == CaptureFault::kBrokenOff
+                                       ? ExitStatus::kInputBrokenOff
+                                       : ExitStatus::kInputUnreadable);
+    }
     apply(notRepresentable > 0, ExitStatus::kNotRepresentable);
     apply(outputFailure || logFailure, ExitStatus::kOutputFailed);
     apply(driverFailure.has_value(), ExitStatus::kDriverNotLoaded);
@@ -340,6 +431,8 @@ std::string FormatReport(const ReplayReport& report) {
     }
     AddHooks(text, report);
     AddUninspected(text, report);
+    AddInjection(text, report);
+    AddPause(text, report);
     AddOutput(text, report);
     AddLines(text, "trace", report.trace);
     AddVerifier(text, report);
@@ -352,6 +445,8 @@ std::string FormatReportJson(const ReplayReport& report) {
                      {"driver", {{"source", report.driver}, {"problem", nullptr}}},
                      {"adapters", AdaptersJson(report)},
                      {"hooks", HooksJson(report)},
+                     {"injection", InjectionJson(report)},
+                     {"pause", PauseJson(report)},
                      {"output", OutputJson(report)},
                      {"trace", report.trace},
                      {"verifier", VerifierJson(report)},

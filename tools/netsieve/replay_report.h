@@ -1,6 +1,7 @@
 // What a replay found out, and how it is told.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/exit_status.h"
+#include "tools/netsieve/injection_feed.h"
 #include "tools/netsieve/mac_address.h"
 
 namespace netsieve::tool {
@@ -26,17 +28,33 @@ struct UninspectedCounts {
 struct DirectionCounts {
     std::uint64_t frames = 0;     ///< handed to the driver
     std::uint64_t passed = 0;     ///< came out at the other end
-    std::uint64_t withheld = 0;   ///< came back to their owner without having been there
+    std::uint64_t cameBack = 0;   ///< came back to their owner without having been there
     std::uint64_t injected = 0;   ///< came out without having been handed in
     std::uint64_t reordered = 0;  ///< of the passed ones: came out before an earlier frame
 
-    /// What the hooks ordered to be withheld. Where it differs from `withheld`, the driver withheld
-    /// what it should not have, or let go what it should have kept.
-    std::uint64_t withheldByHooks = 0;
+    // Of those that came back, the ones that a hook had taken over.
+    std::uint64_t reinjected = 0;  ///< came out later, as the driver's copy
+    std::uint64_t dropped = 0;     ///< completed with a failure
+    std::uint64_t flushed = 0;     ///< dropped because the adapter was paused
+    std::uint64_t missing = 0;     ///< completed with success, and nothing came out
+
+    /// What the hooks withheld or took over. Where it differs from `cameBack`, the driver kept what
+    /// it should not have, or let go what it should have kept.
+    std::uint64_t keptByHooks = 0;
+    /// What the hooks completed with success, in the same relation to `reinjected`.
+    std::uint64_t reinjectedByHooks = 0;
     UninspectedCounts uninspected{};  ///< all 0 in a replay without hooks
 
-    /// Neither came out nor came back.
-    std::uint64_t Lost() const { return frames - passed - withheld; }
+    /// Came back, and nothing else became of it.
+    std::uint64_t Withheld() const {
+        return cameBack - std::min(cameBack, reinjected + dropped + flushed + missing);
+    }
+    /// Neither came out nor came back, or did not come out when it was due.
+    std::uint64_t Lost() const { return frames - passed - cameBack + missing; }
+    /// The driver did with every frame what the hooks had decided.
+    bool AsOrdered() const {
+        return cameBack == keptByHooks && reinjected + missing == reinjectedByHooks;
+    }
 };
 
 enum class MacOrigin { kGiven, kVoted, kFallback };
@@ -59,6 +77,9 @@ struct HookReport {
     std::uint64_t offered = 0;
     std::uint64_t passed = 0;
     std::uint64_t withheld = 0;
+    std::uint64_t marked = 0;    ///< taken over, to be decided about later
+    std::uint64_t overflow = 0;  ///< to be taken over, which the driver could not
+    std::uint64_t injected = 0;  ///< frames that it made itself
     /// Frames that the expression selects; of the program's own hooks only.
     std::optional<std::uint64_t> matched{};
 };
@@ -83,6 +104,13 @@ struct ReplayReport {
     std::uint64_t notRepresentable = 0;
     std::uint64_t firstNotRepresentable = 0;  ///< number of the frame, from 1
     std::optional<std::string> outputFailure;
+
+    std::string inject;  ///< the capture that is injected; empty when there is none
+    std::optional<CaptureFailure> injectFailure;
+    InjectionCounts injection;
+
+    std::optional<std::uint64_t> pauseAt;         ///< as the user asked
+    std::optional<std::uint64_t> flushedByPause;  ///< requests; nothing when it did not come to it
 
     std::string driver;
     std::optional<std::string> driverFailure;

@@ -1,0 +1,89 @@
+#include "tools/netsieve/held_frames.h"
+
+#include <limits>
+
+#include "tools/netsieve/frame_exchange.h"
+#include "tools/netsieve/frame_tag.h"
+
+namespace netsieve::tool {
+namespace {
+
+constexpr std::int64_t kAtTheEnd = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+CaptureStamp StampOf(std::int64_t nanoseconds) {
+    std::int64_t rest = nanoseconds % kNanosecondsPerSecond;
+    rest += rest < 0 ? kNanosecondsPerSecond : 0;
+    return {(nanoseconds - rest) / kNanosecondsPerSecond, static_cast<std::uint32_t>(rest)};
+}
+
+}  // namespace
+
+void HeldFrames::Add(NIRP* record, Direction way, std::optional<CaptureStamp> due, bool success) {
+    const FrameTag& tag = TagOf(*record->NetBuffer, OriginatorOf(way));
+    Request& request =
+        requests_.try_emplace(record, Request{way, tag.number, tag.originalLength}).first->second;
+    ++request.marks;
+    marks_.emplace(due ? due->TotalNanoseconds() : kAtTheEnd, Mark{record, success});
+}
+
+std::optional<CaptureStamp> HeldFrames::NextDue() const {
+    if (marks_.empty() || marks_.begin()->first == kAtTheEnd) {
+        return std::nullopt;
+    }
+    return StampOf(marks_.begin()->first);
+}
+
+void HeldFrames::ReleaseNext(const HookExports& exports, FrameExchange& exchange) {
+    const Mark mark = marks_.begin()->second;
+    marks_.erase(marks_.begin());
+    Complete(mark, exports, exchange);
+}
+
+void HeldFrames::ReleaseAll(const HookExports& exports, FrameExchange& exchange) {
+    while (!marks_.empty()) {
+        ReleaseNext(exports, exchange);
+    }
+}
+
+void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange) {
+    const auto at = requests_.find(mark.record);
+    Request& request = at->second;
+    --request.marks;
+    request.failed = request.failed || !mark.success;
+    Release release{mark.record->Clone, request.number, request.originalLength};
+    exchange.Expect(&release);
+    exports.completeRequest(
+        mark.record, static_cast<ULONG>(mark.success ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL));
+    exchange.Expect(nullptr);
+    if (request.marks == 0) {
+        Settle(request, release.deliveries != 0);
+        requests_.erase(at);
+    }
+}
+
+void HeldFrames::Settle(const Request& request, bool cameOut) {
+    RequestCounts& counts = counts_[static_cast<std::size_t>(request.way)];
+    if (request.flushed) {
+        ++counts.flushed;
+    } else if (request.failed) {
+        ++counts.dropped;
+    } else {
+        ++counts.reinjected;
+        counts.missing += cameOut ? 0 : 1;
+    }
+}
+
+std::uint64_t HeldFrames::NotePause() {
+    std::uint64_t flushed = 0;
+    for (auto& [record, request] : requests_) {
+        // The driver has given the copy up: what comes now only pays the marks.
+        if (!request.flushed && record->Clone == nullptr) {
+            request.flushed = true;
+            ++flushed;
+        }
+    }
+    return flushed;
+}
+
+}  // namespace netsieve::tool

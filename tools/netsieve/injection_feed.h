@@ -1,0 +1,50 @@
+// The second capture of a replay, whose frames the driver is asked to send as its own.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/netsieve/capture_reader.h"
+#include "tools/netsieve/mac_address.h"
+
+namespace netsieve::tool {
+
+/// What became of the frames of that capture.
+struct InjectionCounts {
+    std::uint64_t frames = 0;
+    std::uint64_t sent = 0;         ///< came out of the adapter
+    std::uint64_t otherSource = 0;  ///< belongs to no adapter of the replay
+    std::uint64_t badLength = 0;    ///< too short to have a source, or too long for any record
+    std::uint64_t refused = 0;      ///< the driver had nothing left to send it in
+};
+
+/// Reads one frame ahead, so that its time is known before its turn comes.
+class InjectionFeed {
+  public:
+    /// Returns what is wrong with the capture, or nothing.
+    std::optional<CaptureFailure> Open(const std::string& path);
+
+    /// When the next frame is to go; nothing when there is none.
+    std::optional<CaptureStamp> NextDue() const;
+    /// That frame. Its bytes are good until Advance.
+    const CaptureFrame& Next() const { return next_; }
+    /// Counts what became of it, with `sent` saying whether it came out, and reads on.
+    void Advance(const MacAddress& adapter, bool sent);
+
+    const InjectionCounts& Counts() const { return counts_; }
+    const CaptureSource& Source() const { return reader_.Source(); }
+    /// Why reading stopped before the end, or nothing.
+    const std::optional<CaptureFailure>& Failure() const { return failure_; }
+
+  private:
+    void Read();
+
+    CaptureReader reader_;
+    CaptureFrame next_;
+    bool waiting_ = false;
+    InjectionCounts counts_;
+    std::optional<CaptureFailure> failure_;
+};
+
+}  // namespace netsieve::tool
