@@ -64,9 +64,15 @@ endfunction()
 function(netsieve_import_library target)
     cmake_parse_arguments(PARSE_ARGV 1 library "" "DEF;OUTPUT" "")
     get_filename_component(library_DEF "${library_DEF}" ABSOLUTE)
+    # The same bytes every time: without a prefix of ours the members bear the number of the process
+    # that made them, and their symbols are named after the output as it is given here.
+    get_filename_component(directory "${library_OUTPUT}" DIRECTORY)
+    get_filename_component(name "${library_OUTPUT}" NAME)
     add_custom_command(OUTPUT "${library_OUTPUT}"
         COMMAND "${CMAKE_DLLTOOL}" --machine i386:x86-64 --deterministic-libraries
-                --input-def "${library_DEF}" --output-lib "${library_OUTPUT}"
+                --temp-prefix ${target}_
+                --input-def "${library_DEF}" --output-lib "${name}"
+        WORKING_DIRECTORY "${directory}"
         DEPENDS "${library_DEF}"
         VERBATIM)
     add_custom_target(${target}_file DEPENDS "${library_OUTPUT}")

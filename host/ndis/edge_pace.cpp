@@ -14,6 +14,9 @@ void EdgePace::Take(PNET_BUFFER_LIST chain, bool dispatch) {
         release_(chain, dispatch);
         return;
     }
+    if (pace_ == Pace::kForwarded) {
+        return;
+    }
     PNET_BUFFER_LIST atOnce = nullptr;
     PNET_BUFFER_LIST* tail = &atOnce;
     bool deferred = false;

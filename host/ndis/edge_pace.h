@@ -15,11 +15,12 @@ namespace netsieve::host {
 class Machine;
 
 enum class Pace : std::uint8_t {
-    kInline,    ///< before the call that brought the lists returns
-    kDeferred,  ///< later, from DPCs and workers of any processor, out of order, chains split and
-                ///< mixed
-    kMixed,     ///< each list one way or the other
-    kHold,      ///< when ReleaseAll is called
+    kInline,     ///< before the call that brought the lists returns
+    kDeferred,   ///< later, from DPCs and workers of any processor, out of order, chains split and
+                 ///< mixed
+    kMixed,      ///< each list one way or the other
+    kHold,       ///< when ReleaseAll is called
+    kForwarded,  ///< whoever listens to what arrives keeps it, and calls GiveBack
 };
 
 /// The lists that an edge has in hand, and the moment it lets go of them.
@@ -38,6 +39,8 @@ class EdgePace {
     void Take(PNET_BUFFER_LIST chain, bool dispatch);
     /// Lets go of everything in hand, in order, from the calling context.
     void ReleaseAll();
+    /// Gives back what was not taken in hand because it is forwarded.
+    void GiveBack(PNET_BUFFER_LIST chain, bool dispatch) { release_(chain, dispatch); }
     /// While the stack is being emptied nothing is held back: what is in hand goes now, and what
     /// comes later goes inline if it would have been held.
     void SetDraining(bool draining);

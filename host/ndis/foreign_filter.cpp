@@ -87,13 +87,14 @@ Driver g_below{"FOREIGNLO", 0x6265'6C6F'7762'656Cull};
 
 template <Driver* kDriver>
 struct Filter {
-    static Mark* TopMark(PNET_BUFFER_LIST list) {
+    // The mark of this very module: a list that crosses two adapters may bear one of each.
+    static Mark* TopMark(const Module* module, PNET_BUFFER_LIST list) {
         NET_BUFFER_LIST_CONTEXT* const block = list->Context;
         if (block == nullptr || block->Offset + kContextSize > block->Size) {
             return nullptr;
         }
         auto* mark = reinterpret_cast<Mark*>(reinterpret_cast<char*>(block + 1) + block->Offset);
-        return mark->magic == kDriver->magic ? mark : nullptr;
+        return mark->magic == kDriver->magic && mark->module == module ? mark : nullptr;
     }
 
     // A list that finds no context space goes on unmarked, which the way back has to allow for.
@@ -109,9 +110,9 @@ struct Filter {
         }
     }
 
-    static void Pop(PNET_BUFFER_LIST chain) {
+    static void Pop(const Module* module, PNET_BUFFER_LIST chain) {
         for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-            Mark* const mark = TopMark(list);
+            Mark* const mark = TopMark(module, list);
             if (mark == nullptr) {
                 continue;
             }
@@ -162,7 +163,7 @@ struct Filter {
     }
     static VOID NTAPI SendComplete(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags) {
         const ModuleCall module(context);
-        Pop(chain);
+        Pop(module.Get(), chain);
         NdisFSendNetBufferListsComplete(module->handle, chain, flags);
     }
     static VOID NTAPI Receive(NDIS_HANDLE context,
@@ -174,12 +175,12 @@ struct Filter {
         Push(module.Get(), chain);
         NdisFIndicateReceiveNetBufferLists(module->handle, chain, port, count, flags);
         if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0) {
-            Pop(chain);
+            Pop(module.Get(), chain);
         }
     }
     static VOID NTAPI Return(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags) {
         const ModuleCall module(context);
-        Pop(chain);
+        Pop(module.Get(), chain);
         NdisFReturnNetBufferLists(module->handle, chain, flags);
     }
 

@@ -95,7 +95,7 @@ ListPools::~ListPools() {
 }
 
 ListPool* ListPools::CreatePool(Party* home, const LoadedDriver* driver) {
-    if (machine_.faults().Fails(FaultKind::kNblPool)) {
+    if (driver != nullptr && machine_.faults().Fails(FaultKind::kNblPool)) {
         return nullptr;
     }
     auto* pool = new ListPool{.home = home, .driver = driver};
@@ -103,6 +103,14 @@ ListPool* ListPools::CreatePool(Party* home, const LoadedDriver* driver) {
     HostLock lock(mutex_);
     pools_.insert(pool);
     return pool;
+}
+
+bool ListPools::IsPool(NDIS_HANDLE handle) {
+    if (!g_verifyMode) {
+        return handle != nullptr;
+    }
+    HostLock lock(mutex_);
+    return pools_.contains(static_cast<ListPool*>(handle));
 }
 
 void ListPools::FreePool(ListPool* pool) {
@@ -145,7 +153,7 @@ PNET_BUFFER_LIST ListPools::AllocateList(ListPool* pool,
                                          PMDL mdlChain,
                                          ULONG dataOffset,
                                          SIZE_T length) {
-    if (machine_.faults().Fails(FaultKind::kNbl)) {
+    if (pool->driver != nullptr && machine_.faults().Fails(FaultKind::kNbl)) {
         return nullptr;
     }
     ListBlock* const block = TakeBlock(pool);
@@ -361,6 +369,10 @@ PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHan
     Machine& machine = Machine::Current();
     machine.EnterCall("NdisAllocateNetBufferAndNetBufferList");
     ListPools& lists = machine.ndis().lists();
+    if (!lists.IsPool(PoolHandle)) {
+        machine.verifier().Report(Rule::kHandleNotOpen, "a list was asked of what is no pool");
+        return nullptr;
+    }
     PNET_BUFFER_LIST const list =
         lists.AllocateList(static_cast<ListPool*>(PoolHandle), MdlChain, DataOffset, DataLength);
     if (list != nullptr && ContextSize + ContextBackFill != 0 &&

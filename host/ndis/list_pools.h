@@ -30,9 +30,11 @@ class ListPools {
     explicit ListPools(Machine& machine);
     ~ListPools();
 
-    /// A pool whose lists are at home with `home`; null on a fault.
+    /// A pool whose lists are at home with `home`; null on a fault, which only a driver meets.
     ListPool* CreatePool(Party* home, const LoadedDriver* driver);
     void FreePool(ListPool* pool);
+    /// Whether lists can be made from this handle; without the verifier only null is told apart.
+    bool IsPool(NDIS_HANDLE handle);
     /// A list with one NET_BUFFER over the MDL chain; null on a fault.
     PNET_BUFFER_LIST AllocateList(ListPool* pool, PMDL mdlChain, ULONG dataOffset, SIZE_T length);
     void FreeList(PNET_BUFFER_LIST list);

@@ -92,7 +92,7 @@ bool ListTracker::Dies(PNET_BUFFER_LIST list) {
         verifier_.Report(Rule::kFreedListUsed, "a list that is not alive was freed");
         return false;
     }
-    if (it->second.away) {
+    if (it->second.away || it->second.adopted) {
         Report(Rule::kListNotOwned, it->second, "freed while it is given away");
         return false;
     }
@@ -103,6 +103,31 @@ bool ListTracker::Dies(PNET_BUFFER_LIST list) {
 bool ListTracker::Knows(PNET_BUFFER_LIST list) {
     HostLock lock(mutex_);
     return records_.contains(list);
+}
+
+void ListTracker::Adopt(PNET_BUFFER_LIST list, const Party& holder, Party& owner) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(list);
+    if (record.holder != &holder) {
+        Report(Rule::kListNotOwned, record,
+               fmt::format("adopted from {}, who does not hold it", holder.name));
+    }
+    auto before = std::make_unique<Record>(std::move(record));
+    record = {};
+    record.id = before->id;
+    record.home = &owner;
+    record.holder = &owner;
+    record.adopted = std::move(before);
+}
+
+void ListTracker::Surrender(PNET_BUFFER_LIST list) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(list);
+    if (record.away) {
+        Report(Rule::kListNotOwned, record, "surrendered while it is given away");
+    }
+    const std::unique_ptr<Record> before = std::move(record.adopted);
+    record = std::move(*before);
 }
 
 std::vector<PNET_BUFFER_LIST> ListTracker::Alive() {
@@ -355,6 +380,9 @@ std::string ListTracker::Describe(const Record& record) {
         const Step& at = record.history[step % kept];
         text += fmt::format("\n          {}. {} by {} to {} (context {})", step + 1, at.verb,
                             at.from->name, at.to->name, at.context);
+    }
+    if (record.adopted) {
+        text += "\n        before that it was " + Describe(*record.adopted);
     }
     return text;
 }

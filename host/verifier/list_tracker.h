@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,12 @@ class ListTracker {
     bool Dies(PNET_BUFFER_LIST list);
     /// Whether this is a list of the machine that is alive.
     bool Knows(PNET_BUFFER_LIST list);
+
+    /// `holder`, an edge, makes a list that was given to it into one of `owner`'s own, which can
+    /// give it away again. What is known of its journey so far waits until Surrender.
+    void Adopt(PNET_BUFFER_LIST list, const Party& holder, Party& owner);
+    /// The list is home with the one who adopted it, and is again where it was before.
+    void Surrender(PNET_BUFFER_LIST list);
 
     /// Every list of the machine that is alive.
     std::vector<PNET_BUFFER_LIST> Alive();
@@ -105,6 +112,7 @@ class ListTracker {
         std::uint64_t edgePrint = 0;
         std::array<Step, 16> history;  ///< the latest steps
         std::uint64_t steps = 0;
+        std::unique_ptr<Record> adopted;  ///< the journey that the present one interrupts
     };
 
     bool MoveOne(PNET_BUFFER_LIST list, Party& from, Party& to, ListMove move, bool lent);

@@ -11,8 +11,11 @@ NBL_CONTEXT* AllocateListAndContext(FILTER_MODULE* module,
                                     NIRP* nirp,
                                     const OWN_LIST_SITES* sites,
                                     BOOLEAN atDispatch) {
-    PNET_BUFFER_LIST list = NdisAllocateNetBufferAndNetBufferList(module->NblPool, 0, 0, nirp->Mdl,
-                                                                  0, nirp->DataLength);
+    // A module whose pool could not be made works on without lists of its own.
+    PNET_BUFFER_LIST list = module->NblPool == nullptr
+                                ? nullptr
+                                : NdisAllocateNetBufferAndNetBufferList(
+                                      module->NblPool, 0, 0, nirp->Mdl, 0, nirp->DataLength);
     if (list == nullptr) {
         TraceLog(module, sites->Label, sites->NoList, atDispatch);
         return nullptr;

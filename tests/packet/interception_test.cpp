@@ -1,7 +1,9 @@
 // Lists that cross the hooks: whatever is withheld of them, their owner gets them back as they
 // were.
 #include <map>
+#include <optional>
 
+#include "host/ndis/intermediate_driver.h"
 #include "host/sched/random.h"
 #include "tests/packet/pending_rig.h"
 
@@ -10,25 +12,28 @@ namespace {
 
 constexpr std::size_t kSizes[] = {1, 5, 6, 14, 60, 256, 1514, 1515, 9000, 65535, 65536};
 
-/// Traffic of random lists, of which a hook withholds at random. Every frame starts with the
-/// broadcast address and its own number, as far as it reaches.
+/// Traffic of random lists from `top` to `bottom`, or up, of which a hook withholds at random.
+/// Every frame starts with the broadcast address and its own number, as far as it reaches.
 class RandomTraffic {
   public:
-    RandomTraffic(Machine& machine, Stack& stack, std::uint64_t seed, bool send)
-        : machine_(machine),
-          stack_(stack),
+    RandomTraffic(Machine& machine, Stack& top, Stack& bottom, std::uint64_t seed, bool send)
+        : protocol_(top.protocol()),
+          adapter_(bottom.adapter()),
           random_(seed),
           send_(send),
-          lists_(machine, send ? stack.protocol().pool() : stack.adapter().pool()) {
+          lists_(machine, send ? protocol_.pool() : adapter_.pool()) {
         const auto arrived = [this](PNET_BUFFER_LIST chain) { Arrived(chain); };
         const auto home = [this](PNET_BUFFER_LIST chain) { Home(chain); };
-        stack.adapter().onSend = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+        adapter_.onSend = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             arrived(chain);
         };
-        stack.protocol().onReceive = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
-                                               ULONG) { arrived(chain); };
-        stack.protocol().onSendComplete = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
-        stack.adapter().onReturned = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
+        protocol_.onReceive = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
+            arrived(chain);
+        };
+        protocol_.onSendComplete = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
+        adapter_.onReturned = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
+        adapter_.pace().Set(Pace::kMixed);
+        protocol_.pace().Set(Pace::kMixed);
     }
 
     /// The hook's verdict; the frame's record must show the frame and nothing else.
@@ -54,9 +59,8 @@ class RandomTraffic {
         }
         std::vector<PNET_BUFFER_LIST> const lists = ListsOf(chain);
         if (send_) {
-            stack_.protocol().Send(chain);
-        } else if (stack_.adapter().Indicate(chain, 0, lent ? NDIS_RECEIVE_FLAGS_RESOURCES : 0) &&
-                   lent) {
+            protocol_.Send(chain);
+        } else if (adapter_.Indicate(chain, 0, lent ? NDIS_RECEIVE_FLAGS_RESOURCES : 0) && lent) {
             // One chain again, which starts with the adapter's first list.
             EXPECT_THAT(ListsOf(lists[0]), testing::UnorderedElementsAreArray(lists));
             Home(lists[0]);
@@ -75,6 +79,7 @@ class RandomTraffic {
 
   private:
     PNET_BUFFER_LIST MakeList() {
+        const HostLock lock(mutex_);
         std::vector<Frame> frames;
         for (std::uint64_t count = 1 + random_.Below(5); count > 0; --count) {
             Frame frame(kSizes[random_.Below(std::size(kSizes))],
@@ -128,8 +133,8 @@ class RandomTraffic {
         }
     }
 
-    Machine& machine_;
-    Stack& stack_;
+    Protocol& protocol_;
+    Adapter& adapter_;
     Random random_;
     bool send_;
     FrameLists lists_;
@@ -142,38 +147,62 @@ class RandomTraffic {
 
 class InterceptionTest : public BothSchedulers {};
 
+void CarryAtRandom(Machine& machine,
+                   Stack& top,
+                   Stack& bottom,
+                   std::uint64_t seed,
+                   bool send,
+                   bool lent) {
+    std::vector<FILTER_MODULE*> modules = {RecordOf(machine, top), RecordOf(machine, bottom)};
+    const ULONG records = FreeRecordsOf(modules[0]);
+    {
+        RandomTraffic traffic(machine, top, bottom, seed, send);
+        const TestHook hook([&](NIRP* nirp) { return traffic.Judge(nirp); });
+        constexpr FaultKind kinds[] = {FaultKind::kNblContext, FaultKind::kPool, FaultKind::kMdl};
+        for (std::uint64_t call = 0; call < 12; ++call) {
+            machine.faults().Arm(
+                {.kind = kinds[call % 3], .probability = 0.2, .seed = seed + call});
+            traffic.Call(lent);
+            machine.faults().Disarm();
+        }
+        top.Pause();
+        bottom.Pause();
+        traffic.ExpectSettled();
+    }
+    for (FILTER_MODULE* const module : modules) {
+        EXPECT_EQ(FreeRecordsOf(module), records);
+        EXPECT_EQ(module->FreeNirpCount, records);
+    }
+}
+
+// Through one adapter or, in the same lists, through two; every second run has contexts of others
+// over and under the driver's.
 TEST_P(InterceptionTest, EveryListComesHomeAsItWas) {
-    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+    for (std::uint64_t seed = 1; seed <= (Simulated() ? 64 : 16); ++seed) {
         MachineOptions options = Options();
         options.seed = seed;
         RunClean(options, [&](Machine& machine) {
-            // Contexts of others lie over and under the driver's, on every second run.
+            for (const bool above : {true, false}) {
+                if (seed % 4 < 2) {
+                    ASSERT_EQ(machine.LoadDriver(ForeignFilter(above)), STATUS_SUCCESS);
+                }
+            }
             ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
             for (const bool send : {true, false}) {
-                Stack& stack = machine.ndis().AddAdapter({.ifIndex = send ? 1u : 2u});
-                FILTER_MODULE* const module = RecordOf(machine, stack);
-                const ULONG records = FreeRecordsOf(module);
-                {
-                    RandomTraffic traffic(machine, stack, seed, send);
-                    TestHook hook([&](NIRP* nirp) { return traffic.Judge(nirp); });
-                    stack.adapter().pace().Set(Pace::kMixed);
-                    stack.protocol().pace().Set(Pace::kMixed);
-                    for (int call = 0; call < 12; ++call) {
-                        machine.faults().Arm({.kind = call % 3 == 0   ? FaultKind::kNblContext
-                                                      : call % 3 == 1 ? FaultKind::kPool
-                                                                      : FaultKind::kMdl,
-                                              .probability = 0.2,
-                                              .seed = seed + static_cast<std::uint64_t>(call)});
-                        traffic.Call(seed % 2 == 0);
-                        machine.faults().Disarm();
-                    }
-                    stack.Pause();
-                    traffic.ExpectSettled();
+                Stack& bottom = machine.ndis().AddAdapter({.ifIndex = send ? 1u : 2u});
+                Stack* top = &bottom;
+                std::optional<IntermediateDriver> between;
+                if (seed % 8 < 4) {
+                    top = &machine.ndis().AddAdapter({.ifIndex = send ? 3u : 4u});
+                    between.emplace(*top, bottom);
                 }
-                EXPECT_EQ(FreeRecordsOf(module), records);
-                EXPECT_EQ(module->FreeNirpCount, records);
+                CarryAtRandom(machine, *top, bottom, seed, send, seed % 2 == 0);
             }
-            machine.UnloadDriver("NETSIEVE");
+            for (const char* driver : {"NETSIEVE", "FOREIGNUP", "FOREIGNLO"}) {
+                if (machine.FindDriver(driver) != nullptr) {
+                    machine.UnloadDriver(driver);
+                }
+            }
         });
     }
 }
@@ -288,6 +317,26 @@ TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
             EXPECT_EQ(IsListEmpty(&module->LargeNirpList), size <= 1514);
             scene.ExpectPoolWhole();
         }
+    });
+}
+
+// As many records as the machine can spare, or as many as could be made before one was refused.
+TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
+    struct Case {
+        MM_SYSTEMSIZE system;
+        ULONG records;
+    };
+    for (const Case& c : {Case{MmSmallSystem, 19}, {MmMediumSystem, 26}, {MmLargeSystem, 48}}) {
+        OnScene([&](Scene& scene) { EXPECT_EQ(scene.records, c.records); },
+                {.systemSize = c.system});
+    }
+    RunClean({}, [](Machine& machine) {
+        machine.faults().Arm({.kind = FaultKind::kMdl, .nth = 9, .persistent = true});
+        Scene scene(machine);
+        machine.faults().Disarm();
+        EXPECT_EQ(scene.records, 8u);
+        scene.ExpectPoolWhole();
+        machine.UnloadDriver("NETSIEVE");
     });
 }
 

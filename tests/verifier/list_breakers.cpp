@@ -252,6 +252,8 @@ std::vector<Breaker> ContextAndPoolBreakers() {
              NdisFreeNetBufferListPool(scene.own->NdisPoolHandle);
              scene.own->NdisPoolHandle = nullptr;
          }},
+        {Rule::kHandleNotOpen, "a list from no pool",
+         [](Scene&) { NdisAllocateNetBufferAndNetBufferList(nullptr, 0, 0, nullptr, 0, 0); }},
         {Rule::kFreedListUsed, "freed twice",
          [](Scene& scene) {
              StartWithOwn(scene);
