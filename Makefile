@@ -8,6 +8,7 @@ JOBS ?= $(shell nproc)
 asan: export NETSIEVE_SCHEDULES ?= 1000
 tsan: export NETSIEVE_SCHEDULES ?= 500
 search: export NETSIEVE_SCHEDULES ?= 2500
+asan tsan search: export NETSIEVE_PREEMPTIONS ?= 1
 
 CTEST = ctest --output-on-failure --no-tests=error --parallel $(JOBS) --test-dir
 SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name '*.h' -o -name '*.c'

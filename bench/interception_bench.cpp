@@ -7,11 +7,10 @@
 #include <array>
 #include <atomic>
 #include <memory>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "bench/crossing.h"
+#include "bench/hooks.h"
 #include "bench/ideal_loop.h"
 #include "driver/driver_entry.h"
 #include "hook/exports.h"
@@ -22,60 +21,12 @@ namespace {
 
 using namespace netsieve::host;
 
-/// Where a hook attaches: everywhere, or to the adapter that is announced as this one.
-struct Place {
-    int wanted = -1;
-    int announced = 0;
-};
-
-VOID NTAPI AttachHere(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
-    Place& place = *static_cast<Place*>(context);
-    if (place.wanted < 0 || place.announced == place.wanted) {
-        ITarnHKAttachFilter(module, hook);
-    }
-    ++place.announced;
-}
-
 LONG NTAPI Pass(PVOID, NIRP*) {
     return HOOK_VERDICT_PASS;
 }
 LONG NTAPI Withhold(PVOID, NIRP*) {
     return HOOK_VERDICT_WITHHOLD;
 }
-
-/// Active hooks, for as long as the object lives.
-class Hooks {
-  public:
-    /// Attached to every adapter there is, or only to the one with this number.
-    void Add(HOOK_PACKET_HANDLER handler, int adapter = -1) {
-        // No name may contain another, or it would be the same hook.
-        const std::string digits = fmt::format("hook {:02}.", hooks_.size());
-        std::u16string name(digits.begin(), digits.end());
-        HOOK_FILTER_REGISTRATION_EX block{};
-        block.AttachNotify = AttachHere;
-        block.SendHandler = handler;
-        block.ReceiveHandler = handler;
-        block.Name = {static_cast<USHORT>(name.size() * sizeof(WCHAR)),
-                      static_cast<USHORT>((name.size() + 1) * sizeof(WCHAR)), name.data()};
-        HOOK_FILTER* hook = nullptr;
-        places_.push_back(std::make_unique<Place>(Place{.wanted = adapter}));
-        if (ITarnHKRegisterFilterEx(&block, places_.back().get(), &hook) != STATUS_SUCCESS) {
-            throw std::runtime_error("the hook could not be registered");
-        }
-        ITarnHKFlowControl(hook, HOOK_STATE_ACTIVE);
-        hooks_.push_back(hook);
-    }
-
-    ~Hooks() {
-        for (HOOK_FILTER* hook : hooks_) {
-            ITarnHKDeregisterFilter(hook);
-        }
-    }
-
-  private:
-    std::vector<HOOK_FILTER*> hooks_;
-    std::vector<std::unique_ptr<Place>> places_;
-};
 
 void FillHooks(Hooks& hooks, std::int64_t passing, bool withholding) {
     for (; passing > 0; --passing) {

@@ -40,6 +40,32 @@ std::uint64_t MeasurePoints(MachineOptions options, const std::function<void(Mac
     return RunOnce(options, body, {}).result.points;
 }
 
+// One walk of the tree, or of the schedule that it follows.
+ExploreResult WalkTree(const ExploreAllOptions& options,
+                       ScheduleTree& tree,
+                       const std::function<void(Machine&, ScheduleTree&)>& body,
+                       const std::function<std::string(Machine&)>& check) {
+    MachineOptions machine = options.machine;
+    machine.tree = &tree;
+    ExploreResult result;
+    do {
+        OneRun run = RunOnce(
+            machine, [&](Machine& made) { body(made, tree); }, check);
+        ++result.schedules;
+        result.points += run.result.points;
+        if (tree.Diverged()) {
+            run.what = "the scenario did not repeat itself; nothing but the schedule may decide";
+        }
+        if (!run.what.empty()) {
+            result.finding = {
+                .what = std::move(run.what),
+                .replay = fmt::format("replay: NETSIEVE_CHOICES={} with the scenario '{}'",
+                                      tree.Name(), options.name)};
+        }
+    } while (!result.finding && tree.Advance());
+    return result;
+}
+
 }  // namespace
 
 std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise) {
@@ -78,6 +104,24 @@ ExploreResult Explore(const ExploreOptions& options,
                 fmt::format("replay: NETSIEVE_SEED={} with the scenario '{}'", seed, options.name)};
             break;
         }
+    }
+    return result;
+}
+
+ExploreResult ExploreAll(const ExploreAllOptions& options,
+                         const std::function<void(Machine&, ScheduleTree&)>& body,
+                         const std::function<std::string(Machine&)>& check) {
+    if (const char* const name = std::getenv("NETSIEVE_CHOICES"); name != nullptr) {
+        ScheduleTree tree(0);
+        tree.Follow(name);
+        return WalkTree(options, tree, body, check);
+    }
+    const std::uint64_t most = NumberFromEnvironment("NETSIEVE_PREEMPTIONS", options.preemptions);
+    ExploreResult result;
+    for (unsigned preemptions = 0; preemptions <= most && !result.finding; ++preemptions) {
+        ScheduleTree tree(preemptions);
+        result = WalkTree(options, tree, body, check);
+        result.preemptions = preemptions;
     }
     return result;
 }

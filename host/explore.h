@@ -22,14 +22,15 @@ struct ExploreOptions {
 
 /// A schedule that went wrong.
 struct Finding {
-    std::uint64_t seed = 0;
-    std::string what;    ///< the verifier's reports, or what `check` said
-    std::string replay;  ///< how to run just this schedule again
+    std::uint64_t seed = 0;  ///< of Explore
+    std::string what;        ///< the verifier's reports, or what `check` said
+    std::string replay;      ///< how to run just this schedule again
 };
 
 struct ExploreResult {
     std::uint64_t schedules = 0;  ///< that were run
     std::uint64_t points = 0;     ///< in all of them
+    unsigned preemptions = 0;     ///< of ExploreAll: the most that were tried
     std::optional<Finding> finding;
 };
 
@@ -39,6 +40,21 @@ struct ExploreResult {
 ExploreResult Explore(const ExploreOptions& options,
                       const std::function<void(Machine&)>& body,
                       const std::function<std::string(Machine&)>& check = {});
+
+/// What to run of a small scenario. NETSIEVE_PREEMPTIONS overrides `preemptions`, and
+/// NETSIEVE_CHOICES runs the one schedule of that name.
+struct ExploreAllOptions {
+    std::string name;
+    MachineOptions machine{};  ///< a simulated one with an idle clock; the tree is set
+    unsigned preemptions = 2;
+};
+
+/// As Explore, for every schedule with at most so many preemptions. They are tried in order of
+/// their preemptions, so that a finding has the fewest possible. `schedules` counts each once. The
+/// tree is for `body` to say when the moment of interest begins and ends.
+ExploreResult ExploreAll(const ExploreAllOptions& options,
+                         const std::function<void(Machine&, ScheduleTree&)>& body,
+                         const std::function<std::string(Machine&)>& check = {});
 
 /// The number in an environment variable, or `otherwise` when it is unset or no number.
 std::uint64_t NumberFromEnvironment(const char* name, std::uint64_t otherwise);

@@ -31,7 +31,9 @@ std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
         return std::make_unique<ThreadedScheduler>(options.processors);
     }
     SimulatedScheduler::Options simulated{.processors = options.processors, .clock = options.clock};
-    if (options.strategy == StrategyKind::kPct) {
+    if (options.tree != nullptr) {
+        simulated.strategy = std::make_unique<TreeStrategy>(*options.tree);
+    } else if (options.strategy == StrategyKind::kPct) {
         simulated.strategy =
             std::make_unique<PctStrategy>(options.seed, options.pctDepth, options.expectedPoints);
     } else {

@@ -18,6 +18,7 @@
 #include "host/kernel/registry.h"
 #include "host/kernel/timers.h"
 #include "host/loaded_driver.h"
+#include "host/sched/schedule_tree.h"
 #include "host/sched/scheduler.h"
 #include "host/sched/simulated_scheduler.h"
 #include "host/verifier/lock_tracker.h"
@@ -34,6 +35,7 @@ enum class StrategyKind : std::uint8_t { kUniform, kPct };
 struct MachineOptions {
     SchedulerKind scheduler = SchedulerKind::kSimulated;
     StrategyKind strategy = StrategyKind::kUniform;
+    ScheduleTree* tree = nullptr;  ///< chooses instead of a strategy; lives longer
     std::uint64_t seed = 1;
     unsigned pctDepth = 2;
     std::uint64_t expectedPoints = 1000;  ///< length of a run, for PCT's change points

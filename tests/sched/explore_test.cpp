@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <set>
 
 namespace netsieve::host {
 namespace {
@@ -15,6 +16,8 @@ class Explored : public testing::Test {
     void TearDown() override {
         unsetenv("NETSIEVE_SEED");
         unsetenv("NETSIEVE_SCHEDULES");
+        unsetenv("NETSIEVE_PREEMPTIONS");
+        unsetenv("NETSIEVE_CHOICES");
     }
 
     ExploreResult Search(bool racy) {
@@ -75,6 +78,77 @@ TEST_F(Explored, ABrokenRuleAndARunThatDoesNotEndAreFindings) {
                     KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
                 }),
                 testing::HasSubstr("Deadlock"));
+}
+
+// Two threads of n steps: an order of the steps in i and j blocks has (i - 1) + (j - 1)
+// preemptions, and C(n - 1, i - 1) * C(n - 1, j - 1) orders have these blocks; either thread can be
+// first.
+TEST(ScheduleTreeTest, RunsEveryScheduleOnce) {
+    const auto count = [](int steps, unsigned preemptions) {
+        ScheduleTree tree(preemptions);
+        std::set<std::string> orders;
+        int runs = 0;
+        do {
+            ++runs;
+            int left[] = {steps, steps};
+            std::string order;
+            std::size_t current = Strategy::kNone;  // at first, and behind a thread's last step
+            while (left[0] + left[1] > 0) {
+                const std::uint32_t both[] = {0, 1};
+                std::uint32_t next = left[0] > 0 ? 0 : 1;
+                if (left[0] > 0 && left[1] > 0) {
+                    next = both[tree.Pick(both, current)];
+                }
+                order += static_cast<char>('a' + next);
+                current = --left[next] > 0 ? next : Strategy::kNone;
+            }
+            orders.insert(order);
+        } while (tree.Advance());
+        EXPECT_EQ(orders.size(), static_cast<std::size_t>(runs));
+        return runs;
+    };
+    EXPECT_EQ(count(2, 0), 2);
+    EXPECT_EQ(count(2, 1), 4);
+    EXPECT_EQ(count(3, 1), 6);
+    EXPECT_EQ(count(3, 2), 14);
+    EXPECT_EQ(count(3, 4), 20);
+}
+
+// The reader must be preempted between its two readings, and the writer while the flag is up.
+TEST_F(Explored, ARaceOfTwoPreemptionsIsFoundWithTwoAndReplayedByName) {
+    bool seen = false;
+    const auto explore = [&](unsigned preemptions) {
+        return ExploreAll(
+            {.name = "flag", .preemptions = preemptions},
+            [&](Machine& machine, ScheduleTree&) {
+                Scheduler& scheduler = machine.scheduler();
+                total_ = 0;
+                seen = false;
+                scheduler.Start({.name = "writer", .processor = 0}, [&] {
+                    total_ = 1;
+                    scheduler.Point(PointKind::kMemory);
+                    total_ = 0;
+                    scheduler.Point(PointKind::kMemory);
+                });
+                scheduler.Start({.name = "reader", .processor = 1}, [&] {
+                    const int before = total_;
+                    scheduler.Point(PointKind::kMemory);
+                    seen = before == 0 && total_ == 1;
+                });
+                scheduler.WaitUntilIdle();
+            },
+            [&](Machine&) { return seen ? "the flag went up" : ""; });
+    };
+    EXPECT_FALSE(explore(1).finding);
+    const ExploreResult found = explore(2);
+    ASSERT_TRUE(found.finding);
+    const std::string choices =
+        found.finding->replay.substr(sizeof("replay: NETSIEVE_CHOICES=") - 1);
+    setenv("NETSIEVE_CHOICES", choices.substr(0, choices.find(' ')).c_str(), 1);
+    const ExploreResult again = explore(0);
+    ASSERT_TRUE(again.finding);
+    EXPECT_EQ(again.finding->replay, found.finding->replay);
+    EXPECT_EQ(again.schedules, 1u);
 }
 
 }  // namespace

@@ -1,0 +1,260 @@
+// Small models of what the searches meet by chance, with one frame and one record: every schedule
+// up to two preemptions.
+#include "tests/driver/schedule_scenarios.h"
+#include "tests/packet/pending_rig.h"
+
+namespace netsieve::host {
+namespace {
+
+/// One stack with the driver, closed to the exploration until its actors start.
+class Model {
+  public:
+    Model(Machine& machine, ScheduleTree& tree)
+        : stack(machine.ndis().AddAdapter()), machine_(machine), tree_(tree) {
+        tree_.SetOpen(false);
+        EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+    }
+
+    FilterModule& Filter() { return *stack.FindModule(machine_.FindDriver("NETSIEVE")); }
+
+    void Start(ContextKind kind, unsigned processor, std::function<void()> body) {
+        contexts_.push_back(machine_.scheduler().Start(
+            {.name = "actor", .kind = kind, .processor = processor}, std::move(body)));
+    }
+    void JoinAll() {
+        for (std::size_t i = 0; i < contexts_.size(); ++i) {
+            machine_.scheduler().Join(contexts_[i]);
+        }
+        contexts_.clear();
+    }
+    /// Every actor that `moment` starts ends inside it, as do its workers.
+    void Explore(const std::function<void()>& moment) {
+        tree_.SetOpen(true);
+        moment();
+        JoinAll();
+        machine_.scheduler().WaitUntilIdle();
+        tree_.SetOpen(false);
+    }
+
+    Stack& stack;
+    std::string wrong;
+
+  private:
+    Machine& machine_;
+    ScheduleTree& tree_;
+    std::vector<std::uint32_t> contexts_;
+};
+
+/// What happens to one frame that a hook takes over.
+struct Request {
+    int marks = 1;
+    bool receive = false;
+    bool secondHook = false;  ///< marks while the first hook's mark is being completed
+    bool restore = false;     ///< the frame's list comes back
+    bool pause = false;
+    bool markInside = false;  ///< the frame is on its way while the rest happens
+};
+
+std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& request) {
+    Model model(machine, tree);
+    FILTER_MODULE* const module = RecordOf(machine, model.stack);
+    const ULONG records = FreeRecordsOf(module);
+    FrameLists sends(machine, model.stack.protocol().pool());
+    FrameLists receives(machine, model.stack.adapter().pool());
+    int arrived = 0;
+    model.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+        arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
+    };
+    model.stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
+        arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
+    };
+    // Held, the list comes back when the model says; deferred, from a DPC or a worker that is
+    // ready to run when the moment begins, and so do clones.
+    EdgePace& pace = request.receive ? model.stack.protocol().pace() : model.stack.adapter().pace();
+    pace.Set(!request.pause ? Pace::kHold : request.restore ? Pace::kDeferred : Pace::kInline);
+    NIRP* taken = nullptr;
+    int marked = 0;
+    const auto mark = [&](NIRP* nirp) {
+        taken = nirp;
+        marked += ITarnHKMarkPending(nirp) == STATUS_SUCCESS ? 1 : 0;
+    };
+    const auto complete = [&](unsigned processor) {
+        --marked;
+        model.Start(ContextKind::kThread, processor, [&] { ITarnHKCompleteRequest(taken, 0); });
+    };
+    const auto takesOver = [](NIRP* nirp) { return ITarnHKGetBuffer(nirp)[6] == 1; };
+    {
+        TestHook first([&](NIRP* nirp) -> LONG {
+            if (!takesOver(nirp)) {
+                return HOOK_VERDICT_PASS;
+            }
+            for (int i = 0; i < request.marks; ++i) {
+                mark(nirp);
+            }
+            if (request.secondHook) {
+                complete(1);
+            }
+            return HOOK_VERDICT_PENDING;
+        });
+        std::optional<TestHook> second;
+        if (request.secondHook) {
+            second.emplace(
+                [&](NIRP* nirp) -> LONG {
+                    if (takesOver(nirp)) {
+                        mark(nirp);
+                    }
+                    return HOOK_VERDICT_PASS;
+                },
+                u"second");
+        }
+        const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
+        const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
+        PNET_BUFFER_LIST const list = request.receive ? receives.Make(spans) : sends.Make(spans);
+        const auto pass = [&] {
+            if (request.receive) {
+                if (!model.stack.adapter().Indicate(list)) {
+                    receives.Free(list);
+                }
+            } else {
+                model.stack.protocol().Send(list);
+            }
+        };
+        if (!request.markInside) {
+            pass();
+        }
+        model.Explore([&] {
+            if (request.pause) {
+                model.Start(ContextKind::kThread, 2, [&] { model.stack.Pause(); });
+            }
+            if (request.restore && !request.pause) {
+                model.Start(ContextKind::kThread, 2, [&] { pace.ReleaseAll(); });
+            }
+            if (request.markInside) {
+                pass();
+            } else {
+                for (int i = 0; i < request.marks; ++i) {
+                    complete(static_cast<unsigned>(i));
+                }
+            }
+        });
+        for (; marked > 0; --marked) {
+            ITarnHKCompleteRequest(taken, 0);
+        }
+        pace.Set(Pace::kInline);
+        pace.ReleaseAll();
+        if (FreeRecordsOf(module) != records || module->FreeNirpCount != records) {
+            model.wrong =
+                fmt::format("{} of {} records are in the pool", FreeRecordsOf(module), records);
+        }
+    }
+    machine.UnloadDriver("NETSIEVE");
+    // The frame that nobody takes over, and the other one unless a pause drops it.
+    if (arrived > 2 || (arrived < 2 && !request.pause)) {
+        model.wrong += fmt::format("{} of 2 frames arrived", arrived);
+    }
+    return model.wrong;
+}
+
+enum class Against { kPause, kDetach, kUnload };
+
+/// A frame is injected while the adapter is paused, detached or the driver unloaded. `worker`: the
+/// injection has been left to a worker by then.
+std::string RunInjection(Machine& machine, ScheduleTree& tree, Against against, bool worker) {
+    Model model(machine, tree);
+    model.stack.adapter().pace().Set(Pace::kDeferred);
+    int sent = 0;
+    model.stack.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) { ++sent; };
+    const auto inject = [] {
+        Frame frame = MakeFrame(0);
+        const std::uint8_t source[] = {2, 0, 0, 0, 0, 1};
+        std::copy(std::begin(source), std::end(source), frame.begin() + 6);
+        ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size()));
+    };
+    if (worker) {
+        model.Start(ContextKind::kDpc, 1, inject);
+        model.JoinAll();
+    }
+    model.Explore([&] {
+        if (!worker) {
+            model.Start(ContextKind::kThread, 1, inject);
+        }
+        switch (against) {
+            case Against::kPause:
+                model.stack.Pause();
+                break;
+            case Against::kDetach:
+                model.stack.Detach(model.Filter());
+                break;
+            case Against::kUnload:
+                machine.UnloadDriver("NETSIEVE");
+                break;
+        }
+    });
+    machine.UnloadDriver("NETSIEVE");
+    return sent > 1 ? "the frame was sent twice" : "";
+}
+
+struct Case {
+    const char* name;
+    unsigned preemptions;
+    std::function<std::string(Machine&, ScheduleTree&)> run;
+};
+
+void PrintTo(const Case& model, std::ostream* out) {
+    *out << model.name;
+}
+
+Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
+    return {name, preemptions, [request](Machine& machine, ScheduleTree& tree) {
+                return RunRequest(machine, tree, request);
+            }};
+}
+
+Case OfInjection(const char* name, Against against, bool worker) {
+    return {name, 2, [=](Machine& machine, ScheduleTree& tree) {
+                return RunInjection(machine, tree, against, worker);
+            }};
+}
+
+// Five contexts that meet all at once have too many schedules of two preemptions.
+const Case kCases[] = {
+    OfRequest("completion against restore", {.restore = true}),
+    OfRequest("receive completion against restore", {.receive = true, .restore = true}),
+    OfRequest("completion against flush", {.pause = true}),
+    OfRequest("receive completion against flush", {.receive = true, .pause = true}),
+    OfRequest("completion against restore and flush", {.restore = true, .pause = true}, 1),
+    OfRequest("two completions against restore", {.marks = 2, .restore = true}),
+    OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
+    OfRequest("mark against pause", {.pause = true, .markInside = true}),
+    OfInjection("injection against pause", Against::kPause, false),
+    OfInjection("injection against detach", Against::kDetach, false),
+    OfInjection("work item against pause", Against::kPause, true),
+    OfInjection("work item against detach", Against::kDetach, true),
+    OfInjection("work item against unload", Against::kUnload, true),
+};
+
+class PendingModels : public testing::TestWithParam<Case> {};
+
+TEST_P(PendingModels, EveryScheduleIsGood) {
+    std::string wrong;
+    const ExploreResult result = ExploreAll(
+        {.name = GetParam().name,
+         .machine = {.processors = 3},
+         .preemptions = GetParam().preemptions},
+        [&](Machine& machine, ScheduleTree& tree) { wrong = GetParam().run(machine, tree); },
+        [&](Machine& machine) {
+            const Accounting stock = TakeStock(machine);
+            return stock.Balanced() ? wrong : wrong + stock.Describe();
+        });
+    if (result.finding) {
+        FAIL() << result.finding->what << "\n" << result.finding->replay;
+    }
+    EXPECT_GT(result.schedules, 10u) << "the actors never met";
+    fmt::print("{}: all {} schedules, up to {} preemptions\n", GetParam().name, result.schedules,
+               result.preemptions);
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, PendingModels, testing::ValuesIn(kCases));
+
+}  // namespace
+}  // namespace netsieve::host
