@@ -25,7 +25,7 @@ build: ## build the command, build/bin/netsieve
 	@scripts/bootstrap.sh build
 	@test -f build/release/build.ninja || \
 	    cmake --preset release -DNETSIEVE_TESTS=OFF -DNETSIEVE_BENCH=OFF
-	cmake --build --preset release --parallel $(JOBS) --target netsieve block_dns
+	cmake --build --preset release --parallel $(JOBS) --target netsieve samples
 
 image: ## cross-build the driver, build/image/NETSIEVE.sys
 	@scripts/bootstrap.sh build image

@@ -27,7 +27,7 @@ build first 1
 sleep 1.1
 build a-second/place/of/another/length 2
 cd "$work"
-for file in NETSIEVE.sys block_dns.sys libnetsieve.a; do
+for file in NETSIEVE.sys {block_dns,delay,beacon}.sys libnetsieve.a; do
     cmp "first/build/image/$file" "a-second/place/of/another/length/build/image/$file"
 done
 cmp first/build/image-tests/TOY.sys \
