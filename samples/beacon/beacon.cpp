@@ -5,7 +5,7 @@
 // clang-format off
 #include "platform/atomics.h"
 #include "platform/kernel.h"
-#include "hook/netsieve_hook.h"
+#include "netsieve_hook.h"
 // clang-format on
 
 namespace {

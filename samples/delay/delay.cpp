@@ -7,7 +7,7 @@
 // The client header takes the types of the kernel's headers if they came before it.
 // clang-format off
 #include "platform/ndis.h"
-#include "hook/netsieve_hook.h"
+#include "netsieve_hook.h"
 // clang-format on
 
 namespace {
