@@ -12,6 +12,12 @@ find_program(NETSIEVE_LLVM_DLLTOOL NAMES llvm-dlltool-14 llvm-dlltool REQUIRED
              DOC "Makes import libraries for Microsoft's linker; of the Debian package llvm-14")
 
 set(NETSIEVE_IMAGE_CHECK "${CMAKE_CURRENT_LIST_DIR}/../scripts/check_image.py")
+# The toolchain's lists of what the kernel and NDIS export.
+foreach(library ntoskrnl ndis)
+    execute_process(COMMAND "${CMAKE_C_COMPILER}" -print-file-name=lib${library}.a
+                    OUTPUT_VARIABLE NETSIEVE_${library}_LIBRARY OUTPUT_STRIP_TRAILING_WHITESPACE
+                    COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
 set(NETSIEVE_VERSION_TEMPLATE "${CMAKE_CURRENT_LIST_DIR}/version.rc.in")
 
 # The compiler makes SEH unwind tables for every function by itself. No stack probes: there is no
@@ -57,6 +63,8 @@ function(netsieve_kernel_image target)
         "LINKER:--fatal-warnings")
     add_custom_command(TARGET ${target} POST_BUILD
         COMMAND "${NETSIEVE_PEFILE_PYTHON}" "${NETSIEVE_IMAGE_CHECK}" --remove-bad
+                --library ntoskrnl.exe=${NETSIEVE_ntoskrnl_LIBRARY}
+                --library ndis.sys=${NETSIEVE_ndis_LIBRARY}
                 --def "${image_DEF}" --version "${image_VERSION}" "$<TARGET_FILE:${target}>"
                 --imports ${image_IMPORT_MODULES}
         VERBATIM)
