@@ -8,9 +8,6 @@ set(CMAKE_C_STANDARD_LIBRARIES "")
 
 include("${CMAKE_CURRENT_LIST_DIR}/../cmake/NetsievePefile.cmake")
 
-find_program(NETSIEVE_LLVM_DLLTOOL NAMES llvm-dlltool-14 llvm-dlltool REQUIRED
-             DOC "Makes import libraries for Microsoft's linker; of the Debian package llvm-14")
-
 set(NETSIEVE_IMAGE_CHECK "${CMAKE_CURRENT_LIST_DIR}/../scripts/check_image.py")
 # The toolchain's lists of what the kernel and NDIS export.
 foreach(library ntoskrnl ndis)
@@ -75,6 +72,8 @@ endfunction()
 # link TARGET to call the image.
 function(netsieve_import_library target)
     cmake_parse_arguments(PARSE_ARGV 1 library "" "DEF;OUTPUT;MICROSOFT_OUTPUT" "")
+    find_program(NETSIEVE_LLVM_DLLTOOL NAMES llvm-dlltool-14 llvm-dlltool REQUIRED
+                 DOC "Makes import libraries for Microsoft's linker; of the Debian package llvm-14")
     get_filename_component(library_DEF "${library_DEF}" ABSOLUTE)
     # The same bytes every time: without a prefix of ours the members bear the number of the process
     # that made them, and their symbols are named after the output as it is given here.

@@ -38,8 +38,7 @@ function(netsieve_package)
         configure_file("${templates}/sample.inf.in" "${texts}/${sample_NAME}.inf" @ONLY
                        NEWLINE_STYLE DOS)
         list(APPEND samples "$<TARGET_FILE:${sample_NAME}>" "${texts}/${sample_NAME}.inf"
-             "${CMAKE_SOURCE_DIR}/samples/${sample_NAME}/${sample_NAME}.cpp"
-             "${CMAKE_SOURCE_DIR}/samples/${sample_NAME}/${sample_NAME}.def")
+             "${CMAKE_SOURCE_DIR}/samples/${sample_NAME}/${sample_NAME}.cpp")
     endforeach()
 
     file(GLOB platform CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/src/platform/*")

@@ -5,7 +5,7 @@
 #include "tests/driver/driver_scenario.h"
 
 // The sample's entry routine, under the name that this program has it compiled with.
-extern "C" NTSTATUS NTAPI DelayDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
+extern "C" NTSTATUS NTAPI delay_DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
 
 namespace netsieve::host {
 namespace {
@@ -57,7 +57,7 @@ class DelaySample : public testing::TestWithParam<Case> {
             const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
             return status != STATUS_SUCCESS
                        ? status
-                       : machine.LoadDriver({.name = "DELAY", .entry = &DelayDriverEntry});
+                       : machine.LoadDriver({.name = "DELAY", .entry = &delay_DriverEntry});
         }
         const std::filesystem::path image = NETSIEVE_IMAGE_PATH;
         const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .image = image});
