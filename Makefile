@@ -15,7 +15,7 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
-.PHONY: help build image demo test bench format format-check tidy asan tsan fuzz search clean
+.PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz search clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -26,12 +26,16 @@ build: ## build the command, build/bin/netsieve
 	@scripts/bootstrap.sh build
 	@test -f build/release/build.ninja || \
 	    cmake --preset release -DNETSIEVE_TESTS=OFF -DNETSIEVE_BENCH=OFF
-	cmake --build --preset release --parallel $(JOBS) --target netsieve block_dns
+	cmake --build --preset release --parallel $(JOBS) --target netsieve samples
 
-image: ## cross-build the driver, build/image/NETSIEVE.sys
+image: ## cross-build the driver and its package, build/package
 	@scripts/bootstrap.sh build image
 	@test -f build/image-work/build.ninja || cmake --preset image
 	cmake --build --preset image --parallel $(JOBS)
+
+signed-image: image ## test-sign a copy of the package, build/package-signed
+	@scripts/bootstrap.sh sign
+	scripts/sign-package.sh build/package build/package-signed
 
 demo: build image ## replay a capture through the driver, and block DNS in it
 	@scripts/bootstrap.sh demo

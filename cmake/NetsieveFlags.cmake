@@ -6,6 +6,8 @@ option(NETSIEVE_SEARCH "Make every plain load and store of the driver a scheduli
 set(NETSIEVE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 set(NETSIEVE_IMAGE "${CMAKE_SOURCE_DIR}/build/image/NETSIEVE.sys" CACHE FILEPATH
     "The cross-built driver image that the tests run")
+set(NETSIEVE_PACKAGE_DIR "${CMAKE_SOURCE_DIR}/build/package" CACHE PATH
+    "Where the image build leaves the package for Windows")
 set(NETSIEVE_TEST_IMAGE_DIR "${CMAKE_SOURCE_DIR}/build/image-tests" CACHE PATH
     "Where the image build leaves the images that only tests load")
 set(NETSIEVE_COMMAND_DIR "${CMAKE_BINARY_DIR}/bin" CACHE PATH "Where the netsieve command is left")

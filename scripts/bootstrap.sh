@@ -2,7 +2,7 @@
 # Installs the Debian packages that a make target needs and that are missing, and says so. Prints
 # nothing when none is missing.
 #
-# usage: scripts/bootstrap.sh GROUP...     with GROUP one of build, image, test, checks
+# usage: scripts/bootstrap.sh GROUP...     with GROUP one of build, image, sign, demo, test, checks
 #        scripts/bootstrap.sh --list       prints every package with its group and its reason
 set -euo pipefail
 
@@ -22,10 +22,16 @@ build   nlohmann-json3-dev          writes reports for programs
 image   g++-mingw-w64-x86-64-win32  compiles and links the kernel image
 image   python3                     checks the image that was linked
 image   python3-pefile              reads the image for that check
+image   llvm-14                     makes the import library for Microsoft's linker
+sign    openssl                     makes a certificate to test-sign with
+sign    osslsigncode                signs the images and verifies it
 test    libgtest-dev                the test framework
 test    libgmock-dev                the test framework's matchers
 test    libbenchmark-dev            the benchmark framework
 test    patch                       puts faults into copies of the driver
+test    lld-14                      links with the import library for Microsoft's linker
+test    openssl                     makes a certificate to test-sign with
+test    osslsigncode                signs the images and verifies it
 demo    tcpdump                     shows what was withheld
 test    tcpdump                     what replay is compared with
 test    libwin-hivex-perl           reads the hives that the tests write

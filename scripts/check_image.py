@@ -7,6 +7,7 @@ Every fault is printed on a line of its own; the exit status is 1 when there is 
 import argparse
 import os
 import re
+import subprocess
 import sys
 
 import pefile
@@ -80,6 +81,26 @@ def check_relocations(image):
             pointer = int.from_bytes(data[offset : offset + 8], "little")
             if first <= pointer < last and address not in relocated:
                 yield f"the pointer at {address:#x} has no relocation"
+
+
+def names_of_library(path):
+    """What an import library can bind, as the linker's own tool lists it."""
+    listing = subprocess.run(
+        ["x86_64-w64-mingw32-nm", path], capture_output=True, text=True, check=True
+    ).stdout
+    return set(re.findall(r"^[0-9a-f]+ \w __imp_(\w+)$", listing, re.MULTILINE))
+
+
+def check_import_names(image, libraries):
+    """Every name is one that the module is known to export: a loader refuses any other."""
+    pairs = (library.split("=", 1) for library in libraries)
+    known = {module.lower(): names_of_library(path) for module, path in pairs}
+    for module in getattr(image, "DIRECTORY_ENTRY_IMPORT", []):
+        names = known.get(module.dll.decode("ascii", "replace").lower())
+        for entry in module.imports:
+            name = entry.name.decode("ascii", "replace") if entry.name else ""
+            if names is not None and name and name not in names:
+                yield f"{name} is not in the import library of {module.dll.decode('ascii')}"
 
 
 def check_imports(image, modules):
@@ -183,6 +204,7 @@ def faults(path, arguments):
     yield from check_sections(image)
     yield from check_relocations(image)
     yield from check_imports(image, MODULES | set(arguments.imports))
+    yield from check_import_names(image, arguments.library)
     yield from check_exports(image, exports_of_def(arguments.def_file))
     yield from check_unwind(image)
     yield from check_version(image, arguments.version)
@@ -195,6 +217,10 @@ def main():
     parser.add_argument(
         "--imports", nargs="*", default=[], type=str.lower, metavar="MODULE",
         help="modules that it may import from beside NDIS and the kernel",
+    )
+    parser.add_argument(
+        "--library", action="append", default=[], metavar="MODULE=FILE",
+        help="the import library whose names an import from MODULE has to have",
     )
     parser.add_argument("--remove-bad", action="store_true", help="delete an image with a fault")
     parser.add_argument("image")

@@ -9,6 +9,12 @@ set(CMAKE_C_STANDARD_LIBRARIES "")
 include("${CMAKE_CURRENT_LIST_DIR}/../cmake/NetsievePefile.cmake")
 
 set(NETSIEVE_IMAGE_CHECK "${CMAKE_CURRENT_LIST_DIR}/../scripts/check_image.py")
+# The toolchain's lists of what the kernel and NDIS export.
+foreach(library ntoskrnl ndis)
+    execute_process(COMMAND "${CMAKE_C_COMPILER}" -print-file-name=lib${library}.a
+                    OUTPUT_VARIABLE NETSIEVE_${library}_LIBRARY OUTPUT_STRIP_TRAILING_WHITESPACE
+                    COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
 set(NETSIEVE_VERSION_TEMPLATE "${CMAKE_CURRENT_LIST_DIR}/version.rc.in")
 
 # The compiler makes SEH unwind tables for every function by itself. No stack probes: there is no
@@ -54,15 +60,20 @@ function(netsieve_kernel_image target)
         "LINKER:--fatal-warnings")
     add_custom_command(TARGET ${target} POST_BUILD
         COMMAND "${NETSIEVE_PEFILE_PYTHON}" "${NETSIEVE_IMAGE_CHECK}" --remove-bad
+                --library ntoskrnl.exe=${NETSIEVE_ntoskrnl_LIBRARY}
+                --library ndis.sys=${NETSIEVE_ndis_LIBRARY}
                 --def "${image_DEF}" --version "${image_VERSION}" "$<TARGET_FILE:${target}>"
                 --imports ${image_IMPORT_MODULES}
         VERBATIM)
 endfunction()
 
-# netsieve_import_library(TARGET DEF file OUTPUT file)
-# Makes the import library of an image from its export list; link TARGET to call the image.
+# netsieve_import_library(TARGET DEF file OUTPUT file MICROSOFT_OUTPUT file)
+# Makes the import libraries of an image from its export list, for the GNU and for Microsoft's linker;
+# link TARGET to call the image.
 function(netsieve_import_library target)
-    cmake_parse_arguments(PARSE_ARGV 1 library "" "DEF;OUTPUT" "")
+    cmake_parse_arguments(PARSE_ARGV 1 library "" "DEF;OUTPUT;MICROSOFT_OUTPUT" "")
+    find_program(NETSIEVE_LLVM_DLLTOOL NAMES llvm-dlltool-14 llvm-dlltool REQUIRED
+                 DOC "Makes import libraries for Microsoft's linker; of the Debian package llvm-14")
     get_filename_component(library_DEF "${library_DEF}" ABSOLUTE)
     # The same bytes every time: without a prefix of ours the members bear the number of the process
     # that made them, and their symbols are named after the output as it is given here.
@@ -75,7 +86,13 @@ function(netsieve_import_library target)
         WORKING_DIRECTORY "${directory}"
         DEPENDS "${library_DEF}"
         VERBATIM)
-    add_custom_target(${target}_file DEPENDS "${library_OUTPUT}")
+    add_custom_command(OUTPUT "${library_MICROSOFT_OUTPUT}"
+        COMMAND "${NETSIEVE_LLVM_DLLTOOL}" -m i386:x86-64
+                -d "${library_DEF}" -l "${library_MICROSOFT_OUTPUT}"
+        DEPENDS "${library_DEF}"
+        VERBATIM)
+    add_custom_target(${target}_file
+        DEPENDS "${library_OUTPUT}" "${library_MICROSOFT_OUTPUT}")
     add_library(${target} INTERFACE)
     add_dependencies(${target} ${target}_file)
     target_link_libraries(${target} INTERFACE "${library_OUTPUT}")

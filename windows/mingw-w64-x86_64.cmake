@@ -13,3 +13,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# In an installed package: what is built with this file finds that package, which lies outside the
+# places that the search is confined to.
+if(EXISTS "${CMAKE_CURRENT_LIST_DIR}/../netsieve-config.cmake")
+    get_filename_component(netsieve_DIR "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+endif()

@@ -8,7 +8,7 @@
 // The client header takes the types of the kernel's headers if they came before it.
 // clang-format off
 #include "platform/kernel.h"
-#include "hook/netsieve_hook.h"
+#include "netsieve_hook.h"
 // clang-format on
 
 namespace {

@@ -65,6 +65,7 @@ def shorten_function(image):
     image.DIRECTORY_ENTRY_EXCEPTION[0].struct.EndAddress -= 1
 
 
+LIBRARY = "/usr/x86_64-w64-mingw32/lib/libndis.a"
 EMPTY_LIST = b"\xff" * 8 + b"\0" * 8
 ONE_CONSTRUCTOR = b"\xff" * 8 + (0x140001010).to_bytes(8, "little")
 
@@ -79,6 +80,10 @@ FAULTS = [
     (strip_relocations, "relocations are stripped"),
     (set_directory("BASERELOC", 0, 0), "the pointer at 0x2000 has no relocation"),
     (set_bytes(b".idata", b"NDIS.SYS", b"HAL.dll\0"), "NdisGetVersion is imported from HAL.dll"),
+    (
+        set_bytes(b".idata", b"NdisGetVersion", b"NdisGotVersion"),
+        "NdisGotVersion is not in the import library of NDIS.SYS",
+    ),
     (set_bytes(b".edata", b"ToySum", b"ToySun"), "ToySum is in the export list but is not"),
     (set_bytes(b".edata", b"ToySum", b"ToySun"), "ToySun is exported but is not in"),
     (set_directory("EXCEPTION", 0, 0), "it has no unwind data"),
@@ -102,6 +107,7 @@ def write_damaged(good, damage, bad):
 
 def check(path):
     command = [sys.executable, CHECK, "--def", HERE / "toy" / "toy.def", "--version", "1.2.3.4"]
+    command += ["--library", f"ndis.sys={LIBRARY}"]
     result = subprocess.run([*command, path], capture_output=True, text=True, check=False)
     return result.returncode, result.stderr.strip()
 

@@ -48,6 +48,10 @@ expect 6 "No space left" replay "$sample" -o /dev/full
 expect 7 "did not start" replay "$sample" --driver "$scratch/cut.pcap" -o "$scratch/kept.pcap"
 grep -qx kept "$scratch/kept.pcap" || fail "the output was overwritten although the driver failed"
 
+expect 3 "No such file" image "$scratch/missing.sys"
+expect 3 '"runnable": false' image "$sample" --json
+expect 2 "FILE is required" image
+
 expect 0 "00:00:5e:00:53:01 (found in" replay "$sample"
 expect 0 "02:02:03:04:05:06 (as given)" replay "$sample" --mac 02-02-03-04-05-06
 for direction in send receive; do

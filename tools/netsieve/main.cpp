@@ -7,6 +7,7 @@
 
 #include "tools/netsieve/boot_filters_command.h"
 #include "tools/netsieve/exit_status.h"
+#include "tools/netsieve/image_command.h"
 #include "tools/netsieve/replay_command.h"
 #include "tools/netsieve/version_command.h"
 
@@ -26,6 +27,7 @@ ExitStatus RunCommandLine(int argc, char** argv) {
     ExitStatus status = ExitStatus::kClean;
     netsieve::tool::AddReplayCommand(app, status);
     netsieve::tool::AddBootFiltersCommand(app, status);
+    netsieve::tool::AddImageCommand(app, status);
     netsieve::tool::AddVersionCommand(app, status);
     try {
         app.parse(argc, argv);

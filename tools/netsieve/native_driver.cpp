@@ -16,14 +16,14 @@ void* NativeExport(std::string_view name) {
         void* address;
     } kExports[] = {
 #define EXPORT(function) {#function, reinterpret_cast<void*>(&(function))}
-        EXPORT(ITarnHKAttachFilter),        EXPORT(ITarnHKDeregisterFilter),
-        EXPORT(ITarnHKDettachFilter),       EXPORT(ITarnHKFlowControl),
-        EXPORT(ITarnHKGetAdapterInfo),      EXPORT(ITarnHKGetBuffer),
-        EXPORT(ITarnHKGetBufferLength),     EXPORT(ITarnHKGetProtocolInfo),
-        EXPORT(ITarnHKGetProtocolName),     EXPORT(ITarnHKQueryProtocolName),
-        EXPORT(ITarnHKRegisterFilter),      EXPORT(ITarnHKRegisterFilterEx),
-        EXPORT(ITarnHKSystemInformationEx), EXPORT(ITarnHKMarkPending),
-        EXPORT(ITarnHKCompleteRequest),     EXPORT(ITarnHKSendPacket),
+        EXPORT(ITarnHKAttachFilter),     EXPORT(ITarnHKCompleteRequest),
+        EXPORT(ITarnHKDeregisterFilter), EXPORT(ITarnHKDettachFilter),
+        EXPORT(ITarnHKFlowControl),      EXPORT(ITarnHKGetAdapterInfo),
+        EXPORT(ITarnHKGetBuffer),        EXPORT(ITarnHKGetBufferLength),
+        EXPORT(ITarnHKGetProtocolInfo),  EXPORT(ITarnHKGetProtocolName),
+        EXPORT(ITarnHKMarkPending),      EXPORT(ITarnHKQueryProtocolName),
+        EXPORT(ITarnHKRegisterFilter),   EXPORT(ITarnHKRegisterFilterEx),
+        EXPORT(ITarnHKSendPacket),       EXPORT(ITarnHKSystemInformationEx),
 #undef EXPORT
     };
     for (const auto& entry : kExports) {

@@ -1,0 +1,96 @@
+// The sample that delays, while its adapter goes or it is unloaded itself under the frames it
+// holds.
+#include "host/explore.h"
+#include "host/image/kernel_image.h"
+#include "tests/driver/driver_scenario.h"
+
+// The sample's entry routine, under the name that this program has it compiled with.
+extern "C" NTSTATUS NTAPI delay_DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
+
+namespace netsieve::host {
+namespace {
+
+enum class End { kDetach, kUnload };
+
+struct Case {
+    const char* name;
+    bool image;
+    End end;
+};
+
+class DelaySample : public testing::TestWithParam<Case> {
+  protected:
+    // Frames of both directions are held when the end comes, about when their time is up.
+    void Run(Machine& machine) {
+        Scheduler& scheduler = machine.scheduler();
+        Stack& stack = machine.ndis().AddAdapter();
+        ASSERT_EQ(LoadBoth(machine), STATUS_SUCCESS);
+        Traffic traffic(machine, stack);
+        PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(3), traffic.MakeSends(1)};
+        PNET_BUFFER_LIST const receives = traffic.MakeReceives(2);
+        const std::uint32_t contexts[] = {
+            scheduler.Start({.name = "sender", .processor = 1},
+                            [&] {
+                                stack.protocol().Send(sends[0]);
+                                scheduler.Sleep(20 * kTicksPerMillisecond);
+                                stack.protocol().Send(sends[1]);
+                            }),
+            scheduler.Start({.name = "receiver", .kind = ContextKind::kDpc, .processor = 2},
+                            [&] { stack.adapter().Indicate(receives); })};
+        scheduler.Sleep(20 * kTicksPerMillisecond);
+        if (GetParam().end == End::kDetach) {
+            machine.ndis().RemoveAdapter(stack);
+        }
+        machine.UnloadDriver("DELAY");
+        for (const std::uint32_t context : contexts) {
+            scheduler.Join(context);
+        }
+        passedOn_ += traffic.onWire != 0 ? 1 : 0;
+        machine.UnloadDriver("NETSIEVE");
+    }
+
+    std::uint64_t passedOn_ = 0;
+
+  private:
+    static NTSTATUS LoadBoth(Machine& machine) {
+        if (!GetParam().image) {
+            const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
+            return status != STATUS_SUCCESS
+                       ? status
+                       : machine.LoadDriver({.name = "DELAY", .entry = &delay_DriverEntry});
+        }
+        const std::filesystem::path image = NETSIEVE_IMAGE_PATH;
+        const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .image = image});
+        if (status != STATUS_SUCCESS) {
+            return status;
+        }
+        const ImageExports exports("NETSIEVE.SYS", *machine.FindDriver("NETSIEVE")->Image());
+        return machine.LoadDriver(
+            {.name = "DELAY", .image = image.parent_path() / "delay.sys", .imports = &exports});
+    }
+};
+
+TEST_P(DelaySample, EndsCleanlyUnderTheFramesItHolds) {
+    const ExploreOptions options{.name = std::string("delay sample, ") + GetParam().name,
+                                 .machine = {.processors = 4},
+                                 .schedules = GetParam().image ? 300u : 3000u};
+    const ExploreResult result = Explore(
+        options, [this](Machine& machine) { Run(machine); },
+        [](Machine& machine) {
+            const Accounting stock = TakeStock(machine);
+            return stock.Balanced() ? std::string() : stock.Describe();
+        });
+    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
+    EXPECT_GT(passedOn_, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(,
+                         DelaySample,
+                         testing::Values(Case{"NativeDetach", false, End::kDetach},
+                                         Case{"NativeUnload", false, End::kUnload},
+                                         Case{"ImageDetach", true, End::kDetach},
+                                         Case{"ImageUnload", true, End::kUnload}),
+                         [](const auto& parameter) { return std::string(parameter.param.name); });
+
+}  // namespace
+}  // namespace netsieve::host
