@@ -121,6 +121,39 @@ class HooksComeAndGo final : public Scenario {
     Change change_;
 };
 
+/// Two hooks leave while the driver unloads under traffic. The one that is not told of the unload
+/// leaves without a wait when no handler of it runs.
+class HooksLeaveDuringUnload final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Traffic traffic(machine, stack);
+        Client silent(u"silent");
+        Client told(u"told");
+        std::atomic<bool> gone = false;
+        silent.handler = [&](NIRP*) -> LONG {
+            Demand(!gone, "a handler was called after its deregistration returned");
+            return HOOK_VERDICT_PASS;
+        };
+        told.unload = [&] {
+            silent.Stop();
+            gone = true;
+            told.Stop();
+        };
+        silent.Start();
+        told.Start();
+        const std::uint32_t sender = machine.scheduler().Start(
+            {.name = "sender", .processor = 1},
+            [&, chain = traffic.MakeSends(2)] { stack.protocol().Send(chain); });
+        machine.UnloadDriver("NETSIEVE");
+        machine.scheduler().Join(sender);
+        meetings_ += silent.calls == 1 ? 1 : 0;
+        Demand(traffic.completed + traffic.refused == 2, "a list did not come back");
+    }
+};
+
 /// Four processors whose protocols send through a new module: each gets one entry.
 class ProtocolsFillTheTable final : public Scenario {
   public:
@@ -180,6 +213,8 @@ const Search kSearches[] = {
     Hooks("module detach against deregistration", Change::kDetachModule),
     Hooks("changes from inside a handler", Change::kInside),
     Hooks("registrations from inside a handler", Change::kLeaveInside, 1),
+    {"hooks that leave during the unload",
+     [] { return std::make_unique<HooksLeaveDuringUnload>(); }, 1},
     {"protocol table from four processors",
      [] { return std::make_unique<ProtocolsFillTheTable>(); }},
 };
