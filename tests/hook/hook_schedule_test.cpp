@@ -252,5 +252,28 @@ TEST_P(HookSchedules, HoldOnRealThreads) {
 
 INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
 
+// A registration that meets the end of the last one of its name joins it in time, or makes a hook
+// of its own.
+TEST(HookModels, ANameIsNotJoinedOnItsWayOut) {
+    const ExploreResult result = ExploreAll(
+        {.name = "registration against deregistration"}, [](Machine& machine, ScheduleTree& tree) {
+            tree.SetOpen(false);
+            machine.ndis().AddAdapter();
+            machine.LoadDriver(DriverUnderTest());
+            Client first(u"name");
+            Client second(u"name");
+            first.Start();
+            tree.SetOpen(true);
+            machine.scheduler().Start({.name = "client", .processor = 1}, [&] { second.Start(); });
+            first.Stop();
+            machine.scheduler().WaitUntilIdle();
+            tree.SetOpen(false);
+            second.Stop();
+            machine.UnloadDriver("NETSIEVE");
+        });
+    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
+    fmt::print("{} schedules of up to {} preemptions\n", result.schedules, result.preemptions);
+}
+
 }  // namespace
 }  // namespace netsieve::host

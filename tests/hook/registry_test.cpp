@@ -286,5 +286,16 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
     });
 }
 
+TEST(HookRegistryTest, AHookThatIsNowhereAttachedIsNotToldOfAnEnd) {
+    OnScene([](Scene&) {
+        Client client(u"loose");
+        client.attach = false;
+        client.Start();
+        EXPECT_EQ(client.attached.size(), 1u);
+        client.Stop();
+        EXPECT_TRUE(client.detached.empty());
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host
