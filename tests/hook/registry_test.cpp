@@ -297,5 +297,16 @@ TEST(HookRegistryTest, AHookThatIsNowhereAttachedIsNotToldOfAnEnd) {
     });
 }
 
+TEST(HookRegistryTest, AHookThatLeavesCannotBeAttached) {
+    OnScene([](Scene&) {
+        Client client(u"late");
+        client.block.DetachNotify = [](FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) NTAPI {
+            EXPECT_EQ(ITarnHKAttachFilter(module, hook), STATUS_INVALID_PARAMETER);
+        };
+        client.Start();
+        client.Stop();
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host
