@@ -8,14 +8,14 @@ JOBS ?= $(shell nproc)
 asan: export NETSIEVE_SCHEDULES ?= 1000
 tsan: export NETSIEVE_SCHEDULES ?= 500
 search: export NETSIEVE_SCHEDULES ?= 2500
-asan tsan search: export NETSIEVE_PREEMPTIONS ?= 1
 
 CTEST = ctest --output-on-failure --no-tests=error --parallel $(JOBS) --test-dir
 SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name '*.h' -o -name '*.c'
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
-.PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz search clean
+.PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz search nightly \
+    mutants clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -83,6 +83,30 @@ search: image ## run the tests with every load and store of the driver a schedul
 	@test -f build/search/build.ninja || cmake --preset search
 	cmake --build --preset search --parallel $(JOBS)
 	$(CTEST) build/search
+
+# The searches of one night: deeper, in other schedules each night, and then with every load and
+# store a scheduling point, where a schedule takes several times as long.
+NIGHTLY_SCHEDULES ?= 1000000
+NIGHTLY_SEARCH_SCHEDULES ?= 100000
+
+NIGHTLY_RUN = printf '%s\n' $(1)/tests/*/*_schedule_tests | \
+    xargs -P $(JOBS) -I PROGRAM sh -c 'PROGRAM --gtest_color=no'
+
+nightly: export NETSIEVE_PCT_DEPTH ?= 3
+nightly: export NETSIEVE_PREEMPTIONS ?= 3
+nightly: export NETSIEVE_FIRST_SEED ?= $(shell echo $$(($$(date +%s) / 86400 * 10000000)))
+nightly: image ## run every schedule search with NIGHTLY_SCHEDULES schedules (1000000), PCT depth 3
+	@scripts/bootstrap.sh build test checks
+	@cmake --preset release -DNETSIEVE_TESTS=ON -DNETSIEVE_BENCH=ON
+	cmake --build --preset release --parallel $(JOBS)
+	@test -f build/search/build.ninja || cmake --preset search
+	cmake --build --preset search --parallel $(JOBS)
+	export NETSIEVE_SCHEDULES=$(NIGHTLY_SCHEDULES); $(call NIGHTLY_RUN,build/release)
+	export NETSIEVE_SCHEDULES=$(NIGHTLY_SEARCH_SCHEDULES); $(call NIGHTLY_RUN,build/search)
+
+mutants: ## put faults into the driver, one at a time, and see that the tests find each
+	@scripts/bootstrap.sh build test checks
+	@scripts/check-mutants.sh
 
 format: ## format the sources in place
 	@scripts/bootstrap.sh checks

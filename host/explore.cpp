@@ -40,15 +40,21 @@ std::uint64_t MeasurePoints(MachineOptions options, const std::function<void(Mac
     return RunOnce(options, body, {}).result.points;
 }
 
-// One walk of the tree, or of the schedule that it follows.
+// One walk of the tree, or of the schedule that it follows, cut off when `budget` is spent.
 ExploreResult WalkTree(const ExploreAllOptions& options,
                        ScheduleTree& tree,
+                       std::uint64_t& budget,
                        const std::function<void(Machine&, ScheduleTree&)>& body,
                        const std::function<std::string(Machine&)>& check) {
     MachineOptions machine = options.machine;
     machine.tree = &tree;
     ExploreResult result;
-    do {
+    for (bool more = true; more && !result.finding; more = tree.Advance()) {
+        if (budget == 0) {
+            result.complete = false;
+            break;
+        }
+        --budget;
         OneRun run = RunOnce(
             machine, [&](Machine& made) { body(made, tree); }, check);
         ++result.schedules;
@@ -62,7 +68,7 @@ ExploreResult WalkTree(const ExploreAllOptions& options,
                 .replay = fmt::format("replay: NETSIEVE_CHOICES={} with the scenario '{}'",
                                       tree.Name(), options.name)};
         }
-    } while (!result.finding && tree.Advance());
+    }
     return result;
 }
 
@@ -83,10 +89,12 @@ ExploreResult Explore(const ExploreOptions& options,
                       const std::function<void(Machine&)>& body,
                       const std::function<std::string(Machine&)>& check) {
     MachineOptions machine = options.machine;
+    std::uint64_t first = NumberFromEnvironment("NETSIEVE_FIRST_SEED", options.firstSeed);
     machine.seed = options.firstSeed;
+    machine.pctDepth =
+        static_cast<unsigned>(NumberFromEnvironment("NETSIEVE_PCT_DEPTH", machine.pctDepth));
     machine.expectedPoints = MeasurePoints(machine, body);
     machine.strategy = options.strategy;
-    std::uint64_t first = options.firstSeed;
     std::uint64_t count = NumberFromEnvironment("NETSIEVE_SCHEDULES", options.schedules);
     if (const std::uint64_t seed = NumberFromEnvironment("NETSIEVE_SEED", 0); seed != 0) {
         first = seed;
@@ -114,13 +122,16 @@ ExploreResult ExploreAll(const ExploreAllOptions& options,
     if (const char* const name = std::getenv("NETSIEVE_CHOICES"); name != nullptr) {
         ScheduleTree tree(0);
         tree.Follow(name);
-        return WalkTree(options, tree, body, check);
+        std::uint64_t one = 1;
+        return WalkTree(options, tree, one, body, check);
     }
     const std::uint64_t most = NumberFromEnvironment("NETSIEVE_PREEMPTIONS", options.preemptions);
+    std::uint64_t budget = NumberFromEnvironment("NETSIEVE_SCHEDULES", ~0ull);
     ExploreResult result;
-    for (unsigned preemptions = 0; preemptions <= most && !result.finding; ++preemptions) {
+    for (unsigned preemptions = 0; preemptions <= most && !result.finding && result.complete;
+         ++preemptions) {
         ScheduleTree tree(preemptions);
-        result = WalkTree(options, tree, body, check);
+        result = WalkTree(options, tree, budget, body, check);
         result.preemptions = preemptions;
     }
     return result;

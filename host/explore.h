@@ -11,7 +11,8 @@
 namespace netsieve::host {
 
 /// How to search. The budget may be set from outside: NETSIEVE_SCHEDULES overrides `schedules`,
-/// and NETSIEVE_SEED runs the one schedule of that seed.
+/// NETSIEVE_FIRST_SEED `firstSeed`, NETSIEVE_PCT_DEPTH the machine's `pctDepth`, and NETSIEVE_SEED
+/// runs the one schedule of that seed.
 struct ExploreOptions {
     std::string name;          ///< of the scenario, for the replay line
     MachineOptions machine{};  ///< seed, strategy and expected points are set by the search
@@ -31,6 +32,7 @@ struct ExploreResult {
     std::uint64_t schedules = 0;  ///< that were run
     std::uint64_t points = 0;     ///< in all of them
     unsigned preemptions = 0;     ///< of ExploreAll: the most that were tried
+    bool complete = true;         ///< of ExploreAll: with all schedules that have no more
     std::optional<Finding> finding;
 };
 
@@ -41,8 +43,9 @@ ExploreResult Explore(const ExploreOptions& options,
                       const std::function<void(Machine&)>& body,
                       const std::function<std::string(Machine&)>& check = {});
 
-/// What to run of a small scenario. NETSIEVE_PREEMPTIONS overrides `preemptions`, and
-/// NETSIEVE_CHOICES runs the one schedule of that name.
+/// What to run of a small scenario. NETSIEVE_PREEMPTIONS overrides `preemptions`;
+/// NETSIEVE_SCHEDULES cuts the exploration off after so many runs, and NETSIEVE_CHOICES runs the
+/// one schedule of that name.
 struct ExploreAllOptions {
     std::string name;
     MachineOptions machine{};  ///< a simulated one with an idle clock; the tree is set

@@ -1,6 +1,7 @@
 // Searches through schedules that must find nothing. A failure names the seed to run alone.
 #include <memory>
 
+#include "driver/module_reference.h"
 #include "tests/driver/schedule_scenarios.h"
 
 namespace netsieve::host {
@@ -62,6 +63,28 @@ TEST_P(ScheduleTest, FindsNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Searches, ScheduleTest, testing::ValuesIn(kSearches));
+
+#if !defined(NETSIEVE_TEST_IMAGE)
+// A call that comes at any moment of a detach is waited for, or finds nothing.
+TEST(DetachModel, WaitsForEveryCall) {
+    const ExploreResult result =
+        ExploreAll({.name = "reference against detach"}, [](Machine& machine, ScheduleTree& tree) {
+            tree.SetOpen(false);
+            Stack& stack = machine.ndis().AddAdapter();
+            machine.LoadDriver(DriverUnderTest());
+            FILTER_MODULE* const module = RecordOf(machine, stack);
+            tree.SetOpen(true);
+            machine.scheduler().Start({.name = "caller", .processor = 1},
+                                      [module] { ModuleReference reference(module); });
+            stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
+            machine.scheduler().WaitUntilIdle();
+            tree.SetOpen(false);
+            machine.UnloadDriver("NETSIEVE");
+        });
+    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
+    fmt::print("{} schedules of up to {} preemptions\n", result.schedules, result.preemptions);
+}
+#endif
 
 // Nothing that decides a run may come from outside its seed.
 TEST(DeterminismTest, OneSeedIsOneRun) {

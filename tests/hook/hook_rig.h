@@ -37,7 +37,13 @@ struct Client {
         block.Name = {static_cast<USHORT>(name.size() * 2),
                       static_cast<USHORT>(name.size() * 2 + 2), name.data()};
     }
-    NTSTATUS Register() { return ITarnHKRegisterFilterEx(&block, this, &hook); }
+    NTSTATUS Register() {
+        if (unload) {
+            block.UnloadNotify = [](PVOID context)
+                                     NTAPI { static_cast<Client*>(context)->unload(); };
+        }
+        return ITarnHKRegisterFilterEx(&block, this, &hook);
+    }
     /// Registered and switched on.
     Client& Start() {
         EXPECT_EQ(Register(), STATUS_SUCCESS);
@@ -53,6 +59,7 @@ struct Client {
     bool detach = true;
     LONG verdict = HOOK_VERDICT_PASS;
     std::function<LONG(NIRP*)> handler{};
+    std::function<void()> unload{};  ///< the hook is told of the unload when there is one
     std::atomic<int> calls = 0;
     std::vector<FILTER_MODULE*> attached;
     std::vector<FILTER_MODULE*> detached;

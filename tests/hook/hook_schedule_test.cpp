@@ -121,6 +121,39 @@ class HooksComeAndGo final : public Scenario {
     Change change_;
 };
 
+/// Two hooks leave while the driver unloads under traffic. The one that is not told of the unload
+/// leaves without a wait when no handler of it runs.
+class HooksLeaveDuringUnload final : public Scenario {
+  public:
+    void Run(Machine& machine) override {
+        verdict_.clear();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Traffic traffic(machine, stack);
+        Client silent(u"silent");
+        Client told(u"told");
+        std::atomic<bool> gone = false;
+        silent.handler = [&](NIRP*) -> LONG {
+            Demand(!gone, "a handler was called after its deregistration returned");
+            return HOOK_VERDICT_PASS;
+        };
+        told.unload = [&] {
+            silent.Stop();
+            gone = true;
+            told.Stop();
+        };
+        silent.Start();
+        told.Start();
+        const std::uint32_t sender = machine.scheduler().Start(
+            {.name = "sender", .processor = 1},
+            [&, chain = traffic.MakeSends(2)] { stack.protocol().Send(chain); });
+        machine.UnloadDriver("NETSIEVE");
+        machine.scheduler().Join(sender);
+        meetings_ += silent.calls == 1 ? 1 : 0;
+        Demand(traffic.completed + traffic.refused == 2, "a list did not come back");
+    }
+};
+
 /// Four processors whose protocols send through a new module: each gets one entry.
 class ProtocolsFillTheTable final : public Scenario {
   public:
@@ -180,6 +213,8 @@ const Search kSearches[] = {
     Hooks("module detach against deregistration", Change::kDetachModule),
     Hooks("changes from inside a handler", Change::kInside),
     Hooks("registrations from inside a handler", Change::kLeaveInside, 1),
+    {"hooks that leave during the unload",
+     [] { return std::make_unique<HooksLeaveDuringUnload>(); }, 1},
     {"protocol table from four processors",
      [] { return std::make_unique<ProtocolsFillTheTable>(); }},
 };
@@ -216,6 +251,29 @@ TEST_P(HookSchedules, HoldOnRealThreads) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
+
+// A registration that meets the end of the last one of its name joins it in time, or makes a hook
+// of its own.
+TEST(HookModels, ANameIsNotJoinedOnItsWayOut) {
+    const ExploreResult result = ExploreAll(
+        {.name = "registration against deregistration"}, [](Machine& machine, ScheduleTree& tree) {
+            tree.SetOpen(false);
+            machine.ndis().AddAdapter();
+            machine.LoadDriver(DriverUnderTest());
+            Client first(u"name");
+            Client second(u"name");
+            first.Start();
+            tree.SetOpen(true);
+            machine.scheduler().Start({.name = "client", .processor = 1}, [&] { second.Start(); });
+            first.Stop();
+            machine.scheduler().WaitUntilIdle();
+            tree.SetOpen(false);
+            second.Stop();
+            machine.UnloadDriver("NETSIEVE");
+        });
+    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
+    fmt::print("{} schedules of up to {} preemptions\n", result.schedules, result.preemptions);
+}
 
 }  // namespace
 }  // namespace netsieve::host

@@ -286,5 +286,27 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
     });
 }
 
+TEST(HookRegistryTest, AHookThatIsNowhereAttachedIsNotToldOfAnEnd) {
+    OnScene([](Scene&) {
+        Client client(u"loose");
+        client.attach = false;
+        client.Start();
+        EXPECT_EQ(client.attached.size(), 1u);
+        client.Stop();
+        EXPECT_TRUE(client.detached.empty());
+    });
+}
+
+TEST(HookRegistryTest, AHookThatLeavesCannotBeAttached) {
+    OnScene([](Scene&) {
+        Client client(u"late");
+        client.block.DetachNotify = [](FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) NTAPI {
+            EXPECT_EQ(ITarnHKAttachFilter(module, hook), STATUS_INVALID_PARAMETER);
+        };
+        client.Start();
+        client.Stop();
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host

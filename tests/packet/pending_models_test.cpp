@@ -249,9 +249,9 @@ TEST_P(PendingModels, EveryScheduleIsGood) {
     if (result.finding) {
         FAIL() << result.finding->what << "\n" << result.finding->replay;
     }
-    EXPECT_GT(result.schedules, 10u) << "the actors never met";
-    fmt::print("{}: all {} schedules, up to {} preemptions\n", GetParam().name, result.schedules,
-               result.preemptions);
+    EXPECT_TRUE(result.schedules > 10 || !result.complete) << "the actors never met";
+    fmt::print("{}: {} {} schedules of up to {} preemptions\n", GetParam().name,
+               result.complete ? "all" : "only", result.schedules, result.preemptions);
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, PendingModels, testing::ValuesIn(kCases));
