@@ -47,8 +47,8 @@ for seed in 1 2; do
         python3 - "$scratch/report" <<'PYTHON'
 import json, sys
 hook, = json.load(open(sys.argv[1]))["hooks"]
-if hook["withheld"] < 20 or hook["name"] != "Sample: delay":
-    sys.exit(f"the sample held {hook['withheld']} frames: {hook}")
+if hook["marked"] < 20 or hook["name"] != "Sample: delay":
+    sys.exit(f"the sample held {hook['marked']} frames: {hook}")
 PYTHON
 
         replay "$scratch/$kind.beacon" "${options[@]}" --hook "module:$directory/beacon$suffix"
