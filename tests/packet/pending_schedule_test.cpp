@@ -5,6 +5,12 @@
 namespace netsieve::host {
 namespace {
 
+/// Each seed has a call of its own refused, alone or with every later one.
+void RefuseACall(Machine& machine) {
+    const std::uint64_t seed = machine.options().seed;
+    machine.faults().Arm({.nth = 1 + seed % 8, .persistent = seed % 16 < 8});
+}
+
 /// What takes part beside the frame's own list.
 struct Actors {
     int marks = 1;            ///< in the handler
@@ -12,7 +18,8 @@ struct Actors {
     bool pause = false;
     bool detach = false;
     bool receive = false;
-    bool fail = false;  ///< the first completion drops the frame
+    bool fail = false;      ///< the first completion drops the frame
+    bool refusals = false;  ///< of the calls that the driver makes for the frame
 };
 
 /// One frame is taken over beside one that passes. Its completions start as soon as it is marked.
@@ -44,14 +51,18 @@ class TakenFrame final : public Scenario {
             }
             const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
             const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
+            const FrameLayout layout{.mdlSizes = {20}, .mapped = !actors_.refusals};
+            if (actors_.refusals) {
+                RefuseACall(machine);
+            }
             Start(machine, 0, [&] {
                 if (actors_.receive) {
-                    PNET_BUFFER_LIST const list = receives.Make(spans);
+                    PNET_BUFFER_LIST const list = receives.Make(spans, layout);
                     if (!stack.adapter().Indicate(list)) {
                         receives.Free(list);
                     }
                 } else {
-                    stack.protocol().Send(sends.Make(spans));
+                    stack.protocol().Send(sends.Make(spans, layout));
                 }
             });
             if (actors_.pause) {
@@ -65,6 +76,7 @@ class TakenFrame final : public Scenario {
                       [&] { stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE"))); });
             }
             JoinAll(machine);
+            machine.faults().Disarm();
             stack.Pause();
             if (!actors_.detach) {
                 FILTER_MODULE* const module = RecordOf(machine, stack);
@@ -75,7 +87,8 @@ class TakenFrame final : public Scenario {
             }
         }
         const bool mayArrive = !actors_.fail;
-        const bool mayBeDropped = actors_.fail || actors_.pause || actors_.detach;
+        const bool mayBeDropped =
+            actors_.fail || actors_.pause || actors_.detach || actors_.refusals;
         Demand(arrived_ <= (mayArrive ? 1 : 0) && (arrived_ == 1 || mayBeDropped),
                fmt::format("the frame arrived {} times", arrived_.load()));
         meetings_ += static_cast<std::uint64_t>(arrived_.load());
@@ -112,7 +125,8 @@ class TakenFrame final : public Scenario {
         for (int i = 0; i < marks; ++i) {
             if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
                 // Only where the module may be paused, or an earlier mark be completed by now.
-                Demand(actors_.pause || actors_.detach || actors_.secondHook || i > 0,
+                Demand(actors_.pause || actors_.detach || actors_.secondHook || actors_.refusals ||
+                           i > 0,
                        "a mark was refused");
                 return HOOK_VERDICT_WITHHOLD;
             }
@@ -146,7 +160,8 @@ enum class Against { kPause, kDetach, kUnload };
 /// or the driver unloaded.
 class Injections final : public Scenario {
   public:
-    explicit Injections(Against against) : against_(against) {}
+    explicit Injections(Against against, bool refusals = false)
+        : against_(against), refusals_(refusals) {}
 
     void Run(Machine& machine) override {
         verdict_.clear();
@@ -164,6 +179,9 @@ class Injections final : public Scenario {
             std::copy(std::begin(source), std::end(source), frame.begin() + 6);
             ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size()));
         };
+        if (refusals_) {
+            RefuseACall(machine);
+        }
         const std::uint32_t injectors[] = {
             scheduler.Start({.name = "injector", .processor = 1}, inject),
             scheduler.Start({.name = "injector", .kind = ContextKind::kDpc, .processor = 2},
@@ -184,6 +202,7 @@ class Injections final : public Scenario {
         for (const std::uint32_t id : injectors) {
             scheduler.Join(id);
         }
+        machine.faults().Disarm();
         machine.UnloadDriver("NETSIEVE");
         stack.Pause();
         Demand(sent <= 2, "a frame was sent twice");
@@ -192,6 +211,7 @@ class Injections final : public Scenario {
 
   private:
     Against against_;
+    bool refusals_;
 };
 
 struct Search {
@@ -207,8 +227,8 @@ Search Taken(const char* name, Actors actors) {
     return {name, [actors] { return std::make_unique<TakenFrame>(actors); }};
 }
 
-Search Injected(const char* name, Against against) {
-    return {name, [against] { return std::make_unique<Injections>(against); }};
+Search Injected(const char* name, Against against, bool refusals = false) {
+    return {name, [=] { return std::make_unique<Injections>(against, refusals); }};
 }
 
 const Search kSearches[] = {
@@ -221,9 +241,14 @@ const Search kSearches[] = {
     Taken("second mark against first completion", {.secondHook = true}),
     Taken("marks against pause", {.marks = 2, .secondHook = true, .pause = true}),
     Taken("pending against detach", {.marks = 2, .detach = true}),
+    Taken("refused calls against pause", {.marks = 2, .pause = true, .refusals = true}),
+    Taken("refused calls on the way up", {.secondHook = true, .receive = true, .refusals = true}),
+    Taken("refused calls against detach", {.detach = true, .refusals = true}),
     Injected("injection against pause", Against::kPause),
     Injected("injection against detach", Against::kDetach),
     Injected("work items against unload", Against::kUnload),
+    Injected("refused injection against pause", Against::kPause, true),
+    Injected("refused injection against detach", Against::kDetach, true),
 };
 
 class PendingSchedules : public testing::TestWithParam<std::tuple<Search, StrategyKind>> {};
