@@ -173,33 +173,6 @@ TEST_P(BootFilterList, AgreesWithTheModelOnAnyList) {
     }
 }
 
-// No registry call is made there, and the verifier would report a wait.
-TEST_P(BootFilterList, RefusesToRunAbovePassiveLevel) {
-    auto rig = MakeRig();
-    rig->Run([&] {
-        rig->StoreList(MultiSz({u"a"}));
-        rig->machine().faults().Arm({});
-        for (const KIRQL irql : {APC_LEVEL, DISPATCH_LEVEL}) {
-            rig->machine().scheduler().SetIrql(irql);
-            EXPECT_EQ(rig->Add(u"b"), STATUS_INVALID_LEVEL);
-            EXPECT_EQ(rig->Remove(u"a"), STATUS_INVALID_LEVEL);
-            rig->machine().scheduler().SetIrql(PASSIVE_LEVEL);
-        }
-        EXPECT_EQ(rig->machine().faults().Counted(), 0U);
-        EXPECT_EQ(rig->List(), MultiSz({u"a"}));
-    });
-}
-
-TEST_P(BootFilterList, ReportsAMissingServiceKey) {
-    auto rig = MakeRig();
-    rig->machine().registry().Mount(u"Registry\\Machine\\SYSTEM",
-                                    std::make_unique<RegistryMemoryStore>());
-    rig->Run([&] {
-        EXPECT_EQ(rig->Add(u"a"), STATUS_OBJECT_NAME_NOT_FOUND);
-        EXPECT_EQ(rig->Remove(u"a"), STATUS_OBJECT_NAME_NOT_FOUND);
-    });
-}
-
 // Whatever fails, and whether once or for good: the list is the old one or the new one, every
 // handle and block is given back, and the next call works.
 TEST_P(BootFilterList, SurvivesEachFailingCall) {

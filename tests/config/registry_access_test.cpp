@@ -72,20 +72,6 @@ TEST(RegistryAccess, TestsArgumentsAndThenTheLevel) {
     });
 }
 
-TEST(RegistryAccess, OpensOnlyWhatIsThere) {
-    ConfigRig rig;
-    rig.Run([&] {
-        HANDLE key = kNoHandle;
-        EXPECT_EQ(RegOpenKey(0x80000001, u"a", &key), STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(key, kNoHandle);
-        EXPECT_EQ(RegOpenKey(ROOT_LOCAL_MACHINE, u"None", &key), STATUS_OBJECT_NAME_NOT_FOUND);
-        EXPECT_EQ(key, nullptr);
-        // The prefix alone ends in a backslash.
-        EXPECT_EQ(RegOpenKey(ROOT_LOCAL_MACHINE, u"", &key), STATUS_SUCCESS);
-        EXPECT_EQ(RegCloseKey(key), STATUS_SUCCESS);
-    });
-}
-
 TEST(RegistryAccess, AsksForTheVersionOnceAndForKernelHandlesAfterNt4) {
     for (const std::uint32_t version : {4U, 6U}) {
         ConfigRig rig(false, StoreKind::kMemory, {.osMajorVersion = version});

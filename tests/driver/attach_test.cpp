@@ -1,8 +1,4 @@
 // How modules come to be: their records, what attach refuses, and what it leaves when it fails.
-#include <cstring>
-
-#include "driver/driver_globals.h"
-#include "driver/module_reference.h"
 #include "driver/trace_log.h"
 #include "host/kernel/callback.h"
 #include "tests/driver/driver_scenario.h"
@@ -62,31 +58,6 @@ class AttachTest : public testing::TestWithParam<AttachTiming> {
 
 TEST_P(AttachTest, FillsTheRecord) {
     RunClean({}, LoadAndCheckRecords);
-}
-
-// The nth failable call of a load fails, alone or with every later one, until a load meets none:
-// whatever failed, the load says so or works without it, and the next frame passes.
-TEST_P(AttachTest, SurvivesEachFailure) {
-    for (const bool persistent : {false, true}) {
-        std::uint64_t nth = 1;
-        for (std::uint64_t injected = 1; injected != 0; ++nth) {
-            ASSERT_LT(nth, 200u);
-            RunClean({}, [&](Machine& machine) {
-                Stack& stack = machine.ndis().AddAdapter();
-                machine.ndis().AddAdapter({.ifIndex = 2});
-                machine.ndis().SetAttachTiming(GetParam());
-                machine.faults().Arm({.nth = nth, .persistent = persistent});
-                const NTSTATUS status = machine.LoadDriver(DriverUnderTest());
-                injected = machine.faults().Injected();
-                machine.faults().Disarm();
-                EXPECT_EQ(status == STATUS_SUCCESS, machine.FindDriver("NETSIEVE") != nullptr);
-                Traffic(machine, stack).ExpectPassing();
-                machine.UnloadDriver("NETSIEVE");
-            });
-        }
-        // Registration and device, and for each adapter record, ring, attributes and list pool.
-        EXPECT_GT(nth, 10u);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Timing,
@@ -185,45 +156,6 @@ TEST(RestartTest, SetsTheLookaheadWhereThereAreAttributes) {
         });
     }
 }
-
-#if !defined(NETSIEVE_TEST_IMAGE)  // an image keeps its globals to itself
-
-std::vector<void*> ModuleList() {
-    std::vector<void*> modules;
-    LIST_ENTRY& head = g_DriverGlobals.ModuleList;
-    for (PLIST_ENTRY entry = head.Flink; entry != &head; entry = entry->Flink) {
-        modules.push_back(CONTAINING_RECORD(entry, FILTER_MODULE, Link));
-    }
-    return modules;
-}
-
-TEST(ModuleListTest, HoldsTheAttachedModulesInTheirOrder) {
-    RunClean({}, [](Machine& machine) {
-        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
-        Stack& a = machine.ndis().AddAdapter();
-        Stack& b = machine.ndis().AddAdapter({.ifIndex = 2});
-        Stack& c = machine.ndis().AddAdapter({.ifIndex = 3});
-        FILTER_MODULE* const ofB = RecordOf(machine, b);
-        EXPECT_THAT(ModuleList(),
-                    testing::ElementsAre(RecordOf(machine, a), ofB, RecordOf(machine, c)));
-        EXPECT_EQ(ReferenceFilterModule(ofB), NDIS_STATUS_SUCCESS);
-        EXPECT_EQ(ofB->ActiveCalls, 1u);
-        EXPECT_EQ(ofB->IdleEvent.Header.SignalState, 0);
-        DereferenceFilterModule(ofB);
-        EXPECT_EQ(ofB->ActiveCalls, 0u);
-        EXPECT_EQ(ofB->IdleEvent.Header.SignalState, 1);
-
-        machine.ndis().RemoveAdapter(b);
-        EXPECT_THAT(ModuleList(), testing::ElementsAre(RecordOf(machine, a), RecordOf(machine, c)));
-        EXPECT_EQ(ReferenceFilterModule(ofB), NDIS_STATUS_CLOSING);
-        EXPECT_EQ(ReferenceFilterModule(nullptr), NDIS_STATUS_INVALID_PARAMETER);
-        DereferenceFilterModule(nullptr);
-        machine.UnloadDriver("NETSIEVE");
-        EXPECT_THAT(ModuleList(), testing::IsEmpty());
-    });
-}
-
-#endif
 
 }  // namespace
 }  // namespace netsieve::host

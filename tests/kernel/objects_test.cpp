@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "host/machine.h"
 
 namespace netsieve::host {
@@ -138,22 +136,6 @@ TEST_F(DriverObjects, ADescriptorIsMappedWhenSomeoneAsks) {
         // Once mapped there is nothing left that could fail.
         machine_.faults().Arm({.kind = FaultKind::kMapping, .nth = 1});
         EXPECT_EQ(map(unmapped), bytes.data() + 7);
-    });
-}
-
-TEST_F(DriverObjects, ABlockIsAlignedAndHoldsNoUsablePointer) {
-    Run([&] {
-        PVOID block = nullptr;
-        ASSERT_EQ(NdisAllocateMemoryWithTag(&block, 24, 0x61626364), NDIS_STATUS_SUCCESS);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 0u);
-        std::uint64_t word = 0;
-        std::memcpy(&word, block, sizeof(word));
-        EXPECT_NE(word, 0u);
-        EXPECT_EQ(machine_.pool().LiveBlocks(), 1u);
-        EXPECT_EQ(machine_.pool().Describe(static_cast<char*>(block) + 5),
-                  "block 'dcba' of 24 bytes, offset 5");
-        NdisFreeMemory(block, 0, 0);
-        EXPECT_EQ(machine_.pool().LiveBlocks(), 0u);
     });
 }
 

@@ -3,50 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "host/machine.h"
 
 namespace netsieve::host {
 namespace {
 
 using testing::HasSubstr;
-
-/// Threads, a DPC, a timer and a lock: enough to differ between schedules.
-void Bustle(Machine& machine) {
-    static KSPIN_LOCK lock;
-    KeInitializeSpinLock(&lock);
-    Scheduler& scheduler = machine.scheduler();
-    const auto use = [] {
-        for (int i = 0; i < 4; ++i) {
-            KeReleaseSpinLock(&lock, KeAcquireSpinLockRaiseToDpc(&lock));
-        }
-    };
-    scheduler.CallAt(scheduler.Now() + 5, 1, use);
-    scheduler.Start({.name = "dpc", .kind = ContextKind::kDpc, .processor = 1}, use);
-    scheduler.Start({.name = "thread", .processor = 2}, use);
-    scheduler.Start({.name = "thread", .processor = 3}, use);
-    scheduler.Sleep(10);
-    use();
-}
-
-TEST(SimulatedScheduler, TheSeedIsTheRun) {
-    for (const StrategyKind strategy : {StrategyKind::kUniform, StrategyKind::kPct}) {
-        std::set<std::uint64_t> hashes;
-        for (std::uint64_t seed = 1; seed <= 50; ++seed) {
-            std::uint64_t hash[2] = {};
-            for (std::uint64_t& one : hash) {
-                Machine machine(
-                    {.strategy = strategy, .seed = seed, .expectedPoints = 60, .processors = 4});
-                one = machine.Run([&] { Bustle(machine); }).traceHash;
-            }
-            EXPECT_EQ(hash[0], hash[1]) << "seed " << seed;
-            hashes.insert(hash[0]);
-        }
-        // PCT has few schedules to choose from in so short a run.
-        EXPECT_GE(hashes.size(), strategy == StrategyKind::kUniform ? 48u : 10u);
-    }
-}
 
 TEST(SimulatedScheduler, TimeJumpsToTheNextDeadline) {
     Machine machine;

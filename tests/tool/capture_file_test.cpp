@@ -153,12 +153,5 @@ TEST_F(CaptureFileTest, WriterReportsFullDiskAndUnwritablePath) {
     EXPECT_TRUE(nowhere.Open(Path("missing/out"), CaptureHeader()));
 }
 
-TEST_F(CaptureFileTest, WriterKnowsWhichTimesFit) {
-    EXPECT_TRUE(CaptureWriter::CanRepresent({0xFFFFFFFF, 0}));
-    EXPECT_FALSE(CaptureWriter::CanRepresent({0x100000000, 0}));
-    EXPECT_TRUE(CaptureWriter::CanRepresent({-0x80000000LL, 0}));
-    EXPECT_FALSE(CaptureWriter::CanRepresent({-0x80000001LL, 0}));
-}
-
 }  // namespace
 }  // namespace netsieve::tool

@@ -65,26 +65,5 @@ TEST_F(MacVoteTest, MostFramesWinAndTiesGoToTheFirst) {
     EXPECT_EQ(Result(), "c3");
 }
 
-TEST_F(MacVoteTest, AddressesBeyondTheCapacityDoNotCompete) {
-    Frame('*', 'a');
-    for (std::uint32_t i = 0; i < MacVote::kCapacity; ++i) {
-        std::string bytes(60, '\0');
-        bytes[0] = '\xFF';
-        bytes[6] = 0x04;
-        for (int byte = 0; byte < 4; ++byte) {
-            bytes[7 + byte] = static_cast<char>(i >> (8 * byte));
-        }
-        CaptureFrame frame;
-        frame.bytes = reinterpret_cast<const std::uint8_t*>(bytes.data());
-        frame.capturedLength = 60;
-        vote_.Count(frame);
-    }
-    Frame('*', 'b');
-    Frame('*', 'b');
-    EXPECT_EQ(Result(), "a1") << "b came when the table was full";
-    Frame('*', 'a');
-    EXPECT_EQ(Result(), "a2");
-}
-
 }  // namespace
 }  // namespace netsieve::tool

@@ -86,11 +86,5 @@ TEST(ReplayReportTest, EveryFrameHasToBeAccountedFor) {
     }
 }
 
-TEST(ReplayReportTest, JsonTakesNamesThatAreNotUtf8) {
-    ReplayReport report = CleanReport();
-    report.capture = "caf\xE9.pcap";
-    EXPECT_EQ(nlohmann::json::parse(FormatReportJson(report))["capture"]["frames"], 3);
-}
-
 }  // namespace
 }  // namespace netsieve::tool
