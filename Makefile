@@ -14,8 +14,8 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
-.PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz search nightly \
-    mutants clean
+.PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz \
+    search nightly mutants clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
