@@ -58,8 +58,8 @@ bool FileReplacement::Unchanged() const {
 }
 
 bool FileReplacement::Fail(const char* action, std::string& error) const {
-    error = fmt::format("cannot {} {}: {}; it is as it was before", action, path_.string(),
-                        std::strerror(errno));
+    error = fmt::format("cannot {} {}: {}; {}", action, path_.string(), std::strerror(errno),
+                        exists_ ? "it is as it was before" : "it was not made");
     return false;
 }
 

@@ -51,6 +51,18 @@ if hook["marked"] < 20 or hook["name"] != "Sample: delay":
     sys.exit(f"the sample held {hook['marked']} frames: {hook}")
 PYTHON
 
+        # What it holds in a pause is flushed; beside a hook that holds the same frames nothing is lost.
+        replay "$scratch/$kind.pause" "${options[@]}" --hook "module:$directory/delay$suffix" \
+            --pause-at 100 --hook 'delay:5:udp'
+        python3 - "$scratch/report" <<'PYTHON'
+import json, sys
+report = json.load(open(sys.argv[1]))
+ways = [report["adapters"][0][way] for way in ("sent", "received")]
+flushed = sum(way["flushed"] for way in ways)
+if flushed != report["pause"]["flushed"] or flushed < 8 or any(way["withheld"] for way in ways):
+    sys.exit(f"the pause flushed {flushed} frames: {report}")
+PYTHON
+
         replay "$scratch/$kind.beacon" "${options[@]}" --hook "module:$directory/beacon$suffix"
         frames "$scratch/$kind.beacon" others | sort | cmp - "$scratch/input"
         frames "$scratch/$kind.beacon" beacons >"$scratch/$kind.beacons"

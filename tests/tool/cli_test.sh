@@ -39,6 +39,9 @@ expect 2 "CAPTURE is required" replay
 expect 2 "not expected" replay "$sample" --bogus
 expect 2 "is not a unicast address" replay "$sample" --mac 01:00:5e:00:00:01
 expect 2 "not one of" replay "$sample" --direction up
+expect 2 "'bogus' is no command" boot-filters bogus
+expect 2 "no whole number" replay "$sample" --seed 18446744073709551616
+expect 2 "is empty" boot-filters --hive "" list
 expect 3 "No such file" replay "$scratch/missing.pcap"
 expect 3 "is compressed" replay "$scratch/sample.gz" --json
 expect 4 "truncated dump file" replay "$scratch/cut.pcap"
@@ -74,6 +77,16 @@ done
 # A reader that goes away.
 "$netsieve" replay "$sample" -o - 2>"$scratch/err" | head -c 10 >/dev/null
 [ "${PIPESTATUS[0]}" = 6 ] || fail "a reader that went away was not reported"
+
+# What is to be read on standard output gets there, or the status says that it did not.
+for arguments in "replay $sample" "replay $sample --hook log" "version" "--help" \
+    "boot-filters --hive $scratch/hive --create add a"; do
+    # The arguments are words.
+    # shellcheck disable=SC2086
+    "$netsieve" $arguments 2>"$scratch/err" >/dev/full
+    [ $? = 6 ] || fail "$arguments on a full device"
+done
+[ ! -e "$scratch/hive" ] || fail "a hive was made although nobody could read it"
 
 # The manual and the help say the same about the exit statuses.
 "$netsieve" --help | sed -n 's/^  \([0-9]\)  /\1 /p' >"$scratch/out"

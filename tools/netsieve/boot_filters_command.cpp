@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -24,7 +27,7 @@ constexpr const char* kHelp = R"(Exit status:
   2  the command line is wrong
   3  the hive cannot be read, is none, or lacks the control set or the service key
   5  the driver refused: the name or the list is too long, or the name is empty
-  6  the hive could not be written
+  6  the hive or standard output could not be written
   7  the driver could not be loaded
   9  the driver broke a rule of its platform
 Whenever it is not 0, the hive is as it was.)";
@@ -87,9 +90,10 @@ class BootFiltersCommand {
         std::error_code reason;
         const bool missing = std::filesystem::status(options_.hive, reason).type() ==
                              std::filesystem::file_type::not_found;
-        if (missing && !options_.create) {
+        if (missing && !(options_.create && options_.change)) {
             return Fail(ExitStatus::kInputUnreadable,
-                        fmt::format("{} does not exist; --create makes a new hive", options_.hive));
+                        fmt::format("{} does not exist; add with --create makes a new hive",
+                                    options_.hive));
         }
         std::string error;
         auto hive = missing ? host::RegistryHiveStore::Create(options_.hive, error)
@@ -192,6 +196,12 @@ class BootFiltersCommand {
         if (hive_ == nullptr || !changed_) {
             return true;
         }
+        // What was shown last is the only sign of the change.
+        if (std::fflush(stdout) != 0) {
+            return Fail(ExitStatus::kOutputFailed,
+                        fmt::format("cannot write to standard output: {}; {} was not changed",
+                                    std::strerror(errno), options_.hive));
+        }
         return hive_->Save(error) || Fail(ExitStatus::kOutputFailed, error);
     }
 
@@ -225,14 +235,18 @@ void AddOptions(CLI::App& command, BootFiltersOptions& options) {
     command
         .add_option("--hive", options.hive,
                     "A SYSTEM registry hive; without it, a registry in memory")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check([](const std::string& text) {
+            return text.empty() ? "the name of the hive is empty" : std::string();
+        });
     command
         .add_option("--driver", options.driver,
-                    "The driver: native, or the path of a driver image (.sys)")
+                    "The driver that makes a change: native, or the path of a driver image (.sys)")
         ->type_name("native|FILE")
         ->capture_default_str();
-    command.add_flag("--create", options.create,
-                     "Make the hive, or the driver's service key in it, when it does not exist");
+    command.add_flag(
+        "--create", options.create,
+        "Make the hive, or the driver's service key in it, when there is none to change");
 }
 
 }  // namespace

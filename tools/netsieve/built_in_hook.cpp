@@ -162,9 +162,12 @@ void BuiltInHook::Log(NIRP* nirp, Direction way) const {
     MacAddress address{};
     const bool known = exports.getAdapterInfo(nirp, &info) == STATUS_SUCCESS;
     std::copy(std::begin(info.MacAddress), std::end(info.MacAddress), address.begin());
-    fmt::print(surroundings_.log, "hook={} direction={} protocol={} adapter={} length={}\n",
-               number_, way == Direction::kSent ? "send" : "receive", Printable(protocol),
-               known ? FormatMac(address) : "-", exports.getBufferLength(nirp));
+    // Nothing may be thrown through the driver. The stream remembers that a write has failed.
+    const std::string line =
+        fmt::format("hook={} direction={} protocol={} adapter={} length={}\n", number_,
+                    way == Direction::kSent ? "send" : "receive", Printable(protocol),
+                    known ? FormatMac(address) : "-", exports.getBufferLength(nirp));
+    std::fwrite(line.data(), 1, line.size(), surroundings_.log);
 }
 
 }  // namespace netsieve::tool

@@ -21,6 +21,20 @@ FILTER_MODULE* RecordOf(const host::FilterModule& module) {
     return ours ? static_cast<FILTER_MODULE*>(module.context) : nullptr;
 }
 
+std::uint64_t UnpaidRequests(FILTER_MODULE& record, Direction way) {
+    const bool sent = way == Direction::kSent;
+    LIST_ENTRY& head = sent ? record.UnpaidSendList : record.UnpaidReceiveList;
+    // A module may pay its marks from a timer meanwhile.
+    KSPIN_LOCK& lock = (sent ? record.PendingSendLock : record.PendingReceiveLock).Lock;
+    std::uint64_t count = 0;
+    const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
+    for (const LIST_ENTRY* at = head.Flink; at != &head; at = at->Flink) {
+        ++count;
+    }
+    KeReleaseSpinLock(&lock, irql);
+    return count;
+}
+
 std::optional<OwnList> ReadOwnList(PNET_BUFFER_LIST list) {
     const NET_BUFFER_LIST_CONTEXT* const block = list->Context;
     if (block == nullptr || block->Offset + NBL_CONTEXT_SIZE > block->Size) {

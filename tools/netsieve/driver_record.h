@@ -1,16 +1,22 @@
 // The driver's own record of an adapter, for what it does not tell in any other way.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 #include "driver/filter_module.h"
 #include "host/ndis/filter_module.h"
+#include "tools/netsieve/offer_ledger.h"
 
 namespace netsieve::tool {
 
 /// The driver's record of `module`, in the native driver as in an image, or null when the module is
 /// not our driver's: another's context is its own affair.
 FILTER_MODULE* RecordOf(const host::FilterModule& module);
+
+/// How many requests of one direction a pause has flushed whose marks are not all completed yet.
+/// Between a pause and the next restart. At or below DISPATCH_LEVEL.
+std::uint64_t UnpaidRequests(FILTER_MODULE& record, Direction way);
 
 /// A list that our driver has built itself, around a frame of its own.
 struct OwnList {

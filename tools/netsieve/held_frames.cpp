@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "platform/atomics.h"
+#include "tools/netsieve/driver_record.h"
 #include "tools/netsieve/frame_exchange.h"
 #include "tools/netsieve/frame_tag.h"
 
@@ -49,6 +51,8 @@ void HeldFrames::ReleaseAll(const HookExports& exports, FrameExchange& exchange)
 void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange) {
     const auto at = requests_.find(mark.record);
     Request& request = at->second;
+    // A module's marks are no request of ours.
+    const bool othersHold = ReadAcquire(&mark.record->PendingCount) > request.marks;
     --request.marks;
     request.failed = request.failed || !mark.success;
     Release release{mark.record->Clone, request.number, request.originalLength};
@@ -57,31 +61,36 @@ void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExc
         mark.record, static_cast<ULONG>(mark.success ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL));
     exchange.Expect(nullptr);
     if (request.marks == 0) {
-        Settle(request, release.deliveries != 0);
+        Settle(request, release.deliveries != 0, othersHold);
         requests_.erase(at);
     }
 }
 
-void HeldFrames::Settle(const Request& request, bool cameOut) {
+void HeldFrames::Settle(const Request& request, bool cameOut, bool othersHold) {
     RequestCounts& counts = counts_[static_cast<std::size_t>(request.way)];
     if (request.flushed) {
         ++counts.flushed;
     } else if (request.failed) {
         ++counts.dropped;
-    } else {
+    } else if (!othersHold) {
         ++counts.reinjected;
         counts.missing += cameOut ? 0 : 1;
     }
 }
 
-std::uint64_t HeldFrames::NotePause() {
+std::uint64_t HeldFrames::NotePause(FILTER_MODULE& record) {
     std::uint64_t flushed = 0;
-    for (auto& [record, request] : requests_) {
-        // The driver has given the copy up: what comes now only pays the marks.
-        if (!request.flushed && record->Clone == nullptr) {
-            request.flushed = true;
-            ++flushed;
+    for (const Direction way : {Direction::kSent, Direction::kReceived}) {
+        std::uint64_t others = UnpaidRequests(record, way);
+        flushed += others;
+        for (auto& [nirp, request] : requests_) {
+            // The driver has given the copy up: what comes now only pays the marks.
+            if (request.way == way && nirp->Clone == nullptr) {
+                request.flushed = true;
+                --others;
+            }
         }
+        counts_[static_cast<std::size_t>(way)].flushed += others;
     }
     return flushed;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "driver/filter_module.h"
 #include "packet/nirp.h"
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/driver_exports.h"
@@ -46,9 +47,9 @@ class HeldFrames {
     void ReleaseNext(const HookExports& exports, FrameExchange& exchange);
     /// Completes everything that waits for the end, in the order in which it was marked.
     void ReleaseAll(const HookExports& exports, FrameExchange& exchange);
-    /// The adapter was paused: notes which requests went with that, and how many they are. Their
-    /// marks stay to be completed.
-    std::uint64_t NotePause();
+    /// The adapter of `record` was paused: notes which requests went with that, those of hook
+    /// modules too, and gives how many they are. Their marks stay to be completed.
+    std::uint64_t NotePause(FILTER_MODULE& record);
 
     const RequestCounts& Counts(Direction way) const {
         return counts_[static_cast<std::size_t>(way)];
@@ -71,7 +72,7 @@ class HeldFrames {
     using Due = std::int64_t;
 
     void Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange);
-    void Settle(const Request& request, bool cameOut);
+    void Settle(const Request& request, bool cameOut, bool othersHold);
 
     std::size_t room_ = 0;
     std::multimap<Due, Mark> marks_;  ///< equal ones in the order in which they were made

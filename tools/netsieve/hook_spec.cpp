@@ -213,7 +213,9 @@ HookSpec ParseHookSpec(const std::string& text) {
 void CheckHooks(const std::vector<HookSpec>& hooks, const std::string& driver) {
     // One place stays free for the hook that watches on the program's own account.
     if (hooks.size() >= HOOK_MODULE_LIMIT) {
-        Refuse("{} hooks are too many; an adapter takes {}", hooks.size(), HOOK_MODULE_LIMIT - 1);
+        Refuse(
+            "{} hooks are too many; of the {} that an adapter takes, one place is needed to count",
+            hooks.size(), HOOK_MODULE_LIMIT);
     }
     for (auto hook = hooks.begin(); hook != hooks.end(); ++hook) {
         if (hook->kind != HookKind::kModule) {

@@ -24,6 +24,7 @@ constexpr const char* kHelp = R"(Exit status:
   1  the program itself failed
   2  the command line is wrong
   3  the file cannot be read, or is no x64 image
+  6  standard output could not be written
   7  the host cannot run it: it is not what a kernel loads, or imports what is missing here)";
 
 constexpr const char* kDriverImageName = "NETSIEVE.SYS";
@@ -170,7 +171,10 @@ void PrintNames(const ImageReport& report) {
 
 void PrintText(const ImageReport& report) {
     if (!report.file) {
-        fmt::print(stderr, "netsieve: {}: {}\n", report.path, report.fault->message);
+        // What a file cannot be read for names it already.
+        const bool named = report.fault->error == host::ImageError::kUnreadable;
+        fmt::print(stderr, "netsieve: {}{}\n", named ? "" : report.path + ": ",
+                   report.fault->message);
         return;
     }
     PrintHeader(report);

@@ -1,9 +1,13 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "tools/netsieve/boot_filters_command.h"
 #include "tools/netsieve/exit_status.h"
@@ -14,6 +18,18 @@
 namespace {
 
 using netsieve::tool::ExitStatus;
+
+/// Prints what is wrong with the command line, or the help that was asked for.
+ExitStatus Explain(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> rest = app.remaining(true);
+    // The library would only say that a command is missing.
+    if (error.get_name() == "RequiredError" && !rest.empty() && rest.front().front() != '-') {
+        fmt::print(stderr, "'{}' is no command here.\nRun with --help for more information.\n",
+                   rest.front());
+        return ExitStatus::kUsage;
+    }
+    return app.exit(error) == 0 ? ExitStatus::kClean : ExitStatus::kUsage;
+}
 
 ExitStatus RunCommandLine(int argc, char** argv) {
     CLI::App app(
@@ -32,9 +48,20 @@ ExitStatus RunCommandLine(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ExitStatus::kClean : ExitStatus::kUsage;
+        return Explain(app, error);
     }
     return status;
+}
+
+/// Whether something that was to be read on standard output has not got there, which is said.
+bool OutputFailed() {
+    const bool failsNow = std::fflush(stdout) != 0;
+    if (!failsNow && std::ferror(stdout) == 0) {
+        return false;
+    }
+    fmt::print(stderr, "netsieve: cannot write all of standard output{}\n",
+               failsNow ? fmt::format(": {}", std::strerror(errno)) : std::string());
+    return true;
 }
 
 }  // namespace
@@ -44,10 +71,16 @@ int main(int argc, char** argv) {
     // failures like any other.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    ExitStatus status = ExitStatus::kClean;
     try {
-        return static_cast<int>(RunCommandLine(argc, argv));
+        status = RunCommandLine(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "netsieve: {}\n", error.what());
-        return static_cast<int>(ExitStatus::kInternalError);
+        // The formatting library throws when it cannot print, which is no fault of the program's.
+        if (std::ferror(stdout) == 0) {
+            fmt::print(stderr, "netsieve: {}\n", error.what());
+            return static_cast<int>(ExitStatus::kInternalError);
+        }
     }
+    return static_cast<int>(
+        OutputFailed() ? netsieve::tool::Graver(status, ExitStatus::kOutputFailed) : status);
 }

@@ -4,7 +4,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -207,6 +210,20 @@ DirectionChoice ParseDirection(const std::string& text) {
                                fmt::format("{} is not one of auto, send, receive", text));
 }
 
+/// Takes decimal digits alone, where the library would take signs and other bases, and would let a
+/// number that is too large stand for the largest.
+std::function<std::string(const std::string&)> WholeNumber(std::uint64_t least,
+                                                           std::uint64_t most) {
+    return [=](const std::string& text) {
+        std::uint64_t number = 0;
+        const char* const end = text.data() + text.size();
+        const auto [rest, error] = std::from_chars(text.data(), end, number);
+        const bool good = error == std::errc() && rest == end && number >= least && number <= most;
+        return good ? std::string()
+                    : fmt::format("{} is no whole number from {} to {}", text, least, most);
+    };
+}
+
 /// CLI11 turns what its own kind of exception says into the message and the status.
 template <typename Check>
 void CheckHookOption(const Check& check) {
@@ -236,7 +253,7 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
             "to the end and let it go or drop it then, reply-arp:IP=MAC answers received requests "
             "for an address, module:PATH loads a hook filter. What delay and hold find no room for "
             "passes, or is withheld with :overflow=drop at the end. drop@N:EXPR and so on give the "
-            "priority class, 0 (first, the default) to 4. May be repeated")
+            "priority class, 0 (first, the default) to 4. May be repeated, for at most 63 hooks")
         ->type_name("SPEC")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -250,17 +267,17 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
         .add_option("--pause-at", options.pauseAt,
                     "Pause and restart the adapter after N frames: what hooks hold then is flushed")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(WholeNumber(1, std::numeric_limits<std::uint64_t>::max()));
     command.add_option("--frames-per-list", options.framesPerList, "Frames in one list")
         ->type_name("N")
-        ->check(CLI::Range(1u, kMostPerUnit))
+        ->check(WholeNumber(1, kMostPerUnit))
         ->capture_default_str();
     command
         .add_option("--lists-per-call", options.listsPerCall,
                     "Lists in one call of the driver (default 1; 32 where only speed is wanted, "
                     "with --no-verify and without --seed)")
         ->type_name("N")
-        ->check(CLI::Range(1u, kMostPerUnit));
+        ->check(WholeNumber(1, kMostPerUnit));
     command.add_flag("--resources", options.lendReceived,
                      "Lend received lists: the adapter has them back when the call returns");
 }
@@ -296,7 +313,8 @@ void AddOptions(CLI::App& command, ReplayOptions& options) {
     command
         .add_option("--seed", options.seed,
                     "Every random choice of the machine follows from this number (default 1)")
-        ->type_name("N");
+        ->type_name("N")
+        ->check(WholeNumber(0, std::numeric_limits<std::uint64_t>::max()));
     command.add_flag_callback(
         "--no-verify", [&options] { options.verify = false; },
         "Do not check the platform's rules: much faster");

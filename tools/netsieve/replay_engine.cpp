@@ -203,7 +203,8 @@ class ReplayRun {
     void PauseAdapter() {
         exchange_.Flush();
         stack_->Pause();
-        report_.flushedByPause = hooks_.Held().NotePause();
+        FILTER_MODULE* const record = RecordOf(*stack_->FindModule(driver_));
+        report_.flushedByPause = record != nullptr ? hooks_.Held().NotePause(*record) : 0;
         stack_->Restart();
     }
 

@@ -16,6 +16,7 @@ constexpr const char* kHelp = R"(Exit status:
   0  the driver has told its version
   2  the command line is wrong
   5  the driver refused
+  6  standard output could not be written
   7  the driver could not be loaded
   9  the driver broke a rule of its platform)";
 
