@@ -16,6 +16,7 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
         ULONG statuses[2];
         bool listFirst;
         bool inHandler;
+        bool passes = false;  ///< the verdict does not say that the frame is taken over
     };
     const Case cases[] = {
         {true, 1, {0}, false, false},          {true, 1, {0}, true, false},
@@ -24,7 +25,8 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
         {true, 2, {kFailure, 0}, true, false}, {true, 2, {kFailure, 0}, false, false},
         {false, 1, {0}, false, false},         {false, 1, {0}, true, false},
         {false, 1, {kFailure}, true, false},   {false, 2, {0, kFailure}, false, false},
-        {false, 2, {0, 0}, true, true},
+        {false, 2, {0, 0}, true, true},        {true, 1, {0}, false, false, true},
+        {false, 1, {0}, true, false, true},
     };
     const std::vector<Frame> frames = {MakeFrame(1), MakeFrame(2, 1999), MakeFrame(3)};
     for (const Case& c : cases) {
@@ -48,7 +50,7 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
                     complete();
                 }
                 // A verdict that lets the frame pass must not send it twice.
-                return c.inHandler ? HOOK_VERDICT_PASS : HOOK_VERDICT_PENDING;
+                return c.inHandler || c.passes ? HOOK_VERDICT_PASS : HOOK_VERDICT_PENDING;
             });
             EdgePace& pace = c.send ? scene.stack.adapter().pace() : scene.stack.protocol().pace();
             pace.Set(c.listFirst ? Pace::kInline : Pace::kHold);
