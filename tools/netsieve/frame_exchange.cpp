@@ -36,6 +36,17 @@ bool IsAddressedTo(const CaptureFrame& frame, const host::MacAddress& address) {
             std::memcmp(frame.bytes, kBroadcast, kMacLength) == 0);
 }
 
+/// Only what nobody can tell from frames that were handed in one by one: no line is printed for a
+/// frame, none is held or sent, and the user has not said which calls are to be made.
+bool MayMix(const ReplayOptions& options) {
+    const auto staysSilent = [](const HookSpec& hook) {
+        return hook.kind == HookKind::kDrop || hook.kind == HookKind::kCount;
+    };
+    return std::all_of(options.hooks.begin(), options.hooks.end(), staysSilent) &&
+           options.inject.empty() && !options.pauseAt && !options.listsPerCall &&
+           options.framesPerList == 1;
+}
+
 }  // namespace
 
 void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock) {
@@ -43,6 +54,7 @@ void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayCl
     clock_ = &clock;
     listsPerCall_ = options_.listsPerCall.value_or(
         machine.scheduler().Simulated() ? kCarefulListsPerCall : kFastListsPerCall);
+    mixes_ = !machine.scheduler().Simulated() && MayMix(options_);
     host::Adapter& adapter = stack.adapter();
     host::Protocol& protocol = stack.protocol();
     Way& sent = Of(Direction::kSent);
@@ -61,10 +73,10 @@ void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayCl
 }
 
 void FrameExchange::Turn(Direction way) {
-    if (way != turn_) {
+    if (way != turn_ && !mixes_) {
         Flush();
-        turn_ = way;
     }
+    turn_ = way;
 }
 
 void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::uint64_t number) {
@@ -88,7 +100,7 @@ void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::ui
             CloseList();
         }
     }
-    if (lists_ >= listsPerCall_) {
+    if (way.lists >= listsPerCall_) {
         Flush();
     }
 }
@@ -135,20 +147,29 @@ void FrameExchange::AddList(std::span<const std::span<const std::uint8_t>> frame
         TagOf(*buffer, way.originator) = tag;
         buffer = buffer->Next;
     }
-    (head_ == nullptr ? head_ : tail_->Next) = list;
-    tail_ = list;
-    ++lists_;
+    (way.head == nullptr ? way.head : way.tail->Next) = list;
+    way.tail = list;
+    ++way.lists;
 }
 
 void FrameExchange::Flush() {
     CloseList();
-    PNET_BUFFER_LIST const chain = head_;
-    head_ = nullptr;
-    lists_ = 0;
+    for (Way& way : ways_) {
+        HandIn(way);
+    }
+    if (mixes_ && writer_ != nullptr) {
+        const std::lock_guard<ExchangeLock> guard(lock_);
+        merge_.WriteTo(*writer_);
+    }
+}
+
+void FrameExchange::HandIn(Way& way) {
+    PNET_BUFFER_LIST const chain = std::exchange(way.head, nullptr);
+    way.lists = 0;
     if (chain == nullptr) {
         return;
     }
-    if (turn_ == Direction::kSent) {
+    if (way.direction == Direction::kSent) {
         stack_->protocol().Send(chain);
     } else {
         Indicate(chain);
@@ -169,26 +190,27 @@ void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Way& way) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
         if (list->NdisPoolHandle != way.pool) {
-            DeliverOwn(list, way.counts);
+            DeliverOwn(list, way);
             continue;
         }
         for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            DeliverTagged(buffer, TagOf(*buffer, way.originator), way.counts);
+            DeliverTagged(buffer, TagOf(*buffer, way.originator), way);
         }
     }
 }
 
 /// A list that a driver built. Every buffer of it is a frame that nobody handed in, but for the
 /// copy of one that a hook had taken over.
-void FrameExchange::DeliverOwn(PNET_BUFFER_LIST list, DirectionCounts& counts) {
+void FrameExchange::DeliverOwn(PNET_BUFFER_LIST list, Way& way) {
     const auto own = ReadOwnList(list);
     const bool expected = own && release_ != nullptr && own->record == release_->clone;
     const bool again = expected && release_->deliveries++ != 0;
     for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
         const bool held = own && own->clone && !again;
-        ++(held ? counts.reinjected : counts.injected);
+        ++(held ? way.counts.reinjected : way.counts.injected);
         injectedNow_ += !held && injector_ == host::CurrentContext().id ? 1 : 0;
-        Write(buffer, clock_->Now(), expected ? release_->originalLength : buffer->DataLength,
+        Write(buffer, way.direction, clock_->Now(),
+              expected ? release_->originalLength : buffer->DataLength,
               expected ? release_->number : latestIn_);
     }
 }
@@ -209,12 +231,13 @@ bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame
     return begin(std::nullopt) != 0;
 }
 
-void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts) {
+void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way) {
     // The same frame once more is one that nobody handed in.
-    ++(++tag.deliveries == 1 ? counts.passed : counts.injected);
-    counts.reordered += tag.number < latestOut_ ? 1 : 0;
-    latestOut_ = std::max(latestOut_, tag.number);
-    Write(buffer, tag.Stamp(), tag.originalLength, tag.number);
+    ++(++tag.deliveries == 1 ? way.counts.passed : way.counts.injected);
+    std::uint64_t& latest = mixes_ ? way.latestOut : latestOut_;
+    way.counts.reordered += tag.number < latest ? 1 : 0;
+    latest = std::max(latest, tag.number);
+    Write(buffer, way.direction, tag.Stamp(), tag.originalLength, tag.number);
 }
 
 void FrameExchange::ComeHome(PNET_BUFFER_LIST chain, Way& way) {
@@ -228,6 +251,7 @@ void FrameExchange::ComeHome(PNET_BUFFER_LIST chain, Way& way) {
 }
 
 void FrameExchange::Write(PNET_BUFFER buffer,
+                          Direction way,
                           const CaptureStamp& stamp,
                           std::uint32_t originalLength,
                           std::uint64_t number) {
@@ -241,12 +265,13 @@ void FrameExchange::Write(PNET_BUFFER buffer,
         return;
     }
     ULONG left = DescribedLength(buffer);
-    writer_->Begin(stamp, left, originalLength);
+    mixes_ ? merge_.Begin(way, number, stamp, left, originalLength)
+           : writer_->Begin(stamp, left, originalLength);
     ULONG offset = buffer->CurrentMdlOffset;
     for (PMDL mdl = buffer->CurrentMdl; left > 0; mdl = mdl->Next) {
         const ULONG take = std::min(left, mdl->ByteCount - offset);
         const auto* bytes = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
-        writer_->Append(bytes + offset, take);
+        mixes_ ? merge_.Append(bytes + offset, take) : writer_->Append(bytes + offset, take);
         left -= take;
         offset = 0;
     }

@@ -14,6 +14,7 @@
 #include "packet/nirp.h"
 #include "tools/netsieve/capture_writer.h"
 #include "tools/netsieve/driver_exports.h"
+#include "tools/netsieve/frame_merge.h"
 #include "tools/netsieve/frame_tag.h"
 #include "tools/netsieve/offer_ledger.h"
 #include "tools/netsieve/replay_clock.h"
@@ -59,12 +60,12 @@ class FrameExchange {
     /// Frames that come out go to `writer` from now on; null writes none.
     void SetWriter(CaptureWriter* writer) { writer_ = writer; }
 
-    /// Frame `number` of the capture is next and goes `way`: makes the call for those before it if
-    /// they go the other way, and none can join them. At the time of the latest of them.
+    /// The next frame goes `way`: makes the call for those before it if they go the other way,
+    /// unless both ways' calls are collected. At the time of the latest of them.
     void Turn(Direction way);
     /// Takes the frame, and makes the call when its last list is full. The bytes are copied.
     void Push(Direction way, const CaptureFrame& frame, std::uint64_t number);
-    /// Makes the call for the frames that wait for others.
+    /// Makes the calls for the frames that wait for others.
     void Flush();
 
     /// From now on this release is what comes out; null when it is done.
@@ -86,6 +87,12 @@ class FrameExchange {
         host::ListPool* pool = nullptr;              ///< what the originator's lists are made from
         std::unique_ptr<host::FrameLists> frames{};  ///< the lists themselves
         DirectionCounts counts{};
+        std::uint64_t latestOut = 0;
+
+        // What waits to be handed in, by the one thread that does so.
+        PNET_BUFFER_LIST head = nullptr;
+        PNET_BUFFER_LIST tail = nullptr;
+        std::uint32_t lists = 0;
     };
     /// Frames that wait until their list is full.
     struct Gathered {
@@ -99,12 +106,14 @@ class FrameExchange {
     void CloseList();
     void AddList(std::span<const std::span<const std::uint8_t>> frames,
                  std::span<const FrameTag> tags);
+    void HandIn(Way& way);
     void Indicate(PNET_BUFFER_LIST chain);
     void Deliver(PNET_BUFFER_LIST chain, Way& way);
-    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, DirectionCounts& counts);
-    void DeliverOwn(PNET_BUFFER_LIST list, DirectionCounts& counts);
+    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way);
+    void DeliverOwn(PNET_BUFFER_LIST list, Way& way);
     void ComeHome(PNET_BUFFER_LIST chain, Way& way);
     void Write(PNET_BUFFER buffer,
+               Direction way,
                const CaptureStamp& stamp,
                std::uint32_t originalLength,
                std::uint64_t number);
@@ -119,18 +128,18 @@ class FrameExchange {
     ExchangeLock lock_;
     Way ways_[2] = {{.direction = Direction::kSent, .originator = Originator::kProtocol},
                     {.direction = Direction::kReceived, .originator = Originator::kAdapter}};
+    /// Whether frames of one way wait while the other's come: the calls are fewer and longer, and
+    /// what comes out of them is put back into the capture's order.
+    bool mixes_ = false;
+    FrameMerge merge_;
     std::uint64_t latestIn_ = 0;
     std::uint64_t latestOut_ = 0;
     Release* release_ = nullptr;
     std::optional<std::uint32_t> injector_;  ///< the context that injects a frame now
     std::uint64_t injectedNow_ = 0;          ///< what came out in it
 
-    // What waits to be handed in, by the one thread that does so; all of it goes `turn_`.
     Direction turn_ = Direction::kSent;
-    Gathered gathered_;
-    PNET_BUFFER_LIST head_ = nullptr;
-    PNET_BUFFER_LIST tail_ = nullptr;
-    std::uint32_t lists_ = 0;
+    Gathered gathered_;  ///< goes `turn_`
 };
 
 }  // namespace netsieve::tool
