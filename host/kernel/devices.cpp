@@ -73,6 +73,14 @@ void Devices::FreeWorkItem(PIO_WORKITEM item) {
     delete item;
 }
 
+void Devices::RequireDevice(const IO_WORKITEM& item, const char* what) {
+    if (std::none_of(devices_.begin(), devices_.end(),
+                     [&](const auto& device) { return device.get() == item.device; })) {
+        machine_.verifier().Report(Rule::kPoolUseAfterFree,
+                                   fmt::format("{} against a device that was deleted", what));
+    }
+}
+
 void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID context) {
     {
         HostLock lock(mutex_);
@@ -85,6 +93,7 @@ void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID conte
             machine_.verifier().Report(Rule::kWorkItemQueued, "IoQueueWorkItem while it is queued");
             return;
         }
+        RequireDevice(*item, "IoQueueWorkItem");
         item->queued = true;
         routines_.insert(item->driver);
     }
@@ -97,6 +106,7 @@ void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID conte
             {
                 // Dequeued: from here on the routine itself may free the item.
                 HostLock lock(mutex_);
+                RequireDevice(*item, "a work item routine");
                 item->queued = false;
                 device = item->device;
                 driver = item->driver;

@@ -55,6 +55,10 @@ class Devices {
     std::size_t RoutinesOf(const LoadedDriver* driver);
 
   private:
+    /// Reports an item whose device is gone: the device has to outlive the item's routine. `mutex_`
+    /// is held.
+    void RequireDevice(const IO_WORKITEM& item, const char* what);
+
     Machine& machine_;
     HostMutex mutex_;
     std::vector<std::unique_ptr<DEVICE_OBJECT>> devices_;

@@ -45,6 +45,7 @@ void InitializeGlobals(PDRIVER_OBJECT driverObject) {
     InitializeDriverSpinLock(&g_DriverGlobals.ModuleListLock);
     InitializeListHead(&g_DriverGlobals.ModuleList);
     InitializeListHead(&g_DriverGlobals.DetachingList);
+    InitializeDrainCount(&g_DriverGlobals.WorkItems);
     InitializeHookRegistry();
     InitializeBootFilterList();
 }
@@ -63,7 +64,8 @@ NTSTATUS CreateDeviceObject() {
     return status;
 }
 
-// The pointer goes first: whoever finds it under the lock may allocate a work item against it.
+// The pointer goes first: whoever finds it under the lock may allocate a work item against it, and
+// nothing but the wait keeps the device until that is queued and done.
 void DeleteDeviceObject() {
     PDEVICE_OBJECT device = nullptr;
     {
@@ -72,6 +74,7 @@ void DeleteDeviceObject() {
         g_DriverGlobals.DeviceObject = nullptr;
     }
     if (device != nullptr) {
+        WaitForDrain(&g_DriverGlobals.WorkItems);
         IoDeleteDevice(device);
     }
 }

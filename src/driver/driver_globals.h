@@ -11,8 +11,8 @@ struct FILTER_DRIVER_GLOBALS {
 
     // Guards ModuleList, DetachingList, the ActiveCalls of every module, AnnounceSerial and
     // DeviceObject. Inside it may be taken: a module's HookLock, free-list, trace and
-    // OutstandingLists lock, and the lock of a list's context. Never held together with the lock of
-    // HookList.
+    // OutstandingLists lock, the lock of a list's context, and that of WorkItems. Never held
+    // together with the lock of HookList.
     DRIVER_SPIN_LOCK ModuleListLock;
     LIST_ENTRY ModuleList;  // the attached FILTER_MODULEs, in the order of their attach
 
@@ -31,6 +31,10 @@ struct FILTER_DRIVER_GLOBALS {
 
     // Hooks whose last registration has ended and whose record is not freed yet.
     DRAIN_COUNT LeavingHooks;
+
+    // Work items from their allocation, which needs DeviceObject and its lock, to the end of their
+    // routines: the device outlives them.
+    DRAIN_COUNT WorkItems;
 
     ULONG OsMajorVersion;  // 0 until it was asked for; WriteRelease and ReadAcquire
 };

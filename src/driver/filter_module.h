@@ -43,9 +43,6 @@ struct FILTER_MODULE {
     DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; inside it, a record's Lock
     LIST_ENTRY PendingReceiveList;        // under PendingReceiveLock
     DRIVER_SPIN_LOCK PendingReceiveLock;  // the same for PendingReceiveList
-    // Records whose request a pause has dropped and whose marks are not all completed yet.
-    LIST_ENTRY UnpaidSendList;     // under PendingSendLock
-    LIST_ENTRY UnpaidReceiveList;  // under PendingReceiveLock
 
     NDIS_HANDLE NblPool;       // NULL when it could not be created
     ULONG LastSendPortNumber;  // of the latest send; WriteRelease and ReadAcquire
@@ -55,9 +52,7 @@ struct FILTER_MODULE {
     HOOK_FILTER* Hooks[MAX_MODULE_HOOKS];      // under HookLock
     LONG HookCount;                            // changed under HookLock, read by ReadAcquire
     HOOK_FILTER* HookSlots[MAX_MODULE_HOOKS];  // under HookLock
-    BOOLEAN HookTableClosed;                   // under HookLock: nothing can be attached any more
-    DRIVER_SPIN_LOCK HookLock;                 // guards the four above; a leaf
-    ULONGLONG AttachSerial;                    // of joining ModuleList
+    DRIVER_SPIN_LOCK HookLock;                 // guards these and HookTableClosed; a leaf
 
     // The ring of trace lines; NULL when it could not be allocated.
     PUCHAR TraceBuffer;
@@ -77,6 +72,12 @@ struct FILTER_MODULE {
     KEVENT IdleEvent;
 
     DRIVER_SPIN_LOCK ProtocolLock;  // guards growth of the protocol table; a leaf
+    BOOLEAN HookTableClosed;        // under HookLock: nothing can be attached any more
+    ULONGLONG AttachSerial;         // of joining ModuleList
+
+    // Records whose request a pause has dropped and whose marks are not all completed yet.
+    LIST_ENTRY UnpaidSendList;     // under PendingSendLock
+    LIST_ENTRY UnpaidReceiveList;  // under PendingReceiveLock
 
     // Lists of the driver's own that NDIS or a pending request holds.
     DRAIN_COUNT OutstandingLists;

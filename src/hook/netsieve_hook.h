@@ -224,8 +224,10 @@ NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, MacAddress) == 24);
 
 /*
  * Registers a hook and announces every adapter to it, in the order in which they came, before it
- * returns. The hook is stopped until ITarnHKFlowControl starts it. `*hook` is its handle; it is
- * written only on success, and belongs to the driver.
+ * returns. An adapter that comes in the very moment of the registration may be missed; a driver
+ * that registers before the adapters come, as at boot, misses none. The hook is stopped until
+ * ITarnHKFlowControl starts it. `*hook` is its handle; it is written only on success, and belongs
+ * to the driver.
  *
  * When the text of the new name contains the whole name of a registered hook (an empty name is
  * contained in every other), that hook is returned instead: the block's callbacks, priority and
@@ -261,6 +263,10 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKRegisterFilter(const HOOK_FILTER_REGISTR
  * is no longer valid. Takes 100 milliseconds at least. A hook that the driver's unload has passed
  * already without an UnloadNotify to call gets no notifications, and returns at once unless a
  * handler of it runs.
+ *
+ * A hook that has an UnloadNotify and is deregistered by another thread while the driver unloads
+ * may still get that call, or be in it, after the return: only when UnloadNotify has been, too, may
+ * what it uses be freed.
  *
  * PASSIVE_LEVEL. From UnloadNotify, but not from a handler of this hook or another notification.
  */
@@ -348,6 +354,32 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKCompleteRequest(NIRP* nirp, ULONG status
  * than 65535, and goes nowhere. IRQL <= DISPATCH_LEVEL, but not from a notification.
  */
 NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKSendPacket(PVOID reserved, const VOID* frame, ULONG length);
+
+/* ---- The driver itself ----------------------------------------------------------------------- */
+
+#define SYSINFO_CLASS_VERSION 0
+#define SYSINFO_CLASS_ADD_BOOT_FILTER 6
+#define SYSINFO_CLASS_REMOVE_BOOT_FILTER 7
+
+/*
+ * Does what `informationClass` says:
+ *
+ *   SYSINFO_CLASS_VERSION             copies the driver's version to `buffer`, as 8-bit text with
+ * its NUL. *bufferSize must exceed its 8 bytes, else 0xC0000004. Any IRQL.
+ *   SYSINFO_CLASS_ADD_BOOT_FILTER     `buffer` is a NUL-terminated name of WCHARs, to be added to
+ * the boot filter list unless it is there in any case of letters. SYSINFO_CLASS_REMOVE_BOOT_FILTER
+ * the same; if the name is there, every name that contains it in exactly this case is removed.
+ *
+ * Returns 0; 0xC000000D for a missing pointer or an empty name; 0xC00000BB for any other class. Of
+ * the list: 0xC0000148 above PASSIVE_LEVEL; 0xC0000106 when the name does not fit; 0xC0000034 when
+ * there is no list to remove from, or no service key; 0xC0000023 or 0x80000005 when the stored list
+ * is longer than can be read, which leaves it as it is; else what the registry says. The first
+ * argument is ignored, and only the first class reads `bufferSize`.
+ */
+NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKSystemInformationEx(PVOID reserved,
+                                                            LONG informationClass,
+                                                            PVOID buffer,
+                                                            ULONG* bufferSize);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -38,6 +38,7 @@ VOID NTAPI SendPacketWorkItem(PDEVICE_OBJECT, PVOID argument) {
     } else {
         FreeOwnList(module, context, FALSE);
     }
+    LowerDrainCount(&g_DriverGlobals.WorkItems, FALSE);
 }
 
 // ModuleListLock is held, as in all that follows up to the walk.
@@ -75,6 +76,7 @@ bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context) {
         FreeOwnList(module, context, TRUE);
         return false;
     }
+    RaiseDrainCount(&g_DriverGlobals.WorkItems, TRUE);
     return true;
 }
 

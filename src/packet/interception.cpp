@@ -38,13 +38,9 @@ NIRP* NTAPI TakeRecord(INTERCEPTION* interception, ULONG size) {
         interception->Spare = nullptr;
         return spare;
     }
-    NIRP* nirp = GetNirp(interception->Module, size, interception->AtDispatch);
-    if (nirp == nullptr && spare != nullptr) {
-        // It was the last one: back in the pool it can be given another buffer.
-        EndInterception(interception);
-        nirp = GetNirp(interception->Module, size, interception->AtDispatch);
-    }
-    return nirp;
+    // It may be the last one: in the pool it can be given another buffer, or be a hook's copy.
+    EndInterception(interception);
+    return GetNirp(interception->Module, size, interception->AtDispatch);
 }
 
 void GiveBackRecord(INTERCEPTION* interception, NIRP* nirp) {
@@ -72,29 +68,33 @@ NIRP* NTAPI CopyForHooks(INTERCEPTION* interception, const NET_BUFFER* buffer) {
     return nirp;
 }
 
-// The record is in the hands of its hooks from the next call on, so everything is set here.
+ULONG OfferedState(const INTERCEPTION* interception) {
+    return interception->Direction == NIRP_DIRECTION_SEND ? NIRP_STATE_SEND : NIRP_STATE_RECEIVE;
+}
+
+// The state comes last: with it the record is one that may be marked, by a hook that remembers it
+// from an earlier frame too.
 void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer) {
     NDIS_HANDLE source = interception->Context->NetBufferList->SourceHandle;
     if (interception->Direction == NIRP_DIRECTION_SEND) {
         nirp->Protocol = interception->Protocol;
         nirp->SendSourceHandle = source;
         nirp->CompletionRoutine = NSVFSendPendingComplete;
-        WriteRelease(&nirp->State, NIRP_STATE_SEND);
     } else {
         nirp->ReceiveSourceHandle = source;
         nirp->CompletionRoutine = NSVFReceivePendingComplete;
-        WriteRelease(&nirp->State, NIRP_STATE_RECEIVE);
     }
     nirp->NetBuffer = buffer;
     nirp->Context = interception->Context;
     nirp->Holds = NIRP_HOLD_LIST;
+    WriteRelease(&nirp->State, OfferedState(interception));
 }
 
 // True when the buffer may stay in its list. One that a hook took over, whether its request is
 // finished by now or not, may not, whatever the verdict: the frame must not go both ways. The
 // exchange keeps a hook that is late with its mark from getting hold of a record that has passed.
 bool OfferToHooks(const INTERCEPTION* interception, NIRP* nirp) {
-    ULONG offered = ReadAcquire(&nirp->State);
+    ULONG offered = OfferedState(interception);
     LONG verdict = CallHookHandlers(interception->Module, nirp, interception->Direction);
     return verdict == HOOK_VERDICT_PASS &&
            InterlockedCompareExchange(&nirp->State, NIRP_STATE_IDLE, offered) == offered;

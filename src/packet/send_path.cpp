@@ -48,6 +48,7 @@ VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
         if (!InterceptSentList(&interception, list, portNumber)) {
             // Ahead of the lists that are kept for the one call below: the hooks do not see it, so
             // nothing has to wait for it.
+            EndInterception(&interception);
             TraceLog(module, "NSVFSendNBLs", 1517, atDispatch);
             NdisFSendNetBufferLists(module->FilterHandle, list, portNumber, sendFlags);
         } else if (list->FirstNetBuffer != nullptr) {

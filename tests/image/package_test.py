@@ -142,6 +142,9 @@ def check_import_libraries():
     text = (SOURCE / "windows/NETSIEVE.def").read_text()
     names = {f"{p}{name}" for name in re.findall(r"ITarn\w+", text) for p in ("", "__imp_")}
     expect(len(names) == 32, "the export list has not sixteen names")
+    header = (PACKAGE / "include/netsieve_hook.h").read_text()
+    declared = set(re.findall(r"NTAPI\s+(ITarn\w+)\(", header))
+    expect(declared == {n for n in names if n[0] == "I"}, f"the header declares {sorted(declared)}")
     readers = {"netsieve.lib": "x86_64-w64-mingw32-nm", "libnetsieve.a": "llvm-nm-14"}
     for library, tool in readers.items():
         symbols = run(tool, PACKAGE / "lib" / library).stdout

@@ -204,6 +204,16 @@ std::vector<Breaker> PoolBreakers() {
              block[7] = 0;
          },
          true},
+        {Rule::kPoolUseAfterFree, "a work item is queued whose device is gone",
+         [](Scene& scene) {
+             scene.Start();
+             PDEVICE_OBJECT const device = Device(scene);
+             PIO_WORKITEM const item = IoAllocateWorkItem(device);
+             IoDeleteDevice(device);
+             IoQueueWorkItem(item, &NoRoutine, DelayedWorkQueue, nullptr);
+             scene.machine.scheduler().Sleep(kTicksPerMillisecond);
+             IoFreeWorkItem(item);
+         }},
         {Rule::kPoolUseAfterFree, "a freed work item is queued",
          [](Scene& scene) {
              WithWorkItem(
