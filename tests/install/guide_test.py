@@ -31,7 +31,7 @@ class Reader:
         self.home, self.seed = home, None
         self.project = home / "project"
         self.project.mkdir()
-        self.environment = {"HOME": str(home), "CLONE": str(SOURCE)}
+        self.environment = {"HOME": str(home)}
 
     def follow(self, text):
         for language, words, body in blocks(text):
