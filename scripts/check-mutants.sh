@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 readonly patches=$PWD/tests/mutants
 readonly tree=$PWD/build/mutants
 readonly log=$tree/build/check.log
-readonly time_limit=60 # seconds for one program; a fault may make it hang
+readonly time_limit=120 # seconds for one program; a fault may make it hang
 readonly programs=(
     hook/hook_tests driver/driver_tests packet/packet_tests
     hook/hook_schedule_tests driver/driver_schedule_tests packet/packet_schedule_tests)
