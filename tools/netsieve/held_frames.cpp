@@ -51,10 +51,12 @@ void HeldFrames::ReleaseAll(const HookExports& exports, FrameExchange& exchange)
 void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange) {
     const auto at = requests_.find(mark.record);
     Request& request = at->second;
-    // A module's marks are no request of ours.
+    // Modules may have marked the frame too. Their marks are not known here, but what they leave in
+    // the record is.
     const bool othersHold = ReadAcquire(&mark.record->PendingCount) > request.marks;
+    const bool othersFailed = !othersHold && mark.record->CompletionStatus != STATUS_SUCCESS;
     --request.marks;
-    request.failed = request.failed || !mark.success;
+    request.failed = request.failed || othersFailed || !mark.success;
     Release release{mark.record->Clone, request.number, request.originalLength};
     exchange.Expect(&release);
     exports.completeRequest(
