@@ -286,6 +286,17 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
     });
 }
 
+TEST(HookRegistryTest, AHookThatIsNowhereAttachedIsNotToldOfAnEnd) {
+    OnScene([](Scene&) {
+        Client client(u"loose");
+        client.attach = false;
+        client.Start();
+        EXPECT_EQ(client.attached.size(), 1u);
+        client.Stop();
+        EXPECT_TRUE(client.detached.empty());
+    });
+}
+
 TEST(HookRegistryTest, AHookThatLeavesCannotBeAttached) {
     OnScene([](Scene&) {
         Client client(u"late");
