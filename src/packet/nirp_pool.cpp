@@ -242,9 +242,10 @@ VOID NTAPI ReleaseNirpHolds(FILTER_MODULE* module, NIRP* nirp, ULONG holds, BOOL
     bool free = false;
     {
         SpinLockGuard guard(&nirp->Lock, atDispatch);
-        WriteRelease(&nirp->State, StateWithout(nirp, holds));
         nirp->Holds &= ~holds;
         free = nirp->Holds == 0;
+        // Nobody can mark it from here on: a record that was withheld still looked offered.
+        WriteRelease(&nirp->State, free ? NIRP_STATE_IDLE : StateWithout(nirp, holds));
     }
     if (free) {
         ReturnNirp(module, nirp, atDispatch);

@@ -54,6 +54,9 @@ class HooksComeAndGo final : public Scenario {
         if (change_ != Change::kRegisterTwice) {
             changing.Start();
         }
+        if (change_ == Change::kAttachDetach) {
+            guest.Start();
+        }
         PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(2), traffic.MakeSends(1)};
         const std::uint32_t contexts[] = {
             scheduler.Start({.name = "sender", .processor = 1},
@@ -80,6 +83,10 @@ class HooksComeAndGo final : public Scenario {
             case Change::kRegisterTwice:
                 changing.Start();
                 break;
+            case Change::kAttachDetach:
+                ITarnHKDettachFilter(guest.attached[0], guest.hook);
+                ITarnHKAttachFilter(guest.attached[0], guest.hook);
+                break;
             case Change::kDeregister:
             case Change::kDetachModule:
                 changing.Stop();
@@ -99,6 +106,11 @@ class HooksComeAndGo final : public Scenario {
         }
         if (change_ == Change::kRegisterTwice) {
             twin.Stop();
+        }
+        if (change_ == Change::kAttachDetach) {
+            Demand(RecordOf(machine, stack)->HookCount == 3,
+                   "the table has lost or doubled a hook");
+            guest.Stop();
         }
         if (!gone) {
             changing.Stop();
@@ -121,8 +133,8 @@ class HooksComeAndGo final : public Scenario {
     Change change_;
 };
 
-/// Two hooks leave while the driver unloads under traffic. The one that is not told of the unload
-/// leaves without a wait when no handler of it runs.
+/// Hooks leave while the driver unloads under traffic: one on its own account, two when one of them
+/// is told. The one that is not told leaves without a wait when no handler of it runs.
 class HooksLeaveDuringUnload final : public Scenario {
   public:
     void Run(Machine& machine) override {
@@ -130,6 +142,7 @@ class HooksLeaveDuringUnload final : public Scenario {
         Stack& stack = machine.ndis().AddAdapter();
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         Traffic traffic(machine, stack);
+        Client leaving(u"leaving");
         Client silent(u"silent");
         Client told(u"told");
         std::atomic<bool> gone = false;
@@ -137,13 +150,18 @@ class HooksLeaveDuringUnload final : public Scenario {
             Demand(!gone, "a handler was called after its deregistration returned");
             return HOOK_VERDICT_PASS;
         };
+        std::uint32_t leaver = 0;
         told.unload = [&] {
+            machine.scheduler().Join(leaver);
             silent.Stop();
             gone = true;
             told.Stop();
         };
-        silent.Start();
-        told.Start();
+        for (Client* client : {&leaving, &silent, &told}) {
+            client->Start();
+        }
+        leaver =
+            machine.scheduler().Start({.name = "leaver", .processor = 2}, [&] { leaving.Stop(); });
         const std::uint32_t sender = machine.scheduler().Start(
             {.name = "sender", .processor = 1},
             [&, chain = traffic.MakeSends(2)] { stack.protocol().Send(chain); });

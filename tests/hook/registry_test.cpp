@@ -1,4 +1,5 @@
 // Registering, attaching and dispatching, one thing at a time.
+#include "hook/hook_notify.h"
 #include "tests/hook/hook_rig.h"
 
 namespace netsieve::host {
@@ -12,8 +13,11 @@ TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
         EXPECT_EQ(beta.Register(), STATUS_SUCCESS);
         EXPECT_EQ(beta.hook, alpha.hook);
         EXPECT_TRUE(beta.attached.empty());
-        // It lives until both have gone.
+        Client gamma(u"GammaAlpha");
+        EXPECT_EQ(gamma.Register(), STATUS_SUCCESS);
+        // It lives until all have gone.
         alpha.Stop();
+        gamma.Stop();
         scene.Pass(true, {MakeFrame(1)});
         EXPECT_EQ(alpha.calls, 1);
         beta.Stop();
@@ -294,6 +298,17 @@ TEST(HookRegistryTest, AHookThatIsNowhereAttachedIsNotToldOfAnEnd) {
         EXPECT_EQ(client.attached.size(), 1u);
         client.Stop();
         EXPECT_TRUE(client.detached.empty());
+    });
+}
+
+TEST(HookRegistryTest, NothingIsAttachedToAModuleThatIsGoing) {
+    OnScene([](Scene& scene) {
+        Client client(u"late");
+        client.attach = false;
+        client.Start();
+        NotifyHooksAdapterDetach(scene.module);
+        EXPECT_EQ(ITarnHKAttachFilter(scene.module, client.hook), STATUS_INVALID_PARAMETER);
+        client.Stop();
     });
 }
 

@@ -59,6 +59,20 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
     }
 }
 
+TEST(InjectionTest, AWorkItemSendsNothingOnceAPauseHasBegun) {
+    OnScene([](Scene& scene) {
+        Scheduler& scheduler = scene.machine_.scheduler();
+        // The worker cannot run yet: this processor is kept.
+        scheduler.SetIrql(DISPATCH_LEVEL);
+        Inject(FromAdapter(1));
+        WriteRelease(&scene.module->State, FILTER_STATE_PAUSED);
+        scheduler.SetIrql(PASSIVE_LEVEL);
+        scheduler.WaitUntilIdle();
+        WriteRelease(&scene.module->State, FILTER_STATE_RUNNING);
+        EXPECT_TRUE(scene.wire.empty());
+    });
+}
+
 TEST(InjectionTest, FollowsThePortOfTheLatestSend) {
     OnScene([](Scene& scene) {
         scene.Pass(true, {MakeFrame(1)});

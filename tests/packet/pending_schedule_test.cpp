@@ -17,6 +17,7 @@ struct Actors {
     bool secondHook = false;  ///< marks too, behind the first one and its completion
     bool pause = false;
     bool detach = false;
+    bool late = false;  ///< one mark, and only when the handler may have returned
     bool receive = false;
     bool fail = false;      ///< the first completion drops the frame
     bool refusals = false;  ///< of the calls that the driver makes for the frame
@@ -88,7 +89,7 @@ class TakenFrame final : public Scenario {
         }
         const bool mayArrive = !actors_.fail;
         const bool mayBeDropped =
-            actors_.fail || actors_.pause || actors_.detach || actors_.refusals;
+            actors_.fail || actors_.pause || actors_.detach || actors_.refusals || actors_.late;
         Demand(arrived_ <= (mayArrive ? 1 : 0) && (arrived_ == 1 || mayBeDropped),
                fmt::format("the frame arrived {} times", arrived_.load()));
         meetings_ += static_cast<std::uint64_t>(arrived_.load());
@@ -121,6 +122,14 @@ class TakenFrame final : public Scenario {
     LONG Take(Machine& machine, NIRP* nirp, int marks) {
         if (ITarnHKGetBuffer(nirp)[6] != 2) {
             return HOOK_VERDICT_PASS;
+        }
+        if (actors_.late) {
+            Start(machine, 2, [nirp] {
+                if (ITarnHKMarkPending(nirp) == STATUS_SUCCESS) {
+                    ITarnHKCompleteRequest(nirp, 0);
+                }
+            });
+            return HOOK_VERDICT_WITHHOLD;
         }
         for (int i = 0; i < marks; ++i) {
             if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
@@ -241,6 +250,8 @@ const Search kSearches[] = {
     Taken("second mark against first completion", {.secondHook = true}),
     Taken("marks against pause", {.marks = 2, .secondHook = true, .pause = true}),
     Taken("pending against detach", {.marks = 2, .detach = true}),
+    Taken("late mark against restore", {.late = true}),
+    Taken("late mark against flush", {.pause = true, .late = true}),
     Taken("refused calls against pause", {.marks = 2, .pause = true, .refusals = true}),
     Taken("refused calls on the way up", {.secondHook = true, .receive = true, .refusals = true}),
     Taken("refused calls against detach", {.detach = true, .refusals = true}),
