@@ -28,7 +28,7 @@ std::string Printable(const PROTOCOL_ENTRY* entry) {
 
 }  // namespace
 
-BuiltInHook::BuiltInHook(HookSurroundings& surroundings, HookSpec spec, unsigned number)
+BuiltInHook::BuiltInHook(HookSurroundings& surroundings, HookOption spec, unsigned number)
     : surroundings_(surroundings), spec_(std::move(spec)), number_(number) {
     // Of fixed width: a hook whose name contained another's would be taken for that one.
     const std::string name = fmt::format("netsieve-replay hook {:03}", number);

@@ -8,7 +8,7 @@
 
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/held_frames.h"
-#include "tools/netsieve/hook_spec.h"
+#include "tools/netsieve/hook_option.h"
 #include "tools/netsieve/offer_ledger.h"
 #include "tools/netsieve/replay_clock.h"
 
@@ -29,7 +29,7 @@ class BuiltInHook {
   public:
     /// `number` tells it from the replay's other hooks, in its name and in log lines; number 0 is
     /// the one that only watches.
-    BuiltInHook(HookSurroundings& surroundings, HookSpec spec, unsigned number);
+    BuiltInHook(HookSurroundings& surroundings, HookOption spec, unsigned number);
     BuiltInHook(const BuiltInHook&) = delete;
     BuiltInHook& operator=(const BuiltInHook&) = delete;
 
@@ -40,7 +40,7 @@ class BuiltInHook {
     /// Deregisters it if it is registered. PASSIVE_LEVEL.
     void Deregister();
 
-    const HookSpec& Spec() const { return spec_; }
+    const HookOption& Spec() const { return spec_; }
     const HookTally& Counts() const { return tally_; }
     /// Smaller ones see a frame first; no two hooks of a replay have the same.
     std::uint32_t Priority() const;
@@ -61,7 +61,7 @@ class BuiltInHook {
     void Log(NIRP* nirp, Direction way) const;
 
     HookSurroundings& surroundings_;
-    HookSpec spec_;
+    HookOption spec_;
     unsigned number_;
     std::u16string name_;
     HookTally tally_;

@@ -39,7 +39,7 @@ bool IsAddressedTo(const CaptureFrame& frame, const host::MacAddress& address) {
 /// Only what nobody can tell from frames that were handed in one by one: no line is printed for a
 /// frame, none is held or sent, and the user has not said which calls are to be made.
 bool MayMix(const ReplayOptions& options) {
-    const auto staysSilent = [](const HookSpec& hook) {
+    const auto staysSilent = [](const HookOption& hook) {
         return hook.kind == HookKind::kDrop || hook.kind == HookKind::kCount;
     };
     return std::all_of(options.hooks.begin(), options.hooks.end(), staysSilent) &&

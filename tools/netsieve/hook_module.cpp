@@ -15,7 +15,7 @@ constexpr const char* kEntryName = "DriverEntry";
 
 }  // namespace
 
-HookModule::HookModule(HookSpec spec, unsigned number)
+HookModule::HookModule(HookOption spec, unsigned number)
     : spec_(std::move(spec)),
       name_(fmt::format("{}-{}", std::filesystem::path(spec_.modulePath).stem().string(), number)) {
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "host/machine.h"
-#include "tools/netsieve/hook_spec.h"
+#include "tools/netsieve/hook_option.h"
 
 namespace netsieve::tool {
 
@@ -14,7 +14,7 @@ namespace netsieve::tool {
 class HookModule {
   public:
     /// `number` makes its service name unique.
-    HookModule(HookSpec spec, unsigned number);
+    HookModule(HookOption spec, unsigned number);
     ~HookModule();
     HookModule(const HookModule&) = delete;
     HookModule& operator=(const HookModule&) = delete;
@@ -25,13 +25,13 @@ class HookModule {
     /// Calls its unload routine, if it is loaded and has one.
     void Unload(host::Machine& machine);
 
-    const HookSpec& Spec() const { return spec_; }
+    const HookOption& Spec() const { return spec_; }
 
   private:
     std::optional<std::string> FindEntry(host::DriverSource& source);
     std::optional<std::string> Start(host::Machine& machine, const host::DriverSource& source);
 
-    HookSpec spec_;
+    HookOption spec_;
     std::string name_;
     void* object_ = nullptr;  ///< of the dynamic loader
     bool loaded_ = false;

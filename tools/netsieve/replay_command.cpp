@@ -133,7 +133,7 @@ class ReplayCommand {
 
     bool LogsFrames() const {
         return std::any_of(options_.hooks.begin(), options_.hooks.end(),
-                           [](const HookSpec& hook) { return hook.kind == HookKind::kLog; });
+                           [](const HookOption& hook) { return hook.kind == HookKind::kLog; });
     }
 
     /// What standard output is wanted for by a program keeps it for itself.
@@ -241,7 +241,7 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
             [&options](const std::vector<std::string>& texts) {
                 CheckHookOption([&] {
                     for (const std::string& text : texts) {
-                        options.hooks.push_back(ParseHookSpec(text));
+                        options.hooks.push_back(ParseHookOption(text));
                     }
                 });
             },

@@ -20,11 +20,11 @@ void Enter(const HookTally& tally, HookReport& report) {
 
 }  // namespace
 
-ReplayHooks::ReplayHooks(const std::vector<HookSpec>& specs, ReplayClock& clock, FILE* log) {
+ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log) {
     surroundings_.log = log;
     surroundings_.clock = &clock;
     bool modules = false;
-    for (const HookSpec& spec : specs) {
+    for (const HookOption& spec : specs) {
         const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
         Hook& hook = hooks_.emplace_back();
         if (spec.kind == HookKind::kModule) {
@@ -35,7 +35,7 @@ ReplayHooks::ReplayHooks(const std::vector<HookSpec>& specs, ReplayClock& clock,
         }
     }
     if (modules) {
-        HookSpec watching{.text = "that counts for the summary"};
+        HookOption watching{.text = "that counts for the summary"};
         observer_ = std::make_unique<BuiltInHook>(surroundings_, std::move(watching), 0);
     }
 }

@@ -20,7 +20,7 @@ namespace netsieve::tool {
 class ReplayHooks {
   public:
     /// Lines of log hooks go to `log`.
-    ReplayHooks(const std::vector<HookSpec>& specs, ReplayClock& clock, FILE* log);
+    ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log);
 
     bool Any() const { return !hooks_.empty(); }
 

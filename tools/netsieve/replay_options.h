@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/netsieve/hook_spec.h"
+#include "tools/netsieve/hook_option.h"
 #include "tools/netsieve/mac_address.h"
 
 namespace netsieve::tool {
@@ -19,7 +19,7 @@ struct ReplayOptions {
     std::string driver = "native";  ///< or the path of a driver image
     std::optional<MacAddress> mac;  ///< nothing: found by a vote of the frames
     DirectionChoice direction = DirectionChoice::kAuto;
-    std::vector<HookSpec> hooks;
+    std::vector<HookOption> hooks;
     std::string inject;                    ///< a second capture, to be injected; empty: none
     std::optional<std::uint64_t> pauseAt;  ///< pause the adapter after so many frames
     std::uint32_t framesPerList = 1;

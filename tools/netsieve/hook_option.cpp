@@ -1,4 +1,4 @@
-#include "tools/netsieve/hook_spec.h"
+#include "tools/netsieve/hook_option.h"
 
 #include <fmt/format.h>
 
@@ -44,7 +44,7 @@ HookKind ParseKind(std::string_view word, const std::string& text) {
         text, word);
 }
 
-unsigned ParseClass(std::string_view digits, const HookSpec& spec) {
+unsigned ParseClass(std::string_view digits, const HookOption& spec) {
     if (spec.kind == HookKind::kModule) {
         Refuse("{}: a module chooses its own priority; leave out @{}", spec.text, digits);
     }
@@ -55,7 +55,7 @@ unsigned ParseClass(std::string_view digits, const HookSpec& spec) {
     return static_cast<unsigned>(digits[0] - '0');
 }
 
-void Compile(const std::string& expression, HookSpec& spec) {
+void Compile(const std::string& expression, HookOption& spec) {
     auto filter = std::make_shared<FrameFilter>();
     if (const auto failure = filter->Compile(expression)) {
         Refuse("{}: the expression cannot be compiled: {}", spec.text, *failure);
@@ -71,7 +71,7 @@ std::pair<std::string, std::string> SplitAtLast(const std::string& text) {
 }
 
 /// Takes :overflow=WORD off the end of what is left of the hook's arguments.
-void ParseOverflow(std::string& argument, HookSpec& spec) {
+void ParseOverflow(std::string& argument, HookOption& spec) {
     static constexpr std::string_view kWord = "overflow=";
     const auto [before, last] = SplitAtLast(argument);
     if (!last.starts_with(kWord)) {
@@ -86,7 +86,7 @@ void ParseOverflow(std::string& argument, HookSpec& spec) {
     argument = before;
 }
 
-void ParseDelay(std::string argument, HookSpec& spec) {
+void ParseDelay(std::string argument, HookOption& spec) {
     constexpr std::uint32_t kLongest = 86'400'000;
     ParseOverflow(argument, spec);
     const std::size_t colon = argument.find(':');
@@ -104,7 +104,7 @@ void ParseDelay(std::string argument, HookSpec& spec) {
     Compile(argument.substr(colon + 1), spec);
 }
 
-void ParseHold(std::string argument, HookSpec& spec) {
+void ParseHold(std::string argument, HookOption& spec) {
     ParseOverflow(argument, spec);
     const auto [expression, outcome] = SplitAtLast(argument);
     if (outcome != "success" && outcome != "failure") {
@@ -118,7 +118,7 @@ void ParseHold(std::string argument, HookSpec& spec) {
     Compile(expression, spec);
 }
 
-void ParseReplyArp(const std::string& argument, HookSpec& spec) {
+void ParseReplyArp(const std::string& argument, HookOption& spec) {
     const std::size_t equals = argument.find('=');
     const auto protocol = ParseIpv4(argument.substr(0, equals));
     const auto hardware =
@@ -132,7 +132,7 @@ void ParseReplyArp(const std::string& argument, HookSpec& spec) {
     spec.answer = {*protocol, *hardware};
 }
 
-void ParseArgument(const std::string& argument, HookSpec& spec) {
+void ParseArgument(const std::string& argument, HookOption& spec) {
     switch (spec.kind) {
         case HookKind::kDelay:
             return ParseDelay(argument, spec);
@@ -149,7 +149,7 @@ void ParseArgument(const std::string& argument, HookSpec& spec) {
 }
 
 /// The first bytes that tell a shared object from an image.
-std::string ReadMagic(const HookSpec& spec) {
+std::string ReadMagic(const HookOption& spec) {
     std::ifstream file(spec.modulePath, std::ios::binary);
     std::array<char, 4> magic{};
     if (!file || std::filesystem::is_directory(spec.modulePath)) {
@@ -161,7 +161,7 @@ std::string ReadMagic(const HookSpec& spec) {
     return {magic.data(), static_cast<std::size_t>(file.gcount())};
 }
 
-void CheckModule(const HookSpec& spec, const std::string& driver) {
+void CheckModule(const HookOption& spec, const std::string& driver) {
     const std::string magic = ReadMagic(spec);
     const bool isObject = magic ==
                           "\x7F"
@@ -187,8 +187,8 @@ void CheckModule(const HookSpec& spec, const std::string& driver) {
 
 }  // namespace
 
-HookSpec ParseHookSpec(const std::string& text) {
-    HookSpec spec{.text = text};
+HookOption ParseHookOption(const std::string& text) {
+    HookOption spec{.text = text};
     const std::size_t colon = text.find(':');
     const std::string_view head = std::string_view(text).substr(0, colon);
     const std::string argument = colon == text.npos ? std::string() : text.substr(colon + 1);
@@ -210,7 +210,7 @@ HookSpec ParseHookSpec(const std::string& text) {
     return spec;
 }
 
-void CheckHooks(const std::vector<HookSpec>& hooks, const std::string& driver) {
+void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver) {
     // One place stays free for the hook that watches on the program's own account.
     if (hooks.size() >= HOOK_MODULE_LIMIT) {
         Refuse(

@@ -21,7 +21,7 @@ enum class HookKind : std::uint8_t {
     kModule,    ///< a hook filter of someone else
 };
 
-struct HookSpec {
+struct HookOption {
     std::string text;  ///< as it was given
     HookKind kind = HookKind::kCount;
     unsigned priorityClass = 0;                   ///< HOOK_CLASS_0 to 3, and 4 for the last
@@ -38,10 +38,10 @@ struct HookSpec {
 
 /// Reads one --hook and compiles its expression. Throws std::invalid_argument with what is wrong
 /// with it.
-HookSpec ParseHookSpec(const std::string& text);
+HookOption ParseHookOption(const std::string& text);
 
 /// Throws std::invalid_argument when the hooks cannot go together or not with `driver`: too many,
 /// the same module twice, or a module that is no file of the kind the driver needs.
-void CheckHooks(const std::vector<HookSpec>& hooks, const std::string& driver);
+void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver);
 
 }  // namespace netsieve::tool
