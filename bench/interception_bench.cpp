@@ -122,9 +122,7 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
                             }
                         }));
                 }
-                for (const std::uint32_t thread : threads) {
-                    machine.scheduler().Join(thread);
-                }
+                machine.scheduler().JoinAll(threads);
             }
             state.SetItemsProcessed(state.iterations() * rounds * state.range(0) * state.range(1));
         }

@@ -36,9 +36,7 @@ void LockPoints(benchmark::State& state) {
                         }
                     }));
             }
-            for (const std::uint32_t id : threads) {
-                machine.scheduler().Join(id);
-            }
+            machine.scheduler().JoinAll(threads);
             machine.ForgetRange(&lock, sizeof(lock));
         });
         points += result.points;
@@ -68,9 +66,7 @@ void DataPathPoints(benchmark::State& state) {
                         lists.Free(list);
                     }));
             }
-            for (const std::uint32_t id : threads) {
-                machine.scheduler().Join(id);
-            }
+            machine.scheduler().JoinAll(threads);
             machine.UnloadDriver("NETSIEVE");
         });
         points += result.points;

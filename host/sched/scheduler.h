@@ -10,6 +10,7 @@
 #include <functional>
 #include <limits>
 #include <mutex>
+#include <span>
 #include <string>
 
 #include "host/sched/context.h"
@@ -109,6 +110,11 @@ class Scheduler {
 
     /// Blocks the caller until the context with this id has ended.
     virtual void Join(std::uint32_t id) = 0;
+    void JoinAll(std::span<const std::uint32_t> ids) {
+        for (const std::uint32_t id : ids) {
+            Join(id);
+        }
+    }
 
     /// Blocks the caller until no other context is left but those that wait here too. Armed timers
     /// are not waited for.

@@ -34,9 +34,7 @@ void ChangeFromThreeThreads(Machine& machine) {
         start(1, SYSINFO_CLASS_REMOVE_BOOT_FILTER, u"net"),
         start(1, SYSINFO_CLASS_ADD_BOOT_FILTER, u"beta"),
     };
-    for (const std::uint32_t thread : threads) {
-        machine.scheduler().Join(thread);
-    }
+    machine.scheduler().JoinAll(threads);
     machine.UnloadDriver("NETSIEVE");
 }
 

@@ -119,9 +119,7 @@ void Contend(Machine& machine, int rounds) {
              .processor = static_cast<unsigned>(i)},
             [&contend, i] { contend(i); }));
     }
-    for (const std::uint32_t context : contexts) {
-        machine.scheduler().Join(context);
-    }
+    machine.scheduler().JoinAll(contexts);
     std::vector<int> expected;
     for (int i = 0; i < kCallers; ++i) {
         if (onList[i] != 0) {

@@ -139,9 +139,7 @@ TEST_P(PassThroughTest, KeepsMixedTrafficWhole) {
                         }));
                 }
             }
-            for (const std::uint32_t caller : callers) {
-                machine.scheduler().Join(caller);
-            }
+            machine.scheduler().JoinAll(callers);
             machine.UnloadDriver("NETSIEVE");
             machine.UnloadDriver("FOREIGNUP");
             machine.UnloadDriver("FOREIGNLO");

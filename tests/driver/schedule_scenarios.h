@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <string>
 
 #include "driver/trace_log.h"
@@ -79,9 +80,7 @@ class LifeUnderTraffic final : public Scenario {
             {.name = "receiver", .kind = ContextKind::kDpc, .processor = 2}, receiver));
         contexts.push_back(scheduler.Start({.name = "pause", .processor = 3}, pause));
         machine.UnloadDriver("NETSIEVE");
-        for (const std::uint32_t context : contexts) {
-            scheduler.Join(context);
-        }
+        scheduler.JoinAll(contexts);
         stack.Pause();  // everything comes home
         DemandHome(traffic, 3, given, lent);
     }
@@ -118,9 +117,7 @@ class CallsDuringDetach final : public Scenario {
                 scheduler.Sleep(kTicksPerMillisecond);
                 stack.adapter().Indicate(given[1]);
             })};
-        for (const std::uint32_t context : contexts) {
-            scheduler.Join(context);
-        }
+        scheduler.JoinAll(contexts);
         // What is still at the ends comes back while the module waits.
         Await(machine,
               [&] { return traffic.returned == 2 && traffic.completed + traffic.refused == 2; });
@@ -157,9 +154,7 @@ class ConcurrentTraces final : public Scenario {
                     }
                 });
         }
-        for (const std::uint32_t context : contexts) {
-            machine.scheduler().Join(context);
-        }
+        machine.scheduler().JoinAll(contexts);
         const char* at = reinterpret_cast<const char*>(module->TraceBuffer);
         unsigned lines[kCallers] = {};
         unsigned changes = 0;
@@ -194,6 +189,63 @@ inline ExploreResult SearchSchedules(const char* name,
          .schedules = schedules},
         [&](Machine& machine) { scenario.Run(machine); },
         [&](Machine& machine) { return scenario.Verdict(machine); });
+}
+
+/// A search that is to find nothing.
+struct Search {
+    const char* name;
+    std::function<std::unique_ptr<Scenario>()> make;
+    StrategyKind strategy = StrategyKind::kPct;
+    std::uint64_t schedules = 25'000;
+    std::uint64_t realRuns = 20;  ///< on real threads, where a bounded wait takes its time
+};
+
+inline void PrintTo(const Search& search, std::ostream* out) {
+    *out << search.name;
+}
+
+/// Fails with what was found and how to run it alone, or says how much was searched.
+inline void ExpectNothing(const char* name, const ExploreResult& result) {
+    if (result.finding) {
+        FAIL() << result.finding->what << "\n" << result.finding->replay;
+    }
+    fmt::print("{}: {} schedules, {} points each", name, result.schedules,
+               result.points / result.schedules);
+}
+
+inline void RunSearch(const Search& search) {
+    const std::unique_ptr<Scenario> scenario = search.make();
+    const ExploreResult result =
+        SearchSchedules(search.name, *scenario, search.strategy, search.schedules);
+    ExpectNothing(search.name, result);
+    fmt::print(", contexts met in {}\n", scenario->Meetings());
+    if (result.schedules >= 100) {
+        EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
+    }
+}
+
+/// The same scenario on real threads, where ThreadSanitizer sees the driver without the host's
+/// turns.
+inline void RunOnRealThreads(const Search& search) {
+    const std::unique_ptr<Scenario> scenario = search.make();
+    for (std::uint64_t seed = 1; seed <= search.realRuns; ++seed) {
+        RunClean({.scheduler = SchedulerKind::kThreaded, .seed = seed, .processors = 4},
+                 [&](Machine& machine) {
+                     scenario->Run(machine);
+                     EXPECT_EQ(scenario->Verdict(machine), "");
+                 });
+    }
+}
+
+/// Runs every schedule of a small model, up to so many preemptions, and expects nothing wrong.
+inline void RunModel(const ExploreAllOptions& options,
+                     const std::function<void(Machine&, ScheduleTree&)>& body,
+                     const std::function<std::string(Machine&)>& check = {}) {
+    const ExploreResult result = ExploreAll(options, body, check);
+    ExpectNothing(options.name.c_str(), result);
+    EXPECT_TRUE(result.schedules > 10 || !result.complete) << "the actors never met";
+    fmt::print(", {} of up to {} preemptions\n", result.complete ? "all" : "only some",
+               result.preemptions);
 }
 
 }  // namespace netsieve::host

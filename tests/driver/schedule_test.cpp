@@ -1,22 +1,9 @@
 // Searches through schedules that must find nothing. A failure names the seed to run alone.
-#include <memory>
-
 #include "driver/module_reference.h"
 #include "tests/driver/schedule_scenarios.h"
 
 namespace netsieve::host {
 namespace {
-
-struct Search {
-    const char* name;
-    std::unique_ptr<Scenario> (*make)();
-    StrategyKind strategy;
-    std::uint64_t schedules;
-};
-
-void PrintTo(const Search& search, std::ostream* out) {
-    *out << search.name;
-}
 
 template <typename Kind>
 std::unique_ptr<Scenario> Make() {
@@ -46,20 +33,7 @@ const Search kSearches[] = {
 class ScheduleTest : public testing::TestWithParam<Search> {};
 
 TEST_P(ScheduleTest, FindsNothing) {
-    const Search& search = GetParam();
-    const std::unique_ptr<Scenario> scenario = search.make();
-    const ExploreResult result =
-        SearchSchedules(search.name, *scenario, search.strategy, search.schedules);
-    if (result.finding) {
-        FAIL() << "seed " << result.finding->seed << "\n"
-               << result.finding->what << "\n"
-               << result.finding->replay;
-    }
-    fmt::print("{}: {} schedules, {} points each, contexts met in {}\n", search.name,
-               result.schedules, result.points / result.schedules, scenario->Meetings());
-    if (result.schedules >= 100) {
-        EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
-    }
+    RunSearch(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Searches, ScheduleTest, testing::ValuesIn(kSearches));
@@ -67,22 +41,19 @@ INSTANTIATE_TEST_SUITE_P(Searches, ScheduleTest, testing::ValuesIn(kSearches));
 #if !defined(NETSIEVE_TEST_IMAGE)
 // A call that comes at any moment of a detach is waited for, or finds nothing.
 TEST(DetachModel, WaitsForEveryCall) {
-    const ExploreResult result =
-        ExploreAll({.name = "reference against detach"}, [](Machine& machine, ScheduleTree& tree) {
-            tree.SetOpen(false);
-            Stack& stack = machine.ndis().AddAdapter();
-            machine.LoadDriver(DriverUnderTest());
-            FILTER_MODULE* const module = RecordOf(machine, stack);
-            tree.SetOpen(true);
-            machine.scheduler().Start({.name = "caller", .processor = 1},
-                                      [module] { ModuleReference reference(module); });
-            stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
-            machine.scheduler().WaitUntilIdle();
-            tree.SetOpen(false);
-            machine.UnloadDriver("NETSIEVE");
-        });
-    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
-    fmt::print("{} schedules of up to {} preemptions\n", result.schedules, result.preemptions);
+    RunModel({.name = "reference against detach"}, [](Machine& machine, ScheduleTree& tree) {
+        tree.SetOpen(false);
+        Stack& stack = machine.ndis().AddAdapter();
+        machine.LoadDriver(DriverUnderTest());
+        FILTER_MODULE* const module = RecordOf(machine, stack);
+        tree.SetOpen(true);
+        machine.scheduler().Start({.name = "caller", .processor = 1},
+                                  [module] { ModuleReference reference(module); });
+        stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
+        machine.scheduler().WaitUntilIdle();
+        tree.SetOpen(false);
+        machine.UnloadDriver("NETSIEVE");
+    });
 }
 #endif
 
@@ -109,20 +80,8 @@ TEST(DeterminismTest, OneSeedIsOneRun) {
 
 // The same overlap of calls and detach on real threads, for ThreadSanitizer to watch.
 TEST(ThreadedLifeTest, EndsClean) {
-    for (int round = 0; round < 20; ++round) {
-        for (const bool during : {false, true}) {
-            LifeUnderTraffic life;
-            CallsDuringDetach calls;
-            Scenario& scenario = during ? static_cast<Scenario&>(calls) : life;
-            RunClean({.scheduler = SchedulerKind::kThreaded,
-                      .seed = static_cast<std::uint64_t>(round) + 1,
-                      .processors = 4},
-                     [&](Machine& machine) {
-                         scenario.Run(machine);
-                         EXPECT_EQ(scenario.Verdict(machine), "");
-                     });
-        }
-    }
+    RunOnRealThreads({"life under traffic", Make<LifeUnderTraffic>});
+    RunOnRealThreads({"calls during detach", Make<CallsDuringDetach>});
 }
 
 }  // namespace

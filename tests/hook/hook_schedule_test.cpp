@@ -95,9 +95,7 @@ class HooksComeAndGo final : public Scenario {
             default:
                 break;
         }
-        for (const std::uint32_t context : contexts) {
-            scheduler.Join(context);
-        }
+        scheduler.JoinAll(contexts);
         stack.Pause();
         meetings_ += changing.calls != 0 ? 1 : 0;
         // Nothing of the table moves under the frames of the one who stays.
@@ -195,9 +193,7 @@ class ProtocolsFillTheTable final : public Scenario {
                     protocol.Send(list);
                 }));
         }
-        for (const std::uint32_t context : contexts) {
-            scheduler.Join(context);
-        }
+        scheduler.JoinAll(contexts);
         FILTER_MODULE* const module = RecordOf(machine, stack);
         Demand(
             module->ProtocolCount == 2 && module->ProtocolHandles[0] != module->ProtocolHandles[1],
@@ -210,18 +206,10 @@ class ProtocolsFillTheTable final : public Scenario {
 
 using Change = HooksComeAndGo::Change;
 
-struct Search {
-    const char* name;
-    std::function<std::unique_ptr<Scenario>()> make;
-    std::uint64_t realRuns = 20;  ///< on real threads, where a bounded wait takes its time
-};
-
-void PrintTo(const Search& search, std::ostream* out) {
-    *out << search.name;
-}
-
 Search Hooks(const char* name, Change change, std::uint64_t realRuns = 20) {
-    return {name, [change] { return std::make_unique<HooksComeAndGo>(change); }, realRuns};
+    return {.name = name,
+            .make = [change] { return std::make_unique<HooksComeAndGo>(change); },
+            .realRuns = realRuns};
 }
 
 const Search kSearches[] = {
@@ -231,8 +219,9 @@ const Search kSearches[] = {
     Hooks("module detach against deregistration", Change::kDetachModule),
     Hooks("changes from inside a handler", Change::kInside),
     Hooks("registrations from inside a handler", Change::kLeaveInside, 1),
-    {"hooks that leave during the unload",
-     [] { return std::make_unique<HooksLeaveDuringUnload>(); }, 1},
+    {.name = "hooks that leave during the unload",
+     .make = [] { return std::make_unique<HooksLeaveDuringUnload>(); },
+     .realRuns = 1},
     {"protocol table from four processors",
      [] { return std::make_unique<ProtocolsFillTheTable>(); }},
 };
@@ -240,32 +229,11 @@ const Search kSearches[] = {
 class HookSchedules : public testing::TestWithParam<Search> {};
 
 TEST_P(HookSchedules, FindNothing) {
-    const Search& search = GetParam();
-    const std::unique_ptr<Scenario> scenario = search.make();
-    const ExploreResult result =
-        SearchSchedules(search.name, *scenario, StrategyKind::kPct, 25'000);
-    if (result.finding) {
-        FAIL() << "seed " << result.finding->seed << "\n"
-               << result.finding->what << "\n"
-               << result.finding->replay;
-    }
-    fmt::print("{}: {} schedules, {} points each, contexts met in {}\n", search.name,
-               result.schedules, result.points / result.schedules, scenario->Meetings());
-    if (result.schedules >= 100) {
-        EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
-    }
+    RunSearch(GetParam());
 }
 
-// The same on real threads, where ThreadSanitizer sees the driver without the host's turns.
 TEST_P(HookSchedules, HoldOnRealThreads) {
-    const std::unique_ptr<Scenario> scenario = GetParam().make();
-    for (std::uint64_t seed = 1; seed <= GetParam().realRuns; ++seed) {
-        RunClean({.scheduler = SchedulerKind::kThreaded, .seed = seed, .processors = 4},
-                 [&](Machine& machine) {
-                     scenario->Run(machine);
-                     EXPECT_EQ(scenario->Verdict(machine), "");
-                 });
-    }
+    RunOnRealThreads(GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
@@ -273,7 +241,7 @@ INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
 // A registration that meets the end of the last one of its name joins it in time, or makes a hook
 // of its own.
 TEST(HookModels, ANameIsNotJoinedOnItsWayOut) {
-    const ExploreResult result = ExploreAll(
+    RunModel(
         {.name = "registration against deregistration"}, [](Machine& machine, ScheduleTree& tree) {
             tree.SetOpen(false);
             machine.ndis().AddAdapter();
@@ -289,8 +257,6 @@ TEST(HookModels, ANameIsNotJoinedOnItsWayOut) {
             second.Stop();
             machine.UnloadDriver("NETSIEVE");
         });
-    EXPECT_FALSE(result.finding) << result.finding->what << "\n" << result.finding->replay;
-    fmt::print("{} schedules of up to {} preemptions\n", result.schedules, result.preemptions);
 }
 
 }  // namespace

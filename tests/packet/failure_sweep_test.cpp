@@ -66,12 +66,7 @@ class FailureSweep : public testing::TestWithParam<bool> {
             if (!loaded) {
                 break;
             }
-            AtIrql(scene.machine_, irql, [] {
-                Frame own = MakeFrame(kPass);
-                const std::uint8_t source[] = {2, 0, 0, 0, 0, 1};
-                std::copy(std::begin(source), std::end(source), own.begin() + 6);
-                ITarnHKSendPacket(nullptr, own.data(), static_cast<ULONG>(own.size()));
-            });
+            AtIrql(scene.machine_, irql, [] { Inject(FromAdapter(1)); });
         }
         scene.stack.Pause();
         scene.stack.Restart();

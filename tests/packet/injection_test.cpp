@@ -4,18 +4,6 @@
 namespace netsieve::host {
 namespace {
 
-Frame FromAdapter(std::uint8_t lastByte, std::size_t size = 60) {
-    Frame frame(size, 0xEE);
-    const std::uint8_t source[] = {2, 0, 0, 0, 0, lastByte};
-    std::copy(std::begin(source), std::end(source), frame.begin() + 6);
-    return frame;
-}
-
-void Inject(const Frame& frame) {
-    EXPECT_EQ(ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size())),
-              STATUS_SUCCESS);
-}
-
 TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
     for (const KIRQL irql : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
         RunClean({}, [irql](Machine& machine) {

@@ -84,6 +84,19 @@ inline Frame MakeFrame(std::uint8_t mark, std::size_t size = 60) {
     return frame;
 }
 
+/// A frame with the source address of the adapter whose address ends so.
+inline Frame FromAdapter(std::uint8_t lastByte, std::size_t size = 60) {
+    Frame frame(size, 0xEE);
+    const std::uint8_t source[] = {2, 0, 0, 0, 0, lastByte};
+    std::copy(std::begin(source), std::end(source), frame.begin() + 6);
+    return frame;
+}
+
+inline void Inject(const Frame& frame) {
+    EXPECT_EQ(ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size())),
+              STATUS_SUCCESS);
+}
+
 /// One stack with the driver, whose ends note every frame that reaches them.
 class Scene {
   public:

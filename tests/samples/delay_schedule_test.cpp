@@ -42,9 +42,7 @@ class DelaySample : public testing::TestWithParam<Case> {
             machine.ndis().RemoveAdapter(stack);
         }
         machine.UnloadDriver("DELAY");
-        for (const std::uint32_t context : contexts) {
-            scheduler.Join(context);
-        }
+        scheduler.JoinAll(contexts);
         passedOn_ += traffic.onWire != 0 ? 1 : 0;
         machine.UnloadDriver("NETSIEVE");
     }
