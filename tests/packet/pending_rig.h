@@ -30,6 +30,12 @@ class TestHook {
         HOOK_FILTER_REGISTRATION_EX block{};
         block.AttachNotify = [](FILTER_MODULE* module, HOOK_FILTER* hook, PVOID)
                                  NTAPI { ITarnHKAttachFilter(module, hook); };
+        block.DetachNotify = [](FILTER_MODULE*, HOOK_FILTER*, PVOID context) NTAPI {
+            const auto* hook = static_cast<TestHook*>(context);
+            if (hook->onDetach) {
+                hook->onDetach();
+            }
+        };
         block.SendHandler = [](PVOID context, NIRP* nirp)
                                 NTAPI { return static_cast<TestHook*>(context)->handler_(nirp); };
         block.ReceiveHandler = block.SendHandler;
@@ -50,6 +56,8 @@ class TestHook {
     }
     TestHook(const TestHook&) = delete;
     TestHook& operator=(const TestHook&) = delete;
+
+    std::function<void()> onDetach;  ///< called at DISPATCH_LEVEL, under a lock of the driver
 
   private:
     Handler handler_;

@@ -40,6 +40,8 @@ class TakenFrame final : public Scenario {
         verdict_.clear();
         arrived_ = 0;
         marked_ = false;
+        gone_ = false;
+        KeInitializeSpinLock(&completing_);
         contexts_.clear();
         Stack& stack = machine.ndis().AddAdapter();
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
@@ -55,6 +57,8 @@ class TakenFrame final : public Scenario {
                                             ULONG) { Count(chain); };
         {
             TestHook first([&](NIRP* nirp) { return Take(machine, nirp, actors_.marks); });
+            // From the end of this on, its marks are void.
+            first.onDetach = [&] { AtCompletion([this] { gone_ = true; }); };
             std::optional<TestHook> second;
             if (actors_.secondHook) {
                 second.emplace([&](NIRP* nirp) { return Take(machine, nirp, 1); }, u"second");
@@ -104,8 +108,10 @@ class TakenFrame final : public Scenario {
             actors_.fail || actors_.pause || actors_.detach || actors_.refusals || actors_.late;
         Demand(arrived_ <= (mayArrive ? 1 : 0) && (arrived_ == 1 || mayBeDropped),
                fmt::format("the frame arrived {} times", arrived_.load()));
-        // Against a pause it is the flush that has to meet a pending frame.
-        meetings_ += marked_ && (!actors_.pause || arrived_ == 0) ? 1 : 0;
+        // Against a pause, which a detach begins with, it is the flush that has to meet a pending
+        // frame.
+        const bool flushes = actors_.pause || actors_.detach;
+        meetings_ += marked_ && (!flushes || arrived_ == 0) ? 1 : 0;
         machine.UnloadDriver("NETSIEVE");
     }
 
@@ -158,10 +164,23 @@ class TakenFrame final : public Scenario {
             Start(machine, 1 + static_cast<unsigned>(i) % 2, [this, nirp, status] {
                 if (!actors_.detach) {
                     ITarnHKCompleteRequest(nirp, status);
+                    return;
                 }
+                AtCompletion([&] {
+                    if (!gone_) {
+                        ITarnHKCompleteRequest(nirp, status);
+                    }
+                });
             });
         }
         return HOOK_VERDICT_PENDING;
+    }
+
+    /// Completions of a module that may go meanwhile, and the word that it goes, one at a time.
+    void AtCompletion(const std::function<void()>& body) {
+        const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&completing_);
+        body();
+        KeReleaseSpinLock(&completing_, irql);
     }
 
     void Count(PNET_BUFFER_LIST chain) {
@@ -175,6 +194,8 @@ class TakenFrame final : public Scenario {
     Actors actors_;
     std::atomic<int> arrived_ = 0;
     std::atomic<bool> marked_ = false;
+    KSPIN_LOCK completing_{};
+    bool gone_ = false;  ///< guarded by `completing_`
     HostMutex mutex_;
     std::vector<std::uint32_t> contexts_;
 };
@@ -249,7 +270,7 @@ const Search kSearches[] = {
     Taken("two completions against restore", {.marks = 2}),
     Taken("second mark against first completion", {.secondHook = true}),
     Taken("marks against pause", {.marks = 2, .secondHook = true, .pause = true}),
-    Taken("pending against detach", {.marks = 2, .detach = true}),
+    Taken("completions against detach", {.marks = 2, .detach = true}),
     Taken("late mark against restore", {.late = true}),
     Taken("late mark against flush", {.pause = true, .late = true}),
     Taken("refused calls against pause", {.marks = 2, .pause = true, .refusals = true}),
