@@ -219,7 +219,8 @@ inline void RunSearch(const Search& search) {
         SearchSchedules(search.name, *scenario, search.strategy, search.schedules);
     ExpectNothing(search.name, result);
     fmt::print(", contexts met in {}\n", scenario->Meetings());
-    if (result.schedules >= 100) {
+    // A short search may miss what happens in one schedule of a hundred.
+    if (result.schedules >= 1000) {
         EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
     }
 }
