@@ -14,7 +14,8 @@ void RefuseACall(Machine& machine) {
 /// Lets the others come a part of their way that each seed sets anew. A pause begun at once would
 /// be over before a frame is offered in nearly every schedule of random turns.
 void LetOthersGoAhead(Machine& machine) {
-    for (std::uint64_t turns = machine.options().seed % 97; turns > 0; --turns) {
+    const std::uint64_t most = machine.options().expectedPoints / 6 | 1;
+    for (std::uint64_t turns = machine.options().seed % most; turns > 0; --turns) {
         machine.scheduler().Point(PointKind::kMemory);
     }
 }
