@@ -27,6 +27,9 @@ NTSTATUS FindAdapter(const NIRP* nirp, PVOID* adapter) {
             if (nirp->SendSourceHandle == nullptr) {
                 return STATUS_INVALID_PARAMETER;
             }
+            if (!IsOpenObject(nirp->SendSourceHandle)) {
+                return STATUS_UNSUCCESSFUL;
+            }
             *adapter = AdapterOfOpen(nirp->SendSourceHandle);
             return STATUS_SUCCESS;
         default:
@@ -67,6 +70,9 @@ NTSTATUS NTAPI ITarnHKGetProtocolInfo(NIRP* nirp, HOOK_PROTOCOL_INFO* info) {
     }
     if (nirp->SendSourceHandle == nullptr) {
         return STATUS_INVALID_PARAMETER;
+    }
+    if (!IsOpenObject(nirp->SendSourceHandle)) {
+        return STATUS_UNSUCCESSFUL;
     }
     PVOID protocol = ProtocolOfOpen(nirp->SendSourceHandle);
     if (!IsProtocolObject(protocol)) {

@@ -50,6 +50,11 @@ UCHAR NTAPI GetSourceHandleKind(NDIS_HANDLE sourceHandle) {
     return known ? type : 0;
 }
 
+bool IsOpenObject(NDIS_HANDLE sourceHandle) {
+    UCHAR kind = GetSourceHandleKind(sourceHandle);
+    return kind != SOURCE_KIND_FILTER && kind != SOURCE_KIND_ADAPTER;
+}
+
 PVOID NTAPI ProtocolOfOpen(NDIS_HANDLE open) {
     return ReadNdisField<PVOID>(open, OPEN_PROTOCOL);
 }

@@ -1,5 +1,6 @@
 // Registering, attaching and dispatching, one thing at a time.
 #include "hook/hook_notify.h"
+#include "hook/source_handle.h"
 #include "tests/hook/hook_rig.h"
 
 namespace netsieve::host {
@@ -263,6 +264,32 @@ TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
             },
             {.ndisVersion = c.version});
     }
+}
+
+// A filter above or an adapter has no pointers where an open object keeps them.
+TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
+    OnScene([](Scene& scene) {
+        Client client(u"asks");
+        client.handler = [&](NIRP* nirp) -> LONG {
+            NDIS_HANDLE const open = nirp->SendSourceHandle;
+            for (const UCHAR kind : {SOURCE_KIND_FILTER, SOURCE_KIND_ADAPTER}) {
+                std::uint64_t source[4];
+                std::memcpy(source, open, sizeof(source));
+                std::memcpy(source, &kind, sizeof(kind));
+                nirp->SendSourceHandle = source;
+                HOOK_PROTOCOL_INFO protocol{};
+                HOOK_ADAPTER_INFO adapter{};
+                EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), STATUS_UNSUCCESSFUL);
+                EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), STATUS_UNSUCCESSFUL);
+            }
+            nirp->SendSourceHandle = open;
+            return HOOK_VERDICT_PASS;
+        };
+        client.Start();
+        scene.Pass(true, {MakeFrame(1)});
+        EXPECT_EQ(client.calls, 1);
+        client.Stop();
+    });
 }
 
 TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
