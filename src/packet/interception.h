@@ -33,8 +33,8 @@ VOID NTAPI OfferNetBuffers(INTERCEPTION* interception,
                            NBL_CONTEXT* context,
                            PROTOCOL_ENTRY* protocol);
 
-// Gives back what the interception kept for its next list. Before the lists are passed on. Same
-// terms.
+// Gives back what the interception kept for its next list. Before any list leaves the driver: the
+// call that it leaves by may bring more frames, which need the record. Same terms.
 VOID NTAPI EndInterception(INTERCEPTION* interception);
 
 // Settles a chain that NDIS gave back on its way in `direction`: restores the lists that were

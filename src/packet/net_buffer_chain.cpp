@@ -25,13 +25,12 @@ bool InsertBehindPredecessor(PNET_BUFFER_LIST list, const NIRP* nirp) {
     return true;
 }
 
-void InsertAtEnd(PNET_BUFFER_LIST list, PNET_BUFFER buffer) {
-    buffer->Next = nullptr;
+void AppendNetBuffers(PNET_BUFFER_LIST list, PNET_BUFFER chain) {
     PNET_BUFFER* link = &list->FirstNetBuffer;
     while (*link != nullptr) {
         link = &(*link)->Next;
     }
-    *link = buffer;
+    *link = chain;
 }
 
 }  // namespace
@@ -54,13 +53,17 @@ VOID NTAPI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEA
     if (ReadAcquire(&context->Nirps.Flink) == &context->Nirps) {
         return;
     }
+    // Buffers without their predecessor are collected from the last to the first too.
+    PNET_BUFFER strays = nullptr;
     while (NIRP* nirp = RemoveLastContextNirp(context, atDispatch)) {
         if (!InsertBehindPredecessor(context->NetBufferList, nirp)) {
-            InsertAtEnd(context->NetBufferList, nirp->NetBuffer);
+            nirp->NetBuffer->Next = strays;
+            strays = nirp->NetBuffer;
             TraceLog(module, "RestoreNetBuffers", 298, atDispatch);
         }
         nirp->PrevNetBuffer = nullptr;
         nirp->Context = nullptr;
         ReleaseNirpHolds(module, nirp, NIRP_HOLD_LIST, atDispatch);
     }
+    AppendNetBuffers(context->NetBufferList, strays);
 }

@@ -41,7 +41,8 @@ VOID NTAPI JoinNetBufferListChains(PNET_BUFFER_LIST first,
                                    PNET_BUFFER_LIST completed);
 
 // Puts every withheld buffer of the context's list back to where it was, and its record into the
-// pool unless something else still holds it. A buffer whose predecessor is no longer in the list
-// goes to the end, with a trace line. The caller has the list; nothing may hold the context's lock
-// or a record's. `atDispatch` says that the caller runs at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+// pool unless something else still holds it. Buffers whose predecessor is no longer in the list
+// go to its end in the order in which they came, each with a trace line. The caller has the list;
+// nothing may hold the context's lock or a record's. `atDispatch` says that the caller runs at
+// DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
 VOID NTAPI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch);

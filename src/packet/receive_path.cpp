@@ -40,9 +40,11 @@ void SortReceivedList(INDICATION* indication, PNET_BUFFER_LIST list) {
     } else if (list->FirstNetBuffer != nullptr) {
         AppendNetBufferList(&indication->Retained, list);
     } else if (indication->Lent) {
+        EndInterception(&indication->Interception);
         NSVFReturnNBLs(module, list, indication->ReturnFlags, FALSE);
         AppendNetBufferList(&indication->Completed, list);
     } else {
+        EndInterception(&indication->Interception);
         NSVFReturnNBLs(module, list, indication->ReturnFlags, TRUE);
     }
 }

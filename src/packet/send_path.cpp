@@ -9,9 +9,7 @@
 namespace {
 
 PROTOCOL_ENTRY* SendingProtocol(FILTER_MODULE* module, NDIS_HANDLE sourceHandle) {
-    UCHAR kind = GetSourceHandleKind(sourceHandle);
-    bool withoutProtocol = kind == SOURCE_KIND_FILTER || kind == SOURCE_KIND_ADAPTER;
-    return withoutProtocol ? nullptr : LookupProtocolEntry(module, sourceHandle);
+    return IsOpenObject(sourceHandle) ? LookupProtocolEntry(module, sourceHandle) : nullptr;
 }
 
 // Puts a context on the list and shows its buffers to the hooks. False when there is no context to
@@ -56,6 +54,7 @@ VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
         } else {
             // To its sender a list whose frames were all withheld looks sent.
             list->Status = NDIS_STATUS_SUCCESS;
+            EndInterception(&interception);
             NSVFSendNBLsComplete(module, list,
                                  atDispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
         }

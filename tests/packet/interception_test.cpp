@@ -288,6 +288,75 @@ TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
     });
 }
 
+// Whoever removed the predecessor below, the buffers behind it come back as they came.
+TEST(InterceptionEdges, BuffersWithoutTheirPredecessorKeepTheirOrder) {
+    OnScene([](Scene& scene) {
+        std::vector<NIRP*> withheld;
+        TestHook hook([&](NIRP* nirp) -> LONG {
+            if (ITarnHKGetBuffer(nirp)[6] == 1) {
+                return HOOK_VERDICT_PASS;
+            }
+            withheld.push_back(nirp);
+            return HOOK_VERDICT_WITHHOLD;
+        });
+        const std::vector<Frame> frames = {MakeFrame(1), MakeFrame(2), MakeFrame(3), MakeFrame(4)};
+        scene.stack.adapter().pace().Set(Pace::kHold);
+        scene.Pass(true, frames);
+        NET_BUFFER gone{};
+        for (NIRP* nirp : withheld) {
+            nirp->PrevNetBuffer = &gone;
+        }
+        scene.stack.adapter().pace().ReleaseAll();
+        EXPECT_EQ(scene.completed, frames);
+        EXPECT_EQ(TracesOf(scene.module),
+                  "[0 RestoreNetBuffers->298]\n[1 RestoreNetBuffers->298]\n"
+                  "[2 RestoreNetBuffers->298]\n");
+    });
+}
+
+// What is sent or indicated from inside the completion of an empty list needs the only record.
+TEST(InterceptionEdges, NoRecordIsKeptWhileAListLeaves) {
+    for (const bool send : {true, false}) {
+        OnScene([&](Scene& scene) {
+            std::vector<NIRP*> others;
+            while (others.size() + 1 < scene.records) {
+                others.push_back(GetNirp(scene.module, 60, FALSE));
+            }
+            int offered = 0;
+            TestHook hook([&](NIRP*) -> LONG {
+                ++offered;
+                return HOOK_VERDICT_PASS;
+            });
+            FrameLists& lists = send ? scene.sends : scene.receives;
+            const Frame frame = MakeFrame(1);
+            PNET_BUFFER_LIST const first = lists.Make(std::span<const std::uint8_t>(frame));
+            PNET_BUFFER_LIST const empty = lists.Make(std::span<const std::uint8_t>(frame));
+            PNET_BUFFER const buffer = std::exchange(empty->FirstNetBuffer, nullptr);
+            first->Next = empty;
+            bool nested = false;
+            const auto nest = [&](PNET_BUFFER_LIST chain, ULONG) {
+                if (chain == empty) {
+                    nested = true;
+                    empty->FirstNetBuffer = buffer;
+                    scene.Pass(send, {MakeFrame(2)});
+                }
+            };
+            if (send) {
+                scene.stack.protocol().onSendComplete = nest;
+                scene.stack.protocol().Send(first);
+            } else {
+                scene.stack.adapter().onReturned = nest;
+                scene.stack.adapter().Indicate(first);
+            }
+            EXPECT_TRUE(nested);
+            EXPECT_EQ(offered, 2);
+            for (NIRP* nirp : others) {
+                ReturnNirp(scene.module, nirp, FALSE);
+            }
+        });
+    }
+}
+
 // Records move between the two free lists with the buffers they are given; one whose buffer could
 // not be had is not lost.
 TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
