@@ -113,6 +113,13 @@ bool PayMark(const PENDING_LIST& list, NIRP* nirp) {
     return true;
 }
 
+// The lock of the list is held, which a pause takes for its flush after changing the module's
+// state: what the flush has not met yet is dropped all the same.
+ULONG StatusOfRequest(NIRP* nirp) {
+    bool running = ReadAcquire(&nirp->Module->State) == FILTER_STATE_RUNNING;
+    return running ? nirp->CompletionStatus : static_cast<ULONG>(NDIS_STATUS_PAUSED);
+}
+
 struct COMPLETION {
     NIRP* Clone;  // when this was the last completion: the caller owns the request
     ULONG Status;
@@ -127,7 +134,7 @@ COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
         completion.Late = true;
         completion.LastMark = PayMark(list, nirp);
     } else if (DecrementNirpPending(nirp, status) == STATUS_SUCCESS) {
-        completion.Status = nirp->CompletionStatus;
+        completion.Status = StatusOfRequest(nirp);
         completion.Clone = TakeRequest(list, nirp);
     }
     return completion;

@@ -19,8 +19,9 @@ void InitializePendingLists(FILTER_MODULE* module);
 NTSTATUS DecrementNirpPending(NIRP* nirp, ULONG status);
 
 // Complete one mark on a sent or a received frame. The last one finishes the request: with every
-// status 0 the clone goes on its way, else it is dropped. A record that no request is pending on
-// writes a trace line. IRQL <= DISPATCH_LEVEL, none of the driver's locks held.
+// status 0 the clone goes on its way, unless the module is no longer running; else it is dropped. A
+// record that no request is pending on writes a trace line. IRQL <= DISPATCH_LEVEL, none of the
+// driver's locks held.
 VOID NTAPI NSVFSendPendingComplete(NIRP* nirp, ULONG status);
 VOID NTAPI NSVFReceivePendingComplete(NIRP* nirp, ULONG status);
 

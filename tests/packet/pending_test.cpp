@@ -107,6 +107,26 @@ TEST(PendingTest, APauseDropsWhatIsPendingAndLateCompletionsArePaid) {
     }
 }
 
+// Between the pause's change of the state and its flush.
+TEST(PendingTest, ACompletionAheadOfTheFlushSendsNothing) {
+    for (const bool send : {true, false}) {
+        OnScene([&](Scene& scene) {
+            NIRP* taken = nullptr;
+            TestHook hook([&](NIRP* nirp) -> LONG {
+                EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
+                taken = nirp;
+                return HOOK_VERDICT_PENDING;
+            });
+            scene.Pass(send, {MakeFrame(1)});
+            WriteRelease(&scene.module->State, FILTER_STATE_PAUSED);
+            ITarnHKCompleteRequest(taken, 0);
+            WriteRelease(&scene.module->State, FILTER_STATE_RUNNING);
+            EXPECT_EQ(scene.wire.size() + scene.up.size(), 0u);
+            EXPECT_EQ(TracesOf(scene.module), "");
+        });
+    }
+}
+
 // Marks that nobody completes are void when the module goes: its records go with it.
 TEST(PendingTest, UnpaidRecordsAreFreedWithTheirModule) {
     RunClean({}, [](Machine& machine) {
