@@ -25,8 +25,8 @@ set(NETSIEVE_DRIVER_SOURCES
     packet/interception.cpp
     packet/nbl_context.cpp
     packet/net_buffer_chain.cpp
+    packet/nirp_life.cpp
     packet/nirp_pool.cpp
-    packet/outstanding.cpp
     packet/own_list.cpp
     packet/pending.cpp
     packet/receive_path.cpp

@@ -6,7 +6,6 @@
 #include "driver/undo_guard.h"
 #include "hook/hook_notify.h"
 #include "packet/nirp_pool.h"
-#include "packet/outstanding.h"
 #include "packet/pending.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
@@ -68,7 +67,8 @@ void InitializeFilterModule(FILTER_MODULE* module) {
     InitializeDriverSpinLock(&module->StateLock);
     InitializeHookTable(module);
     InitializeProtocolTable(module);
-    InitializeOutstandingLists(module);
+    InitializeDrainCount(&module->OutstandingLists);
+    InitializePendingLists(module);
     InitializeNBLPool(module);
     InitializeListHead(&module->Link);
     InitializeNirpPool(module, ETHERNET_MTU);
@@ -169,10 +169,11 @@ VOID NTAPI NSVFilterDetach(NDIS_HANDLE FilterModuleContext) {
 
     // Before the module leaves the list: the lists it waits for come back through calls that must
     // find it there.
-    WaitForOutstandingLists(module);
+    WaitForDrain(&module->OutstandingLists);
     while (!LeaveDetachingListIfIdle(module)) {
         WaitForIdleEvent(module);
     }
+    FreeUnpaidNirps(module);
     FreeNirpPool(module);
     FreeNBLPool(module);
     FreeFilterModule(module);
@@ -199,6 +200,6 @@ NDIS_STATUS NTAPI NSVFilterPause(NDIS_HANDLE FilterModuleContext, PNDIS_FILTER_P
 
     // An injection that saw the module running has counted its list by the time the lock is free.
     PassThroughModuleListLock();
-    WaitForOutstandingLists(module);
+    WaitForDrain(&module->OutstandingLists);
     return NDIS_STATUS_SUCCESS;
 }

@@ -34,7 +34,6 @@ HOOK_FILTER* NTAPI ClaimNextHook(FILTER_MODULE* module, LONG* index, ULONG direc
 }  // namespace
 
 LONG NTAPI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction) {
-    nirp->Direction = direction;
     LONG result = 0;
     LONG index = 0;
     // Reading the count without its lock spares the last turn of the walk the lock; the claim reads

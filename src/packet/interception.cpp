@@ -3,6 +3,7 @@
 #include "hook/hook_dispatch.h"
 #include "packet/copy_net_buffer.h"
 #include "packet/net_buffer_chain.h"
+#include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
 #include "packet/own_list.h"
 #include "packet/pending.h"
@@ -43,15 +44,6 @@ NIRP* NTAPI TakeRecord(INTERCEPTION* interception, ULONG size) {
     return GetNirp(interception->Module, size, interception->AtDispatch);
 }
 
-void GiveBackRecord(INTERCEPTION* interception, NIRP* nirp) {
-    if (interception->Spare == nullptr) {
-        MakeNirpIdle(nirp);
-        interception->Spare = nirp;
-    } else {
-        ReturnNirp(interception->Module, nirp, interception->AtDispatch);
-    }
-}
-
 // The copy of the buffer that the hooks are to see, or NULL when they are not to see it.
 NIRP* NTAPI CopyForHooks(INTERCEPTION* interception, const NET_BUFFER* buffer) {
     NIRP* nirp = TakeRecord(interception, buffer->DataLength);
@@ -62,7 +54,7 @@ NIRP* NTAPI CopyForHooks(INTERCEPTION* interception, const NET_BUFFER* buffer) {
     bool shown = copied != 0 && (interception->Direction == NIRP_DIRECTION_SEND ||
                                  IsAddressedToAdapter(interception->Module, nirp, copied));
     if (!shown) {
-        GiveBackRecord(interception, nirp);
+        interception->Spare = nirp;
         return nullptr;
     }
     return nirp;
@@ -72,32 +64,36 @@ ULONG OfferedState(const INTERCEPTION* interception) {
     return interception->Direction == NIRP_DIRECTION_SEND ? NIRP_STATE_SEND : NIRP_STATE_RECEIVE;
 }
 
-// The state comes last: with it the record is one that may be marked, by a hook that remembers it
-// from an earlier frame too.
+// A hook that remembers the NIRP from an earlier frame may be reading these fields without a claim:
+// they are exchanged whole.
 void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer) {
     NDIS_HANDLE source = interception->Context->NetBufferList->SourceHandle;
     if (interception->Direction == NIRP_DIRECTION_SEND) {
         nirp->Protocol = interception->Protocol;
         nirp->SendSourceHandle = source;
-        nirp->CompletionRoutine = NSVFSendPendingComplete;
+        WriteRelease<NIRP_COMPLETION_ROUTINE>(&nirp->CompletionRoutine, NSVFSendPendingComplete);
     } else {
         nirp->ReceiveSourceHandle = source;
-        nirp->CompletionRoutine = NSVFReceivePendingComplete;
+        WriteRelease<NIRP_COMPLETION_ROUTINE>(&nirp->CompletionRoutine, NSVFReceivePendingComplete);
     }
     nirp->NetBuffer = buffer;
     nirp->Context = interception->Context;
-    nirp->Holds = NIRP_HOLD_LIST;
-    WriteRelease(&nirp->State, OfferedState(interception));
+    WriteRelease(&nirp->Direction, interception->Direction);
+    OfferNirp(nirp, OfferedState(interception));
 }
 
-// True when the buffer may stay in its list. One that a hook took over, whether its request is
-// finished by now or not, may not, whatever the verdict: the frame must not go both ways. The
-// exchange keeps a hook that is late with its mark from getting hold of a record that has passed.
-bool OfferToHooks(const INTERCEPTION* interception, NIRP* nirp) {
-    ULONG offered = OfferedState(interception);
+// True when the NET_BUFFER may stay in its NBL. One that a hook took over, whether its request is
+// finished by now or not, may not, whatever the verdict: the frame must not go both ways.
+bool OfferToHooks(INTERCEPTION* interception, NIRP* nirp) {
     LONG verdict = CallHookHandlers(interception->Module, nirp, interception->Direction);
-    return verdict == HOOK_VERDICT_PASS &&
-           InterlockedCompareExchange(&nirp->State, NIRP_STATE_IDLE, offered) == offered;
+    if (verdict != HOOK_VERDICT_PASS) {
+        return false;
+    }
+    PASS_RESULT result = PassNirp(nirp, OfferedState(interception), interception->AtDispatch);
+    if (result == PASS_OWNED) {
+        interception->Spare = nirp;
+    }
+    return result != PASS_MARKED;
 }
 
 void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_BUFFER successor) {
@@ -155,7 +151,6 @@ VOID NTAPI OfferNetBuffers(INTERCEPTION* interception,
         DescribeOffer(interception, nirp, buffer);
         if (OfferToHooks(interception, nirp)) {
             AppendNetBuffer(list, &interception->TailCursor, buffer);
-            GiveBackRecord(interception, nirp);
         } else {
             Withhold(interception, nirp, buffer, successor);
         }

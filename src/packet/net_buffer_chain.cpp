@@ -1,7 +1,7 @@
 #include "packet/net_buffer_chain.h"
 
 #include "driver/trace_log.h"
-#include "packet/nirp_pool.h"
+#include "packet/nirp_life.h"
 #include "platform/atomics.h"
 
 namespace {
@@ -61,9 +61,7 @@ VOID NTAPI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEA
             strays = nirp->NetBuffer;
             TraceLog(module, "RestoreNetBuffers", 298, atDispatch);
         }
-        nirp->PrevNetBuffer = nullptr;
-        nirp->Context = nullptr;
-        ReleaseNirpHolds(module, nirp, NIRP_HOLD_LIST, atDispatch);
+        EndNblHold(nirp, atDispatch);
     }
     AppendNetBuffers(context->NetBufferList, strays);
 }

@@ -1,8 +1,6 @@
 #include "packet/nirp_pool.h"
 
 #include "driver/trace_log.h"
-#include "driver/undo_guard.h"
-#include "packet/pending.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
@@ -27,12 +25,11 @@ FREE_LIST FreeListOf(FILTER_MODULE* module, bool small) {
                  : FREE_LIST{&module->LargeNirpList, &module->LargeNirpLock};
 }
 
-void InitializeRecordLists(FILTER_MODULE* module) {
+void InitializeFreeLists(FILTER_MODULE* module) {
     InitializeListHead(&module->SmallNirpList);
     InitializeListHead(&module->LargeNirpList);
     InitializeDriverSpinLock(&module->SmallNirpLock);
     InitializeDriverSpinLock(&module->LargeNirpLock);
-    InitializePendingLists(module);
 }
 
 POOL_SIZE PoolSizeOfMachine() {
@@ -70,6 +67,20 @@ NIRP* NTAPI TakeNirp(FILTER_MODULE* module, bool small, BOOLEAN atDispatch) {
     return nirp;
 }
 
+// The trace line of each step of making a buffer that can fail.
+struct BUFFER_SITES {
+    PCSTR Label;
+    ULONG NoBuffer;
+    ULONG NoMdl;
+};
+
+constexpr BUFFER_SITES FIRST_BUFFER_SITES = {.Label = "AllocateNirp",
+                                             .NoBuffer = 142,
+                                             .NoMdl = 150};
+constexpr BUFFER_SITES NEXT_BUFFER_SITES = {.Label = "ReAllocateNirpBuffer",
+                                            .NoBuffer = 398,
+                                            .NoMdl = 406};
+
 void FreeNirpBuffer(NIRP* nirp) {
     if (nirp->Mdl != nullptr) {
         NdisFreeMdl(nirp->Mdl);
@@ -82,30 +93,36 @@ void FreeNirpBuffer(NIRP* nirp) {
     nirp->BufferCapacity = 0;
 }
 
-void FreeNirp(NIRP* nirp) {
-    FreeNirpBuffer(nirp);
-    NdisFreeMemory(nirp, 0, 0);
+// The NIRP has no buffer; on failure it still has none.
+NTSTATUS AllocateNirpBuffer(NIRP* nirp, ULONG capacity, ULONG tag, const BUFFER_SITES& sites) {
+    FILTER_MODULE* module = nirp->Module;
+    PVOID buffer = nullptr;
+    NTSTATUS status = NdisAllocateMemoryWithTag(&buffer, capacity, tag);
+    if (status != NDIS_STATUS_SUCCESS) {
+        TraceLog(module, sites.Label, sites.NoBuffer, FALSE);
+        return status;
+    }
+    nirp->Buffer = static_cast<PUCHAR>(buffer);
+    nirp->Mdl = NdisAllocateMdl(module->FilterHandle, buffer, capacity);
+    if (nirp->Mdl == nullptr) {
+        TraceLog(module, sites.Label, sites.NoMdl, FALSE);
+        FreeNirpBuffer(nirp);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    nirp->BufferCapacity = capacity;
+    return STATUS_SUCCESS;
 }
 
-void FreeRecords(FILTER_MODULE* module, bool small) {
+void FreeNirps(FILTER_MODULE* module, bool small) {
     while (NIRP* nirp = TakeNirp(module, small, FALSE)) {
         FreeNirp(nirp);
     }
 }
 
-// The record's lock is held. A request that outlives its list is finished by its completion alone.
-ULONG StateWithout(NIRP* nirp, ULONG holds) {
-    if (holds & NIRP_HOLD_REQUEST) {
-        return NIRP_STATE_COMPLETED;
-    }
-    ULONG state = ReadAcquire(&nirp->State);
-    return (holds & NIRP_HOLD_LIST) && state == NIRP_STATE_PENDING ? NIRP_STATE_RELEASED : state;
-}
-
 }  // namespace
 
 NTSTATUS InitializeNBLPool(FILTER_MODULE* module) {
-    InitializeRecordLists(module);
+    InitializeFreeLists(module);
 
     NET_BUFFER_LIST_POOL_PARAMETERS parameters;
     RtlZeroMemory(&parameters, sizeof(parameters));
@@ -139,11 +156,13 @@ NTSTATUS InitializeNirpPool(FILTER_MODULE* module, ULONG mtu) {
 }
 
 void FreeNirpPool(FILTER_MODULE* module) {
-    FreeRecords(module, true);
-    FreeRecords(module, false);
-    while (NIRP* nirp = TakeUnpaidNirp(module)) {
-        FreeNirp(nirp);
-    }
+    FreeNirps(module, true);
+    FreeNirps(module, false);
+}
+
+void FreeNirp(NIRP* nirp) {
+    FreeNirpBuffer(nirp);
+    NdisFreeMemory(nirp, 0, 0);
 }
 
 NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
@@ -156,7 +175,6 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     }
     RtlZeroMemory(memory, sizeof(NIRP));
     auto* made = static_cast<NIRP*>(memory);
-    UndoGuard freeMade([made] { FreeNirp(made); });
     made->Module = module;
     InitializeListHead(&made->FreeLink);
     InitializeListHead(&made->PendingSendLink);
@@ -164,44 +182,20 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     InitializeListHead(&made->ContextLink);
     InitializeDriverSpinLock(&made->Lock);
 
-    PVOID buffer = nullptr;
-    status = NdisAllocateMemoryWithTag(&buffer, capacity, NIRP_BUFFER_TAG);
-    if (status != NDIS_STATUS_SUCCESS) {
-        TraceLog(module, "AllocateNirp", 142, FALSE);
+    status = AllocateNirpBuffer(made, capacity, NIRP_BUFFER_TAG, FIRST_BUFFER_SITES);
+    if (status != STATUS_SUCCESS) {
+        FreeNirp(made);
         return status;
     }
-    made->Buffer = static_cast<PUCHAR>(buffer);
-    made->Mdl = NdisAllocateMdl(module->FilterHandle, buffer, capacity);
-    if (made->Mdl == nullptr) {
-        TraceLog(module, "AllocateNirp", 150, FALSE);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    made->BufferCapacity = capacity;
-    freeMade.Dismiss();
     *nirp = made;
     return STATUS_SUCCESS;
 }
 
 NTSTATUS NTAPI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG size) {
     FreeNirpBuffer(nirp);
-
     ULONG capacity =
         size > module->SmallNirpCapacity ? LARGE_NIRP_CAPACITY : module->SmallNirpCapacity;
-    PVOID buffer = nullptr;
-    NTSTATUS status = NdisAllocateMemoryWithTag(&buffer, capacity, NIRP_REALLOCATED_BUFFER_TAG);
-    if (status != NDIS_STATUS_SUCCESS) {
-        TraceLog(module, "ReAllocateNirpBuffer", 398, FALSE);
-        return status;
-    }
-    nirp->Buffer = static_cast<PUCHAR>(buffer);
-    nirp->Mdl = NdisAllocateMdl(module->FilterHandle, buffer, capacity);
-    if (nirp->Mdl == nullptr) {
-        TraceLog(module, "ReAllocateNirpBuffer", 406, FALSE);
-        FreeNirpBuffer(nirp);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    nirp->BufferCapacity = capacity;
-    return STATUS_SUCCESS;
+    return AllocateNirpBuffer(nirp, capacity, NIRP_REALLOCATED_BUFFER_TAG, NEXT_BUFFER_SITES);
 }
 
 NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
@@ -228,26 +222,10 @@ NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
 }
 
 VOID NTAPI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
-    MakeNirpIdle(nirp);
     FREE_LIST list = FreeListOf(module, nirp->BufferCapacity <= module->SmallNirpCapacity);
     {
         SpinLockGuard guard(list.Lock, atDispatch);
         InsertTailList(list.Head, &nirp->FreeLink);
     }
     InterlockedIncrement(&module->FreeNirpCount);
-}
-
-// Whoever ends the last hold has the record alone, so the return needs no lock around it.
-VOID NTAPI ReleaseNirpHolds(FILTER_MODULE* module, NIRP* nirp, ULONG holds, BOOLEAN atDispatch) {
-    bool free = false;
-    {
-        SpinLockGuard guard(&nirp->Lock, atDispatch);
-        nirp->Holds &= ~holds;
-        free = nirp->Holds == 0;
-        // Nobody can mark it from here on: a record that was withheld still looked offered.
-        WriteRelease(&nirp->State, free ? NIRP_STATE_IDLE : StateWithout(nirp, holds));
-    }
-    if (free) {
-        ReturnNirp(module, nirp, atDispatch);
-    }
 }

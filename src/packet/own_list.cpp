@@ -2,7 +2,6 @@
 
 #include "driver/trace_log.h"
 #include "packet/nirp_pool.h"
-#include "packet/outstanding.h"
 
 namespace {
 
@@ -37,11 +36,11 @@ NBL_CONTEXT* NTAPI MakeOwnList(FILTER_MODULE* module,
                                ULONG type,
                                const OWN_LIST_SITES* sites,
                                BOOLEAN atDispatch) {
-    CountOutstandingList(module, atDispatch);
+    RaiseDrainCount(&module->OutstandingLists, atDispatch);
     NBL_CONTEXT* context = AllocateListAndContext(module, nirp, sites, atDispatch);
     if (context == nullptr) {
         ReturnNirp(module, nirp, atDispatch);
-        ReleaseOutstandingList(module, atDispatch);
+        LowerDrainCount(&module->OutstandingLists, atDispatch);
         return nullptr;
     }
     context->Type = type;
@@ -60,5 +59,5 @@ VOID NTAPI FreeOwnList(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDi
     NIRP* nirp = RemoveFirstContextNirp(context, atDispatch);
     FreeNblAndContext(context, context->NetBufferList);
     ReturnNirp(module, nirp, atDispatch);
-    ReleaseOutstandingList(module, atDispatch);
+    LowerDrainCount(&module->OutstandingLists, atDispatch);
 }

@@ -1,6 +1,7 @@
 #include "packet/pending.h"
 
 #include "driver/trace_log.h"
+#include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
 #include "packet/own_list.h"
 #include "platform/atomics.h"
@@ -11,25 +12,38 @@ namespace {
 
 constexpr OWN_LIST_SITES CLONE_SITES = {.Label = "CreateCloneNBL", .NoList = 582, .NoContext = 590};
 
-// What differs between the requests of the two directions. A record is on Pending exactly while its
-// Clone is set, and on Unpaid after a flush while it has marks left; under Lock both.
+// What differs between the requests of the two directions. A NIRP whose OnList is PendingValue is
+// linked into Pending, and one whose OnList is UnpaidValue into Unpaid; all of it under Lock.
 struct PENDING_LIST {
     PLIST_ENTRY Pending;
     PLIST_ENTRY Unpaid;
     DRIVER_SPIN_LOCK* Lock;
-    SIZE_T LinkOffset;  // of the link that both lists use, in the record
+    SIZE_T LinkOffset;  // of the link that both lists use, in the NIRP
+    ULONG PendingValue;
+    ULONG UnpaidValue;
     ULONG OfferedState;
     ULONG CloneType;
 };
 
 PENDING_LIST PendingListOf(FILTER_MODULE* module, ULONG direction) {
     if (direction == NIRP_DIRECTION_SEND) {
-        return {&module->PendingSendList,        &module->UnpaidSendList, &module->PendingSendLock,
-                offsetof(NIRP, PendingSendLink), NIRP_STATE_SEND,         NBL_TYPE_SEND_CLONE};
+        return {.Pending = &module->PendingSendList,
+                .Unpaid = &module->UnpaidSendList,
+                .Lock = &module->PendingSendLock,
+                .LinkOffset = offsetof(NIRP, PendingSendLink),
+                .PendingValue = NIRP_LIST_PENDING_SEND,
+                .UnpaidValue = NIRP_LIST_UNPAID_SEND,
+                .OfferedState = NIRP_STATE_SEND,
+                .CloneType = NBL_TYPE_SEND_CLONE};
     }
-    return {&module->PendingReceiveList, &module->UnpaidReceiveList,
-            &module->PendingReceiveLock, offsetof(NIRP, PendingReceiveLink),
-            NIRP_STATE_RECEIVE,          NBL_TYPE_RECEIVE_CLONE};
+    return {.Pending = &module->PendingReceiveList,
+            .Unpaid = &module->UnpaidReceiveList,
+            .Lock = &module->PendingReceiveLock,
+            .LinkOffset = offsetof(NIRP, PendingReceiveLink),
+            .PendingValue = NIRP_LIST_PENDING_RECEIVE,
+            .UnpaidValue = NIRP_LIST_UNPAID_RECEIVE,
+            .OfferedState = NIRP_STATE_RECEIVE,
+            .CloneType = NBL_TYPE_RECEIVE_CLONE};
 }
 
 PLIST_ENTRY LinkOf(const PENDING_LIST& list, NIRP* nirp) {
@@ -40,7 +54,13 @@ NIRP* NirpOf(const PENDING_LIST& list, PLIST_ENTRY link) {
     return reinterpret_cast<NIRP*>(reinterpret_cast<PUCHAR>(link) - list.LinkOffset);
 }
 
-// A copy of the record in a list of the driver's own, or NULL.
+// Tests which list a NIRP is on, under the lock of the list that `value` names: the NIRP may be in
+// use in the other direction at this moment, and only this list's own values hold still here.
+bool IsOnList(NIRP* nirp, ULONG value) {
+    return ReadAcquire(&nirp->OnList) == value;
+}
+
+// A copy of the NIRP in an NBL that the driver originates, or NULL. The caller has a claim.
 NIRP* CreateCloneNBL(FILTER_MODULE* module, NIRP* nirp, ULONG cloneType) {
     NIRP* clone = GetNirp(module, nirp->BufferCapacity, FALSE);
     if (clone == nullptr) {
@@ -52,68 +72,79 @@ NIRP* CreateCloneNBL(FILTER_MODULE* module, NIRP* nirp, ULONG cloneType) {
 }
 
 // The lock of the list is held. One more mark on a request that is pending already.
-bool JoinRequest(NIRP* nirp) {
-    if (nirp->Clone == nullptr) {
+bool JoinRequest(const PENDING_LIST& list, NIRP* nirp) {
+    if (!IsOnList(nirp, list.PendingValue)) {
         return false;
     }
-    InterlockedIncrement(&nirp->PendingCount);
+    ++nirp->PendingCount;
     return true;
 }
 
-// The lock of the list is held. False when the record is not being offered, or not any more. The
-// exchange settles it with the path that offers: what the path has let pass cannot be marked, and
-// what was marked it does not let pass. The state of the module is read under the lock that the
-// flush of a pause takes after changing it, so nothing becomes pending behind the flush.
+// The lock of the list is held; it is the one that the flush of a pause takes after it has changed
+// the module's state, so nothing becomes pending behind the flush.
 bool BeginRequest(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
-    SpinLockGuard guard(&nirp->Lock, TRUE);
     if (ReadAcquire(&nirp->Module->State) != FILTER_STATE_RUNNING ||
-        InterlockedCompareExchange(&nirp->State, NIRP_STATE_PENDING, list.OfferedState) !=
-            list.OfferedState) {
+        !PublishRequest(nirp, list.OfferedState)) {
         return false;
     }
-    nirp->Holds |= NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS;
     nirp->CompletionStatus = STATUS_SUCCESS;
     nirp->Clone = clone;
-    InterlockedIncrement(&nirp->PendingCount);
+    nirp->PendingCount = 1;
     InsertTailList(list.Pending, LinkOf(list, nirp));
+    WriteRelease(&nirp->OnList, list.PendingValue);
     return true;
+}
+
+bool TryJoin(const PENDING_LIST& list, NIRP* nirp) {
+    SpinLockGuard guard(list.Lock);
+    return JoinRequest(list, nirp);
 }
 
 enum MARK_RESULT { MARK_JOINED, MARK_BEGUN, MARK_REFUSED };
 
-// Without a clone only a request that is pending already can be marked.
-MARK_RESULT TryMark(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
+MARK_RESULT JoinOrBegin(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
     SpinLockGuard guard(list.Lock);
-    if (JoinRequest(nirp)) {
+    if (JoinRequest(list, nirp)) {
         return MARK_JOINED;
     }
-    return clone != nullptr && BeginRequest(list, nirp, clone) ? MARK_BEGUN : MARK_REFUSED;
+    return BeginRequest(list, nirp, clone) ? MARK_BEGUN : MARK_REFUSED;
 }
 
-bool IsOffered(const PENDING_LIST& list, NIRP* nirp) {
-    return ReadAcquire(&nirp->State) == list.OfferedState;
+// The caller's claim ends here: it has become the request, or is taken back.
+MARK_RESULT MarkClaimed(const PENDING_LIST& list, NIRP* nirp) {
+    FILTER_MODULE* module = nirp->Module;
+    NIRP* clone = CreateCloneNBL(module, nirp, list.CloneType);
+    MARK_RESULT result = clone == nullptr ? MARK_REFUSED : JoinOrBegin(list, nirp, clone);
+    if (result == MARK_BEGUN) {
+        return MARK_BEGUN;
+    }
+    EndClaim(nirp);
+    if (clone != nullptr) {
+        FreeOwnList(module, clone->Context, FALSE);
+    }
+    return result;
 }
 
-// The lock of the list is held, and the record is on Pending: the caller owns the request from here
-// on, and what it returns goes with it.
+// The lock of the list is held, and the NIRP is on Pending: the caller owns the request from here
+// on, and the clone that this returns goes with it.
 NIRP* TakeRequest(const PENDING_LIST& list, NIRP* nirp) {
-    NIRP* clone = nirp->Clone;
-    nirp->Clone = nullptr;
     RemoveEntryList(LinkOf(list, nirp));
-    return clone;
+    WriteRelease(&nirp->OnList, NIRP_LIST_NONE);
+    return nirp->Clone;
 }
 
-// The lock of the list is held. A mark that was left after a flush is completed now; true when it
-// was the last. A completion that no mark is left for changes nothing.
+// The lock of the list is held, and the NIRP is on Unpaid: a mark that was left after a flush is
+// completed now. True when it was the last.
 bool PayMark(const PENDING_LIST& list, NIRP* nirp) {
-    if (ReadAcquire(&nirp->PendingCount) == 0 || InterlockedDecrement(&nirp->PendingCount) != 0) {
+    if (--nirp->PendingCount != 0) {
         return false;
     }
     RemoveEntryList(LinkOf(list, nirp));
+    WriteRelease(&nirp->OnList, NIRP_LIST_NONE);
     return true;
 }
 
-// The lock of the list is held, which a pause takes for its flush after changing the module's
+// The lock of the list is held, which a pause takes for its flush after it has changed the module's
 // state: what the flush has not met yet is dropped all the same.
 ULONG StatusOfRequest(NIRP* nirp) {
     bool running = ReadAcquire(&nirp->Module->State) == FILTER_STATE_RUNNING;
@@ -123,16 +154,16 @@ ULONG StatusOfRequest(NIRP* nirp) {
 struct COMPLETION {
     NIRP* Clone;  // when this was the last completion: the caller owns the request
     ULONG Status;
-    bool Late;      // no request is pending on the record
+    bool Late;      // no request is pending on the NIRP
     bool LastMark;  // of those that a flush left
 };
 
 COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
     COMPLETION completion = {};
     SpinLockGuard guard(list.Lock);
-    if (nirp->Clone == nullptr) {
+    if (!IsOnList(nirp, list.PendingValue)) {
         completion.Late = true;
-        completion.LastMark = PayMark(list, nirp);
+        completion.LastMark = IsOnList(nirp, list.UnpaidValue) && PayMark(list, nirp);
     } else if (DecrementNirpPending(nirp, status) == STATUS_SUCCESS) {
         completion.Status = StatusOfRequest(nirp);
         completion.Clone = TakeRequest(list, nirp);
@@ -140,14 +171,8 @@ COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
     return completion;
 }
 
-// The record goes first: giving up the clone lets go of the module.
-void DropClone(FILTER_MODULE* module, NIRP* nirp, NIRP* clone, ULONG holds) {
-    NBL_CONTEXT* context = clone->Context;
-    ReleaseNirpHolds(module, nirp, holds, FALSE);
-    FreeOwnList(module, context, FALSE);
-}
-
 // Completes one mark. Returns the context of the clone when that is to go on its way, else NULL.
+// The NIRP's holds end before the clone goes: giving up the clone lets go of the module.
 NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label, ULONG site) {
     FILTER_MODULE* module = nirp->Module;
     COMPLETION completion = CountCompletion(PendingListOf(module, direction), nirp, status);
@@ -155,22 +180,21 @@ NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label
         TraceLog(module, label, site, FALSE);
     }
     if (completion.LastMark) {
-        ReleaseNirpHolds(module, nirp, NIRP_HOLD_MARKS, FALSE);
+        EndRequest(nirp, NIRP_HOLD_MARKS);
     }
     if (completion.Clone == nullptr) {
         return nullptr;
     }
-    constexpr ULONG holds = NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS;
+    NBL_CONTEXT* context = completion.Clone->Context;
+    EndRequest(nirp, NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS);
     if (completion.Status != STATUS_SUCCESS) {
-        DropClone(module, nirp, completion.Clone, holds);
+        FreeOwnList(module, context, FALSE);
         return nullptr;
     }
-    NBL_CONTEXT* context = completion.Clone->Context;
-    ReleaseNirpHolds(module, nirp, holds, FALSE);
     return context;
 }
 
-// Takes the first request off the list, and returns its record, with the clone in `*clone`; NULL
+// Takes the first request off the list, and returns its NIRP, with the clone in `*clone`; NULL
 // when none is pending.
 NIRP* TakeFirstForFlush(const PENDING_LIST& list, NIRP** clone) {
     SpinLockGuard guard(list.Lock);
@@ -180,6 +204,7 @@ NIRP* TakeFirstForFlush(const PENDING_LIST& list, NIRP** clone) {
     NIRP* nirp = NirpOf(list, list.Pending->Flink);
     *clone = TakeRequest(list, nirp);
     InsertTailList(list.Unpaid, LinkOf(list, nirp));
+    WriteRelease(&nirp->OnList, list.UnpaidValue);
     return nirp;
 }
 
@@ -187,13 +212,16 @@ void FlushPending(FILTER_MODULE* module, ULONG direction) {
     PENDING_LIST list = PendingListOf(module, direction);
     NIRP* clone = nullptr;
     while (NIRP* nirp = TakeFirstForFlush(list, &clone)) {
-        DropClone(module, nirp, clone, NIRP_HOLD_REQUEST);
+        EndRequest(nirp, NIRP_HOLD_REQUEST);
+        FreeOwnList(module, clone->Context, FALSE);
     }
 }
 
-NIRP* TakeUnpaid(const PENDING_LIST& list) {
-    SpinLockGuard guard(list.Lock);
-    return IsListEmpty(list.Unpaid) ? nullptr : NirpOf(list, RemoveHeadList(list.Unpaid));
+// No lock: the module is nobody else's any more.
+void FreeUnpaid(const PENDING_LIST& list) {
+    while (!IsListEmpty(list.Unpaid)) {
+        FreeNirp(NirpOf(list, RemoveHeadList(list.Unpaid)));
+    }
 }
 
 void MakeEmpty(const PENDING_LIST& list) {
@@ -213,7 +241,7 @@ NTSTATUS DecrementNirpPending(NIRP* nirp, ULONG status) {
     if (status != STATUS_SUCCESS) {
         nirp->CompletionStatus = status;
     }
-    return InterlockedDecrement(&nirp->PendingCount) == 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+    return --nirp->PendingCount == 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 VOID NTAPI NSVFSendPendingComplete(NIRP* nirp, ULONG status) {
@@ -243,40 +271,32 @@ void FlushPendingReceives(FILTER_MODULE* module) {
     FlushPending(module, NIRP_DIRECTION_RECEIVE);
 }
 
-NIRP* TakeUnpaidNirp(FILTER_MODULE* module) {
-    NIRP* nirp = TakeUnpaid(PendingListOf(module, NIRP_DIRECTION_SEND));
-    return nirp != nullptr ? nirp : TakeUnpaid(PendingListOf(module, NIRP_DIRECTION_RECEIVE));
+void FreeUnpaidNirps(FILTER_MODULE* module) {
+    FreeUnpaid(PendingListOf(module, NIRP_DIRECTION_SEND));
+    FreeUnpaid(PendingListOf(module, NIRP_DIRECTION_RECEIVE));
 }
 
 extern "C" {
 
+// A hook may be late, and the NIRP carry another frame by now: what is read here before the claim,
+// or the list's lock, may be stale, and both test it again.
 NTSTATUS NTAPI ITarnHKMarkPending(NIRP* nirp) {
     if (nirp == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    PENDING_LIST list = PendingListOf(nirp->Module, nirp->Direction);
-    if (TryMark(list, nirp, nullptr) == MARK_JOINED) {
-        return STATUS_SUCCESS;
-    }
-    // The clone is made before the request is seen by anyone, and outside the lock.
-    NIRP* clone =
-        IsOffered(list, nirp) ? CreateCloneNBL(nirp->Module, nirp, list.CloneType) : nullptr;
-    if (clone == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    MARK_RESULT result = TryMark(list, nirp, clone);
-    if (result != MARK_BEGUN) {
-        FreeOwnList(nirp->Module, clone->Context, FALSE);
-    }
-    return result == MARK_REFUSED ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS;
+    PENDING_LIST list = PendingListOf(nirp->Module, ReadAcquire(&nirp->Direction));
+    bool marked = ClaimNirp(nirp, list.OfferedState) ? MarkClaimed(list, nirp) != MARK_REFUSED
+                                                     : TryJoin(list, nirp);
+    return marked ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }
 
 NTSTATUS NTAPI ITarnHKCompleteRequest(NIRP* nirp, ULONG status) {
     if (nirp == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (nirp->CompletionRoutine != nullptr) {
-        nirp->CompletionRoutine(nirp, status);
+    NIRP_COMPLETION_ROUTINE complete = ReadAcquire(&nirp->CompletionRoutine);
+    if (complete != nullptr) {
+        complete(nirp, status);
     }
     return STATUS_SUCCESS;
 }

@@ -87,7 +87,9 @@ std::uint64_t HeldFrames::NotePause(FILTER_MODULE& record) {
         flushed += others;
         for (auto& [nirp, request] : requests_) {
             // The driver has given the copy up: what comes now only pays the marks.
-            if (request.way == way && nirp->Clone == nullptr) {
+            const ULONG list = ReadAcquire(&nirp->OnList);
+            if (request.way == way &&
+                (list == NIRP_LIST_UNPAID_SEND || list == NIRP_LIST_UNPAID_RECEIVE)) {
                 request.flushed = true;
                 --others;
             }

@@ -1,0 +1,148 @@
+#include "packet/nirp_life.h"
+
+#include "packet/nirp_pool.h"
+#include "platform/atomics.h"
+
+namespace {
+
+// State and Holds of a NIRP, as they are at one moment.
+struct LIFE {
+    ULONG State;
+    ULONG Holds;
+};
+
+volatile ULONGLONG* WordOf(NIRP* nirp) {
+    return reinterpret_cast<volatile ULONGLONG*>(&nirp->State);
+}
+
+ULONGLONG Pack(LIFE life) {
+    return __builtin_bit_cast(ULONGLONG, life);
+}
+
+LIFE ReadLife(NIRP* nirp) {
+    return __builtin_bit_cast(LIFE, ReadAcquire(WordOf(nirp)));
+}
+
+// False, with `*seen` brought up to date, when the NIRP is no longer as it was seen.
+bool Exchange(NIRP* nirp, LIFE* seen, LIFE next) {
+    ULONGLONG expected = Pack(*seen);
+    ULONGLONG found = InterlockedCompareExchange(WordOf(nirp), Pack(next), expected);
+    *seen = __builtin_bit_cast(LIFE, found);
+    return found == expected;
+}
+
+bool IsOnOffer(LIFE life, ULONG offered) {
+    return life.State == offered && (life.Holds & NIRP_HOLD_NBL) != 0;
+}
+
+// The NBL is about to leave, and a mark may be reading its out-of-band data under the lock. Marks
+// that come to the lock later find that the hold has ended.
+void WaitForReader(NIRP* nirp, BOOLEAN atDispatch) {
+    SpinLockGuard guard(&nirp->Lock, atDispatch);
+}
+
+ULONG StateWithoutNbl(ULONG state) {
+    switch (state) {
+        case NIRP_STATE_PENDING:
+            return NIRP_STATE_RELEASED;
+        case NIRP_STATE_SEND:
+        case NIRP_STATE_RECEIVE:
+            return NIRP_STATE_IDLE;
+        default:
+            return state;
+    }
+}
+
+// The holds are the caller's, so they are all set.
+LIFE Without(LIFE life, ULONG holds) {
+    LIFE next = {life.State, life.Holds - holds};
+    if (next.Holds == 0) {
+        next.State = NIRP_STATE_IDLE;
+    } else if ((holds & NIRP_HOLD_REQUEST) != 0) {
+        next.State = NIRP_STATE_COMPLETED;
+    } else if ((holds & NIRP_HOLD_NBL) != 0) {
+        next.State = StateWithoutNbl(life.State);
+    }
+    return next;
+}
+
+// Returns what the NIRP became; with no holds the caller has it to itself.
+LIFE EndHolds(NIRP* nirp, ULONG holds) {
+    LIFE seen = ReadLife(nirp);
+    LIFE next = Without(seen, holds);
+    while (!Exchange(nirp, &seen, next)) {
+        next = Without(seen, holds);
+    }
+    return next;
+}
+
+}  // namespace
+
+void OfferNirp(NIRP* nirp, ULONG offered) {
+    WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL}));
+}
+
+PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
+    LIFE seen = {offered, NIRP_HOLD_NBL};
+    if (Exchange(nirp, &seen, {NIRP_STATE_IDLE, 0})) {
+        return PASS_OWNED;
+    }
+    while (seen.State == offered) {
+        LIFE next = Without(seen, NIRP_HOLD_NBL);
+        if (Exchange(nirp, &seen, next)) {
+            if (next.Holds == 0) {
+                return PASS_OWNED;
+            }
+            WaitForReader(nirp, atDispatch);
+            return PASS_CLAIMED;
+        }
+    }
+    return PASS_MARKED;
+}
+
+bool ClaimNirp(NIRP* nirp, ULONG offered) {
+    LIFE seen = ReadLife(nirp);
+    while (IsOnOffer(seen, offered)) {
+        if (Exchange(nirp, &seen, {seen.State, seen.Holds + NIRP_HOLD_CLAIM})) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool PublishRequest(NIRP* nirp, ULONG offered) {
+    LIFE seen = ReadLife(nirp);
+    while (IsOnOffer(seen, offered)) {
+        ULONG holds = seen.Holds - NIRP_HOLD_CLAIM;
+        if (Exchange(nirp, &seen,
+                     {NIRP_STATE_PENDING, holds | NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS})) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool HoldsNbl(NIRP* nirp) {
+    return (ReadLife(nirp).Holds & NIRP_HOLD_NBL) != 0;
+}
+
+void EndClaim(NIRP* nirp) {
+    if (EndHolds(nirp, NIRP_HOLD_CLAIM).Holds == 0) {
+        ReturnNirp(nirp->Module, nirp, FALSE);
+    }
+}
+
+VOID NTAPI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
+    LIFE life = EndHolds(nirp, NIRP_HOLD_NBL);
+    if (life.Holds == 0) {
+        ReturnNirp(nirp->Module, nirp, atDispatch);
+    } else if (life.Holds >= NIRP_HOLD_CLAIM) {
+        WaitForReader(nirp, atDispatch);
+    }
+}
+
+void EndRequest(NIRP* nirp, ULONG holds) {
+    if (EndHolds(nirp, holds).Holds == 0) {
+        ReturnNirp(nirp->Module, nirp, FALSE);
+    }
+}
