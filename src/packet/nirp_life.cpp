@@ -31,10 +31,6 @@ bool Exchange(NIRP* nirp, LIFE* seen, LIFE next) {
     return found == expected;
 }
 
-bool IsOnOffer(LIFE life, ULONG offered) {
-    return life.State == offered && (life.Holds & NIRP_HOLD_NBL) != 0;
-}
-
 // The NBL is about to leave, and a mark may be reading its out-of-band data under the lock. Marks
 // that come to the lock later find that the hold has ended.
 void WaitForReader(NIRP* nirp, BOOLEAN atDispatch) {
@@ -102,7 +98,7 @@ PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
 
 bool ClaimNirp(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
-    while (IsOnOffer(seen, offered)) {
+    while (seen.State == offered) {
         if (Exchange(nirp, &seen, {seen.State, seen.Holds + NIRP_HOLD_CLAIM})) {
             return true;
         }
@@ -112,7 +108,7 @@ bool ClaimNirp(NIRP* nirp, ULONG offered) {
 
 bool PublishRequest(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
-    while (IsOnOffer(seen, offered)) {
+    while (seen.State == offered) {
         ULONG holds = seen.Holds - NIRP_HOLD_CLAIM;
         if (Exchange(nirp, &seen,
                      {NIRP_STATE_PENDING, holds | NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS})) {

@@ -15,7 +15,7 @@
 // State and Holds are the two halves of one 64-bit word, and each transition is one interlocked
 // exchange of it. So no transition can be taken twice, and no use of a NIRP meets the next one: a
 // NIRP with a hold is not in the pool. A frame that was marked never looks offered again, since
-// SEND and RECEIVE come from OfferNirp alone.
+// SEND and RECEIVE come from OfferNirp alone; and while they last, so does NIRP_HOLD_NBL.
 //
 // None of these may be called with a free list's lock held. IRQL <= DISPATCH_LEVEL.
 #pragma once

@@ -150,6 +150,86 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     return model.wrong;
 }
 
+/// Says when a frame arrived another number of times than once.
+std::string EachOnce(const std::vector<Frame>& arrived, std::span<const Frame> frames) {
+    std::string wrong;
+    for (const Frame& frame : frames) {
+        const auto times = std::count(arrived.begin(), arrived.end(), frame);
+        wrong += times == 1 ? "" : fmt::format("frame {} arrived {} times. ", frame[6], times);
+    }
+    return wrong;
+}
+
+/// A mark from outside the handler, while the NIRP goes on from its frame to the next one: it takes
+/// over the one or the other whole, or is refused.
+std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Scene scene(machine, model.stack);
+    const Frame frames[] = {MakeFrame(1), MakeFrame(2, 200)};
+    {
+        TestHook hook([&](NIRP* nirp) -> LONG {
+            if (ITarnHKGetBuffer(nirp)[6] == 1) {
+                model.Start(ContextKind::kThread, 1, [nirp] {
+                    if (ITarnHKMarkPending(nirp) == STATUS_SUCCESS) {
+                        ITarnHKCompleteRequest(nirp, 0);
+                    }
+                });
+            }
+            return HOOK_VERDICT_PASS;
+        });
+        model.Explore([&] { scene.Pass(true, {frames[0], frames[1]}); });
+    }
+    machine.UnloadDriver("NETSIEVE");
+    return EachOnce(scene.wire, frames);
+}
+
+/// A request is completed once more than it was marked, while its NIRP carries a frame in the other
+/// direction that is pending too. Every other NIRP is kept by frames that are withheld.
+std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Scene scene(machine, model.stack);
+    constexpr std::uint8_t kSent = 1, kReceived = 2, kWithheld = 3, kPassed = 4;
+    NIRP* taken = nullptr;
+    {
+        TestHook hook([&](NIRP* nirp) -> LONG {
+            switch (ITarnHKGetBuffer(nirp)[6]) {
+                case kSent:
+                    taken = nirp;
+                    return ITarnHKMarkPending(nirp) == STATUS_SUCCESS ? HOOK_VERDICT_PENDING
+                                                                      : HOOK_VERDICT_WITHHOLD;
+                case kReceived:
+                    if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
+                        return HOOK_VERDICT_PASS;  // no NIRP is left for the clone
+                    }
+                    ITarnHKCompleteRequest(nirp, 0);
+                    return HOOK_VERDICT_PENDING;
+                case kWithheld:
+                    return HOOK_VERDICT_WITHHOLD;
+                default:
+                    return HOOK_VERDICT_PASS;
+            }
+        });
+        // Two NIRPs are left: the request's, and its clone's.
+        model.stack.adapter().pace().Set(Pace::kHold);
+        std::vector<Frame> others(scene.records - 2, MakeFrame(kWithheld));
+        others.push_back(MakeFrame(kPassed));
+        scene.Pass(true, others);
+        model.stack.adapter().pace().Set(Pace::kInline);
+        scene.Pass(true, {MakeFrame(kSent)});
+        model.Explore([&] {
+            model.Start(ContextKind::kThread, 1, [&] { ITarnHKCompleteRequest(taken, 0); });
+            ITarnHKCompleteRequest(taken, 0);
+            scene.Pass(false, {MakeFrame(kReceived)});
+        });
+        model.stack.adapter().pace().ReleaseAll();
+    }
+    machine.UnloadDriver("NETSIEVE");
+    const Frame down[] = {MakeFrame(kSent), MakeFrame(kPassed)};
+    const Frame up[] = {MakeFrame(kReceived)};
+    const bool elsewhere = scene.wire.size() > 2 || scene.up.size() > 1;
+    return EachOnce(scene.wire, down) + EachOnce(scene.up, up) + (elsewhere ? "wrong way" : "");
+}
+
 enum class Against { kPause, kDetach, kUnload };
 
 /// A frame is injected while the adapter is paused, detached or the driver unloaded. `worker`: the
@@ -216,6 +296,8 @@ const Case kCases[] = {
     OfRequest("two completions against restore", {.marks = 2, .restore = true}),
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
+    {"late mark against the next frame", 2, RunLateMark},
+    {"second completion against the other direction", 2, RunSecondCompletion},
     OfInjection("injection against pause", Against::kPause, false),
     OfInjection("injection against detach", Against::kDetach, false),
     OfInjection("work item against pause", Against::kPause, true),

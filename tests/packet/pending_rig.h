@@ -111,12 +111,14 @@ class Scene {
     enum class Load { kMustSucceed, kMayFail };
 
     explicit Scene(Machine& machine, Load load = Load::kMustSucceed)
+        : Scene(machine, LoadedStack(machine, load)) {}
+
+    /// On a stack whose driver is loaded.
+    Scene(Machine& machine, Stack& loaded)
         : machine_(machine),
-          stack(machine.ndis().AddAdapter()),
+          stack(loaded),
           sends(machine, stack.protocol().pool()),
           receives(machine, stack.adapter().pool()) {
-        EXPECT_TRUE(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS ||
-                    load == Load::kMayFail);
         module = RecordOf(machine, stack);
         records = module == nullptr ? 0 : FreeRecordsOf(module);
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG) {
@@ -159,6 +161,13 @@ class Scene {
     NDIS_PORT_NUMBER wirePort = 0;
 
   private:
+    static Stack& LoadedStack(Machine& machine, Load load) {
+        Stack& stack = machine.ndis().AddAdapter();
+        EXPECT_TRUE(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS ||
+                    load == Load::kMayFail);
+        return stack;
+    }
+
     static void Note(std::vector<Frame>& frames, PNET_BUFFER_LIST chain) {
         for (; chain != nullptr; chain = chain->Next) {
             for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
