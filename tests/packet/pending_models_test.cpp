@@ -161,8 +161,8 @@ std::string EachOnce(const std::vector<Frame>& arrived, std::span<const Frame> f
 }
 
 /// A mark from outside the handler, while the NIRP goes on from its frame to the next one: it takes
-/// over the one or the other whole, or is refused.
-std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
+/// over the one or the other whole, or is refused. `next` is the verdict on the next one.
+std::string RunLateMark(Machine& machine, ScheduleTree& tree, LONG next) {
     Model model(machine, tree);
     Scene scene(machine, model.stack);
     const Frame frames[] = {MakeFrame(1), MakeFrame(2, 200)};
@@ -174,13 +174,19 @@ std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
                         ITarnHKCompleteRequest(nirp, 0);
                     }
                 });
+                return HOOK_VERDICT_PASS;
             }
-            return HOOK_VERDICT_PASS;
+            return next;
         });
+        // A frame that is withheld stays on offer until its NBL comes back.
+        model.stack.adapter().pace().Set(Pace::kHold);
         model.Explore([&] { scene.Pass(true, {frames[0], frames[1]}); });
+        model.stack.adapter().pace().Set(Pace::kInline);
+        model.stack.adapter().pace().ReleaseAll();
     }
     machine.UnloadDriver("NETSIEVE");
-    return EachOnce(scene.wire, frames);
+    const bool secondStays = next != HOOK_VERDICT_PASS && scene.wire.size() == 1;
+    return EachOnce(scene.wire, std::span(frames).first(secondStays ? 1 : 2));
 }
 
 /// A request is completed once more than it was marked, while its NIRP carries a frame in the other
@@ -280,6 +286,12 @@ Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
             }};
 }
 
+Case OfLateMark(const char* name, LONG next) {
+    return {name, 2, [next](Machine& machine, ScheduleTree& tree) {
+                return RunLateMark(machine, tree, next);
+            }};
+}
+
 Case OfInjection(const char* name, Against against, bool worker) {
     return {name, 2, [=](Machine& machine, ScheduleTree& tree) {
                 return RunInjection(machine, tree, against, worker);
@@ -296,7 +308,8 @@ const Case kCases[] = {
     OfRequest("two completions against restore", {.marks = 2, .restore = true}),
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
-    {"late mark against the next frame", 2, RunLateMark},
+    OfLateMark("late mark against the next frame", HOOK_VERDICT_PASS),
+    OfLateMark("late mark against the next frame, withheld", HOOK_VERDICT_WITHHOLD),
     {"second completion against the other direction", 2, RunSecondCompletion},
     OfInjection("injection against pause", Against::kPause, false),
     OfInjection("injection against detach", Against::kDetach, false),
