@@ -87,6 +87,8 @@ ImportTable MakeTable() {
     NDIS(NdisAllocateNetBufferListContext);
     NDIS(NdisAllocateNetBufferListPool);
     NDIS(NdisCancelTimer);
+    NDIS(NdisCopyReceiveNetBufferListInfo);
+    NDIS(NdisCopySendNetBufferListInfo);
     NDIS(NdisFCancelSendNetBufferLists);
     NDIS(NdisFDeregisterFilterDriver);
     NDIS(NdisFDevicePnPEventNotify);

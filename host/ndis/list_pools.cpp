@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
@@ -337,6 +338,48 @@ std::size_t ListPools::DriverLists() {
     return lists;
 }
 
+namespace {
+
+// What the platform's pages list, without the values of which the platform here has none.
+constexpr NDIS_NET_BUFFER_LIST_INFO kCopiedOnSend[] = {
+    TcpIpChecksumNetBufferListInfo,
+    IPsecOffloadV1NetBufferListInfo,
+    TcpLargeSendNetBufferListInfo,
+    Ieee8021QNetBufferListInfo,
+    MediaSpecificInformation,
+    NetBufferListCancelId,
+    NetBufferListProtocolId,
+    IPsecOffloadV2TunnelNetBufferListInfo,
+    IPsecOffloadV2HeaderNetBufferListInfo,
+    NetBufferListFilteringInfo,
+};
+constexpr NDIS_NET_BUFFER_LIST_INFO kCopiedOnReceive[] = {
+    TcpIpChecksumNetBufferListInfo,
+    IPsecOffloadV1NetBufferListInfo,
+    TcpReceiveNoPush,
+    Ieee8021QNetBufferListInfo,
+    MediaSpecificInformation,
+    NetBufferListFrameType,
+    NetBufferListHashValue,
+    NetBufferListHashInfo,
+    IPsecOffloadV2TunnelNetBufferListInfo,
+    IPsecOffloadV2HeaderNetBufferListInfo,
+    NetBufferListFilteringInfo,
+};
+
+void CopyInfo(PNET_BUFFER_LIST to,
+              PNET_BUFFER_LIST from,
+              std::span<const NDIS_NET_BUFFER_LIST_INFO> ids) {
+    if (g_verifyMode) {
+        Machine::Current().ndis().lists().tracker().Reads(from);
+    }
+    for (const NDIS_NET_BUFFER_LIST_INFO id : ids) {
+        NET_BUFFER_LIST_INFO(to, id) = NET_BUFFER_LIST_INFO(from, id);
+    }
+}
+
+}  // namespace
+
 }  // namespace netsieve::host
 
 using namespace netsieve::host;
@@ -400,6 +443,18 @@ NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST NetBufferLis
 VOID NTAPI NdisFreeNetBufferListContext(PNET_BUFFER_LIST NetBufferList, USHORT ContextSize) {
     Machine::Current().EnterCall("NdisFreeNetBufferListContext");
     Machine::Current().ndis().lists().FreeContext(NetBufferList, ContextSize);
+}
+
+VOID NTAPI NdisCopySendNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,
+                                         PNET_BUFFER_LIST SrcNetBufferList) {
+    Machine::Current().EnterCall("NdisCopySendNetBufferListInfo");
+    CopyInfo(DestNetBufferList, SrcNetBufferList, kCopiedOnSend);
+}
+
+VOID NTAPI NdisCopyReceiveNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,
+                                            PNET_BUFFER_LIST SrcNetBufferList) {
+    Machine::Current().EnterCall("NdisCopyReceiveNetBufferListInfo");
+    CopyInfo(DestNetBufferList, SrcNetBufferList, kCopiedOnReceive);
 }
 
 }  // extern "C"

@@ -150,6 +150,16 @@ ULONG ListTracker::Count(const NET_BUFFER_LIST* chain) {
     return count;
 }
 
+void ListTracker::Reads(PNET_BUFFER_LIST list) {
+    HostLock lock(mutex_);
+    const auto it = records_.find(list);
+    if (it == records_.end()) {
+        verifier_.Report(Rule::kFreedListUsed, "what is read is no list");
+    } else if (it->second.holder->kind != PartyKind::kModule) {
+        Report(Rule::kListRead, it->second, "read while another holds it");
+    }
+}
+
 const Party* ListTracker::HomeOf(PNET_BUFFER_LIST list) {
     HostLock lock(mutex_);
     const auto it = records_.find(list);

@@ -52,6 +52,9 @@ class ListTracker {
     /// Length of a chain, as far as it can be followed over lists that are alive.
     ULONG Count(const NET_BUFFER_LIST* chain);
 
+    /// A driver reads the list: reports it while the list is with an edge, or dead.
+    void Reads(PNET_BUFFER_LIST list);
+
     /// Whose list it is; null for one that is not alive.
     const Party* HomeOf(PNET_BUFFER_LIST list);
 

@@ -13,6 +13,7 @@ namespace netsieve::host {
     X(CallbackHoldsLock, "a callback returns with no spin lock held")                      \
     X(DispatchFlag, "a DISPATCH_LEVEL flag is set only by a caller that is there")         \
     X(ListTouched, "a list and its data are not written while they are given away")        \
+    X(ListRead, "a list is read by who holds it")                                          \
     X(SourceHandle, "a list carries the handle of whoever originated it, and no other")    \
     X(OriginatedListPassedOn, "a filter's own lists go no further than its own handlers")  \
     X(ListNotOwned, "a list is handed on only by who holds it, and once")                  \

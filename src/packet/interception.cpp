@@ -104,6 +104,7 @@ void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_B
     } else {
         nirp->PrevNetBuffer = interception->TailCursor;
     }
+    WithholdNirp(nirp, interception->AtDispatch);
     AppendContextNirp(interception->Context, nirp, interception->AtDispatch);
 }
 

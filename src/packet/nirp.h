@@ -26,7 +26,8 @@ constexpr ULONG NIRP_DIRECTION_RECEIVE = 2;
 constexpr ULONG NIRP_HOLD_NBL = 1;      // its NET_BUFFER is on offer, or withheld from its NBL
 constexpr ULONG NIRP_HOLD_REQUEST = 2;  // a request on it is not finished
 constexpr ULONG NIRP_HOLD_MARKS = 4;    // a hook has yet to complete a mark
-constexpr ULONG NIRP_HOLD_CLAIM = 8;    // one for each mark that is copying the frame: a count
+constexpr ULONG NIRP_HOLD_OFFER = 8;    // its hooks are being called, and none has marked it
+constexpr ULONG NIRP_HOLD_CLAIM = 16;   // one for each mark that is copying the frame: a count
 
 // The one of a module's four lists of taken-over NIRPs that a NIRP is on. It is changed under the
 // lock of that list, so whoever finds the list's own value under its lock knows that the NIRP
@@ -52,9 +53,9 @@ struct NIRP {
     NBL_CONTEXT* Context;           // of the NBL that NetBuffer is of; valid under NIRP_HOLD_NBL
     NIRP_COMPLETION_ROUTINE CompletionRoutine;
     ULONG CompletionStatus;  // under the lock of the pending list
-    // Held while a mark reads what NIRP_HOLD_NBL guards; who ends that hold while marks hold claims
-    // passes through it, so that the NBL does not leave under a reader. No other lock is taken
-    // inside it.
+    // Held while a mark reads what the offer keeps in hand, the NBL; who ends an offer that marks
+    // have claims on passes through it, so that the NBL does not leave under a reader. No other
+    // lock is taken inside it.
     DRIVER_SPIN_LOCK Lock;
     ULONG State;       // written and read as one with Holds: see nirp_life.h
     ULONG Holds;       // NIRP_HOLD_ values

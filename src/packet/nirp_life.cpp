@@ -31,8 +31,12 @@ bool Exchange(NIRP* nirp, LIFE* seen, LIFE next) {
     return found == expected;
 }
 
-// The NBL is about to leave, and a mark may be reading its out-of-band data under the lock. Marks
-// that come to the lock later find that the hold has ended.
+bool IsOffered(LIFE life, ULONG offered) {
+    return life.State == offered && (life.Holds & NIRP_HOLD_OFFER) != 0;
+}
+
+// The NBL may leave from here on, and a mark may be reading its out-of-band data under the lock.
+// Marks that come to the lock later find that the offer has ended.
 void WaitForReader(NIRP* nirp, BOOLEAN atDispatch) {
     SpinLockGuard guard(&nirp->Lock, atDispatch);
 }
@@ -75,16 +79,16 @@ LIFE EndHolds(NIRP* nirp, ULONG holds) {
 }  // namespace
 
 void OfferNirp(NIRP* nirp, ULONG offered) {
-    WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL}));
+    WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER}));
 }
 
 PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
-    LIFE seen = {offered, NIRP_HOLD_NBL};
+    LIFE seen = {offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER};
     if (Exchange(nirp, &seen, {NIRP_STATE_IDLE, 0})) {
         return PASS_OWNED;
     }
     while (seen.State == offered) {
-        LIFE next = Without(seen, NIRP_HOLD_NBL);
+        LIFE next = Without(seen, NIRP_HOLD_NBL | NIRP_HOLD_OFFER);
         if (Exchange(nirp, &seen, next)) {
             if (next.Holds == 0) {
                 return PASS_OWNED;
@@ -96,9 +100,19 @@ PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
     return PASS_MARKED;
 }
 
+VOID NTAPI WithholdNirp(NIRP* nirp, BOOLEAN atDispatch) {
+    LIFE seen = ReadLife(nirp);
+    while ((seen.Holds & NIRP_HOLD_OFFER) != 0 &&
+           !Exchange(nirp, &seen, {seen.State, seen.Holds - NIRP_HOLD_OFFER})) {
+    }
+    if (seen.Holds >= NIRP_HOLD_CLAIM) {
+        WaitForReader(nirp, atDispatch);
+    }
+}
+
 bool ClaimNirp(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
-    while (seen.State == offered) {
+    while (IsOffered(seen, offered)) {
         if (Exchange(nirp, &seen, {seen.State, seen.Holds + NIRP_HOLD_CLAIM})) {
             return true;
         }
@@ -106,20 +120,20 @@ bool ClaimNirp(NIRP* nirp, ULONG offered) {
     return false;
 }
 
+bool IsOnOffer(NIRP* nirp) {
+    return (ReadLife(nirp).Holds & NIRP_HOLD_OFFER) != 0;
+}
+
 bool PublishRequest(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
-    while (seen.State == offered) {
-        ULONG holds = seen.Holds - NIRP_HOLD_CLAIM;
+    while (IsOffered(seen, offered)) {
+        ULONG holds = seen.Holds - NIRP_HOLD_CLAIM - NIRP_HOLD_OFFER;
         if (Exchange(nirp, &seen,
                      {NIRP_STATE_PENDING, holds | NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS})) {
             return true;
         }
     }
     return false;
-}
-
-bool HoldsNbl(NIRP* nirp) {
-    return (ReadLife(nirp).Holds & NIRP_HOLD_NBL) != 0;
 }
 
 void EndClaim(NIRP* nirp) {
@@ -129,11 +143,8 @@ void EndClaim(NIRP* nirp) {
 }
 
 VOID NTAPI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
-    LIFE life = EndHolds(nirp, NIRP_HOLD_NBL);
-    if (life.Holds == 0) {
+    if (EndHolds(nirp, NIRP_HOLD_NBL).Holds == 0) {
         ReturnNirp(nirp->Module, nirp, atDispatch);
-    } else if (life.Holds >= NIRP_HOLD_CLAIM) {
-        WaitForReader(nirp, atDispatch);
     }
 }
 

@@ -23,6 +23,7 @@ struct PENDING_LIST {
     ULONG UnpaidValue;
     ULONG OfferedState;
     ULONG CloneType;
+    decltype(&NdisCopySendNetBufferListInfo) CopyInfo;  // out-of-band data of the frame's NBL
 };
 
 PENDING_LIST PendingListOf(FILTER_MODULE* module, ULONG direction) {
@@ -34,7 +35,8 @@ PENDING_LIST PendingListOf(FILTER_MODULE* module, ULONG direction) {
                 .PendingValue = NIRP_LIST_PENDING_SEND,
                 .UnpaidValue = NIRP_LIST_UNPAID_SEND,
                 .OfferedState = NIRP_STATE_SEND,
-                .CloneType = NBL_TYPE_SEND_CLONE};
+                .CloneType = NBL_TYPE_SEND_CLONE,
+                .CopyInfo = NdisCopySendNetBufferListInfo};
     }
     return {.Pending = &module->PendingReceiveList,
             .Unpaid = &module->UnpaidReceiveList,
@@ -43,7 +45,8 @@ PENDING_LIST PendingListOf(FILTER_MODULE* module, ULONG direction) {
             .PendingValue = NIRP_LIST_PENDING_RECEIVE,
             .UnpaidValue = NIRP_LIST_UNPAID_RECEIVE,
             .OfferedState = NIRP_STATE_RECEIVE,
-            .CloneType = NBL_TYPE_RECEIVE_CLONE};
+            .CloneType = NBL_TYPE_RECEIVE_CLONE,
+            .CopyInfo = NdisCopyReceiveNetBufferListInfo};
 }
 
 PLIST_ENTRY LinkOf(const PENDING_LIST& list, NIRP* nirp) {
@@ -60,15 +63,33 @@ bool IsOnList(NIRP* nirp, ULONG value) {
     return ReadAcquire(&nirp->OnList) == value;
 }
 
+// What the frame's NBL asks of the adapter, or says of the frame, holds for the clone: without it
+// the adapter would send an unfinished checksum, an oversized frame or an untagged one. Once the
+// offer has ended the NBL may be elsewhere, and nothing becomes of the clone anyway.
+void CopyOutOfBandData(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
+    PNET_BUFFER_LIST copy = clone->Context->NetBufferList;
+    SpinLockGuard guard(&nirp->Lock);
+    if (IsOnOffer(nirp)) {
+        list.CopyInfo(copy, nirp->Context->NetBufferList);
+        // Memory of the NBL's owner, who may free it long before the clone goes.
+        NET_BUFFER_LIST_INFO(copy, MediaSpecificInformation) = nullptr;
+    }
+}
+
 // A copy of the NIRP in an NBL that the driver originates, or NULL. The caller has a claim.
-NIRP* CreateCloneNBL(FILTER_MODULE* module, NIRP* nirp, ULONG cloneType) {
+NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
+    FILTER_MODULE* module = nirp->Module;
     NIRP* clone = GetNirp(module, nirp->BufferCapacity, FALSE);
     if (clone == nullptr) {
         return nullptr;
     }
     clone->DataLength = nirp->DataLength;
     memcpy(clone->Buffer, nirp->Buffer, nirp->DataLength);
-    return MakeOwnList(module, clone, cloneType, &CLONE_SITES, FALSE) == nullptr ? nullptr : clone;
+    if (MakeOwnList(module, clone, list.CloneType, &CLONE_SITES, FALSE) == nullptr) {
+        return nullptr;
+    }
+    CopyOutOfBandData(list, nirp, clone);
+    return clone;
 }
 
 // The lock of the list is held. One more mark on a request that is pending already.
@@ -112,15 +133,14 @@ MARK_RESULT JoinOrBegin(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
 
 // The caller's claim ends here: it has become the request, or is taken back.
 MARK_RESULT MarkClaimed(const PENDING_LIST& list, NIRP* nirp) {
-    FILTER_MODULE* module = nirp->Module;
-    NIRP* clone = CreateCloneNBL(module, nirp, list.CloneType);
+    NIRP* clone = CreateCloneNBL(list, nirp);
     MARK_RESULT result = clone == nullptr ? MARK_REFUSED : JoinOrBegin(list, nirp, clone);
     if (result == MARK_BEGUN) {
         return MARK_BEGUN;
     }
     EndClaim(nirp);
     if (clone != nullptr) {
-        FreeOwnList(module, clone->Context, FALSE);
+        FreeOwnList(clone->Module, clone->Context, FALSE);
     }
     return result;
 }

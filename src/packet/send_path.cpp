@@ -29,6 +29,23 @@ bool InterceptSentList(INTERCEPTION* interception,
     return true;
 }
 
+// To its sender an NBL whose NET_BUFFERs were all withheld looks sent. A request for large-send
+// offload is answered as the platform asks: of version 1 nothing was sent.
+void MarkSent(PNET_BUFFER_LIST list) {
+    list->Status = NDIS_STATUS_SUCCESS;
+    NDIS_TCP_LARGE_SEND_OFFLOAD_NET_BUFFER_LIST_INFO largeSend = {};
+    largeSend.Value = NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo);
+    if (largeSend.Value == nullptr) {
+        return;
+    }
+    if (largeSend.Transmit.Type == NDIS_TCP_LARGE_SEND_OFFLOAD_V1_TYPE) {
+        largeSend.LsoV1TransmitComplete.TcpPayload = 0;
+    } else {
+        largeSend.LsoV2TransmitComplete.Reserved = 0;
+    }
+    NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo) = largeSend.Value;
+}
+
 }  // namespace
 
 VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
@@ -52,8 +69,7 @@ VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
         } else if (list->FirstNetBuffer != nullptr) {
             AppendNetBufferList(&retained, list);
         } else {
-            // To its sender a list whose frames were all withheld looks sent.
-            list->Status = NDIS_STATUS_SUCCESS;
+            MarkSent(list);
             EndInterception(&interception);
             NSVFSendNBLsComplete(module, list,
                                  atDispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);

@@ -87,9 +87,70 @@ struct NET_BUFFER_LIST {
     LONG ChildRefCount;
     ULONG Flags;
     NDIS_STATUS Status;
-    PVOID NetBufferListInfo[1];  // as many as the NDIS version has; the driver reads none
+    PVOID NetBufferListInfo[1];  // as many as the NDIS version has: see NET_BUFFER_LIST_INFO
 };
 using PNET_BUFFER_LIST = NET_BUFFER_LIST*;
+
+// Which of an NBL's out-of-band values is meant. Published order and aliases (ndis/nblinfo.h).
+enum NDIS_NET_BUFFER_LIST_INFO {
+    TcpIpChecksumNetBufferListInfo,
+    TcpOffloadBytesTransferred = TcpIpChecksumNetBufferListInfo,
+    IPsecOffloadV1NetBufferListInfo,
+    IPsecOffloadV2NetBufferListInfo = IPsecOffloadV1NetBufferListInfo,
+    TcpLargeSendNetBufferListInfo,
+    TcpReceiveNoPush = TcpLargeSendNetBufferListInfo,
+    ClassificationHandleNetBufferListInfo,
+    Ieee8021QNetBufferListInfo,
+    NetBufferListCancelId,
+    MediaSpecificInformation,
+    NetBufferListFrameType,
+    NetBufferListProtocolId = NetBufferListFrameType,
+    NetBufferListHashValue,
+    NetBufferListHashInfo,
+    WfpNetBufferListInfo,
+    IPsecOffloadV2TunnelNetBufferListInfo,
+    IPsecOffloadV2HeaderNetBufferListInfo,
+    NetBufferListCorrelationId,
+    NetBufferListFilteringInfo,
+};
+#define NET_BUFFER_LIST_INFO(_NBL, _Id) ((_NBL)->NetBufferListInfo[(_Id)])
+
+constexpr ULONG NDIS_TCP_LARGE_SEND_OFFLOAD_V1_TYPE = 0;
+constexpr ULONG NDIS_TCP_LARGE_SEND_OFFLOAD_V2_TYPE = 1;
+
+// The value of TcpLargeSendNetBufferListInfo: what the sender asks for, and what whoever completes
+// the NBL answers. Type says which version it is, in both.
+union NDIS_TCP_LARGE_SEND_OFFLOAD_NET_BUFFER_LIST_INFO {
+    struct {
+        ULONG Unused : 30;
+        ULONG Type : 1;
+        ULONG Reserved2 : 1;
+    } Transmit;
+    struct {
+        ULONG MSS : 20;
+        ULONG TcpHeaderOffset : 10;
+        ULONG Type : 1;
+        ULONG Reserved2 : 1;
+    } LsoV1Transmit;
+    struct {
+        ULONG TcpPayload : 30;  // bytes that were sent
+        ULONG Type : 1;
+        ULONG Reserved2 : 1;
+    } LsoV1TransmitComplete;
+    struct {
+        ULONG MSS : 20;
+        ULONG TcpHeaderOffset : 10;
+        ULONG Type : 1;
+        ULONG IPVersion : 1;
+    } LsoV2Transmit;
+    struct {
+        ULONG Reserved : 30;
+        ULONG Type : 1;
+        ULONG Reserved2 : 1;
+    } LsoV2TransmitComplete;
+    PVOID Value;
+};
+static_assert(sizeof(NDIS_TCP_LARGE_SEND_OFFLOAD_NET_BUFFER_LIST_INFO) == sizeof(PVOID));
 
 struct NET_BUFFER_LIST_POOL_PARAMETERS {
     NDIS_OBJECT_HEADER Header;
@@ -324,6 +385,13 @@ NTIMPORT NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST Net
 // Gives back the area on top, with the size it was allocated with.
 NTIMPORT VOID NTAPI NdisFreeNetBufferListContext(PNET_BUFFER_LIST NetBufferList,
                                                  USHORT ContextSize);
+
+// Each copies the out-of-band values that an NBL made for someone else's frame has to carry on.
+// IRQL <= DISPATCH_LEVEL.
+NTIMPORT VOID NTAPI NdisCopySendNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,
+                                                  PNET_BUFFER_LIST SrcNetBufferList);
+NTIMPORT VOID NTAPI NdisCopyReceiveNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,
+                                                     PNET_BUFFER_LIST SrcNetBufferList);
 NTIMPORT PMDL NTAPI NdisAllocateMdl(NDIS_HANDLE NdisHandle, PVOID VirtualAddress, UINT Length);
 NTIMPORT VOID NTAPI NdisFreeMdl(PMDL Mdl);
 

@@ -409,5 +409,30 @@ TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
     });
 }
 
+// Whoever completes a large-send request answers it: nothing sent for version 1, the type alone for
+// version 2. What goes on is answered by the adapter.
+TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
+    constexpr std::uintptr_t kRequest = 1460 | 34 << 20, kVersion2 = 1u << 30, kIpv6 = 1u << 31;
+    const std::pair<std::uintptr_t, std::uintptr_t> answers[] = {
+        {0, 0}, {kRequest, 0}, {kRequest | kVersion2 | kIpv6, kVersion2 | kIpv6}};
+    for (const auto& [request, answer] : answers) {
+        for (const LONG verdict : {HOOK_VERDICT_WITHHOLD, HOOK_VERDICT_PASS}) {
+            OnScene([&](Scene& scene) {
+                TestHook hook([&](NIRP*) { return verdict; });
+                PVOID completed = &scene;
+                scene.stack.protocol().onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
+                    completed = NET_BUFFER_LIST_INFO(chain, TcpLargeSendNetBufferListInfo);
+                };
+                PNET_BUFFER_LIST const list = scene.sends.Make(MakeFrame(1, 4000));
+                NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo) =
+                    reinterpret_cast<PVOID>(request);
+                scene.stack.protocol().Send(list);
+                EXPECT_EQ(reinterpret_cast<std::uintptr_t>(completed),
+                          verdict == HOOK_VERDICT_PASS ? request : answer);
+            });
+        }
+    }
+}
+
 }  // namespace
 }  // namespace netsieve::host

@@ -161,8 +161,8 @@ std::string EachOnce(const std::vector<Frame>& arrived, std::span<const Frame> f
 }
 
 /// A mark from outside the handler, while the NIRP goes on from its frame to the next one: it takes
-/// over the one or the other whole, or is refused. `next` is the verdict on the next one.
-std::string RunLateMark(Machine& machine, ScheduleTree& tree, LONG next) {
+/// over the one or the other whole, or is refused.
+std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
     Model model(machine, tree);
     Scene scene(machine, model.stack);
     const Frame frames[] = {MakeFrame(1), MakeFrame(2, 200)};
@@ -174,19 +174,15 @@ std::string RunLateMark(Machine& machine, ScheduleTree& tree, LONG next) {
                         ITarnHKCompleteRequest(nirp, 0);
                     }
                 });
-                return HOOK_VERDICT_PASS;
+            } else {
+                model.JoinAll();
             }
-            return next;
+            return HOOK_VERDICT_PASS;
         });
-        // A frame that is withheld stays on offer until its NBL comes back.
-        model.stack.adapter().pace().Set(Pace::kHold);
         model.Explore([&] { scene.Pass(true, {frames[0], frames[1]}); });
-        model.stack.adapter().pace().Set(Pace::kInline);
-        model.stack.adapter().pace().ReleaseAll();
     }
     machine.UnloadDriver("NETSIEVE");
-    const bool secondStays = next != HOOK_VERDICT_PASS && scene.wire.size() == 1;
-    return EachOnce(scene.wire, std::span(frames).first(secondStays ? 1 : 2));
+    return EachOnce(scene.wire, frames);
 }
 
 /// A request is completed once more than it was marked, while its NIRP carries a frame in the other
@@ -286,12 +282,6 @@ Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
             }};
 }
 
-Case OfLateMark(const char* name, LONG next) {
-    return {name, 2, [next](Machine& machine, ScheduleTree& tree) {
-                return RunLateMark(machine, tree, next);
-            }};
-}
-
 Case OfInjection(const char* name, Against against, bool worker) {
     return {name, 2, [=](Machine& machine, ScheduleTree& tree) {
                 return RunInjection(machine, tree, against, worker);
@@ -308,8 +298,7 @@ const Case kCases[] = {
     OfRequest("two completions against restore", {.marks = 2, .restore = true}),
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
-    OfLateMark("late mark against the next frame", HOOK_VERDICT_PASS),
-    OfLateMark("late mark against the next frame, withheld", HOOK_VERDICT_WITHHOLD),
+    {"late mark against the next frame", 2, RunLateMark},
     {"second completion against the other direction", 2, RunSecondCompletion},
     OfInjection("injection against pause", Against::kPause, false),
     OfInjection("injection against detach", Against::kDetach, false),

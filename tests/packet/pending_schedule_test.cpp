@@ -26,7 +26,7 @@ struct Actors {
     bool secondHook = false;  ///< marks too, behind the first one and its completion
     bool pause = false;
     bool detach = false;
-    bool late = false;  ///< one mark, and only when the handler may have returned
+    bool late = false;  ///< one mark, from elsewhere, when the handler may have returned
     bool receive = false;
     bool fail = false;      ///< the first completion drops the frame
     bool refusals = false;  ///< of the calls that the driver makes for the frame
@@ -150,6 +150,7 @@ class TakenFrame final : public Scenario {
                     ITarnHKCompleteRequest(nirp, 0);
                 }
             });
+            LetOthersGoAhead(machine);
             return HOOK_VERDICT_WITHHOLD;
         }
         for (int i = 0; i < marks; ++i) {

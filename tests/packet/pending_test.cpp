@@ -75,6 +75,47 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
     }
 }
 
+// What the NBL asks of the adapter, or says of the frame, goes with the clone, also when the NBL is
+// back before: all but the pointer into its owner's memory.
+TEST(PendingTest, ACloneCarriesTheOutOfBandData) {
+    constexpr unsigned kSent = 0b101'1000'1011'0111, kReceived = 0b101'1011'1001'0111;
+    for (const bool send : {true, false}) {
+        OnScene([&](Scene& scene) {
+            NIRP* taken = nullptr;
+            TestHook hook([&](NIRP* nirp) -> LONG {
+                taken = nirp;
+                EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
+                return HOOK_VERDICT_PENDING;
+            });
+            unsigned copied = 0;
+            const auto look = [&](PNET_BUFFER_LIST chain) {
+                for (unsigned id = 0; id <= NetBufferListFilteringInfo; ++id) {
+                    PVOID const value = NET_BUFFER_LIST_INFO(chain, id);
+                    EXPECT_TRUE(value == nullptr || value == &scene + 1 + id);
+                    copied |= value == nullptr ? 0 : 1u << id;
+                }
+            };
+            scene.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+                look(chain);
+            };
+            scene.stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
+                                                   ULONG) { look(chain); };
+            PNET_BUFFER_LIST const list = (send ? scene.sends : scene.receives).Make(MakeFrame(1));
+            for (unsigned id = 0; id <= NetBufferListFilteringInfo; ++id) {
+                NET_BUFFER_LIST_INFO(list, id) = &scene + 1 + id;
+            }
+            if (send) {
+                scene.stack.protocol().Send(list);
+            } else {
+                EXPECT_TRUE(scene.stack.adapter().Indicate(list));
+            }
+            EXPECT_EQ(scene.completed.size() + scene.returned.size(), 1u);
+            ITarnHKCompleteRequest(taken, 0);
+            EXPECT_EQ(copied, send ? kSent : kReceived);
+        });
+    }
+}
+
 TEST(PendingTest, APauseDropsWhatIsPendingAndLateCompletionsArePaid) {
     for (const bool listFirst : {false, true}) {
         OnScene([&](Scene& scene) {

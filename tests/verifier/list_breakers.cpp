@@ -122,6 +122,14 @@ std::vector<Breaker> HandOverBreakers() {
              SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
          })},
         {Rule::kListTouched, "written after it was sent on", &WriteWhileGivenAway},
+        {Rule::kListRead, "its information is copied after it was sent on",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             PNET_BUFFER_LIST const own = scene.MakeOwn();
+             scene.stack->adapter().pace().Set(Pace::kHold);
+             SendOn(scene, chain);
+             NdisCopySendNetBufferListInfo(own, chain);
+             scene.FreeOwn();
+         })},
         {Rule::kSourceHandle, "a list of another's with the filter's handle",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              chain->SourceHandle = scene.filter.handle;
