@@ -14,6 +14,7 @@ set(NETSIEVE_DRIVER_SOURCES
     driver/trace_log.cpp
     hook/hook_dispatch.cpp
     hook/hook_filter.cpp
+    hook/hook_life.cpp
     hook/hook_notify.cpp
     hook/hook_registry.cpp
     hook/hook_table.cpp

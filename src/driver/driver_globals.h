@@ -29,7 +29,7 @@ struct FILTER_DRIVER_GLOBALS {
     // that the two ways in which a module and a hook can meet agree on who announces it.
     ULONGLONG AnnounceSerial;  // under ModuleListLock
 
-    // Hooks whose last registration has ended and whose record is not freed yet.
+    // Deregistrations in progress, and hooks that were taken down while handlers of them run.
     DRAIN_COUNT LeavingHooks;
 
     // Work items from their allocation, which needs DeviceObject and its lock, to the end of their

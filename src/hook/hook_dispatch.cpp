@@ -1,6 +1,6 @@
 #include "hook/hook_dispatch.h"
 
-#include "hook/hook_filter.h"
+#include "hook/hook_life.h"
 #include "platform/atomics.h"
 
 namespace {
@@ -12,8 +12,7 @@ HOOK_PACKET_HANDLER HandlerOf(const HOOK_FILTER* hook, ULONG direction) {
 // A hook that is leaving cannot be made active again, whatever its client sets.
 bool IsActive(const HOOK_FILTER* hook) {
     ULONG state = ReadAcquire(&hook->State);
-    return (state == HOOK_STATE_ACTIVE || state == HOOK_STATE_RESUMED) &&
-           !ReadAcquire(&hook->Leaving);
+    return (state == HOOK_STATE_ACTIVE || state == HOOK_STATE_RESUMED) && !IsHookLeaving(hook);
 }
 
 // The next hook from `*index` on that is to be called, held for the call; NULL at the end of the
@@ -44,7 +43,7 @@ LONG NTAPI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction) 
             break;
         }
         LONG verdict = HandlerOf(hook, direction)(hook->Context, nirp);
-        ReleaseHook(hook, HOOK_HOLD_CALL);
+        EndHookCall(hook);
         if (verdict != 0) {
             result = verdict;
         }

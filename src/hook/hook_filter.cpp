@@ -1,6 +1,6 @@
 #include "hook/hook_filter.h"
 
-#include "driver/driver_globals.h"
+#include "hook/hook_life.h"
 #include "platform/runtime.h"
 
 HOOK_FILTER* AllocateHookFilter(PVOID context) {
@@ -16,17 +16,16 @@ HOOK_FILTER* AllocateHookFilter(PVOID context) {
     hook->Class = HOOK_CLASS;
     hook->SlotIndex = HOOK_SLOT_NONE;
     hook->Holds = HOOK_HOLD_OWNER;
-    hook->Registrations = 1;
     InitializeLockedList(&hook->PrivateList);
     NdisInitializeEvent(&hook->HookIdleEvent);
+    NdisInitializeEvent(&hook->TakenDownEvent);
     return hook;
 }
 
-VOID NTAPI FreeHookFilter(HOOK_FILTER* hook) {
+void FreeHookFilter(HOOK_FILTER* hook) {
     NdisFreeMemory(hook->Name.Buffer, 0, 0);
     RtlZeroMemory(&hook->MajorVersion,
                   offsetof(HOOK_FILTER, Class) - offsetof(HOOK_FILTER, MajorVersion));
     LockedListFlush(&hook->PrivateList, nullptr, nullptr);
     NdisFreeMemory(hook, 0, 0);
-    LowerDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
 }

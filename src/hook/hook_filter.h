@@ -3,7 +3,6 @@
 
 #include "driver/locked_list.h"
 #include "hook/exports.h"
-#include "platform/atomics.h"
 
 constexpr ULONG HOOK_FILTER_TAG = 0x746F666E;  // "nfot"
 constexpr ULONG HOOK_CLASS = 254;
@@ -33,49 +32,31 @@ struct HOOK_FILTER {
     LOCKED_LIST PrivateList;
 
     // What keeps the record allocated, as one number: a handler call must not pay for two
-    // interlocked operations on each side. Whoever makes the whole of it 0 frees the record.
+    // interlocked operations on each side. hook_life.h has the parts and their rules.
     union {
         volatile ULONGLONG Holds;
         struct {
             ULONG BusyCount;   // handler calls in progress, on all processors
-            ULONG OwnerCount;  // 1 for all registrations, 1 for an unload notification in progress
+            ULONG OwnerCount;  // registrations and the like
         };
     };
 
     NDIS_TIMER HookIdleTimer;
     NDIS_EVENT HookIdleEvent;
-    UCHAR UnloadNotified;  // 1 once UnloadNotify is called; WriteRelease and ReadAcquire
+    UCHAR UnloadNotified;  // 1 from just before UnloadNotify is called
 
-    ULONG Registrations;       // handles that clients hold; atomic, never raised from 0
-    ULONGLONG AnnounceSerial;  // of the announcement to the modules; under ModuleListLock
-    // The flags below are written by WriteRelease and read by ReadAcquire.
-    UCHAR UnloadTaken;   // the driver's unload took the hook off HookList
-    UCHAR Leaving;       // being taken down: no handler call begins, nothing is attached
     UCHAR TimerRunning;  // HookIdleTimer is armed, or its routine has not let go of the record
-    UCHAR TimerStopped;  // HookIdleTimer must not be armed again
+    UCHAR TimerStopped;  // HookIdleTimer must not be armed again; both WriteRelease and ReadAcquire
+    ULONG Life;          // a HOOK_LIFE_ value; changed as hook_life.h says
+    ULONGLONG AnnounceSerial;   // of the announcement to the modules; under ModuleListLock
+    NDIS_EVENT TakenDownEvent;  // signalled when the hook is in no table any more
 };
 static_assert(offsetof(HOOK_FILTER, Link) == 0);
 static_assert(offsetof(HOOK_FILTER, BusyCount) == offsetof(HOOK_FILTER, Holds));
-
-constexpr ULONGLONG HOOK_HOLD_CALL = 1;
-constexpr ULONGLONG HOOK_HOLD_OWNER = 1ULL << 32;
 
 // Makes a stopped hook with one registration, on no list and with nothing of the client's but
 // `context`. NULL when there is no memory. IRQL <= DISPATCH_LEVEL.
 HOOK_FILTER* AllocateHookFilter(PVOID context);
 
-// Frees a hook that nothing holds any more, and uncounts it in LeavingHooks.
-// IRQL <= DISPATCH_LEVEL, no lock held.
-VOID NTAPI FreeHookFilter(HOOK_FILTER* hook);
-
-// Holds the record. Something else must be holding it already, for as long as this takes.
-inline void HoldHook(HOOK_FILTER* hook, ULONGLONG hold) {
-    InterlockedAdd(&hook->Holds, hold);
-}
-
-// Ends a hold; the record may be gone when it returns. IRQL <= DISPATCH_LEVEL, no lock held.
-inline void ReleaseHook(HOOK_FILTER* hook, ULONGLONG hold) {
-    if (InterlockedAdd(&hook->Holds, 0 - hold) == 0) {
-        FreeHookFilter(hook);
-    }
-}
+// Frees a hook that nothing holds any more. IRQL <= DISPATCH_LEVEL, no lock held.
+void FreeHookFilter(HOOK_FILTER* hook);

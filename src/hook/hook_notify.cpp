@@ -1,7 +1,7 @@
 #include "hook/hook_notify.h"
 
 #include "driver/driver_globals.h"
-#include "hook/hook_filter.h"
+#include "hook/hook_life.h"
 #include "hook/hook_table.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
@@ -36,11 +36,11 @@ void NotifyAttach(FILTER_MODULE* module, HOOK_FILTER* hook) {
 
 // Settles a pair. The lock of HookList is held with the hook on it, or ModuleListLock with the
 // module on one of its lists: the entry in the table keeps the hook from being freed.
-void Part(FILTER_MODULE* module, HOOK_FILTER* hook, bool notify) {
+void Part(FILTER_MODULE* module, HOOK_FILTER* hook) {
     if (!IsHookAttached(module, hook)) {
         return;
     }
-    if (notify && hook->DetachNotify != nullptr) {
+    if (hook->DetachNotify != nullptr && IsOwedDetachNotify(hook)) {
         hook->DetachNotify(module, hook, hook->Context);
     }
     while (RemoveHookFromModule(module, hook)) {
@@ -57,36 +57,26 @@ BOOLEAN AnnounceModule(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
 }
 
 BOOLEAN PartFromModule(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
-    Part(static_cast<FILTER_MODULE*>(argument), HookOf(entry), true);
+    Part(static_cast<FILTER_MODULE*>(argument), HookOf(entry));
     return FALSE;
 }
 
-// A hook that the driver's unload took off the list has had its last word with that, unless a
-// deregistration since then has more to say.
-bool IsOwedDetachNotify(HOOK_FILTER* hook) {
-    if (!ReadAcquire(&hook->UnloadTaken)) {
-        return true;
-    }
-    return ReadAcquire(&hook->Leaving) && ReadAcquire(&hook->UnloadNotified);
-}
+struct UNLOADED_HOOK {
+    HOOK_FILTER* Hook;  // NULL when the list is empty
+    bool Notify;
+};
 
-// Decides under the list's lock, together with the removal, so that a deregistration which does not
-// find the hook any more finds the decision.
 BOOLEAN TakeForUnload(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
     HOOK_FILTER* hook = HookOf(entry);
-    HoldHook(hook, HOOK_HOLD_OWNER);
-    WriteRelease<UCHAR>(&hook->UnloadTaken, TRUE);
-    WriteRelease<UCHAR>(&hook->UnloadNotified, hook->UnloadNotify != nullptr);
-    WriteRelease(&hook->State, HOOK_STATE_STOPPED);
-    *static_cast<HOOK_FILTER**>(argument) = hook;
+    *static_cast<UNLOADED_HOOK*>(argument) = {hook, BeginUnloadOfHook(hook)};
     return TRUE;
 }
 
-// Takes the first hook off the list, with a hold on it; NULL when the list is empty.
-HOOK_FILTER* TakeFirstForUnload() {
-    HOOK_FILTER* hook = nullptr;
-    LockedListFlush(&g_DriverGlobals.HookList, TakeForUnload, &hook);
-    return hook;
+// Takes the first hook off the list, with a hold on it.
+UNLOADED_HOOK TakeFirstForUnload() {
+    UNLOADED_HOOK taken = {};
+    LockedListFlush(&g_DriverGlobals.HookList, TakeForUnload, &taken);
+    return taken;
 }
 
 }  // namespace
@@ -101,16 +91,18 @@ void NotifyHooksAdapterDetach(FILTER_MODULE* module) {
     // What is left in the table are hooks that have left the list, and late attachments.
     SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
     while (HOOK_FILTER* hook = FirstHookOrCloseTable(module)) {
-        Part(module, hook, IsOwedDetachNotify(hook));
+        Part(module, hook);
     }
 }
 
 void NotifyHooksUnload() {
-    while (HOOK_FILTER* hook = TakeFirstForUnload()) {
-        if (hook->UnloadNotify != nullptr) {
-            hook->UnloadNotify(hook->Context);
+    for (UNLOADED_HOOK taken = TakeFirstForUnload(); taken.Hook != nullptr;
+         taken = TakeFirstForUnload()) {
+        if (taken.Notify) {
+            WriteRelease<UCHAR>(&taken.Hook->UnloadNotified, TRUE);
+            taken.Hook->UnloadNotify(taken.Hook->Context);
         }
-        ReleaseHook(hook, HOOK_HOLD_OWNER);
+        ReleaseHook(taken.Hook);
     }
 }
 
@@ -121,9 +113,9 @@ void AnnounceHookToModules(HOOK_FILTER* hook) {
                   [hook](FILTER_MODULE* module) { NotifyAttach(module, hook); });
 }
 
-void DetachHookFromModules(HOOK_FILTER* hook, bool notify) {
+void DetachHookFromModules(HOOK_FILTER* hook) {
     SpinLockGuard guard(&g_DriverGlobals.ModuleListLock);
-    ForEveryModule([hook, notify](FILTER_MODULE* module) { Part(module, hook, notify); });
+    ForEveryModule([hook](FILTER_MODULE* module) { Part(module, hook); });
 }
 
 void WaitForHookClaims() {

@@ -25,8 +25,8 @@ void NotifyHooksUnload();
 void AnnounceHookToModules(HOOK_FILTER* hook);
 
 // Takes a hook that is leaving out of the table of every module, those that are being detached
-// included; with `notify`, after its notification. IRQL <= DISPATCH_LEVEL, no lock held.
-void DetachHookFromModules(HOOK_FILTER* hook, bool notify);
+// included, after the notification that each owes it. IRQL <= DISPATCH_LEVEL, no lock held.
+void DetachHookFromModules(HOOK_FILTER* hook);
 
 // Returns when every processor that saw a hook active before this call has counted its handler call
 // in the hook's BusyCount. IRQL <= DISPATCH_LEVEL, no lock held.

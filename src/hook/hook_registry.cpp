@@ -2,7 +2,7 @@
 
 #include "driver/driver_globals.h"
 #include "driver/undo_guard.h"
-#include "hook/hook_filter.h"
+#include "hook/hook_life.h"
 #include "hook/hook_notify.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
@@ -10,8 +10,6 @@
 namespace {
 
 constexpr ULONG HOOK_NAME_TAG = 0x486B5374;  // "tSkH"
-constexpr UINT IDLE_POLL_MILLISECONDS = 100;
-constexpr UINT IDLE_WAIT_MILLISECONDS = 10'000;
 
 constexpr ULONG CLASS_PRIORITIES[] = {HOOK_PRIORITY_CLASS_0, HOOK_PRIORITY_CLASS_1,
                                       HOOK_PRIORITY_CLASS_2, HOOK_PRIORITY_CLASS_3};
@@ -52,24 +50,10 @@ HOOK_FILTER* HookOf(PLIST_ENTRY entry) {
     return CONTAINING_RECORD(entry, HOOK_FILTER, Link);
 }
 
-// Never from 0: a hook whose last registration has ended is on its way out, even while it is still
-// on the list.
-bool AddRegistration(HOOK_FILTER* hook) {
-    ULONG count = ReadAcquire(&hook->Registrations);
-    while (count != 0) {
-        ULONG found = InterlockedCompareExchange(&hook->Registrations, count + 1, count);
-        if (found == count) {
-            return true;
-        }
-        count = found;
-    }
-    return false;
-}
-
 BOOLEAN JoinIfNameContains(LOCKED_LIST*, PLIST_ENTRY entry, PVOID argument) {
     auto* newName = static_cast<PUNICODE_STRING>(argument);
     HOOK_FILTER* hook = HookOf(entry);
-    return wcsstr(newName->Buffer, hook->Name.Buffer) != nullptr && AddRegistration(hook);
+    return wcsstr(newName->Buffer, hook->Name.Buffer) != nullptr && JoinHook(hook);
 }
 
 // The first hook whose whole name occurs in `name`, with one more registration; or NULL. Joining
@@ -96,63 +80,15 @@ void DescribeHook(HOOK_FILTER* hook,
     hook->Name = name;
 }
 
-// Looks every 100 milliseconds whether a handler still runs. The store to TimerRunning is the last
-// touch of the record: the waiter may free it at once.
-VOID NTAPI HookIdleTimerRoutine(PVOID, PVOID functionContext, PVOID, PVOID) {
-    auto* hook = static_cast<HOOK_FILTER*>(functionContext);
-    bool busy = ReadAcquire(&hook->BusyCount) != 0;
-    if (busy && !ReadAcquire(&hook->TimerStopped)) {
-        NdisSetTimer(&hook->HookIdleTimer, IDLE_POLL_MILLISECONDS);
-        return;
-    }
-    if (!busy) {
-        NdisSetEvent(&hook->HookIdleEvent);
-    }
-    WriteRelease<UCHAR>(&hook->TimerRunning, FALSE);
-}
-
-// Cancelling does not wait for a routine that has begun, and that one may arm the timer once more
-// if it read the flag before it was set. So: cancel, else let the routine end, until one of the two
-// has made sure that nothing comes any more.
-void StopIdleTimer(HOOK_FILTER* hook) {
-    WriteRelease<UCHAR>(&hook->TimerStopped, TRUE);
-    do {
-        BOOLEAN cancelled = FALSE;
-        NdisCancelTimer(&hook->HookIdleTimer, &cancelled);
-        if (cancelled) {
-            return;
-        }
-        KeFlushQueuedDpcs();
-    } while (ReadAcquire(&hook->TimerRunning));
-}
-
-// Returns when no handler of the hook runs any more, or 10 seconds have passed. The hook is leaving
-// and its claims are in, so no further call begins.
-void WaitHookFilterIdle(HOOK_FILTER* hook) {
-    NdisInitializeTimer(&hook->HookIdleTimer, HookIdleTimerRoutine, hook);
-    WriteRelease<UCHAR>(&hook->TimerRunning, TRUE);
-    NdisSetTimer(&hook->HookIdleTimer, IDLE_POLL_MILLISECONDS);
-    NdisWaitEvent(&hook->HookIdleEvent, IDLE_WAIT_MILLISECONDS);
-    StopIdleTimer(hook);
-}
-
-// The caller has ended the last registration.
+// Off the list, so that no module is announced to it and no registration joins it; then the wait;
+// then out of every table. A hook that is past all notifications waits only if it has to.
 void TakeDownHook(HOOK_FILTER* hook) {
-    RaiseDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
-    bool found = LockedListRemoveEntry(&g_DriverGlobals.HookList, &hook->Link) != nullptr;
-    WriteRelease<UCHAR>(&hook->Leaving, TRUE);
-    WriteRelease(&hook->State, HOOK_STATE_STOPPED);
-
-    // A hook that the unload took off the list without having anything to call is past all
-    // notifications, and waits only if it has to. The unload decides under the list's lock whether
-    // it has something to call, so that is decided by now.
-    bool notify = found != (ReadAcquire(&hook->UnloadNotified) != FALSE);
+    LockedListRemoveEntry(&g_DriverGlobals.HookList, &hook->Link);
     WaitForHookClaims();
-    if (notify || ReadAcquire(&hook->BusyCount) != 0) {
+    if (IsOwedDetachNotify(hook) || ReadAcquire(&hook->BusyCount) != 0) {
         WaitHookFilterIdle(hook);
     }
-    DetachHookFromModules(hook, notify);
-    ReleaseHook(hook, HOOK_HOLD_OWNER);
+    DetachHookFromModules(hook);
 }
 
 }  // namespace
@@ -228,14 +164,21 @@ NTSTATUS NTAPI ITarnHKDeregisterFilter(HOOK_FILTER* hook) {
     if (hook == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (InterlockedDecrement(&hook->Registrations) == 0) {
+    RaiseDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
+    if (BeginLeaving(hook)) {
         TakeDownHook(hook);
+        FinishLeaving(hook);
+        return STATUS_SUCCESS;
     }
+    // The routines that are still being called may be those of the caller.
+    WaitUntilTakenDown(hook);
+    ReleaseHook(hook);
+    LowerDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
     return STATUS_SUCCESS;
 }
 
 VOID NTAPI ITarnHKFlowControl(HOOK_FILTER* hook, ULONG state) {
-    if (hook != nullptr) {
+    if (hook != nullptr && !IsHookLeaving(hook)) {
         WriteRelease(&hook->State, state);
     }
 }

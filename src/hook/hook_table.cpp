@@ -1,7 +1,7 @@
 #include "hook/hook_table.h"
 
 #include "driver/filter_module.h"
-#include "hook/hook_filter.h"
+#include "hook/hook_life.h"
 #include "platform/atomics.h"
 #include "platform/runtime.h"
 
@@ -93,7 +93,7 @@ NTSTATUS NTAPI ITarnHKAttachFilter(FILTER_MODULE* module, HOOK_FILTER* hook) {
     SpinLockGuard guard(&module->HookLock);
     // A hook that leaves passes through every table once, after the flag is set: what is attached
     // before that is taken out again, and nothing is attached after.
-    if (module->HookTableClosed || ReadAcquire(&hook->Leaving)) {
+    if (module->HookTableClosed || IsHookLeaving(hook)) {
         return STATUS_INVALID_PARAMETER;
     }
     if (module->HookCount == static_cast<LONG>(MAX_MODULE_HOOKS)) {

@@ -16,8 +16,8 @@ struct Client {
         block.AttachNotify = [](FILTER_MODULE* module, HOOK_FILTER* self, PVOID context) NTAPI {
             auto* client = static_cast<Client*>(context);
             client->attached.push_back(module);
-            if (client->attach) {
-                ITarnHKAttachFilter(module, self);
+            if (client->attach && ITarnHKAttachFilter(module, self) != STATUS_SUCCESS) {
+                ++client->refused;
             }
         };
         block.DetachNotify = [](FILTER_MODULE* module, HOOK_FILTER* self, PVOID context) NTAPI {
@@ -63,6 +63,7 @@ struct Client {
     std::atomic<int> calls = 0;
     std::vector<FILTER_MODULE*> attached;
     std::vector<FILTER_MODULE*> detached;
+    std::size_t refused = 0;  ///< of the attached ones: the hook was leaving already
 };
 
 }  // namespace netsieve::host

@@ -1,5 +1,5 @@
 // Searches through the ways in which hooks come and go while frames are offered to them.
-#include "tests/driver/schedule_scenarios.h"
+#include "tests/driver/model.h"
 #include "tests/hook/hook_rig.h"
 
 namespace netsieve::host {
@@ -238,26 +238,162 @@ TEST_P(HookSchedules, HoldOnRealThreads) {
 
 INSTANTIATE_TEST_SUITE_P(Searches, HookSchedules, testing::ValuesIn(kSearches));
 
-// A registration that meets the end of the last one of its name joins it in time, or makes a hook
-// of its own.
-TEST(HookModels, ANameIsNotJoinedOnItsWayOut) {
-    RunModel(
-        {.name = "registration against deregistration"}, [](Machine& machine, ScheduleTree& tree) {
-            tree.SetOpen(false);
-            machine.ndis().AddAdapter();
-            machine.LoadDriver(DriverUnderTest());
-            Client first(u"name");
-            Client second(u"name");
-            first.Start();
-            tree.SetOpen(true);
-            machine.scheduler().Start({.name = "client", .processor = 1}, [&] { second.Start(); });
-            first.Stop();
-            machine.scheduler().WaitUntilIdle();
-            tree.SetOpen(false);
-            second.Stop();
-            machine.UnloadDriver("NETSIEVE");
-        });
+/// A client whose handler and notification must not be called when its registration has ended.
+struct Guarded : Client {
+    explicit Guarded(std::u16string hookName) : Client(std::move(hookName)) {
+        handler = [this](NIRP*) -> LONG {
+            calledLate = calledLate || gone;
+            return HOOK_VERDICT_PASS;
+        };
+    }
+    void Leave() {
+        Stop();
+        gone = true;
+    }
+    std::string Verdict() const {
+        const std::size_t pairs = attached.size() - refused;
+        return calledLate || pairs != detached.size()
+                   ? fmt::format("{}{} of {} pairs were told of their end",
+                                 calledLate ? "called when it was gone; " : "", detached.size(),
+                                 pairs)
+                   : "";
+    }
+
+    bool gone = false;
+    bool calledLate = false;
+};
+
+/// A registration that meets the end of another one of its name joins it in time, or makes a hook
+/// of its own.
+std::string RunNameOnItsWayOut(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Guarded first(u"name");
+    Guarded second(u"name");
+    first.Start();
+    model.Explore([&] {
+        model.Start(ContextKind::kThread, 1, [&] { second.Start(); });
+        first.Leave();
+    });
+    second.Leave();
+    machine.UnloadDriver("NETSIEVE");
+    return first.Verdict() + second.Verdict();
 }
+
+/// Both registrations of one hook end under a frame: neither returns while the hook is in use.
+std::string RunBothEnds(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Scene scene(machine, model.stack);
+    Guarded owner(u"name");
+    Client joined(u"name");
+    owner.Start();
+    EXPECT_EQ(joined.Register(), STATUS_SUCCESS);
+    model.Explore([&] {
+        model.Start(ContextKind::kThread, 1, [&] { joined.Stop(); });
+        model.Start(ContextKind::kThread, 2, [&] { scene.Pass(true, {MakeFrame(1)}); });
+        owner.Leave();
+    });
+    machine.UnloadDriver("NETSIEVE");
+    return owner.Verdict();
+}
+
+/// An adapter goes while a hook leaves: one of the two tells the hook of the end of their pair.
+std::string RunAdapterAgainstLeaver(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Guarded client(u"name");
+    client.Start();
+    model.Explore([&] {
+        model.Start(ContextKind::kThread, 1, [&] { client.Leave(); });
+        model.stack.Detach(model.Filter());
+    });
+    machine.UnloadDriver("NETSIEVE");
+    return client.Verdict();
+}
+
+/// The same, from inside the hook's unload notification.
+std::string RunAdapterAgainstUnload(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Guarded client(u"name");
+    client.unload = [&] {
+        model.Explore([&] {
+            model.Start(ContextKind::kThread, 1, [&] { model.stack.Detach(model.Filter()); });
+            client.Leave();
+        });
+    };
+    client.Start();
+    machine.UnloadDriver("NETSIEVE");
+    return client.Verdict();
+}
+
+/// A hook that the unload has taken in silence is made active again, and leaves under a frame
+/// without waiting for its handlers to be idle.
+std::string RunClaimAgainstLeaver(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Scene scene(machine, model.stack);
+    Guarded silent(u"silent");
+    Client told(u"told");
+    told.unload = [&] {
+        ITarnHKFlowControl(silent.hook, HOOK_STATE_ACTIVE);
+        model.Explore([&] {
+            model.Start(ContextKind::kThread, 1, [&] { scene.Pass(true, {MakeFrame(1)}); });
+            model.Start(ContextKind::kThread, 2, [&] { silent.Leave(); });
+        });
+        told.Stop();
+    };
+    silent.Start();
+    told.Start();
+    machine.UnloadDriver("NETSIEVE");
+    return silent.calledLate ? "called when it was gone" : "";
+}
+
+/// An adapter comes while one hook registers and another leaves: each pair is announced once.
+std::string RunAdapterComes(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    Guarded leaving(u"leaving");
+    Guarded coming(u"coming");
+    leaving.Start();
+    model.Explore([&] {
+        model.Start(ContextKind::kThread, 1, [&] { leaving.Leave(); });
+        model.Start(ContextKind::kThread, 2, [&] { coming.Start(); });
+        machine.ndis().AddAdapter();
+    });
+    const std::size_t announced = coming.attached.size();
+    coming.Leave();
+    machine.UnloadDriver("NETSIEVE");
+    return (announced == 2 ? "" : fmt::format("{} of 2 adapters were announced; ", announced)) +
+           leaving.Verdict() + coming.Verdict();
+}
+
+struct HookModel {
+    const char* name;
+    std::string (*run)(Machine&, ScheduleTree&);
+    unsigned preemptions = 2;
+};
+
+void PrintTo(const HookModel& model, std::ostream* out) {
+    *out << model.name;
+}
+
+class HookModels : public testing::TestWithParam<HookModel> {};
+
+TEST_P(HookModels, EveryScheduleIsGood) {
+    std::string wrong;
+    RunModel(
+        {.name = GetParam().name,
+         .machine = {.processors = 3},
+         .preemptions = GetParam().preemptions},
+        [&](Machine& machine, ScheduleTree& tree) { wrong = GetParam().run(machine, tree); },
+        [&](Machine&) { return wrong; });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models,
+    HookModels,
+    testing::Values(HookModel{"registration against deregistration", &RunNameOnItsWayOut},
+                    HookModel{"both ends of a shared name", &RunBothEnds},
+                    HookModel{"adapter that goes against leaver", &RunAdapterAgainstLeaver},
+                    HookModel{"adapter that goes against unload", &RunAdapterAgainstUnload},
+                    HookModel{"claim against leaver", &RunClaimAgainstLeaver},
+                    HookModel{"adapter that comes", &RunAdapterComes, 1}));
 
 }  // namespace
 }  // namespace netsieve::host

@@ -7,22 +7,15 @@ namespace netsieve::host {
 namespace {
 
 TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
-    OnScene([](Scene& scene) {
+    OnScene([](Scene&) {
         Client alpha(u"Alpha");
         Client beta(u"AlphaBeta");
         alpha.Start();
         EXPECT_EQ(beta.Register(), STATUS_SUCCESS);
         EXPECT_EQ(beta.hook, alpha.hook);
         EXPECT_TRUE(beta.attached.empty());
-        Client gamma(u"GammaAlpha");
-        EXPECT_EQ(gamma.Register(), STATUS_SUCCESS);
-        // It lives until all have gone.
-        alpha.Stop();
-        gamma.Stop();
-        scene.Pass(true, {MakeFrame(1)});
-        EXPECT_EQ(alpha.calls, 1);
         beta.Stop();
-        EXPECT_EQ(alpha.detached.size(), 1u);
+        alpha.Stop();
         // The other way round they are two.
         beta.Start();
         alpha.Start();
@@ -36,6 +29,34 @@ TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
             client->Stop();
         }
     });
+}
+
+// Whoever of several clients goes first takes the hook down: its routines may be the leaver's. The
+// handles of the others stay, and do nothing.
+TEST(HookRegistryTest, TheFirstEndOfASharedNameTakesTheHookDown) {
+    for (const bool ownerFirst : {true, false}) {
+        OnScene([&](Scene& scene) {
+            Client owner(u"shared");
+            Client joined(u"shared too");
+            owner.Start();
+            EXPECT_EQ(joined.Register(), STATUS_SUCCESS);
+            Client& left = ownerFirst ? joined : owner;
+            (ownerFirst ? owner : joined).Stop();
+            EXPECT_EQ(owner.detached.size(), 1u);
+            EXPECT_EQ(scene.module->HookCount, 0);
+            ITarnHKFlowControl(left.hook, HOOK_STATE_ACTIVE);
+            EXPECT_EQ(left.hook->State, HOOK_STATE_STOPPED);
+            EXPECT_EQ(ITarnHKAttachFilter(scene.module, left.hook), STATUS_INVALID_PARAMETER);
+            Client next(u"shared");
+            next.Start();
+            EXPECT_NE(next.hook, left.hook);
+            scene.Pass(true, {MakeFrame(1)});
+            EXPECT_EQ(owner.calls + next.calls * 10, 10);
+            left.Stop();
+            next.Stop();
+            EXPECT_EQ(owner.detached.size() + joined.detached.size(), 1u);
+        });
+    }
 }
 
 TEST(HookRegistryTest, BadBlocksAndRefusedMemoryChangeNothing) {
@@ -92,6 +113,89 @@ TEST(HookRegistryTest, TheBasicBlockGivesAPriorityAndNoFrames) {
             EXPECT_EQ(client.detached.size(), 1u);
             EXPECT_EQ(client.calls, 0);
         }
+    });
+}
+
+TEST(HookRegistryTest, TheBasicBlockIsRefusedWholeAndToldOfTheUnload) {
+    RunClean({}, [](Machine& machine) {
+        Scene scene(machine);
+        static Client client(u"basic");
+        static int told;
+        told = 0;
+        client.attached.clear();
+        const HOOK_FILTER_REGISTRATION block = {.Name = client.block.Name,
+                                                .AttachNotify = client.block.AttachNotify,
+                                                .DetachNotify = nullptr,
+                                                .UnloadNotify =
+                                                    [](PVOID context) NTAPI {
+                                                        EXPECT_EQ(context, &client);
+                                                        ++told;
+                                                        client.Stop();
+                                                    },
+                                                .OpaqueData = {}};
+        const NTSTATUS refusals[] = {STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES,
+                                     STATUS_OPEN_FAILED};
+        for (const NTSTATUS& refusal : refusals) {
+            machine.faults().Arm({.kind = FaultKind::kPool,
+                                  .nth = static_cast<std::uint64_t>(&refusal - refusals + 1)});
+            EXPECT_EQ(ITarnHKRegisterFilter(&block, &client, 0, &client.hook), refusal);
+            machine.faults().Disarm();
+            EXPECT_EQ(client.hook, nullptr);
+        }
+        EXPECT_TRUE(client.attached.empty());
+        EXPECT_EQ(ITarnHKRegisterFilter(&block, &client, 0, &client.hook), STATUS_SUCCESS);
+        EXPECT_EQ(client.attached.size(), 1u);
+        machine.UnloadDriver("NETSIEVE");
+        EXPECT_EQ(told, 1);
+        client.hook = nullptr;
+    });
+}
+
+// Three are told of the unload. Their adapter goes while the last one is inside its notification;
+// two are still registered then, and each hears of its pair once. One that has no unload
+// notification is past all others.
+TEST(HookRegistryTest, AnAdapterThatGoesDuringTheUnloadIsNotedOnce) {
+    RunClean({}, [](Machine& machine) {
+        Scene scene(machine);
+        Client clients[] = {Client(u"first"), Client(u"second"), Client(u"silent"),
+                            Client(u"third")};
+        int told = 0;
+        clients[0].unload = clients[1].unload = [&] { ++told; };
+        clients[3].unload = [&] {
+            scene.stack.Detach(*scene.stack.FindModule(machine.FindDriver("NETSIEVE")));
+            for (Client& client : clients) {
+                EXPECT_EQ(client.detached.size(), &client == &clients[2] ? 0u : 1u);
+                EXPECT_EQ(client.hook->AttachCount, 0u);
+                client.Stop();
+            }
+        };
+        for (Client& client : clients) {
+            client.Start();
+        }
+        machine.UnloadDriver("NETSIEVE");
+        EXPECT_EQ(told, 2);
+        for (const Client& client : clients) {
+            EXPECT_EQ(client.detached.size(), &client == &clients[2] ? 0u : 1u);
+        }
+    });
+}
+
+TEST(HookRegistryTest, AnAdapterThatComesLaterIsAnnouncedToEachHook) {
+    OnScene([](Scene& scene) {
+        Client first(u"first");
+        Client second(u"second");
+        first.Start();
+        second.Start();
+        Stack& later = scene.machine_.ndis().AddAdapter();
+        FILTER_MODULE* const module = RecordOf(scene.machine_, later);
+        for (Client* client : {&first, &second}) {
+            EXPECT_EQ(client->attached, (std::vector<FILTER_MODULE*>{scene.module, module}));
+            EXPECT_EQ(client->hook->AttachCount, 2u);
+        }
+        first.Stop();
+        EXPECT_EQ(module->HookCount, 1);
+        second.Stop();
+        EXPECT_EQ(second.detached, second.attached);
     });
 }
 
@@ -202,6 +306,33 @@ TEST(HookTableTest, OffersInAscendingUnsignedPriorityAndCombinesVerdicts) {
             EXPECT_EQ(client->detached.size(), 1u);
         }
         EXPECT_EQ(scene.module->HookCount, 0);
+    });
+}
+
+TEST(HookTableTest, KeepsASlotForEachEntry) {
+    OnScene([](Scene& scene) {
+        Client clients[] = {Client(u"a", 3), Client(u"b", 2), Client(u"c", 1)};
+        HOOK_FILTER** const slots = scene.module->HookSlots;
+        for (Client& client : clients) {
+            EXPECT_EQ(client.Register(), STATUS_SUCCESS);
+            EXPECT_EQ(client.hook->SlotIndex, static_cast<ULONG>(&client - clients));
+            EXPECT_EQ(slots[&client - clients], client.hook);
+        }
+        HOOK_FILTER* const middle = clients[1].hook;
+        for (int i = 0; i < 2; ++i) {  // attached or not
+            EXPECT_EQ(ITarnHKDettachFilter(scene.module, middle), STATUS_SUCCESS);
+            EXPECT_EQ(middle->SlotIndex, HOOK_SLOT_NONE);
+            EXPECT_EQ(slots[1], nullptr);
+            EXPECT_FALSE(IsHookAttached(scene.module, middle));
+        }
+        EXPECT_EQ(ITarnHKAttachFilter(scene.module, clients[2].hook), STATUS_SUCCESS);
+        EXPECT_EQ(clients[2].hook->SlotIndex, 1u);
+        EXPECT_EQ(slots[1], clients[2].hook);
+        for (Client& client : clients) {
+            client.Stop();
+        }
+        EXPECT_EQ(std::count(slots, slots + MAX_MODULE_HOOKS, nullptr),
+                  static_cast<std::ptrdiff_t>(MAX_MODULE_HOOKS));
     });
 }
 

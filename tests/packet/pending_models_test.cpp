@@ -1,44 +1,10 @@
 // Small models of what the searches meet by chance, with one frame and one record: every schedule
 // up to two preemptions.
-#include "tests/driver/schedule_scenarios.h"
+#include "tests/driver/model.h"
 #include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {
 namespace {
-
-/// One stack with the driver, closed to the exploration until its actors start.
-class Model {
-  public:
-    Model(Machine& machine, ScheduleTree& tree)
-        : stack(machine.ndis().AddAdapter()), machine_(machine), tree_(tree) {
-        tree_.SetOpen(false);
-        EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
-    }
-
-    FilterModule& Filter() { return *stack.FindModule(machine_.FindDriver("NETSIEVE")); }
-
-    void Start(ContextKind kind, unsigned processor, std::function<void()> body) {
-        contexts_.push_back(machine_.scheduler().Start(
-            {.name = "actor", .kind = kind, .processor = processor}, std::move(body)));
-    }
-    void JoinAll() { machine_.scheduler().JoinAll(std::exchange(contexts_, {})); }
-    /// Every actor that `moment` starts ends inside it, as do its workers.
-    void Explore(const std::function<void()>& moment) {
-        tree_.SetOpen(true);
-        moment();
-        JoinAll();
-        machine_.scheduler().WaitUntilIdle();
-        tree_.SetOpen(false);
-    }
-
-    Stack& stack;
-    std::string wrong;
-
-  private:
-    Machine& machine_;
-    ScheduleTree& tree_;
-    std::vector<std::uint32_t> contexts_;
-};
 
 /// What happens to one frame that a hook takes over.
 struct Request {
@@ -236,7 +202,11 @@ enum class Against { kPause, kDetach, kUnload };
 
 /// A frame is injected while the adapter is paused, detached or the driver unloaded. `worker`: the
 /// injection has been left to a worker by then.
-std::string RunInjection(Machine& machine, ScheduleTree& tree, Against against, bool worker) {
+std::string RunInjection(Machine& machine,
+                         ScheduleTree& tree,
+                         Against against,
+                         bool worker,
+                         ContextKind kind) {
     Model model(machine, tree);
     model.stack.adapter().pace().Set(Pace::kDeferred);
     int sent = 0;
@@ -248,7 +218,7 @@ std::string RunInjection(Machine& machine, ScheduleTree& tree, Against against, 
     }
     model.Explore([&] {
         if (!worker) {
-            model.Start(ContextKind::kThread, 1, inject);
+            model.Start(kind, 1, inject);
         }
         switch (against) {
             case Against::kPause:
@@ -282,9 +252,12 @@ Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
             }};
 }
 
-Case OfInjection(const char* name, Against against, bool worker) {
+Case OfInjection(const char* name,
+                 Against against,
+                 bool worker,
+                 ContextKind kind = ContextKind::kThread) {
     return {name, 2, [=](Machine& machine, ScheduleTree& tree) {
-                return RunInjection(machine, tree, against, worker);
+                return RunInjection(machine, tree, against, worker, kind);
             }};
 }
 
@@ -302,6 +275,7 @@ const Case kCases[] = {
     {"second completion against the other direction", 2, RunSecondCompletion},
     OfInjection("injection against pause", Against::kPause, false),
     OfInjection("injection against detach", Against::kDetach, false),
+    OfInjection("injection raised against unload", Against::kUnload, false, ContextKind::kDpc),
     OfInjection("work item against pause", Against::kPause, true),
     OfInjection("work item against detach", Against::kDetach, true),
     OfInjection("work item against unload", Against::kUnload, true),

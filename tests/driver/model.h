@@ -1,0 +1,42 @@
+// A small model of a meeting: a stack with the driver, and actors whose schedules are all run.
+#pragma once
+
+#include "tests/driver/schedule_scenarios.h"
+
+namespace netsieve::host {
+
+/// One stack with the driver, closed to the exploration until its actors start.
+class Model {
+  public:
+    Model(Machine& machine, ScheduleTree& tree)
+        : stack(machine.ndis().AddAdapter()), machine_(machine), tree_(tree) {
+        tree_.SetOpen(false);
+        EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+    }
+
+    FilterModule& Filter() { return *stack.FindModule(machine_.FindDriver("NETSIEVE")); }
+
+    void Start(ContextKind kind, unsigned processor, std::function<void()> body) {
+        contexts_.push_back(machine_.scheduler().Start(
+            {.name = "actor", .kind = kind, .processor = processor}, std::move(body)));
+    }
+    void JoinAll() { machine_.scheduler().JoinAll(std::exchange(contexts_, {})); }
+    /// Every actor that `moment` starts ends inside it, as do its workers.
+    void Explore(const std::function<void()>& moment) {
+        tree_.SetOpen(true);
+        moment();
+        JoinAll();
+        machine_.scheduler().WaitUntilIdle();
+        tree_.SetOpen(false);
+    }
+
+    Stack& stack;
+    std::string wrong;
+
+  private:
+    Machine& machine_;
+    ScheduleTree& tree_;
+    std::vector<std::uint32_t> contexts_;
+};
+
+}  // namespace netsieve::host
