@@ -1,7 +1,8 @@
 #include "driver/locked_list.h"
 
+#include "platform/atomics.h"
 #include "platform/list.h"
-#include "tests/driver/driver_scenario.h"
+#include "tests/driver/schedule_scenarios.h"
 
 namespace netsieve::host {
 namespace {
@@ -137,6 +138,37 @@ TEST(LockedListTest, StaysWholeUnderContention) {
     }
     RunClean({.scheduler = SchedulerKind::kThreaded, .processors = 4},
              [](Machine& machine) { Contend(machine, 10'000); });
+}
+
+// What is unlinked may be freed at once, so nobody may be looking at it then.
+TEST(LockedListModels, AnEntryIsUnlinkedUnderNoOnesEyes) {
+    RunModel({.name = "walk against removal"}, [](Machine& machine, ScheduleTree& tree) {
+        struct Node {
+            LIST_ENTRY link;
+            ULONG gone;
+        };
+        tree.SetOpen(false);
+        LOCKED_LIST list;
+        InitializeLockedList(&list);
+        Node nodes[2] = {};
+        for (Node& node : nodes) {
+            LockedListInsertTail(&list, &node.link);
+        }
+        tree.SetOpen(true);
+        machine.scheduler().Start({.name = "remover", .processor = 1}, [&] {
+            for (Node& node : nodes) {
+                LockedListRemoveEntry(&list, &node.link);
+                WriteRelease<ULONG>(&node.gone, TRUE);
+            }
+        });
+        const LOCKED_LIST_ROUTINE look = [](LOCKED_LIST*, PLIST_ENTRY entry, PVOID) -> BOOLEAN {
+            EXPECT_EQ(ReadAcquire(&reinterpret_cast<Node*>(entry)->gone), 0u);
+            return FALSE;
+        };
+        LockedListFind(&list, look, nullptr);
+        machine.scheduler().WaitUntilIdle();
+        tree.SetOpen(false);
+    });
 }
 
 }  // namespace
