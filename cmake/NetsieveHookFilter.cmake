@@ -44,7 +44,7 @@ function(_netsieve_hook_image name)
         OUTPUT "${hook_OUTPUT}"
         SOURCES ${hook_SOURCES}
         IMPORTS netsieve_imports
-        IMPORT_MODULES netsieve.sys)
+        IMPORT_MODULES netsieve.sys hal.dll)
     target_link_libraries(${name} PRIVATE netsieve::hook)
 endfunction()
 

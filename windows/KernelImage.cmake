@@ -9,8 +9,8 @@ set(CMAKE_C_STANDARD_LIBRARIES "")
 include("${CMAKE_CURRENT_LIST_DIR}/../cmake/NetsievePefile.cmake")
 
 set(NETSIEVE_IMAGE_CHECK "${CMAKE_CURRENT_LIST_DIR}/../scripts/check_image.py")
-# The toolchain's lists of what the kernel and NDIS export.
-foreach(library ntoskrnl ndis)
+# The toolchain's lists of what the kernel, NDIS and the HAL export.
+foreach(library ntoskrnl ndis hal)
     execute_process(COMMAND "${CMAKE_C_COMPILER}" -print-file-name=lib${library}.a
                     OUTPUT_VARIABLE NETSIEVE_${library}_LIBRARY OUTPUT_STRIP_TRAILING_WHITESPACE
                     COMMAND_ERROR_IS_FATAL ANY)
@@ -47,7 +47,7 @@ function(netsieve_kernel_image target)
         LINK_DEPENDS "${image_DEF};${NETSIEVE_IMAGE_CHECK}"
         # The runtime library of C++ is no part of a kernel image.
         LINKER_LANGUAGE C)
-    target_link_libraries(${target} PRIVATE netsieve_image_flags ${image_IMPORTS} ntoskrnl ndis)
+    target_link_libraries(${target} PRIVATE netsieve_image_flags ${image_IMPORTS} ntoskrnl ndis hal)
     # A fixed base and no time stamp make two builds of one tree equal to the byte. Auto-import
     # would patch data references in a start-up routine that no kernel calls.
     target_link_options(${target} PRIVATE
@@ -62,6 +62,7 @@ function(netsieve_kernel_image target)
         COMMAND "${NETSIEVE_PEFILE_PYTHON}" "${NETSIEVE_IMAGE_CHECK}" --remove-bad
                 --library ntoskrnl.exe=${NETSIEVE_ntoskrnl_LIBRARY}
                 --library ndis.sys=${NETSIEVE_ndis_LIBRARY}
+                --library hal.dll=${NETSIEVE_hal_LIBRARY}
                 --def "${image_DEF}" --version "${image_VERSION}" "$<TARGET_FILE:${target}>"
                 --imports ${image_IMPORT_MODULES}
         VERBATIM)

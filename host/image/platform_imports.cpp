@@ -70,6 +70,7 @@ ImportTable MakeTable() {
     KERNEL(KeReleaseSpinLock);
     KERNEL(KeReleaseSpinLockFromDpcLevel);
     KERNEL(KeSetEvent);
+    table.Add("HAL.dll", "KeStallExecutionProcessor", AddressOf(&KeStallExecutionProcessor));
     KERNEL(KeWaitForSingleObject);
     KERNEL(MmMapLockedPagesSpecifyCache);
     KERNEL(MmQuerySystemSize);

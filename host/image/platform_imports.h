@@ -1,4 +1,4 @@
-// What an image's imports from ntoskrnl.exe and NDIS.SYS are bound to.
+// What an image's imports from ntoskrnl.exe, NDIS.SYS and HAL.dll are bound to.
 #pragma once
 
 #include "host/image/import_resolver.h"

@@ -146,6 +146,11 @@ VOID NTAPI KeFlushQueuedDpcs(VOID) {
     Machine::Current().timers().AwaitDue();
 }
 
+VOID NTAPI KeStallExecutionProcessor(ULONG MicroSeconds) {
+    Machine::Current().EnterCall("KeStallExecutionProcessor");
+    Machine::Current().scheduler().Sleep(Ticks{MicroSeconds} * 10);
+}
+
 VOID NTAPI NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled) {
     Machine::Current().EnterCall("NdisCancelTimer");
     *TimerCancelled = Machine::Current().timers().Cancel(Timer) ? TRUE : FALSE;

@@ -30,11 +30,8 @@ WCHAR g_name[] = u"Sample: delay";
 KSPIN_LOCK g_lock;
 FILTER_MODULE* g_module;  // the one that is watched
 Slot g_slots[kSlots];
+ULONG g_completing;  // completions under way, on all processors
 bool g_closing;
-
-// Held over the completion of a request, and for no more than the moment in which the adapter's
-// going waits for one. Never taken with g_lock held.
-KSPIN_LOCK g_completing;
 
 class Guard {
   public:
@@ -48,19 +45,31 @@ class Guard {
     KIRQL irql_;
 };
 
-// Whoever takes the record out of its slot is the one who completes it.
-NIRP* TakeNirp(Slot* slot) {
+// Whoever takes the record out of its slot is the one who completes it, and has counted that in the
+// same act: whoever finds the slot empty knows from the count whether a completion is under way.
+NIRP* BeginCompletion(Slot* slot) {
     Guard guard(&g_lock);
     NIRP* nirp = slot->Nirp;
     slot->Nirp = nullptr;
+    g_completing += nirp != nullptr ? 1 : 0;
     return nirp;
 }
 
+void EndCompletion() {
+    Guard guard(&g_lock);
+    --g_completing;
+}
+
 void LetGo(Slot* slot) {
-    Guard guard(&g_completing);
-    if (NIRP* nirp = TakeNirp(slot)) {
+    if (NIRP* nirp = BeginCompletion(slot)) {
         ITarnHKCompleteRequest(nirp, STATUS_SUCCESS);
+        EndCompletion();
     }
+}
+
+bool IsCompleting() {
+    Guard guard(&g_lock);
+    return g_completing != 0;
 }
 
 // Runs at DISPATCH_LEVEL, where completing is allowed.
@@ -100,9 +109,11 @@ VOID NTAPI AdapterCame(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
 }
 
 // What is held is void from here on: it may not even be completed here, and not any more when this
-// has returned. A timer that cannot be cancelled any more finds its slot empty.
+// has returned. So a timer that cannot be cancelled any more finds its slot empty, and a completion
+// that has its record already ends first. This waits at DISPATCH_LEVEL under a lock of the driver;
+// a completion never needs that one: the adapter that goes is paused and has its frames back, and
+// before we deregister, which calls this too, the last completion has ended.
 VOID NTAPI AdapterGoes(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
-    bool closing = false;
     {
         Guard guard(&g_lock);
         for (Slot& slot : g_slots) {
@@ -111,19 +122,16 @@ VOID NTAPI AdapterGoes(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
             slot.Nirp = nullptr;
         }
         g_module = nullptr;
-        closing = g_closing;
     }
-    // A completion that had its record already has to end first. When we are unloading none is
-    // left, and the driver then calls this under the lock that a completion may take.
-    if (!closing) {
-        Guard wait(&g_completing);
+    while (IsCompleting()) {
+        KeStallExecutionProcessor(10);
     }
     ITarnHKDettachFilter(module, hook);
 }
 
 // First nothing new is held, then what is held goes on at once, then the timer routines that could
-// not be cancelled have ended. Only then the hook is taken down, and our code can go.
-VOID NTAPI Unload(PDRIVER_OBJECT) {
+// not be cancelled have ended. Only then the hook is taken down.
+void Leave() {
     {
         Guard guard(&g_lock);
         g_closing = true;
@@ -139,10 +147,24 @@ VOID NTAPI Unload(PDRIVER_OBJECT) {
     ITarnHKDeregisterFilter(g_hook);
 }
 
+// The driver goes first: its adapters are about to go without another word to a hook that has not
+// asked for this one.
+VOID NTAPI DriverGoes(PVOID) {
+    Leave();
+    g_hook = nullptr;
+}
+
+// Our code can go when this returns.
+VOID NTAPI Unload(PDRIVER_OBJECT) {
+    if (g_hook != nullptr) {
+        Leave();
+    }
+}
+
 void InitializeState() {
     KeInitializeSpinLock(&g_lock);
-    KeInitializeSpinLock(&g_completing);
     g_module = nullptr;
+    g_completing = 0;
     g_closing = false;
     for (Slot& slot : g_slots) {
         slot.Nirp = nullptr;
@@ -158,6 +180,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     static HOOK_FILTER_REGISTRATION_EX registration;
     registration.AttachNotify = AdapterCame;
     registration.DetachNotify = AdapterGoes;
+    registration.UnloadNotify = DriverGoes;
     registration.SendHandler = Hold;
     registration.ReceiveHandler = Hold;
     registration.Priority = HOOK_PRIORITY_CLASS_1;

@@ -172,6 +172,8 @@ NTIMPORT KIRQL NTAPI KeGetCurrentIrql(VOID);
 // Returns when every DPC that was queued or running on any processor has ended, timer routines
 // included. PASSIVE_LEVEL.
 NTIMPORT VOID NTAPI KeFlushQueuedDpcs(VOID);
+// Waits without giving up the processor, for 50 microseconds at most. Any IRQL. For hook filters.
+NTIMPORT VOID NTAPI KeStallExecutionProcessor(ULONG MicroSeconds);
 
 NTIMPORT VOID NTAPI KeInitializeEvent(PKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 // Signals; returns the previous state. IRQL <= DISPATCH_LEVEL when `Wait` is FALSE.

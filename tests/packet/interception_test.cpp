@@ -413,9 +413,12 @@ TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
 // version 2. What goes on is answered by the adapter.
 TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
     constexpr std::uintptr_t kRequest = 1460 | 34 << 20, kVersion2 = 1u << 30, kIpv6 = 1u << 31;
-    const std::pair<std::uintptr_t, std::uintptr_t> answers[] = {
-        {0, 0}, {kRequest, 0}, {kRequest | kVersion2 | kIpv6, kVersion2 | kIpv6}};
-    for (const auto& [request, answer] : answers) {
+    struct Case {
+        std::uintptr_t request;
+        std::uintptr_t answer;
+    };
+    const Case cases[] = {{0, 0}, {kRequest, 0}, {kRequest | kVersion2 | kIpv6, kVersion2 | kIpv6}};
+    for (const Case& c : cases) {
         for (const LONG verdict : {HOOK_VERDICT_WITHHOLD, HOOK_VERDICT_PASS}) {
             OnScene([&](Scene& scene) {
                 TestHook hook([&](NIRP*) { return verdict; });
@@ -425,10 +428,10 @@ TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
                 };
                 PNET_BUFFER_LIST const list = scene.sends.Make(MakeFrame(1, 4000));
                 NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo) =
-                    reinterpret_cast<PVOID>(request);
+                    reinterpret_cast<PVOID>(c.request);
                 scene.stack.protocol().Send(list);
                 EXPECT_EQ(reinterpret_cast<std::uintptr_t>(completed),
-                          verdict == HOOK_VERDICT_PASS ? request : answer);
+                          verdict == HOOK_VERDICT_PASS ? c.request : c.answer);
             });
         }
     }

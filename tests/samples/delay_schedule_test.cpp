@@ -1,5 +1,5 @@
-// The sample that delays, while its adapter goes or it is unloaded itself under the frames it
-// holds.
+// The sample that delays, under the frames it holds: its adapter goes, it is unloaded itself, both
+// at once, or the driver is unloaded before it.
 #include "host/explore.h"
 #include "host/image/kernel_image.h"
 #include "tests/driver/driver_scenario.h"
@@ -10,7 +10,7 @@ extern "C" NTSTATUS NTAPI delay_DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRI
 namespace netsieve::host {
 namespace {
 
-enum class End { kDetach, kUnload };
+enum class End { kDetach, kUnload, kBoth, kDriverFirst };
 
 struct Case {
     const char* name;
@@ -38,11 +38,21 @@ class DelaySample : public testing::TestWithParam<Case> {
             scheduler.Start({.name = "receiver", .kind = ContextKind::kDpc, .processor = 2},
                             [&] { stack.adapter().Indicate(receives); })};
         scheduler.Sleep(20 * kTicksPerMillisecond);
+        const auto remove = [&] { machine.ndis().RemoveAdapter(stack); };
+        std::uint32_t remover = 0;
         if (GetParam().end == End::kDetach) {
-            machine.ndis().RemoveAdapter(stack);
+            remove();
+        } else if (GetParam().end != End::kUnload) {
+            remover = scheduler.Start({.name = "remover", .processor = 3}, remove);
+        }
+        if (GetParam().end == End::kDriverFirst) {
+            machine.UnloadDriver("NETSIEVE");
         }
         machine.UnloadDriver("DELAY");
         scheduler.JoinAll(contexts);
+        if (remover != 0) {
+            scheduler.Join(remover);
+        }
         passedOn_ += traffic.onWire != 0 ? 1 : 0;
         machine.UnloadDriver("NETSIEVE");
     }
@@ -86,8 +96,11 @@ INSTANTIATE_TEST_SUITE_P(,
                          DelaySample,
                          testing::Values(Case{"NativeDetach", false, End::kDetach},
                                          Case{"NativeUnload", false, End::kUnload},
+                                         Case{"NativeBoth", false, End::kBoth},
+                                         Case{"NativeDriverFirst", false, End::kDriverFirst},
                                          Case{"ImageDetach", true, End::kDetach},
-                                         Case{"ImageUnload", true, End::kUnload}),
+                                         Case{"ImageUnload", true, End::kUnload},
+                                         Case{"ImageBoth", true, End::kBoth}),
                          [](const auto& parameter) { return std::string(parameter.param.name); });
 
 }  // namespace
