@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "hook/exports.h"
+#include "client/exports.h"
 
 namespace netsieve::bench {
 

@@ -12,8 +12,8 @@
 #include "bench/crossing.h"
 #include "bench/hooks.h"
 #include "bench/ideal_loop.h"
+#include "client/exports.h"
 #include "driver/driver_entry.h"
-#include "hook/exports.h"
 
 namespace netsieve::bench {
 

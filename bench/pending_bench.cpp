@@ -10,7 +10,7 @@
 #include "bench/hooks.h"
 #include "bench/ideal_loop.h"
 #include "driver/driver_entry.h"
-#include "driver/driver_globals.h"
+#include "module/driver_globals.h"
 
 namespace netsieve::bench {
 

@@ -13,7 +13,7 @@ install(EXPORT netsieve-targets NAMESPACE netsieve:: DESTINATION "${package_dir}
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/host" DESTINATION "${header_dir}"
         FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/platform" DESTINATION "${header_dir}")
-install(FILES "${PROJECT_SOURCE_DIR}/src/hook/netsieve_hook.h" DESTINATION "${header_dir}")
+install(FILES "${PROJECT_SOURCE_DIR}/src/client/netsieve_hook.h" DESTINATION "${header_dir}")
 install(FILES "${PROJECT_SOURCE_DIR}/src/driver/driver_entry.h" DESTINATION "${header_dir}/driver")
 
 # From the one to the other, so that an installed tree can be moved.

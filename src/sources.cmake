@@ -4,23 +4,22 @@ set(NETSIEVE_DRIVER_SOURCES
     config/registry_access.cpp
     config/system_information.cpp
     driver/data_path.cpp
-    driver/drain_count.cpp
     driver/driver_entry.cpp
-    driver/driver_globals.cpp
     driver/event_handlers.cpp
-    driver/locked_list.cpp
     driver/module_lifecycle.cpp
-    driver/module_reference.cpp
-    driver/trace_log.cpp
     hook/hook_dispatch.cpp
     hook/hook_filter.cpp
     hook/hook_life.cpp
     hook/hook_notify.cpp
     hook/hook_registry.cpp
     hook/hook_table.cpp
-    hook/packet_queries.cpp
     hook/protocol_table.cpp
     hook/source_handle.cpp
+    module/drain_count.cpp
+    module/driver_globals.cpp
+    module/locked_list.cpp
+    module/module_reference.cpp
+    module/trace_log.cpp
     packet/copy_net_buffer.cpp
     packet/injection.cpp
     packet/interception.cpp
@@ -29,6 +28,7 @@ set(NETSIEVE_DRIVER_SOURCES
     packet/nirp_life.cpp
     packet/nirp_pool.cpp
     packet/own_list.cpp
+    packet/packet_queries.cpp
     packet/pending.cpp
     packet/receive_path.cpp
     packet/send_path.cpp)

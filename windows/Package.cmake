@@ -50,7 +50,7 @@ function(netsieve_package)
                 "${directory}/include/platform" "${directory}/lib" "${directory}/samples"
         COMMAND "${CMAKE_COMMAND}" -E copy ${package_FILES} "${texts}/netsieve.inf"
                 "${texts}/README.txt" "${directory}"
-        COMMAND "${CMAKE_COMMAND}" -E copy "${CMAKE_SOURCE_DIR}/src/hook/netsieve_hook.h"
+        COMMAND "${CMAKE_COMMAND}" -E copy "${CMAKE_SOURCE_DIR}/src/client/netsieve_hook.h"
                 "${directory}/include"
         COMMAND "${CMAKE_COMMAND}" -E copy ${platform} "${directory}/include/platform"
         COMMAND "${CMAKE_COMMAND}" -E copy ${package_LIBRARIES} "${directory}/lib"

@@ -1,6 +1,6 @@
 #include "config/registry_access.h"
 
-#include "driver/driver_globals.h"
+#include "module/driver_globals.h"
 #include "platform/atomics.h"
 #include "platform/runtime.h"
 

@@ -2,4 +2,4 @@
 // it.
 #pragma once
 
-#include "hook/exports.h"
+#include "client/exports.h"

@@ -1,6 +1,6 @@
 #include "driver/data_path.h"
 
-#include "driver/module_reference.h"
+#include "module/module_reference.h"
 #include "packet/receive_path.h"
 #include "packet/send_path.h"
 #include "platform/atomics.h"

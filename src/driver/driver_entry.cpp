@@ -2,11 +2,11 @@
 
 #include "config/boot_filter_list.h"
 #include "driver/data_path.h"
-#include "driver/driver_globals.h"
 #include "driver/event_handlers.h"
 #include "driver/module_lifecycle.h"
 #include "hook/hook_notify.h"
 #include "hook/hook_registry.h"
+#include "module/driver_globals.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
 

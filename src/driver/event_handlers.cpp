@@ -1,6 +1,6 @@
 #include "driver/event_handlers.h"
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The record of a registered hook filter. Clients hold its address as their handle.
 #pragma once
 
-#include "driver/locked_list.h"
-#include "hook/exports.h"
+#include "client/exports.h"
+#include "module/locked_list.h"
 
 constexpr ULONG HOOK_FILTER_TAG = 0x746F666E;  // "nfot"
 constexpr ULONG HOOK_CLASS = 254;

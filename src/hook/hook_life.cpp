@@ -1,6 +1,6 @@
 #include "hook/hook_life.h"
 
-#include "driver/driver_globals.h"
+#include "module/driver_globals.h"
 #include "platform/runtime.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #include "hook/hook_notify.h"
 
-#include "driver/driver_globals.h"
 #include "hook/hook_life.h"
 #include "hook/hook_table.h"
+#include "module/driver_globals.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
 

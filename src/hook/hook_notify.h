@@ -6,7 +6,7 @@
 // under a lock that the other needs too, and leaves no entry behind for it to find.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 // Announces a module that has just joined ModuleList to every hook on HookList, unless the hook's
 // own announcement has met it there already. PASSIVE_LEVEL, ModuleListLock not held.

@@ -1,9 +1,9 @@
 #include "hook/hook_registry.h"
 
-#include "driver/driver_globals.h"
-#include "driver/undo_guard.h"
 #include "hook/hook_life.h"
 #include "hook/hook_notify.h"
+#include "module/driver_globals.h"
+#include "module/undo_guard.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
 

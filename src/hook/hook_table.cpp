@@ -1,6 +1,5 @@
 #include "hook/hook_table.h"
 
-#include "driver/filter_module.h"
 #include "hook/hook_life.h"
 #include "platform/atomics.h"
 #include "platform/runtime.h"

@@ -1,9 +1,7 @@
 // A module's table of attached hooks.
 #pragma once
 
-#include "hook/exports.h"
-
-constexpr ULONG MAX_MODULE_HOOKS = HOOK_MODULE_LIMIT;
+#include "module/filter_module.h"
 
 // Makes the table of a module that was just zeroed ready: no hook, a free lock.
 void InitializeHookTable(FILTER_MODULE* module);

@@ -1,6 +1,5 @@
 #include "hook/protocol_table.h"
 
-#include "driver/filter_module.h"
 #include "hook/source_handle.h"
 #include "platform/atomics.h"
 #include "platform/runtime.h"

@@ -1,9 +1,8 @@
 // A module's table of the protocols that have sent through it.
 #pragma once
 
-#include "hook/exports.h"
+#include "module/filter_module.h"
 
-constexpr ULONG MAX_MODULE_PROTOCOLS = 24;
 constexpr ULONG PROTOCOL_NAME_TAG = 0x486B5374;  // "tSkH"
 
 // Makes the table of a module that was just zeroed ready: no entry, a free lock.

@@ -1,8 +1,8 @@
 #include "packet/injection.h"
 
-#include "driver/driver_globals.h"
-#include "driver/trace_log.h"
-#include "hook/exports.h"
+#include "client/exports.h"
+#include "module/driver_globals.h"
+#include "module/trace_log.h"
 #include "packet/net_buffer_chain.h"
 #include "packet/nirp_pool.h"
 #include "packet/own_list.h"

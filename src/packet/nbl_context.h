@@ -2,7 +2,7 @@
 // it is, which module handles it, and the records of its withheld buffers.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 constexpr ULONG NBL_CONTEXT_TAG = 0x636F696E;  // "nioc"; also the magic
 constexpr USHORT NBL_CONTEXT_SIZE = 80;

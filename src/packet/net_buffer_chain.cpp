@@ -1,6 +1,6 @@
 #include "packet/net_buffer_chain.h"
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "packet/nirp_life.h"
 #include "platform/atomics.h"
 

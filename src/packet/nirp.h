@@ -2,8 +2,8 @@
 // about the frame until it is settled.
 #pragma once
 
-#include "driver/spin_lock.h"
-#include "hook/exports.h"
+#include "hook/hook_dispatch.h"
+#include "module/spin_lock.h"
 
 struct NBL_CONTEXT;
 
@@ -17,9 +17,6 @@ constexpr ULONG NIRP_STATE_RECEIVE = 3;    // offered on the receive path; stays
 constexpr ULONG NIRP_STATE_PENDING = 4;    // marked pending: a clone exists
 constexpr ULONG NIRP_STATE_COMPLETED = 5;  // the request is finished
 constexpr ULONG NIRP_STATE_RELEASED = 6;   // the NET_BUFFER is back in its NBL, the request is not
-
-constexpr ULONG NIRP_DIRECTION_SEND = 1;
-constexpr ULONG NIRP_DIRECTION_RECEIVE = 2;
 
 // What keeps a NIRP out of its pool. They end in any order, and whoever ends the last one returns
 // the NIRP.

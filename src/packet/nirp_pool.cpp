@@ -1,6 +1,6 @@
 #include "packet/nirp_pool.h"
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
 #include "platform/runtime.h"

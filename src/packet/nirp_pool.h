@@ -2,7 +2,7 @@
 // concern of the pool; see nirp_life.h.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 #include "packet/nirp.h"
 #include "platform/atomics.h"
 

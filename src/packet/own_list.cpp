@@ -1,6 +1,6 @@
 #include "packet/own_list.h"
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "packet/nirp_pool.h"
 
 namespace {

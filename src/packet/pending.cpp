@@ -1,6 +1,6 @@
 #include "packet/pending.h"
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
 #include "packet/own_list.h"

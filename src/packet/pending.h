@@ -8,7 +8,7 @@
 // has been completed all the same, so that none of these completions can meet a later request.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 #include "packet/nirp.h"
 
 // Makes the module's pending lists empty and their locks free.

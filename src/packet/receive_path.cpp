@@ -1,6 +1,6 @@
 #include "packet/receive_path.h"
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "packet/interception.h"
 #include "packet/net_buffer_chain.h"
 

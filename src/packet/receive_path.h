@@ -1,7 +1,7 @@
 // The way of received lists through a module with attached hooks, and of every return.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 // Offers the chain to the hooks and indicates what they let pass. The caller holds a reference on
 // the module and gives the chain away, or lends it for the call when `receiveFlags` says so.

@@ -1,8 +1,8 @@
 #include "packet/send_path.h"
 
-#include "driver/trace_log.h"
 #include "hook/protocol_table.h"
 #include "hook/source_handle.h"
+#include "module/trace_log.h"
 #include "packet/interception.h"
 #include "packet/net_buffer_chain.h"
 

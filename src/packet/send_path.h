@@ -1,7 +1,7 @@
 // The way of sent lists through a module with attached hooks, and of every completion.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 // Offers the chain to the hooks and sends down what they let pass. The caller holds a reference on
 // the module and gives the chain away. IRQL <= DISPATCH_LEVEL.

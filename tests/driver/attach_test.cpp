@@ -1,6 +1,6 @@
 // How modules come to be: their records, what attach refuses, and what it leaves when it fails.
-#include "driver/trace_log.h"
 #include "host/kernel/callback.h"
+#include "module/trace_log.h"
 #include "tests/driver/driver_scenario.h"
 
 namespace netsieve::host {

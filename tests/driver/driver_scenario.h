@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "driver/driver_entry.h"
-#include "driver/filter_module.h"
 #include "host/accounting.h"
 #include "host/machine.h"
 #include "host/ndis/foreign_filter.h"
 #include "host/ndis/frame_lists.h"
 #include "host/ndis/ndis.h"
+#include "module/filter_module.h"
 
 namespace netsieve::host {
 

@@ -1,4 +1,4 @@
-#include "driver/locked_list.h"
+#include "module/locked_list.h"
 
 #include "platform/atomics.h"
 #include "platform/list.h"

@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "driver/trace_log.h"
 #include "host/explore.h"
+#include "module/trace_log.h"
 #include "tests/driver/detaching_stack.h"
 
 namespace netsieve::host {

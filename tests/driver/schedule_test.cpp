@@ -1,5 +1,5 @@
 // Searches through schedules that must find nothing. A failure names the seed to run alone.
-#include "driver/module_reference.h"
+#include "module/module_reference.h"
 #include "tests/driver/schedule_scenarios.h"
 
 namespace netsieve::host {

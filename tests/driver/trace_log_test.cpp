@@ -1,5 +1,5 @@
 // The trace ring's bytes: what a line looks like, and where it goes.
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 
 #include <cstring>
 #include <string_view>

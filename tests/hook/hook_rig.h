@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "driver/driver_globals.h"
 #include "hook/hook_filter.h"
+#include "hook/hook_table.h"
+#include "module/driver_globals.h"
 #include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "hook/exports.h"
+#include "client/exports.h"
 #include "packet/nirp_pool.h"
 #include "platform/list.h"
 #include "tests/driver/driver_scenario.h"

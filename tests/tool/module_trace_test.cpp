@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "driver/driver_entry.h"
-#include "driver/trace_log.h"
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
+#include "module/trace_log.h"
 
 namespace netsieve::tool {
 namespace {

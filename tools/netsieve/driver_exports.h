@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "hook/exports.h"
+#include "client/exports.h"
 #include "host/loaded_driver.h"
 
 namespace netsieve::tool {

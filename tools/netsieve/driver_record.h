@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "driver/filter_module.h"
 #include "host/ndis/filter_module.h"
+#include "module/filter_module.h"
 #include "tools/netsieve/offer_ledger.h"
 
 namespace netsieve::tool {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 #include "packet/nirp.h"
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/driver_exports.h"

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-#include "hook/exports.h"
+#include "client/exports.h"
 #include "tools/netsieve/driver_exports.h"
 
 namespace netsieve::tool {

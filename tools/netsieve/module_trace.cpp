@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 #include "tools/netsieve/driver_record.h"
 
 namespace netsieve::tool {

@@ -1,8 +1,8 @@
 #include "tools/netsieve/native_driver.h"
 
+#include "client/exports.h"
 #include "config/system_information.h"
 #include "driver/driver_entry.h"
-#include "hook/exports.h"
 
 namespace netsieve::tool {
 

@@ -2,13 +2,15 @@
 // NDIS hands to every handler.
 #pragma once
 
-#include "driver/drain_count.h"
-#include "driver/spin_lock.h"
-#include "hook/hook_table.h"
-#include "hook/protocol_table.h"
+#include "client/exports.h"
+#include "module/drain_count.h"
+#include "module/spin_lock.h"
 #include "platform/ndis.h"
 
 constexpr ULONG FILTER_MODULE_TAG = 0x6676736E;  // "nsvf"
+
+constexpr ULONG MAX_MODULE_HOOKS = HOOK_MODULE_LIMIT;
+constexpr ULONG MAX_MODULE_PROTOCOLS = 24;
 
 constexpr ULONG FILTER_STATE_PAUSED = 3;
 constexpr ULONG FILTER_STATE_RUNNING = 4;

@@ -1,7 +1,7 @@
 // A count that can be waited on until it is 0.
 #pragma once
 
-#include "driver/spin_lock.h"
+#include "module/spin_lock.h"
 
 // The event is cleared as the count rises from 0 and signalled as it falls to 0, while the lock is
 // held.

@@ -5,4 +5,4 @@
 #include "platform/ndis.h"
 
 #define NETSIEVE_HOOK_API
-#include "hook/netsieve_hook.h"
+#include "client/netsieve_hook.h"

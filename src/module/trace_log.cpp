@@ -1,4 +1,4 @@
-#include "driver/trace_log.h"
+#include "module/trace_log.h"
 
 #include "platform/runtime.h"
 

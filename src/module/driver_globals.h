@@ -1,8 +1,8 @@
 // The driver-wide state.
 #pragma once
 
-#include "driver/drain_count.h"
-#include "driver/locked_list.h"
+#include "module/drain_count.h"
+#include "module/locked_list.h"
 #include "platform/ndis.h"
 
 // Its address is the filter driver context that NDIS hands to the attach handler.

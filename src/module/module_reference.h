@@ -5,7 +5,7 @@
 // vector registers first, which costs more than the rest of a pass-through.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 // Takes a reference and returns NDIS_STATUS_SUCCESS, or NDIS_STATUS_INVALID_PARAMETER when `module`
 // is NULL, or NDIS_STATUS_CLOSING when it is not in ModuleList; the pointer is not followed before

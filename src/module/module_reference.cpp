@@ -1,6 +1,6 @@
-#include "driver/module_reference.h"
+#include "module/module_reference.h"
 
-#include "driver/driver_globals.h"
+#include "module/driver_globals.h"
 
 namespace {
 

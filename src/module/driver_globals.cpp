@@ -1,3 +1,3 @@
-#include "driver/driver_globals.h"
+#include "module/driver_globals.h"
 
 FILTER_DRIVER_GLOBALS g_DriverGlobals;

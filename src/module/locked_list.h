@@ -1,7 +1,7 @@
 // A doubly linked list that carries its own lock and count, so that nobody locks it from outside.
 #pragma once
 
-#include "driver/spin_lock.h"
+#include "module/spin_lock.h"
 
 // The list does not own its entries: removing one neither frees it nor clears its links.
 struct LOCKED_LIST {

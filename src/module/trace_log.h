@@ -2,7 +2,7 @@
 // it and never reads it; it is there for whoever holds a debugger or a dump.
 #pragma once
 
-#include "driver/filter_module.h"
+#include "module/filter_module.h"
 
 constexpr ULONG TRACE_BUFFER_SIZE = 512;
 constexpr ULONG TRACE_BUFFER_TAG = 0x6C646D6E;  // "nmdl"

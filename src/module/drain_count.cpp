@@ -1,4 +1,4 @@
-#include "driver/drain_count.h"
+#include "module/drain_count.h"
 
 namespace {
 
