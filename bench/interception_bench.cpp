@@ -1,4 +1,4 @@
-// What interception costs: a frame's way past the hooks and back, by the frame's size, the lists in
+// What interception costs: a frame's way past the hooks and back, by the frame's size, the NBLs in
 // a call, the number of hooks, and whether one of them withholds.
 
 #include <benchmark/benchmark.h>
@@ -9,9 +9,9 @@
 #include <memory>
 #include <vector>
 
-#include "bench/crossing.h"
 #include "bench/hooks.h"
 #include "bench/ideal_loop.h"
+#include "bench/traffic.h"
 #include "client/exports.h"
 #include "driver/driver_entry.h"
 
@@ -37,25 +37,25 @@ void FillHooks(Hooks& hooks, std::int64_t passing, bool withholding) {
     }
 }
 
-// range(0): bytes of a frame; range(1): lists in a call; range(2): hooks that pass; range(3): one
+// range(0): bytes of a frame; range(1): NBLs in a call; range(2): hooks that pass; range(3): one
 // more that withholds.
-void CrossHooks(benchmark::State& state, Way way) {
+void CrossHooks(benchmark::State& state, Path path) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const double ideal = IdealNanoseconds(size);
     Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            Crossing crossing(machine, machine.ndis().AddAdapter(), way, size, state.range(1));
+            Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
             Hooks hooks;
             FillHooks(hooks, state.range(2), state.range(3) != 0);
             // The first trip is not like the others: it brings the context space and the protocol's
             // name.
-            crossing.Go();
+            traffic.Go();
             const std::uint64_t allocations = AllocationsOf(machine);
             const double start = ThreadNanoseconds();
             for (auto _ : state) {
-                crossing.Go();
+                traffic.Go();
             }
             const double took = ThreadNanoseconds() - start;
             if (AllocationsOf(machine) != allocations) {
@@ -71,21 +71,21 @@ void CrossHooks(benchmark::State& state, Way way) {
 }
 
 void BM_SendPastHooks(benchmark::State& state) {
-    CrossHooks(state, Way::kSend);
+    CrossHooks(state, Path::kSend);
 }
 void BM_ReceivePastHooks(benchmark::State& state) {
-    CrossHooks(state, Way::kReceive);
+    CrossHooks(state, Path::kReceive);
 }
 
 void EveryHookCount(benchmark::internal::Benchmark* benchmark) {
-    benchmark->ArgNames({"bytes", "lists", "hooks", "withhold"})->MinTime(0.1);
+    benchmark->ArgNames({"bytes", "nbls", "hooks", "withhold"})->MinTime(0.1);
     benchmark->ArgsProduct({{60, 512, 1514}, {1, 64}, {0, 1, 4, 8, 16}, {0}});
     benchmark->ArgsProduct({{60, 512, 1514}, {1, 64}, {0}, {1}});
 }
 BENCHMARK(BM_SendPastHooks)->Apply(EveryHookCount);
 BENCHMARK(BM_ReceivePastHooks)->Apply(EveryHookCount);
 
-// range(0): lists in a call; range(1): adapters, each with a thread of its own; range(2): whether
+// range(0): NBLs in a call; range(1): adapters, each with a thread of its own; range(2): whether
 // one hook watches them all, so that its count of running handlers is what the threads share, or
 // each has a hook of its own. What two adapters carry beside one is items_per_second of the one row
 // over the other.
@@ -97,11 +97,11 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            std::vector<std::unique_ptr<Crossing>> crossings;
+            std::vector<std::unique_ptr<Traffic>> traffics;
             for (std::uint32_t i = 1; i <= state.range(1); ++i) {
-                crossings.push_back(
-                    std::make_unique<Crossing>(machine, machine.ndis().AddAdapter({.ifIndex = i}),
-                                               Way::kSend, kFrameSize, state.range(0)));
+                traffics.push_back(
+                    std::make_unique<Traffic>(machine, machine.ndis().AddAdapter({.ifIndex = i}),
+                                              Path::kSend, kFrameSize, state.range(0)));
             }
             Hooks hooks;
             if (state.range(2) != 0) {
@@ -113,12 +113,12 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
             }
             for (auto _ : state) {
                 std::vector<std::uint32_t> threads;
-                for (unsigned i = 0; i < crossings.size(); ++i) {
+                for (unsigned i = 0; i < traffics.size(); ++i) {
                     threads.push_back(machine.scheduler().Start(
                         {.name = fmt::format("adapter {}", i), .processor = i},
-                        [&crossing = *crossings[i], rounds] {
+                        [&traffic = *traffics[i], rounds] {
                             for (std::int64_t round = 0; round < rounds; ++round) {
-                                crossing.Go();
+                                traffic.Go();
                             }
                         }));
                 }
@@ -130,7 +130,7 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
     });
 }
 BENCHMARK(BM_SendOnSeveralAdapters)
-    ->ArgNames({"lists", "adapters", "shared_hook"})
+    ->ArgNames({"nbls", "adapters", "shared_hook"})
     ->ArgsProduct({{1, 64}, {1, 2}, {0, 1}})
     ->UseRealTime()
     ->MinTime(0.5);

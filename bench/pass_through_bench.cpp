@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include "bench/crossing.h"
 #include "bench/ideal_loop.h"
+#include "bench/traffic.h"
 #include "driver/driver_entry.h"
 
 namespace netsieve::bench {
@@ -20,13 +20,13 @@ constexpr std::size_t kFrameSize = 60;
 
 void Measure(benchmark::State& state,
              Machine& machine,
-             std::vector<std::unique_ptr<Crossing>>& trips) {
+             std::vector<std::unique_ptr<Traffic>>& traffics) {
     const std::uint64_t allocations = AllocationsOf(machine);
     std::size_t next = 0;
     const double start = ThreadNanoseconds();
     for (auto _ : state) {
-        trips[next]->Go();
-        next = next + 1 < trips.size() ? next + 1 : 0;
+        traffics[next]->Go();
+        next = next + 1 < traffics.size() ? next + 1 : 0;
     }
     const double took = ThreadNanoseconds() - start;
     const std::uint64_t allocated = AllocationsOf(machine) - allocations;
@@ -34,40 +34,40 @@ void Measure(benchmark::State& state,
         state.SkipWithError("the path allocated");
     }
     const double trip = took / static_cast<double>(state.iterations());
-    state.counters["ns_per_list"] = trip / static_cast<double>(state.range(0));
+    state.counters["ns_per_nbl"] = trip / static_cast<double>(state.range(0));
     state.counters["allocations"] = static_cast<double>(allocated);
     state.counters["x_ideal"] = trip / IdealNanoseconds(kFrameSize);
 }
 
-// range(0): lists in a chain; range(1): adapters, used in turn, each with a module of its own when
+// range(0): NBLs in a chain; range(1): adapters, used in turn, each with a module of its own when
 // range(2) says that the driver is there.
-void CrossStacks(benchmark::State& state, Way way) {
+void CrossStacks(benchmark::State& state, Path path) {
     IdealNanoseconds(kFrameSize);
     Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
     machine.Run([&] {
         if (state.range(2) != 0) {
             machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         }
-        std::vector<std::unique_ptr<Crossing>> trips;
+        std::vector<std::unique_ptr<Traffic>> traffics;
         for (std::uint32_t i = 1; i <= state.range(1); ++i) {
             Stack& stack = machine.ndis().AddAdapter({.ifIndex = i});
-            trips.push_back(
-                std::make_unique<Crossing>(machine, stack, way, kFrameSize, state.range(0)));
+            traffics.push_back(
+                std::make_unique<Traffic>(machine, stack, path, kFrameSize, state.range(0)));
         }
-        Measure(state, machine, trips);
+        Measure(state, machine, traffics);
         machine.UnloadDriver("NETSIEVE");
     });
 }
 
 void BM_SendAndComplete(benchmark::State& state) {
-    CrossStacks(state, Way::kSend);
+    CrossStacks(state, Path::kSend);
 }
 void BM_ReceiveAndReturn(benchmark::State& state) {
-    CrossStacks(state, Way::kReceive);
+    CrossStacks(state, Path::kReceive);
 }
 
 void EveryShape(benchmark::internal::Benchmark* benchmark) {
-    benchmark->ArgNames({"lists", "modules", "driver"})
+    benchmark->ArgNames({"nbls", "modules", "driver"})
         ->ArgsProduct({{1, 8, 64}, {1, 8, 64}, {0, 1}})
         ->MinTime(0.1);
 }

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <vector>
 
-#include "bench/crossing.h"
 #include "bench/hooks.h"
 #include "bench/ideal_loop.h"
+#include "bench/traffic.h"
 #include "driver/driver_entry.h"
 #include "module/driver_globals.h"
 
@@ -31,26 +31,26 @@ LONG NTAPI TakeAndComplete(PVOID, NIRP* nirp) {
 }
 
 /// What was allocated since the last call: blocks of memory, which a path must do without, and
-/// lists with their contexts, of which each frame of the driver's own has one.
+/// NBLs with their contexts, of which each frame of the driver's own has one.
 class Allocated {
   public:
     explicit Allocated(Machine& machine) : machine_(machine) {}
     void Start() {
-        blocks_ = machine_.pool().Allocations();
-        lists_ = machine_.ndis().lists().Allocations();
+        blocks_ = machine_.pool().allocations();
+        nbls_ = machine_.ndis().nblPools().allocations();
     }
     void Report(benchmark::State& state, double frames) const {
-        if (machine_.pool().Allocations() != blocks_) {
+        if (machine_.pool().allocations() != blocks_) {
             state.SkipWithError("the path allocated memory");
         }
-        const std::uint64_t lists = machine_.ndis().lists().Allocations() - lists_;
-        state.counters["new_lists_per_frame"] = static_cast<double>(lists) / frames;
+        const std::uint64_t nbls = machine_.ndis().nblPools().allocations() - nbls_;
+        state.counters["new_nbls_per_frame"] = static_cast<double>(nbls) / frames;
     }
 
   private:
     Machine& machine_;
     std::uint64_t blocks_ = 0;
-    std::uint64_t lists_ = 0;
+    std::uint64_t nbls_ = 0;
 };
 
 void ReportTime(benchmark::State& state, double took, double frames, double ideal) {
@@ -58,24 +58,24 @@ void ReportTime(benchmark::State& state, double took, double frames, double idea
     state.counters["x_ideal"] = took / frames / ideal;
 }
 
-// range(0): bytes of a frame; range(1): lists in a call; range(2): whether the hook takes each
+// range(0): bytes of a frame; range(1): NBLs in a call; range(2): whether the hook takes each
 // frame over. The row beside it, where the hook lets it pass, is interception alone.
-void TakeOver(benchmark::State& state, Way way) {
+void TakeOver(benchmark::State& state, Path path) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const double ideal = IdealNanoseconds(size);
     Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            Crossing crossing(machine, machine.ndis().AddAdapter(), way, size, state.range(1));
+            Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
             Hooks hooks;
             hooks.Add(state.range(2) != 0 ? TakeAndComplete : Pass);
-            crossing.Go();  // the first trip brings the context space and the protocol's name
+            traffic.Go();  // the first trip brings the context space and the protocol's name
             Allocated allocated(machine);
             allocated.Start();
             const double start = ThreadNanoseconds();
             for (auto _ : state) {
-                crossing.Go();
+                traffic.Go();
             }
             const double took = ThreadNanoseconds() - start;
             const double frames =
@@ -88,14 +88,14 @@ void TakeOver(benchmark::State& state, Way way) {
 }
 
 void BM_TakeOverSent(benchmark::State& state) {
-    TakeOver(state, Way::kSend);
+    TakeOver(state, Path::kSend);
 }
 void BM_TakeOverReceived(benchmark::State& state) {
-    TakeOver(state, Way::kReceive);
+    TakeOver(state, Path::kReceive);
 }
 
 void EveryShape(benchmark::internal::Benchmark* benchmark) {
-    benchmark->ArgNames({"bytes", "lists", "pending"})
+    benchmark->ArgNames({"bytes", "nbls", "pending"})
         ->ArgsProduct({{60, 1514}, {1, 64}, {0, 1}})
         ->MinTime(0.1);
 }

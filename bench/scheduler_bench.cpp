@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/machine.h"
-#include "host/ndis/frame_lists.h"
+#include "host/ndis/nbl_factory.h"
 #include "host/ndis/ndis.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
@@ -57,13 +57,13 @@ void DataPathPoints(benchmark::State& state) {
             for (unsigned i = 0; i < 4; ++i) {
                 threads.push_back(
                     machine.scheduler().Start({.name = "sender", .processor = i}, [&] {
-                        FrameLists lists(machine, stack.protocol().pool());
+                        NblFactory nbls(machine, stack.protocol().pool());
                         const std::vector<std::uint8_t> frame(60, 0x5A);
-                        PNET_BUFFER_LIST const list = lists.Make(frame);
+                        PNET_BUFFER_LIST const nbl = nbls.Make(frame);
                         for (int call = 0; call < kCalls / 4; ++call) {
-                            stack.protocol().Send(list);
+                            stack.protocol().Send(nbl);
                         }
-                        lists.Free(list);
+                        nbls.Free(nbl);
                     }));
             }
             machine.scheduler().JoinAll(threads);

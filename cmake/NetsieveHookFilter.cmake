@@ -3,7 +3,7 @@
 # netsieve_add_hook_filter(NAME SOURCES file... [VERSION a.b.c.d] [DESCRIPTION text] [OUTPUT dir])
 #
 # Declares the hook filter NAME, a C identifier. Built for this machine it makes two targets:
-#   NAME        the module NAME.so, which `netsieve replay --hook module:` loads;
+#   NAME        the module NAME.so, which `netsieve replay --hook driver:` loads;
 #   NAME_host   a static library for tests, which brings the driver and its host along; the entry
 #               routine is called NAME_DriverEntry in it, since the driver has a DriverEntry too.
 # Built with the toolchain file for Windows it makes one:
@@ -22,7 +22,7 @@ function(netsieve_add_hook_filter name)
     if(CMAKE_SYSTEM_NAME STREQUAL "Windows")
         _netsieve_hook_image(${name})
     else()
-        _netsieve_hook_module(${name})
+        _netsieve_hook_object(${name})
     endif()
 endfunction()
 
@@ -48,7 +48,7 @@ function(_netsieve_hook_image name)
     target_link_libraries(${name} PRIVATE netsieve::hook)
 endfunction()
 
-function(_netsieve_hook_module name)
+function(_netsieve_hook_object name)
     add_library(${name} MODULE ${hook_SOURCES})
     set_target_properties(${name} PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY "${hook_OUTPUT}")
     add_library(${name}_host STATIC EXCLUDE_FROM_ALL ${hook_SOURCES})

@@ -15,10 +15,10 @@ struct Item {
 };
 constexpr Item kItems[] = {
     {&Accounting::poolBlocks, "pool block(s)"},
-    {&Accounting::listsAway, "list(s) away from home"},
-    {&Accounting::driverLists, "list(s) of drivers"},
-    {&Accounting::listPools, "list pool(s)"},
-    {&Accounting::descriptors, "memory descriptor list(s)"},
+    {&Accounting::nblsOutstanding, "NBL(s) away from home"},
+    {&Accounting::driverNbls, "NBL(s) of drivers"},
+    {&Accounting::nblPools, "NBL pool(s)"},
+    {&Accounting::mdls, "memory descriptor list(s)"},
     {&Accounting::devices, "device(s)"},
     {&Accounting::workItems, "work item(s)"},
     {&Accounting::timers, "timer(s)"},
@@ -45,15 +45,15 @@ std::string Accounting::Describe() const {
 
 Accounting TakeStock(Machine& machine) {
     Ndis& ndis = machine.ndis();
-    return {.poolBlocks = machine.pool().LiveBlocks(),
-            .listsAway = ndis.lists().tracker().Away(),
-            .driverLists = ndis.lists().DriverLists(),
-            .listPools = ndis.lists().DriverPools(),
-            .descriptors = machine.mdls().Live(),
+    return {.poolBlocks = machine.pool().liveBlocks(),
+            .nblsOutstanding = ndis.nblPools().tracker().Outstanding(),
+            .driverNbls = ndis.nblPools().DriverNbls(),
+            .nblPools = ndis.nblPools().DriverPools(),
+            .mdls = machine.mdls().Live(),
             .devices = machine.devices().Live(),
             .workItems = machine.devices().LiveWorkItems(),
             .timers = machine.timers().Live(),
-            .waiters = machine.events().Waiters(),
+            .waiters = machine.events().waiters(),
             .registrations = ndis.Registrations()};
 }
 

@@ -11,11 +11,11 @@ class Machine;
 /// Counts of everything that someone has to give back. After the drivers are unloaded and the
 /// traffic has ended each of them is 0; whoever owns what is left was not done with it.
 struct Accounting {
-    std::uint64_t poolBlocks = 0;   ///< tagged memory
-    std::uint64_t listsAway = 0;    ///< lists given away and not home (needs the verifier)
-    std::uint64_t driverLists = 0;  ///< lists allocated from drivers' pools and not freed
-    std::uint64_t listPools = 0;    ///< pools of drivers
-    std::uint64_t descriptors = 0;  ///< memory descriptor lists of drivers
+    std::uint64_t poolBlocks = 0;       ///< tagged memory
+    std::uint64_t nblsOutstanding = 0;  ///< NBLs given away and not home (needs the verifier)
+    std::uint64_t driverNbls = 0;       ///< NBLs allocated from drivers' pools and not freed
+    std::uint64_t nblPools = 0;         ///< pools of drivers
+    std::uint64_t mdls = 0;             ///< memory descriptor lists of drivers
     std::uint64_t devices = 0;
     std::uint64_t workItems = 0;
     std::uint64_t timers = 0;         ///< armed, or with a routine queued or running

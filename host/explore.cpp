@@ -23,7 +23,7 @@ OneRun RunOnce(const MachineOptions& options,
     Machine machine(options);
     OneRun run;
     run.result = machine.Run([&] { body(machine); });
-    machine.ndis().ReportLostLists();
+    machine.ndis().ReportLostNbls();
     run.what = machine.verifier().Describe();
     if (run.what.empty() && !run.result.completed) {
         run.what = run.result.abandonReason;
@@ -59,14 +59,14 @@ ExploreResult WalkTree(const ExploreAllOptions& options,
             machine, [&](Machine& made) { body(made, tree); }, check);
         ++result.schedules;
         result.points += run.result.points;
-        if (tree.Diverged()) {
+        if (tree.diverged()) {
             run.what = "the scenario did not repeat itself; nothing but the schedule may decide";
         }
         if (!run.what.empty()) {
             result.finding = {
                 .what = std::move(run.what),
                 .replay = fmt::format("replay: NETSIEVE_CHOICES={} with the scenario '{}'",
-                                      tree.Name(), options.name)};
+                                      tree.name(), options.name)};
         }
     }
     return result;

@@ -37,7 +37,7 @@ struct ExploreResult {
 };
 
 /// Runs `body` as the first thread of a new machine for each seed, until one of them breaks a rule,
-/// loses a list, does not end, or makes `check` return a text (which is asked when the run is over;
+/// loses an NBL, does not end, or makes `check` return a text (which is asked when the run is over;
 /// empty is good). The first finding ends the search.
 ExploreResult Explore(const ExploreOptions& options,
                       const std::function<void(Machine&)>& body,

@@ -29,13 +29,13 @@ bool LoadedDriver::Prepare(std::string& error) {
         }
         ImageResult<KernelImage> loaded = KernelImage::Load(source_.image, imports);
         if (!loaded) {
-            error = loaded.Fault().message;
+            error = loaded.fault().message;
             return false;
         }
-        image_ = std::make_unique<KernelImage>(std::move(loaded.Value()));
+        image_ = std::make_unique<KernelImage>(std::move(loaded.value()));
         entry_ = reinterpret_cast<PDRIVER_INITIALIZE>(image_->EntryPoint());
-        object_.DriverStart = const_cast<void*>(static_cast<const void*>(image_->Memory().data()));
-        object_.DriverSize = static_cast<ULONG>(image_->Memory().size());
+        object_.DriverStart = const_cast<void*>(static_cast<const void*>(image_->memory().data()));
+        object_.DriverSize = static_cast<ULONG>(image_->memory().size());
     }
     object_.DriverInit = entry_;
     return true;

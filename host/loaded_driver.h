@@ -31,17 +31,17 @@ class LoadedDriver {
     explicit LoadedDriver(DriverSource source);
     ~LoadedDriver();
 
-    const std::string& Name() const { return source_.name; }
-    int Altitude() const { return source_.altitude; }
-    DRIVER_OBJECT& Object() { return object_; }
+    const std::string& name() const { return source_.name; }
+    int altitude() const { return source_.altitude; }
+    DRIVER_OBJECT& object() { return object_; }
     /// Maps the image if the driver is one. False with the reason when it cannot be loaded.
     bool Prepare(std::string& error);
-    PDRIVER_INITIALIZE Entry() const { return entry_; }
-    const KernelImage* Image() const { return image_.get(); }
-    bool Unloading() const { return unloading_; }
+    PDRIVER_INITIALIZE entry() const { return entry_; }
+    const KernelImage* image() const { return image_.get(); }
+    bool unloading() const { return unloading_; }
     void SetUnloading() { unloading_ = true; }
     /// Unloaded: nothing of it may run but a routine's way out.
-    bool Gone() const { return gone_.load(std::memory_order_acquire); }
+    bool gone() const { return gone_.load(std::memory_order_acquire); }
     void SetGone() { gone_.store(true, std::memory_order_release); }
 
     /// The driver of the innermost callback that `context` is inside of; null outside of any.

@@ -85,7 +85,7 @@ RunResult Machine::Run(const std::function<void()>& body) {
         verifier_.Report(Rule::kDeadlock, result.abandonReason);
     }
     pool_->Settle();
-    ndis_->lists().Settle();
+    ndis_->nblPools().Settle();
     return result;
 }
 
@@ -97,7 +97,7 @@ NTSTATUS Machine::LoadDriver(const DriverSource& source) {
         WriteDebug(fmt::format("{} cannot be loaded: {}\n", source.name, error));
         return STATUS_UNSUCCESSFUL;
     }
-    if (driver.Image() != nullptr && locks_ != nullptr) {
+    if (driver.image() != nullptr && locks_ != nullptr) {
         locks_->AcceptInlineInitialisation();
     }
     {
@@ -114,7 +114,7 @@ NTSTATUS Machine::LoadDriver(const DriverSource& source) {
             .MaximumLength = static_cast<USHORT>(path.size() * sizeof(WCHAR)),
             .Buffer = const_cast<PWSTR>(path.data())};
         const CallbackScope scope("DriverEntry", &driver, nullptr);
-        status = driver.Entry()(&driver.Object(), &registryPath);
+        status = driver.entry()(&driver.object(), &registryPath);
     }
     ndis_->WaitForAttaches(&driver);
     if (!NT_SUCCESS(status)) {
@@ -125,13 +125,13 @@ NTSTATUS Machine::LoadDriver(const DriverSource& source) {
 
 void Machine::UnloadDriver(const std::string& name) {
     LoadedDriver* const driver = FindDriver(name);
-    if (driver == nullptr || driver->Object().DriverUnload == nullptr) {
+    if (driver == nullptr || driver->object().DriverUnload == nullptr) {
         return;
     }
     driver->SetUnloading();
     {
         const CallbackScope scope("DriverUnload", driver, nullptr);
-        driver->Object().DriverUnload(&driver->Object());
+        driver->object().DriverUnload(&driver->object());
     }
     Retire(*driver);
 }
@@ -147,19 +147,19 @@ void Machine::Retire(LoadedDriver& driver) {
 }
 
 void Machine::CheckNothingLeft(LoadedDriver& driver) {
-    if (!verifier_.Enabled()) {
+    if (!verifier_.enabled()) {
         return;
     }
     const std::size_t routines = devices_->RoutinesOf(&driver) + timers_->Outstanding(&driver);
     if (routines != 0) {
         verifier_.Report(Rule::kRoutineOutlivesDriver,
                          fmt::format("{}: {} work item or timer routine(s) armed or queued",
-                                     driver.Name(), routines));
+                                     driver.name(), routines));
     }
     const auto blocks =
         pool_->Find([&](const PoolBlock& block) { return block.driver == &driver; });
     for (const PoolBlock& block : blocks) {
-        verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", driver.Name(),
+        verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", driver.name(),
                                                       TagText(block.tag), block.size));
     }
     const struct {
@@ -170,13 +170,13 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
         {"work item(s)", devices_->WorkItemsOf(&driver)},
         {"registry handle(s)", registry_->HandlesOf(&driver)},
         {"memory descriptor list(s)", mdls_->AllocatedBy(&driver)},
-        {"list pool(s)", ndis_->lists().PoolsOf(&driver)},
+        {"NBL pool(s)", ndis_->nblPools().PoolsOf(&driver)},
         {"filter registration", ndis_->IsRegistered(&driver) ? std::size_t{1} : 0},
     };
     for (const auto& object : objects) {
         if (object.count != 0) {
             verifier_.Report(Rule::kObjectLeak,
-                             fmt::format("{}: {} {}", driver.Name(), object.count, object.what));
+                             fmt::format("{}: {} {}", driver.name(), object.count, object.what));
         }
     }
 }
@@ -184,14 +184,14 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
 LoadedDriver* Machine::FindDriver(const std::string& name) {
     HostLock lock(mutex_);
     const auto it = std::find_if(drivers_.begin(), drivers_.end(),
-                                 [&](const auto& driver) { return driver->Name() == name; });
+                                 [&](const auto& driver) { return driver->name() == name; });
     return it == drivers_.end() ? nullptr : it->get();
 }
 
 LoadedDriver* Machine::DriverOf(const DRIVER_OBJECT* object) {
     HostLock lock(mutex_);
     const auto it = std::find_if(drivers_.begin(), drivers_.end(),
-                                 [&](const auto& driver) { return &driver->Object() == object; });
+                                 [&](const auto& driver) { return &driver->object() == object; });
     return it == drivers_.end() ? nullptr : it->get();
 }
 
@@ -201,10 +201,10 @@ void Machine::EnterCallChecked(const char* routine) {
     // wait for, but on it nothing of the driver may be used any more.
     if (const auto* frame = CurrentContext().frame;
         frame != nullptr && frame->driver != nullptr &&
-        static_cast<LoadedDriver*>(frame->driver)->Gone()) {
+        static_cast<LoadedDriver*>(frame->driver)->gone()) {
         verifier_.Report(Rule::kRoutineOutlivesDriver,
                          fmt::format("{} called by {}, which is unloaded", routine,
-                                     static_cast<LoadedDriver*>(frame->driver)->Name()));
+                                     static_cast<LoadedDriver*>(frame->driver)->name()));
     }
     scheduler_->Point(PointKind::kCall);
 }

@@ -103,7 +103,7 @@ class Machine {
     }
 
     /// What drivers printed with DbgPrint, in order.
-    const std::vector<std::string>& DebugOutput() const { return debugOutput_; }
+    const std::vector<std::string>& debugOutput() const { return debugOutput_; }
     void WriteDebug(std::string text);
 
     /// The memory is about to be freed: locks and timers in it are forgotten, live ones reported.

@@ -35,9 +35,9 @@ for driver in native "$image"; do
     echo
 done
 
-replay native "$scratch/native.pcap" --hook "module:$build/samples/block_dns.so"
+replay native "$scratch/native.pcap" --hook "driver:$build/samples/block_dns.so"
 echo
-replay "$image" "$scratch/image.pcap" --hook "module:$build/image/block_dns.sys"
+replay "$image" "$scratch/image.pcap" --hook "driver:$build/image/block_dns.sys"
 cmp "$scratch/native.pcap" "$scratch/image.pcap"
 echo "== both outputs are the same to the byte"
 echo

@@ -51,11 +51,11 @@ class ImageResult {
     ImageResult(T value) : state_(std::move(value)) {}
     ImageResult(ImageFault fault) : state_(std::move(fault)) {}
 
-    /// Whether there is a value. Value() may be called only then, Fault() only otherwise.
+    /// Whether there is a value. value() may be called only then, fault() only otherwise.
     explicit operator bool() const { return state_.index() == 0; }
-    T& Value() { return std::get<0>(state_); }
-    const T& Value() const { return std::get<0>(state_); }
-    const ImageFault& Fault() const { return std::get<1>(state_); }
+    T& value() { return std::get<0>(state_); }
+    const T& value() const { return std::get<0>(state_); }
+    const ImageFault& fault() const { return std::get<1>(state_); }
 
   private:
     std::variant<T, ImageFault> state_;

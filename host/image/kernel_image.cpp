@@ -42,7 +42,7 @@ void CheckDirectories(const PeFile& file) {
                              fmt::format("the image has {}, which no driver can have", what)};
         }
     }
-    for (const PeExport& entry : file.Exports()) {
+    for (const PeExport& entry : file.exports()) {
         if (!entry.forwarder.empty()) {
             throw ImageFault{ImageError::kUnsupported,
                              fmt::format("the export {} is forwarded to {}; export a function of "
@@ -53,18 +53,18 @@ void CheckDirectories(const PeFile& file) {
 }
 
 void CheckSections(const PeFile& file) {
-    for (const PeSection& section : file.Sections()) {
+    for (const PeSection& section : file.sections()) {
         if (section.writable && section.executable) {
             throw ImageFault{
                 ImageError::kWritableCode,
                 fmt::format("section {} is both writable and executable", section.name)};
         }
     }
-    const PeSection* entry = file.SectionAt(file.Header().entryPoint);
+    const PeSection* entry = file.SectionAt(file.header().entryPoint);
     if (entry == nullptr || !entry->executable) {
         throw ImageFault{ImageError::kBadEntryPoint,
                          fmt::format("the entry point {:#x} is not in an executable section",
-                                     file.Header().entryPoint)};
+                                     file.header().entryPoint)};
     }
 }
 
@@ -94,22 +94,22 @@ ImageResult<KernelImage> KernelImage::Load(const std::filesystem::path& path,
                                            const ImportResolver& resolver) {
     ImageResult<std::vector<std::uint8_t>> bytes = ReadImageFile(path);
     if (!bytes) {
-        return bytes.Fault();
+        return bytes.fault();
     }
-    return Load(bytes.Value(), resolver);
+    return Load(bytes.value(), resolver);
 }
 
 ImageResult<KernelImage> KernelImage::Load(std::span<const std::uint8_t> file,
                                            const ImportResolver& resolver) {
     ImageResult<PeFile> parsed = PeFile::Parse(file);
     if (!parsed) {
-        return parsed.Fault();
+        return parsed.fault();
     }
     try {
-        CheckLoadable(parsed.Value());
-        std::vector<void*> imports = ResolveImports(parsed.Value(), resolver);
-        std::uint8_t* base = Reserve(parsed.Value());
-        KernelImage image(std::move(parsed.Value()), base);
+        CheckLoadable(parsed.value());
+        std::vector<void*> imports = ResolveImports(parsed.value(), resolver);
+        std::uint8_t* base = Reserve(parsed.value());
+        KernelImage image(std::move(parsed.value()), base);
         image.Relocate();
         image.Bind(imports);
         image.Protect();
@@ -120,11 +120,11 @@ ImageResult<KernelImage> KernelImage::Load(std::span<const std::uint8_t> file,
 }
 
 void KernelImage::CheckLoadable(const PeFile& file) {
-    const PeHeader& header = file.Header();
-    if (header.checksum != file.ComputedChecksum()) {
+    const PeHeader& header = file.header();
+    if (header.checksum != file.computedChecksum()) {
         throw ImageFault{ImageError::kWrongChecksum,
                          fmt::format("the checksum is {:#x}, but the bytes add up to {:#x}",
-                                     header.checksum, file.ComputedChecksum())};
+                                     header.checksum, file.computedChecksum())};
     }
     if (header.subsystem != kNativeSubsystem) {
         throw ImageFault{ImageError::kWrongSubsystem,
@@ -138,7 +138,7 @@ void KernelImage::CheckLoadable(const PeFile& file) {
 std::vector<void*> KernelImage::ResolveImports(const PeFile& file, const ImportResolver& resolver) {
     std::vector<void*> addresses;
     std::string unknown;
-    for (const PeImport& import : file.Imports()) {
+    for (const PeImport& import : file.imports()) {
         if (import.name.empty()) {
             throw ImageFault{
                 ImageError::kImportByOrdinal,
@@ -158,7 +158,7 @@ std::vector<void*> KernelImage::ResolveImports(const PeFile& file, const ImportR
 
 // A movable image is not asked for at its own base, so that a missing relocation shows at once.
 std::uint8_t* KernelImage::Reserve(const PeFile& file) {
-    const PeHeader& header = file.Header();
+    const PeHeader& header = file.header();
     void* wanted = header.fixed ? reinterpret_cast<void*>(header.imageBase) : nullptr;
     int flags = MAP_PRIVATE | MAP_ANONYMOUS | (header.fixed ? MAP_FIXED_NOREPLACE : 0);
     void* base = mmap(wanted, header.imageSize, PROT_READ | PROT_WRITE, flags, -1, 0);
@@ -173,13 +173,13 @@ std::uint8_t* KernelImage::Reserve(const PeFile& file) {
 }
 
 KernelImage::KernelImage(PeFile file, std::uint8_t* base)
-    : file_(std::move(file)), base_(base), size_(file_.Header().imageSize) {
-    std::memcpy(base_, file_.Layout().data(), size_);
+    : file_(std::move(file)), base_(base), size_(file_.header().imageSize) {
+    std::memcpy(base_, file_.layout().data(), size_);
 }
 
 void KernelImage::Relocate() {
-    std::uint64_t distance = reinterpret_cast<std::uint64_t>(base_) - file_.Header().imageBase;
-    for (std::uint32_t address : file_.Relocations()) {
+    std::uint64_t distance = reinterpret_cast<std::uint64_t>(base_) - file_.header().imageBase;
+    for (std::uint32_t address : file_.relocations()) {
         std::uint64_t pointer;
         std::memcpy(&pointer, base_ + address, sizeof(pointer));
         pointer += distance;
@@ -189,14 +189,14 @@ void KernelImage::Relocate() {
 
 void KernelImage::Bind(const std::vector<void*>& addresses) {
     for (std::size_t index = 0; index < addresses.size(); ++index) {
-        std::memcpy(base_ + file_.Imports()[index].slot, &addresses[index], sizeof(void*));
+        std::memcpy(base_ + file_.imports()[index].slot, &addresses[index], sizeof(void*));
     }
 }
 
 void KernelImage::Protect() {
-    const PeHeader& header = file_.Header();
-    SetProtection(base_, file_.Sections().front().address, PROT_READ);
-    for (const PeSection& section : file_.Sections()) {
+    const PeHeader& header = file_.header();
+    SetProtection(base_, file_.sections().front().address, PROT_READ);
+    for (const PeSection& section : file_.sections()) {
         std::size_t pages = (section.size + header.sectionAlignment - std::size_t{1}) &
                             ~(header.sectionAlignment - std::size_t{1});
         SetProtection(base_ + section.address, pages,
@@ -231,7 +231,7 @@ void KernelImage::Unmap() noexcept {
 }
 
 void* KernelImage::EntryPoint() const {
-    return base_ + file_.Header().entryPoint;
+    return base_ + file_.header().entryPoint;
 }
 
 void* KernelImage::FindExport(std::string_view name) const {

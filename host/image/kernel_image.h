@@ -40,9 +40,9 @@ class KernelImage {
     bool Contains(const void* address) const;
     bool ContainsCode(const void* address) const;
 
-    std::span<const std::uint8_t> Memory() const { return {base_, size_}; }
+    std::span<const std::uint8_t> memory() const { return {base_, size_}; }
     /// What the file says of itself.
-    const PeFile& File() const { return file_; }
+    const PeFile& file() const { return file_; }
 
   private:
     KernelImage(PeFile file, std::uint8_t* base);

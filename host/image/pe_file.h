@@ -85,21 +85,21 @@ class PeFile {
     /// image, checksum included, is for the caller to decide.
     static ImageResult<PeFile> Parse(std::span<const std::uint8_t> file);
 
-    const PeHeader& Header() const { return header_; }
-    const std::vector<PeSection>& Sections() const { return sections_; }
-    const std::vector<PeImport>& Imports() const { return imports_; }
+    const PeHeader& header() const { return header_; }
+    const std::vector<PeSection>& sections() const { return sections_; }
+    const std::vector<PeImport>& imports() const { return imports_; }
     /// In ascending order of name.
-    const std::vector<PeExport>& Exports() const { return exports_; }
+    const std::vector<PeExport>& exports() const { return exports_; }
     /// The addresses of the 64-bit pointers to which the distance from imageBase is added.
-    const std::vector<std::uint32_t>& Relocations() const { return relocations_; }
-    const std::vector<PeFunction>& Functions() const { return functions_; }
+    const std::vector<std::uint32_t>& relocations() const { return relocations_; }
+    const std::vector<PeFunction>& functions() const { return functions_; }
 
     /// Whether the image has this directory.
     bool Has(PeDirectory directory) const;
     /// The checksum the file should carry.
-    std::uint32_t ComputedChecksum() const { return computedChecksum_; }
-    /// The image as it is laid out in memory: Header().imageSize bytes, not relocated or bound.
-    std::span<const std::uint8_t> Layout() const { return layout_; }
+    std::uint32_t computedChecksum() const { return computedChecksum_; }
+    /// The image as it is laid out in memory: header().imageSize bytes, not relocated or bound.
+    std::span<const std::uint8_t> layout() const { return layout_; }
     /// The section that holds `address`, or null.
     const PeSection* SectionAt(std::uint32_t address) const;
     /// The export of this name, or null.

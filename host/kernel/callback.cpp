@@ -20,7 +20,7 @@ CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* mo
 CallbackScope::~CallbackScope() {
     Context& context = CurrentContext();
     Machine& machine = Machine::Current();
-    if (machine.verifier().Enabled()) {
+    if (machine.verifier().enabled()) {
         if (context.held.size() > frame_.heldAtEntry) {
             machine.verifier().Report(
                 Rule::kCallbackHoldsLock,

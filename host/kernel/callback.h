@@ -19,7 +19,7 @@ class CallbackScope {
     CallbackScope(const CallbackScope&) = delete;
     CallbackScope& operator=(const CallbackScope&) = delete;
 
-    CallFrame& Frame() { return frame_; }
+    CallFrame& frame() { return frame_; }
 
   private:
     CallFrame frame_;

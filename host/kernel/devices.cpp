@@ -36,13 +36,13 @@ void Devices::Delete(PDEVICE_OBJECT device) {
     const auto it = std::find_if(devices_.begin(), devices_.end(),
                                  [&](const auto& other) { return other.get() == device; });
     if (it == devices_.end()) {
-        machine_.verifier().Report(Rule::kPoolForeignPointer,
+        machine_.verifier().Report(Rule::kPoolInvalidPointer,
                                    "IoDeleteDevice of what is no device of this machine");
         return;
     }
     if (LoadedDriver* const driver = device->driver;
-        driver != nullptr && driver->Object().DeviceObject == device) {
-        driver->Object().DeviceObject = nullptr;
+        driver != nullptr && driver->object().DeviceObject == device) {
+        driver->object().DeviceObject = nullptr;
     }
     devices_.erase(it);
 }

@@ -30,7 +30,7 @@ void Events::Initialise(PKEVENT event, EVENT_TYPE type, bool state) {
 }
 
 void Events::CheckInitialised(PKEVENT event, const char* routine) {
-    if (verifier_.Enabled() &&
+    if (verifier_.enabled() &&
         (event->Header.Size != kEventSize || event->Header.Type > SynchronizationEvent)) {
         verifier_.Report(Rule::kEventUninitialised,
                          fmt::format("{} on an event in {}", routine,
@@ -107,7 +107,7 @@ NTSTATUS Events::Wait(PKEVENT event, Ticks deadline, const char* routine) {
 
 void Events::CheckWaitAllowed(const char* routine) {
     const Context& context = CurrentContext();
-    if (verifier_.Enabled() && (context.irql >= DISPATCH_LEVEL || !context.held.empty())) {
+    if (verifier_.enabled() && (context.irql >= DISPATCH_LEVEL || !context.held.empty())) {
         verifier_.Report(Rule::kWaitLevel, fmt::format("{} at IRQL {} with {} spin lock(s) held",
                                                        routine, context.irql, context.held.size()));
     }
@@ -169,7 +169,7 @@ LONG NTAPI KeSetEvent(PKEVENT Event, KPRIORITY, BOOLEAN) {
         return SetSlowly(Event);
     }
     const LONG before = __atomic_exchange_n(&Event->Header.SignalState, 1, __ATOMIC_SEQ_CST);
-    if (Machine::Current().events().Waiters() != 0) {
+    if (Machine::Current().events().waiters() != 0) {
         ReleaseSlowly(Event);
     }
     return before;

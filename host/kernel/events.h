@@ -25,7 +25,7 @@ class Events {
     /// The second half of Set, for a caller that has stored the signal itself.
     void ReleaseWaiters(PKEVENT event);
     /// Contexts that wait now.
-    unsigned Waiters() const { return waiterCount_.load(); }
+    unsigned waiters() const { return waiterCount_.load(); }
 
   private:
     struct Waiter {

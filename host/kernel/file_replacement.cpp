@@ -42,7 +42,7 @@ FileReplacement::FileReplacement(const std::filesystem::path& path) {
     exists_ = stat(path_.c_str(), &noted_) == 0;
 }
 
-bool FileReplacement::ReadOnly() const {
+bool FileReplacement::readOnly() const {
     return exists_ && ((noted_.st_mode & 0222) == 0 ||
                        faccessat(AT_FDCWD, path_.c_str(), W_OK, AT_EACCESS) != 0);
 }

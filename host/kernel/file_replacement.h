@@ -16,10 +16,10 @@ class FileReplacement {
     /// Takes note of the file as it is now; it need not exist. A symbolic link is followed.
     explicit FileReplacement(const std::filesystem::path& path);
 
-    const std::filesystem::path& Path() const { return path_; }
+    const std::filesystem::path& path() const { return path_; }
     bool Exists() const { return exists_; }
     /// Whether somebody meant the file not to be changed, even where root could.
-    bool ReadOnly() const;
+    bool readOnly() const;
 
     /// `write` is given the path to write to, returns false and sets errno when it fails. The new
     /// file gets the old one's permissions. False with the reason when the file is not replaced,

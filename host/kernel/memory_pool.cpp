@@ -45,7 +45,7 @@ MemoryPool::~MemoryPool() {
 void* MemoryPool::Allocate(std::size_t size, std::uint32_t tag, PoolKind kind) {
     allocations_.fetch_add(1, std::memory_order_relaxed);
     live_.fetch_add(1, std::memory_order_relaxed);
-    return verifier_.Enabled() ? AllocateChecked(size, tag, kind) : std::malloc(size);
+    return verifier_.enabled() ? AllocateChecked(size, tag, kind) : std::malloc(size);
 }
 
 void* MemoryPool::AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind kind) {
@@ -72,7 +72,7 @@ void* MemoryPool::AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind 
 }
 
 void MemoryPool::Free(void* block, std::uint32_t tag) {
-    if (verifier_.Enabled()) {
+    if (verifier_.enabled()) {
         FreeChecked(block, tag);
         return;
     }
@@ -99,7 +99,7 @@ void MemoryPool::FreeChecked(void* block, std::uint32_t tag) {
                              fmt::format("block '{}' of {} bytes", TagText(before->second.tag),
                                          before->second.size));
         } else {
-            verifier_.Report(Rule::kPoolForeignPointer,
+            verifier_.Report(Rule::kPoolInvalidPointer,
                              Describe(block) + " is not a block's start");
         }
         return;

@@ -42,9 +42,9 @@ class MemoryPool {
     void Free(void* block, std::uint32_t tag);
 
     /// Blocks allocated and not freed.
-    std::uint64_t LiveBlocks() const { return live_.load(std::memory_order_relaxed); }
+    std::uint64_t liveBlocks() const { return live_.load(std::memory_order_relaxed); }
     /// Allocations made since the start: what a path that allocates nothing leaves as it is.
-    std::uint64_t Allocations() const { return allocations_.load(std::memory_order_relaxed); }
+    std::uint64_t allocations() const { return allocations_.load(std::memory_order_relaxed); }
 
     /// Live blocks that satisfy `wanted`, by id. Needs the verifier.
     std::vector<PoolBlock> Find(const std::function<bool(const PoolBlock&)>& wanted);

@@ -123,7 +123,7 @@ NTSTATUS Registry::FindAbsolute(const std::vector<std::u16string>& path, KeyHand
     }
     found->store = best->store.get();
     const auto below = path.begin() + static_cast<std::ptrdiff_t>(best->path.size());
-    return FindRegistryPath(*found->store, found->store->Root(), {below, path.end()}, &found->key);
+    return FindRegistryPath(*found->store, found->store->root(), {below, path.end()}, &found->key);
 }
 
 NTSTATUS Registry::Use(HANDLE handle, ACCESS_MASK access, KeyHandle* used) {

@@ -25,7 +25,7 @@ class Registry {
     /// while no call is under way; handles that are open keep the store they were opened in.
     void Mount(std::u16string_view path, std::unique_ptr<RegistryStore> store);
     /// The store in memory; its root is \Registry.
-    RegistryMemoryStore& Memory() { return *memory_; }
+    RegistryMemoryStore& memory() { return *memory_; }
     /// Makes the service key of a driver in the memory, as its installation would have.
     void AddServiceKey(std::u16string_view service);
 

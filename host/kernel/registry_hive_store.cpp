@@ -163,7 +163,7 @@ bool RegistryHiveStore::Save(std::string& error) {
 std::u16string RegistryHiveStore::CurrentControlSet() {
     RegistryKey select = 0;
     RegistryValue current;
-    if (!NT_SUCCESS(FindChild(Root(), u"Select", &select)) ||
+    if (!NT_SUCCESS(FindChild(root(), u"Select", &select)) ||
         !NT_SUCCESS(ReadValue(select, u"Current", &current)) || DwordOf(current) == 0) {
         return {};
     }
@@ -171,7 +171,7 @@ std::u16string RegistryHiveStore::CurrentControlSet() {
     return {name.begin(), name.end()};
 }
 
-RegistryKey RegistryHiveStore::Root() const {
+RegistryKey RegistryHiveStore::root() const {
     return hivex_root(hive_);
 }
 
@@ -179,7 +179,7 @@ NTSTATUS RegistryHiveStore::FindKey(RegistryKey parent,
                                     std::u16string_view name,
                                     RegistryKey* key) {
     const NTSTATUS status = FindChild(parent, name, key);
-    if (status != STATUS_OBJECT_NAME_NOT_FOUND || parent != Root() ||
+    if (status != STATUS_OBJECT_NAME_NOT_FOUND || parent != root() ||
         FoldRegistryName(name) != FoldRegistryName(kCurrentControlSet)) {
         return status;
     }

@@ -29,14 +29,14 @@ class RegistryHiveStore : public RegistryStore {
     /// Replaces the file by what is in memory. False with the reason; the old file stays then.
     bool Save(std::string& error);
 
-    bool ReadOnly() const { return file_.ReadOnly(); }
+    bool readOnly() const { return file_.readOnly(); }
     /// Whether whoever had the hive loaded last did not finish writing it: what is missing is in a
     /// log beside it, which a change here would put at odds with it.
-    bool Unfinished() const { return unfinished_; }
+    bool unfinished() const { return unfinished_; }
     /// The name that CurrentControlSet stands for; empty when Select does not say.
     std::u16string CurrentControlSet();
 
-    RegistryKey Root() const override;
+    RegistryKey root() const override;
     NTSTATUS FindKey(RegistryKey parent, std::u16string_view name, RegistryKey* key) override;
     NTSTATUS AddKey(RegistryKey parent, std::u16string_view name, RegistryKey* key) override;
     NTSTATUS ReadValue(RegistryKey key, std::u16string_view name, RegistryValue* value) override;

@@ -10,7 +10,7 @@ namespace netsieve::host {
 
 class RegistryMemoryStore : public RegistryStore {
   public:
-    RegistryKey Root() const override { return 0; }
+    RegistryKey root() const override { return 0; }
     NTSTATUS FindKey(RegistryKey parent, std::u16string_view name, RegistryKey* key) override;
     NTSTATUS AddKey(RegistryKey parent, std::u16string_view name, RegistryKey* key) override;
     NTSTATUS ReadValue(RegistryKey key, std::u16string_view name, RegistryValue* value) override;

@@ -54,7 +54,7 @@ NTSTATUS FindRegistryPath(RegistryStore& store,
 }
 
 NTSTATUS CreateRegistryPath(RegistryStore& store, std::u16string_view path, RegistryKey* key) {
-    *key = store.Root();
+    *key = store.root();
     for (const std::u16string& name : SplitRegistryPath(path)) {
         NTSTATUS status = store.FindKey(*key, name, key);
         if (status == STATUS_OBJECT_NAME_NOT_FOUND) {

@@ -33,7 +33,7 @@ class RegistryStore {
   public:
     virtual ~RegistryStore() = default;
 
-    virtual RegistryKey Root() const = 0;
+    virtual RegistryKey root() const = 0;
     /// STATUS_OBJECT_NAME_NOT_FOUND when `parent` has no such child.
     virtual NTSTATUS FindKey(RegistryKey parent, std::u16string_view name, RegistryKey* key) = 0;
     /// Makes a child that does not exist yet.

@@ -13,30 +13,30 @@ Adapter::Adapter(Machine& machine, Stack& stack, AdapterOptions options)
     : stack_(stack),
       options_(std::move(options)),
       objects_(machine.options().ndisVersion, options_.mac, options_.ifIndex),
-      pool_(machine.ndis().lists().CreatePool(&party_, nullptr)),
-      pace_(machine,
-            fmt::format("adapter {} completes", options_.ifIndex),
-            machine.options().seed ^ (0xADA0ull + options_.ifIndex),
-            [this](PNET_BUFFER_LIST chain, bool dispatch) {
-                CompleteUp(stack_, nullptr, chain,
-                           dispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
-            }) {
-    party_.kind = PartyKind::kAdapter;
-    party_.stack = &stack_;
-    party_.name = fmt::format("adapter {}", options_.ifIndex);
-    party_.handle = objects_.adapter.Address();
+      pool_(machine.ndis().nblPools().CreatePool(&component_, nullptr)),
+      queue_(machine,
+             fmt::format("adapter {} completes", options_.ifIndex),
+             machine.options().seed ^ (0xADA0ull + options_.ifIndex),
+             [this](PNET_BUFFER_LIST chain, bool dispatch) {
+                 CompleteUp(stack_, nullptr, chain,
+                            dispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
+             }) {
+    component_.kind = ComponentKind::kAdapter;
+    component_.stack = &stack_;
+    component_.name = fmt::format("adapter {}", options_.ifIndex);
+    component_.handle = objects_.adapter.address();
 }
 
 bool Adapter::Indicate(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
-    return IndicateCounted(chain, port, CountLists(chain), flags);
+    return IndicateCounted(chain, port, CountNbls(chain), flags);
 }
 
 bool Adapter::IndicateCounted(PNET_BUFFER_LIST chain,
                               NDIS_PORT_NUMBER port,
                               ULONG count,
                               ULONG flags) {
-    const ULONG lists = CountLists(chain);
-    if (!stack_.Enter(lists)) {
+    const ULONG nbls = CountNbls(chain);
+    if (!stack_.Enter(nbls)) {
         return false;
     }
     if (CurrentContext().irql == DISPATCH_LEVEL) {
@@ -44,7 +44,7 @@ bool Adapter::IndicateCounted(PNET_BUFFER_LIST chain,
     }
     IndicateUp(stack_, nullptr, chain, port, count, flags);
     if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0) {
-        stack_.Leave(lists);
+        stack_.Leave(nbls);
     }
     return true;
 }
@@ -57,15 +57,15 @@ void Adapter::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
     if (onSend) {
         onSend(chain, port, flags);
     }
-    pace_.Take(chain, (flags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0);
+    queue_.Add(chain, (flags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0);
 }
 
 void Adapter::Returned(PNET_BUFFER_LIST chain, ULONG flags) {
-    const ULONG lists = CountLists(chain);
+    const ULONG nbls = CountNbls(chain);
     if (onReturned) {
         onReturned(chain, flags);
     }
-    stack_.Leave(lists);
+    stack_.Leave(nbls);
 }
 
 }  // namespace netsieve::host

@@ -5,10 +5,10 @@
 #include <functional>
 #include <string>
 
-#include "host/ndis/edge_pace.h"
 #include "host/ndis/internal_objects.h"
-#include "host/ndis/list_pools.h"
-#include "host/verifier/list_tracker.h"
+#include "host/ndis/nbl_pools.h"
+#include "host/ndis/nbl_queue.h"
+#include "host/verifier/nbl_tracker.h"
 
 namespace netsieve::host {
 
@@ -34,19 +34,19 @@ class Adapter {
     Adapter(Machine& machine, Stack& stack, AdapterOptions options);
 
     const AdapterOptions& options() const { return options_; }
-    /// When sent lists are completed.
-    EdgePace& pace() { return pace_; }
-    Party& party() { return party_; }
+    /// When sent NBLs are completed.
+    NblQueue& queue() { return queue_; }
+    Component& component() { return component_; }
     AdapterObjects& objects() { return objects_; }
-    /// Lists made from it are the adapter's own, to be indicated.
-    ListPool* pool() { return pool_; }
+    /// NBLs made from it are the adapter's own, to be indicated.
+    NblPool* pool() { return pool_; }
 
-    /// Indicates a chain of the adapter's lists. False when the stack does not take lists now: they
-    /// stay the caller's. Lent lists (NDIS_RECEIVE_FLAGS_RESOURCES) are the caller's again when
+    /// Indicates a chain of the adapter's NBLs. False when the stack does not take NBLs now: they
+    /// stay the caller's. Resources NBLs (NDIS_RECEIVE_FLAGS_RESOURCES) are the caller's again when
     /// this returns, the others when onReturned has been called with them. Adds the dispatch flag
     /// when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
     bool Indicate(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
-    /// The same, with a count of lists that the caller vouches for.
+    /// The same, with a count of NBLs that the caller vouches for.
     bool IndicateCounted(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags);
     /// Starts a status indication up the stack.
     void IndicateStatus(PNDIS_STATUS_INDICATION status);
@@ -66,9 +66,9 @@ class Adapter {
     Stack& stack_;
     AdapterOptions options_;
     AdapterObjects objects_;
-    Party party_;
-    ListPool* pool_;
-    EdgePace pace_;
+    Component component_;
+    NblPool* pool_;
+    NblQueue queue_;
 };
 
 }  // namespace netsieve::host

@@ -18,7 +18,7 @@ using Handlers = NDIS_FILTER_DRIVER_CHARACTERISTICS;
 template <auto kHandler>
 FilterModule* NextLower(Stack& stack, FilterModule* from) {
     FilterModule* next =
-        from == nullptr ? stack.Top() : from->lower.load(std::memory_order_acquire);
+        from == nullptr ? stack.top() : from->lower.load(std::memory_order_acquire);
     while (next != nullptr && next->handlers.*kHandler == nullptr) {
         next = next->lower.load(std::memory_order_acquire);
     }
@@ -28,7 +28,7 @@ FilterModule* NextLower(Stack& stack, FilterModule* from) {
 template <auto kHandler>
 FilterModule* NextUpper(Stack& stack, FilterModule* from) {
     FilterModule* next =
-        from == nullptr ? stack.Bottom() : from->upper.load(std::memory_order_acquire);
+        from == nullptr ? stack.bottom() : from->upper.load(std::memory_order_acquire);
     while (next != nullptr && next->handlers.*kHandler == nullptr) {
         next = next->upper.load(std::memory_order_acquire);
     }
@@ -46,20 +46,23 @@ void CallDataPath(const char* routine,
         return;
     }
     CallbackScope scope(routine, module.registration.driver, &module);
-    scope.Frame().dataPath = true;
+    scope.frame().dataPath = true;
     handler(module.context, arguments...);
 }
 
-void CheckDispatchFlag(Machine& machine, const Party& party, ULONG flags, const char* call) {
+void CheckDispatchFlag(Machine& machine,
+                       const Component& component,
+                       ULONG flags,
+                       const char* call) {
     if ((flags & 1) != 0 && CurrentContext().irql != DISPATCH_LEVEL) {
         machine.verifier().Report(Rule::kDispatchFlag,
                                   fmt::format("{} by {} with the flag set at IRQL {}", call,
-                                              party.name, CurrentContext().irql));
+                                              component.name, CurrentContext().irql));
     }
 }
 
-ListTracker& Tracker(Stack& stack) {
-    return stack.machine().ndis().lists().tracker();
+NblTracker& Tracker(Stack& stack) {
+    return stack.machine().ndis().nblPools().tracker();
 }
 
 /// Splits a chain by a key, keeping the order within each part.
@@ -71,11 +74,11 @@ std::vector<PNET_BUFFER_LIST> Split(PNET_BUFFER_LIST chain, std::size_t parts, K
         tails[i] = &heads[i];
     }
     while (chain != nullptr) {
-        PNET_BUFFER_LIST const list = chain;
-        chain = list->Next;
-        const std::size_t part = key(list);
-        *tails[part] = list;
-        tails[part] = &list->Next;
+        PNET_BUFFER_LIST const nbl = chain;
+        chain = nbl->Next;
+        const std::size_t part = key(nbl);
+        *tails[part] = nbl;
+        tails[part] = &nbl->Next;
     }
     for (PNET_BUFFER_LIST* tail : tails) {
         *tail = nullptr;
@@ -83,32 +86,32 @@ std::vector<PNET_BUFFER_LIST> Split(PNET_BUFFER_LIST chain, std::size_t parts, K
     return heads;
 }
 
-/// The protocol whose list it is; protocolCount() for a list that no protocol of the stack sent.
-std::size_t SenderOf(Stack& stack, PNET_BUFFER_LIST list) {
-    const Party* const home = g_verifyMode ? Tracker(stack).HomeOf(list) : nullptr;
+/// The protocol whose NBL it is; protocolCount() for an NBL that no protocol of the stack sent.
+std::size_t SenderOf(Stack& stack, PNET_BUFFER_LIST nbl) {
+    const Component* const owner = g_verifyMode ? Tracker(stack).OwnerOf(nbl) : nullptr;
     std::size_t index = 0;
     for (; index < stack.protocolCount(); ++index) {
-        const Party& party = stack.protocol(index).party();
-        if (g_verifyMode ? home == &party : list->SourceHandle == party.handle) {
+        const Component& component = stack.protocol(index).component();
+        if (g_verifyMode ? owner == &component : nbl->SourceHandle == component.handle) {
             break;
         }
     }
     return index;
 }
 
-void CompleteToProtocols(Stack& stack, Party& from, PNET_BUFFER_LIST chain, ULONG flags) {
+void CompleteToProtocols(Stack& stack, Component& from, PNET_BUFFER_LIST chain, ULONG flags) {
     if (!g_verifyMode && stack.protocolCount() == 1) {
         stack.protocol().SendComplete(chain, flags);
         return;
     }
     const std::size_t count = stack.protocolCount();
     const auto parts =
-        Split(chain, count + 1, [&](PNET_BUFFER_LIST list) { return SenderOf(stack, list); });
+        Split(chain, count + 1, [&](PNET_BUFFER_LIST nbl) { return SenderOf(stack, nbl); });
     for (std::size_t i = 0; i < count; ++i) {
         PNET_BUFFER_LIST part = parts[i];
         if (g_verifyMode && part != nullptr) {
-            part =
-                Tracker(stack).Move(part, from, stack.protocol(i).party(), ListMove::kSendComplete);
+            part = Tracker(stack).Transfer(part, from, stack.protocol(i).component(),
+                                           NblTransfer::kSendComplete);
         }
         if (part != nullptr) {
             stack.protocol(i).SendComplete(part, flags);
@@ -116,7 +119,8 @@ void CompleteToProtocols(Stack& stack, Party& from, PNET_BUFFER_LIST chain, ULON
     }
     if (g_verifyMode && parts[count] != nullptr) {
         // No protocol's: the tracker says what is wrong with each.
-        Tracker(stack).Move(parts[count], from, stack.protocol().party(), ListMove::kSendComplete);
+        Tracker(stack).Transfer(parts[count], from, stack.protocol().component(),
+                                NblTransfer::kSendComplete);
     }
 }
 
@@ -124,67 +128,67 @@ struct Indication {
     NDIS_PORT_NUMBER port;
     ULONG count;
     ULONG flags;
-    bool Lent() const { return (flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0; }
+    bool Resources() const { return (flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0; }
 };
 
-std::vector<PNET_BUFFER_LIST> ListsOf(PNET_BUFFER_LIST chain) {
-    std::vector<PNET_BUFFER_LIST> lists;
+std::vector<PNET_BUFFER_LIST> NblsOf(PNET_BUFFER_LIST chain) {
+    std::vector<PNET_BUFFER_LIST> nbls;
     for (; chain != nullptr; chain = chain->Next) {
-        lists.push_back(chain);
+        nbls.push_back(chain);
     }
-    return lists;
+    return nbls;
 }
 
 void DeliverToProtocol(Stack& stack,
                        Protocol& protocol,
-                       Party& from,
+                       Component& from,
                        PNET_BUFFER_LIST chain,
                        const Indication& indication) {
     if (!g_verifyMode) {
         protocol.Receive(chain, indication.port, indication.count, indication.flags);
         return;
     }
-    chain =
-        Tracker(stack).Move(chain, from, protocol.party(), ListMove::kIndicate, indication.Lent());
+    chain = Tracker(stack).Transfer(chain, from, protocol.component(), NblTransfer::kIndicate,
+                                    indication.Resources());
     if (chain == nullptr) {
         return;
     }
-    const std::vector<PNET_BUFFER_LIST> lists = ListsOf(chain);
+    const std::vector<PNET_BUFFER_LIST> nbls = NblsOf(chain);
     protocol.Receive(chain, indication.port, indication.count, indication.flags);
-    if (indication.Lent()) {
-        Tracker(stack).LoanEnded(lists, from, protocol.party());
+    if (indication.Resources()) {
+        Tracker(stack).ResourcesCallEnded(nbls, from, protocol.component());
     }
 }
 
 void IndicateToProtocols(Stack& stack,
-                         Party& from,
+                         Component& from,
                          PNET_BUFFER_LIST chain,
                          const Indication& indication) {
     if (!stack.chooseReceiver) {
         DeliverToProtocol(stack, stack.protocol(), from, chain, indication);
         return;
     }
-    const std::vector<PNET_BUFFER_LIST> lists =
-        indication.Lent() ? ListsOf(chain) : std::vector<PNET_BUFFER_LIST>();
+    const std::vector<PNET_BUFFER_LIST> nbls =
+        indication.Resources() ? NblsOf(chain) : std::vector<PNET_BUFFER_LIST>();
     const auto parts = Split(chain, stack.protocolCount(), stack.chooseReceiver);
     for (std::size_t i = 0; i < parts.size(); ++i) {
         if (parts[i] != nullptr) {
             DeliverToProtocol(stack, stack.protocol(i), from, parts[i],
-                              {indication.port, CountLists(parts[i]), indication.flags});
+                              {indication.port, CountNbls(parts[i]), indication.flags});
         }
     }
-    for (std::size_t i = 0; i < lists.size(); ++i) {
-        lists[i]->Next = i + 1 < lists.size() ? lists[i + 1] : nullptr;
+    for (std::size_t i = 0; i < nbls.size(); ++i) {
+        nbls[i]->Next = i + 1 < nbls.size() ? nbls[i + 1] : nullptr;
     }
 }
 
-void CheckCount(Stack& stack, const Party& from, PNET_BUFFER_LIST chain, ULONG count) {
-    const ULONG lists = Tracker(stack).Count(chain);
+void CheckCount(Stack& stack, const Component& from, PNET_BUFFER_LIST chain, ULONG count) {
+    const ULONG nbls = Tracker(stack).Count(chain);
     const CallFrame* const frame = CurrentContext().frame;
-    if (count != lists && (frame == nullptr || !frame->countWasWrong)) {
+    if (count != nbls && (frame == nullptr || !frame->countWasWrong)) {
         stack.machine().verifier().Report(
-            Rule::kListCount,
-            fmt::format("{} indicated {} list(s) and said {}", from.name, lists, count));
+            Rule::kNblCount,
+            fmt::format("{} indicated {} NBL(s) and said {}", from.name, nbls, count));
     }
 }
 
@@ -192,15 +196,16 @@ void CheckCount(Stack& stack, const Party& from, PNET_BUFFER_LIST chain, ULONG c
 
 void NTAPI SendDown(Stack& stack,
                     FilterModule* from,
-                    Party& party,
+                    Component& component,
                     PNET_BUFFER_LIST chain,
                     NDIS_PORT_NUMBER port,
                     ULONG flags) {
     FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), party, flags, "send");
-        chain = Tracker(stack).Move(
-            chain, party, next != nullptr ? next->party : stack.adapter().party(), ListMove::kSend);
+        CheckDispatchFlag(stack.machine(), component, flags, "send");
+        chain = Tracker(stack).Transfer(
+            chain, component, next != nullptr ? next->component : stack.adapter().component(),
+            NblTransfer::kSend);
         if (chain == nullptr) {
             return;
         }
@@ -214,17 +219,18 @@ void NTAPI SendDown(Stack& stack,
 }
 
 void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
-    Party& party = from == nullptr ? stack.adapter().party() : from->party;
+    Component& component = from == nullptr ? stack.adapter().component() : from->component;
     FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
     if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), party, flags, "send completion");
+        CheckDispatchFlag(stack.machine(), component, flags, "send completion");
     }
     if (next == nullptr) {
-        CompleteToProtocols(stack, party, chain, flags);
+        CompleteToProtocols(stack, component, chain, flags);
         return;
     }
     if (g_verifyMode) {
-        chain = Tracker(stack).Move(chain, party, next->party, ListMove::kSendComplete);
+        chain =
+            Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kSendComplete);
         if (chain == nullptr) {
             return;
         }
@@ -239,18 +245,19 @@ void NTAPI IndicateUp(Stack& stack,
                       NDIS_PORT_NUMBER port,
                       ULONG count,
                       ULONG flags) {
-    Party& party = from == nullptr ? stack.adapter().party() : from->party;
+    Component& component = from == nullptr ? stack.adapter().component() : from->component;
     FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), party, flags, "indication");
-        CheckCount(stack, party, chain, count);
-        if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) == 0 && Tracker(stack).DropsLoan(chain, party)) {
+        CheckDispatchFlag(stack.machine(), component, flags, "indication");
+        CheckCount(stack, component, chain, count);
+        if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) == 0 &&
+            Tracker(stack).DropsResourcesFlag(chain, component)) {
             flags |= NDIS_RECEIVE_FLAGS_RESOURCES;
         }
     }
     const Indication indication{port, count, flags};
     if (next == nullptr) {
-        IndicateToProtocols(stack, party, chain, indication);
+        IndicateToProtocols(stack, component, chain, indication);
         return;
     }
     const auto handler = next->handlers.ReceiveNetBufferListsHandler;
@@ -258,33 +265,34 @@ void NTAPI IndicateUp(Stack& stack,
         handler(next->context, chain, port, count, flags);
         return;
     }
-    chain = Tracker(stack).Move(chain, party, next->party, ListMove::kIndicate, indication.Lent());
+    chain = Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kIndicate,
+                                    indication.Resources());
     if (chain == nullptr) {
         return;
     }
-    const std::vector<PNET_BUFFER_LIST> lists = ListsOf(chain);
+    const std::vector<PNET_BUFFER_LIST> nbls = NblsOf(chain);
     {
         CallbackScope scope("FilterReceiveNetBufferLists", next->registration.driver, next);
-        scope.Frame().dataPath = true;
-        scope.Frame().countWasWrong = count != lists.size();
+        scope.frame().dataPath = true;
+        scope.frame().countWasWrong = count != nbls.size();
         handler(next->context, chain, port, count, flags);
     }
-    if (indication.Lent()) {
-        Tracker(stack).LoanEnded(lists, party, next->party);
+    if (indication.Resources()) {
+        Tracker(stack).ResourcesCallEnded(nbls, component, next->component);
     }
 }
 
 void NTAPI ReturnDown(Stack& stack,
                       FilterModule* from,
-                      Party& party,
+                      Component& component,
                       PNET_BUFFER_LIST chain,
                       ULONG flags) {
     FilterModule* const next = NextLower<&Handlers::ReturnNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), party, flags, "return");
-        chain = Tracker(stack).Move(chain, party,
-                                    next != nullptr ? next->party : stack.adapter().party(),
-                                    ListMove::kReturn);
+        CheckDispatchFlag(stack.machine(), component, flags, "return");
+        chain = Tracker(stack).Transfer(
+            chain, component, next != nullptr ? next->component : stack.adapter().component(),
+            NblTransfer::kReturn);
         if (chain == nullptr) {
             return;
         }
@@ -307,8 +315,8 @@ void CancelDown(Stack& stack, FilterModule* from, PVOID cancelId) {
     }
     CallbackScope scope("FilterCancelSendNetBufferLists", next->registration.driver, next);
     next->handlers.CancelSendNetBufferListsHandler(next->context, cancelId);
-    if (!scope.Frame().cancelForwarded) {
-        stack.machine().verifier().Report(Rule::kCancelNotForwarded, next->party.name);
+    if (!scope.frame().cancelForwarded) {
+        stack.machine().verifier().Report(Rule::kCancelNotForwarded, next->component.name);
     }
 }
 
@@ -405,7 +413,7 @@ VOID NTAPI NdisFSendNetBufferLists(NDIS_HANDLE NdisFilterHandle,
                                    ULONG SendFlags) {
     const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferLists");
     if (call) {
-        SendDown(call->stack, call.Get(), call->party, NetBufferLists, PortNumber, SendFlags);
+        SendDown(call->stack, call.Get(), call->component, NetBufferLists, PortNumber, SendFlags);
     }
 }
 
@@ -435,7 +443,7 @@ VOID NTAPI NdisFReturnNetBufferLists(NDIS_HANDLE NdisFilterHandle,
                                      ULONG ReturnFlags) {
     const ModuleCall call(NdisFilterHandle, "NdisFReturnNetBufferLists");
     if (call) {
-        ReturnDown(call->stack, call.Get(), call->party, NetBufferLists, ReturnFlags);
+        ReturnDown(call->stack, call.Get(), call->component, NetBufferLists, ReturnFlags);
     }
 }
 

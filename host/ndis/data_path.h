@@ -1,18 +1,18 @@
-// The way of lists and events through a stack.
+// The way of NBLs and events through a stack.
 //
 // `from` is the module that hands on, or null for the stack's own end: a protocol above, the
 // adapter below. Each routine takes the next module that has the handler, or the other end.
 #pragma once
 
 #include "host/ndis/filter_module.h"
-#include "host/verifier/list_tracker.h"
+#include "host/verifier/nbl_tracker.h"
 
 namespace netsieve::host {
 
 class Stack;
 
 /// Length of a chain.
-inline ULONG CountLists(const NET_BUFFER_LIST* chain) {
+inline ULONG CountNbls(const NET_BUFFER_LIST* chain) {
     ULONG count = 0;
     for (; chain != nullptr; chain = chain->Next) {
         ++count;
@@ -22,7 +22,7 @@ inline ULONG CountLists(const NET_BUFFER_LIST* chain) {
 
 void NTAPI SendDown(Stack& stack,
                     FilterModule* from,
-                    Party& party,
+                    Component& component,
                     PNET_BUFFER_LIST chain,
                     NDIS_PORT_NUMBER port,
                     ULONG flags);
@@ -35,7 +35,7 @@ void NTAPI IndicateUp(Stack& stack,
                       ULONG flags);
 void NTAPI ReturnDown(Stack& stack,
                       FilterModule* from,
-                      Party& party,
+                      Component& component,
                       PNET_BUFFER_LIST chain,
                       ULONG flags);
 

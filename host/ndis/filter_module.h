@@ -5,7 +5,7 @@
 #include <string>
 
 #include "host/ndis/internal_objects.h"
-#include "host/verifier/list_tracker.h"
+#include "host/verifier/nbl_tracker.h"
 #include "platform/ndis.h"
 
 namespace netsieve::host {
@@ -35,16 +35,16 @@ enum class ModuleState : std::uint8_t {
 
 /// One filter module. It outlives its detach until the machine ends, so that a report can name it.
 struct FilterModule {
-    FilterModule(FilterRegistration& owner, Stack& home, std::string name);
+    FilterModule(FilterRegistration& itsRegistration, Stack& itsStack, std::string name);
 
-    /// What the driver knows the module by, and what SourceHandle of its own lists must be.
-    NDIS_HANDLE Handle() { return object.Address(); }
+    /// What the driver knows the module by, and what SourceHandle of its own NBLs must be.
+    NDIS_HANDLE handle() { return object.address(); }
 
     InternalObject object{ObjectType::kFilter, this};
     FilterRegistration& registration;
     const NDIS_FILTER_DRIVER_CHARACTERISTICS& handlers;
     Stack& stack;
-    Party party;
+    Component component;
     NDIS_HANDLE context = nullptr;  ///< set by NdisFSetAttributes
     bool attributesSet = false;
     std::atomic<ModuleState> state = ModuleState::kAttaching;

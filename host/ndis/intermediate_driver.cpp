@@ -17,8 +17,8 @@ bool AtDispatch() {
 IntermediateDriver::IntermediateDriver(Stack& upper, Stack& lower) : upper_(upper), lower_(lower) {
     Adapter& above = upper.adapter();
     Protocol& below = lower.protocol();
-    above.pace().Set(Pace::kForwarded);
-    below.pace().Set(Pace::kForwarded);
+    above.queue().SetMode(ReleaseMode::kForwarded);
+    below.queue().SetMode(ReleaseMode::kForwarded);
     above.onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG) {
         SendThrough(chain, port);
     };
@@ -36,49 +36,49 @@ void IntermediateDriver::SendThrough(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER po
 
 void IntermediateDriver::Completed(PNET_BUFFER_LIST chain) {
     HandBack(chain);
-    upper_.adapter().pace().GiveBack(chain, AtDispatch());
+    upper_.adapter().queue().Release(chain, AtDispatch());
 }
 
 void IntermediateDriver::IndicateThrough(PNET_BUFFER_LIST chain,
                                          NDIS_PORT_NUMBER port,
                                          ULONG flags) {
-    const ULONG lent = flags & NDIS_RECEIVE_FLAGS_RESOURCES;
+    const ULONG resources = flags & NDIS_RECEIVE_FLAGS_RESOURCES;
     TakeOver(chain, lower_, upper_, false);
-    const bool taken = upper_.adapter().Indicate(chain, port, lent);
-    if (lent != 0 || !taken) {
+    const bool taken = upper_.adapter().Indicate(chain, port, resources);
+    if (resources != 0 || !taken) {
         HandBack(chain);
     }
-    if (lent == 0 && !taken) {
-        lower_.protocol().pace().GiveBack(chain, AtDispatch());
+    if (resources == 0 && !taken) {
+        lower_.protocol().queue().Release(chain, AtDispatch());
     }
 }
 
 void IntermediateDriver::Returned(PNET_BUFFER_LIST chain) {
     HandBack(chain);
-    lower_.protocol().pace().GiveBack(chain, AtDispatch());
+    lower_.protocol().queue().Release(chain, AtDispatch());
 }
 
 void IntermediateDriver::TakeOver(PNET_BUFFER_LIST chain, Stack& from, Stack& to, bool send) {
-    Party& holder = send ? from.adapter().party() : from.protocol().party();
-    Party& owner = send ? to.protocol().party() : to.adapter().party();
+    Component& holder = send ? from.adapter().component() : from.protocol().component();
+    Component& owner = send ? to.protocol().component() : to.adapter().component();
     const HostLock lock(mutex_);
-    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
         if (g_verifyMode) {
-            from.machine().ndis().lists().tracker().Adopt(list, holder, owner);
+            from.machine().ndis().nblPools().tracker().TakeOwnership(nbl, holder, owner);
         }
-        sources_[list] = list->SourceHandle;
-        list->SourceHandle = owner.handle;
+        sources_[nbl] = nbl->SourceHandle;
+        nbl->SourceHandle = owner.handle;
     }
 }
 
 void IntermediateDriver::HandBack(PNET_BUFFER_LIST chain) {
     const HostLock lock(mutex_);
-    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-        const auto source = sources_.find(list);
-        list->SourceHandle = source->second;
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+        const auto source = sources_.find(nbl);
+        nbl->SourceHandle = source->second;
         sources_.erase(source);
         if (g_verifyMode) {
-            upper_.machine().ndis().lists().tracker().Surrender(list);
+            upper_.machine().ndis().nblPools().tracker().RestoreOwnership(nbl);
         }
     }
 }

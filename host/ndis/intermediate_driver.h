@@ -1,4 +1,4 @@
-// A driver between two adapters, which hands the lists of the upper one on to the lower one.
+// A driver between two adapters, which hands the NBLs of the upper one on to the lower one.
 #pragma once
 
 #include <map>
@@ -11,13 +11,13 @@ namespace netsieve::host {
 class Stack;
 
 /// An intermediate driver as teams and virtual switches use it: the adapter of `upper` is virtual,
-/// and what it is sent goes down through a protocol of `lower` in the very lists it came in; what
-/// that protocol receives goes up on the virtual adapter. So one list crosses the filters of both
-/// stacks. While it is in the lower stack (or, received, in the upper one) it is the driver's list
+/// and what it is sent goes down through a protocol of `lower` in the very NBLs it came in; what
+/// that protocol receives goes up on the virtual adapter. So one NBL crosses the filters of both
+/// stacks. While it is in the lower stack (or, received, in the upper one) it is the driver's NBL
 /// there, with the driver's handle as its SourceHandle; on the way back it gets the former one.
 ///
-/// Make it while both stacks are quiet, and keep it until all lists are home. It takes over what
-/// the virtual adapter and the first protocol of `lower` do with lists.
+/// Make it while both stacks are quiet, and keep it until all NBLs are home. It takes over what
+/// the virtual adapter and the first protocol of `lower` do with NBLs.
 class IntermediateDriver {
   public:
     IntermediateDriver(Stack& upper, Stack& lower);
@@ -35,7 +35,7 @@ class IntermediateDriver {
     Stack& upper_;
     Stack& lower_;
     HostMutex mutex_;
-    std::map<PNET_BUFFER_LIST, NDIS_HANDLE> sources_;  ///< of the lists that are its own now
+    std::map<PNET_BUFFER_LIST, NDIS_HANDLE> sources_;  ///< of the NBLs that are its own now
 };
 
 }  // namespace netsieve::host

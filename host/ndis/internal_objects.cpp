@@ -44,7 +44,7 @@ AdapterObjects::AdapterObjects(std::uint32_t ndisVersion,
     adapter.Put(kValue124, std::uint32_t{1});
     adapter.Put(kValue464, std::uint32_t{1500});
     adapter.Put(kValue476, std::uint32_t{14});
-    adapter.Put(kAddressObject, address.Address());
+    adapter.Put(kAddressObject, address.address());
     address.Put(MacOffset(ndisVersion), mac);
 }
 
@@ -52,8 +52,8 @@ ProtocolObjects::ProtocolObjects(std::uint32_t ndisVersion,
                                  std::u16string protocolName,
                                  AdapterObjects& adapter)
     : name(std::move(protocolName)) {
-    open.Put(kOpenAdapter, adapter.adapter.Address());
-    open.Put(kOpenProtocol, protocol.Address());
+    open.Put(kOpenAdapter, adapter.adapter.address());
+    open.Put(kOpenProtocol, protocol.address());
     protocol.Put(kProtocolValue, std::uint64_t{0x0006'0001});
     const bool late = ndisVersion >= kNdis630;
     protocol.Put(late ? 56 : 48, std::uint8_t{6});

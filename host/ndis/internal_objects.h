@@ -1,4 +1,4 @@
-// NDIS's own objects, as far as a filter can see them: what a list's SourceHandle leads to.
+// NDIS's own objects, as far as a filter can see them: what an NBL's SourceHandle leads to.
 //
 // No published interface describes these layouts. They are what filters of this platform have found
 // there, for each NDIS version; a filter that reads them must find them here too.
@@ -34,8 +34,8 @@ class InternalObject {
     InternalObject(const InternalObject&) = delete;
     InternalObject& operator=(const InternalObject&) = delete;
 
-    void* Address() { return bytes_.data(); }
-    /// The owner of the object at an address that Address() gave.
+    void* address() { return bytes_.data(); }
+    /// The owner of the object at an address that address() gave.
     static void* OwnerOf(void* address) { return static_cast<InternalObject*>(address)->owner_; }
     template <typename Value>
     void Put(std::size_t offset, const Value& value) {
@@ -44,7 +44,7 @@ class InternalObject {
     }
 
   private:
-    alignas(16) std::array<std::uint8_t, 1536> bytes_{};  // first: Address() is the object's own
+    alignas(16) std::array<std::uint8_t, 1536> bytes_{};  // first: address() is the object's own
     void* owner_;
 };
 

@@ -9,7 +9,7 @@
 
 namespace netsieve::host {
 
-Ndis::Ndis(Machine& machine) : machine_(machine), lists_(machine) {}
+Ndis::Ndis(Machine& machine) : machine_(machine), nblPools_(machine) {}
 Ndis::~Ndis() = default;
 
 Stack& Ndis::AddAdapter(AdapterOptions options) {
@@ -161,12 +161,12 @@ FilterModule* Ndis::ModuleOf(NDIS_HANDLE handle) {
 
 void Ndis::AddHandle(FilterModule& module) {
     HostLock lock(mutex_);
-    handles_[module.Handle()] = &module;
+    handles_[module.handle()] = &module;
 }
 
 void Ndis::RemoveHandle(FilterModule& module) {
     HostLock lock(mutex_);
-    handles_.erase(module.Handle());
+    handles_.erase(module.handle());
 }
 
 void Ndis::ForgetRange(const void* start, std::size_t size) {
@@ -178,14 +178,14 @@ void Ndis::ForgetRange(const void* start, std::size_t size) {
             machine_.verifier().Report(
                 Rule::kModuleFreedInUse,
                 fmt::format("the context of {} is freed while {} call(s) are inside it",
-                            module->party.name, module->callsBelow.load()));
+                            module->component.name, module->callsBelow.load()));
         }
     }
 }
 
-void Ndis::ReportLostLists() {
-    if (machine_.verifier().Enabled()) {
-        lists_.tracker().ReportAway("the run has ended");
+void Ndis::ReportLostNbls() {
+    if (machine_.verifier().enabled()) {
+        nblPools_.tracker().ReportOutstanding("the run has ended");
     }
 }
 

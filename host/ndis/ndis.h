@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host/ndis/filter_module.h"
-#include "host/ndis/list_pools.h"
+#include "host/ndis/nbl_pools.h"
 #include "host/ndis/stack.h"
 
 namespace netsieve::host {
@@ -33,7 +33,7 @@ class Ndis {
     std::vector<Stack*> Stacks();
 
     void SetAttachTiming(AttachTiming timing) { attachTiming_ = timing; }
-    ListPools& lists() { return lists_; }
+    NblPools& nblPools() { return nblPools_; }
 
     NDIS_STATUS RegisterFilter(PDRIVER_OBJECT driverObject,
                                NDIS_HANDLE context,
@@ -52,15 +52,15 @@ class Ndis {
     /// Memory is about to be freed: a module's context that a call still needs is a fault.
     void ForgetRange(const void* start, std::size_t size);
 
-    /// Every list that is away from home now is lost: reports each. At the end of a run.
-    void ReportLostLists();
+    /// Every NBL that is away from home now is lost: reports each. At the end of a run.
+    void ReportLostNbls();
 
   private:
     void AttachToAll(FilterRegistration& registration);
     FilterRegistration* Find(NDIS_HANDLE handle);
 
     Machine& machine_;
-    ListPools lists_;
+    NblPools nblPools_;
     AttachTiming attachTiming_ = AttachTiming::kConcurrent;
     HostMutex mutex_;
     std::vector<std::unique_ptr<Stack>> stacks_;

@@ -12,29 +12,29 @@ namespace netsieve::host {
 Protocol::Protocol(Machine& machine, Stack& stack, std::u16string name, std::uint64_t seed)
     : stack_(stack),
       objects_(machine.options().ndisVersion, std::move(name), stack.adapter().objects()),
-      pool_(machine.ndis().lists().CreatePool(&party_, nullptr)),
-      pace_(machine,
-            fmt::format("protocol returns on adapter {}", stack.adapter().options().ifIndex),
-            seed,
-            [this](PNET_BUFFER_LIST chain, bool dispatch) {
-                ReturnDown(stack_, nullptr, party_, chain,
-                           dispatch ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0);
-            }) {
-    party_.kind = PartyKind::kProtocol;
-    party_.stack = &stack_;
-    party_.name =
+      pool_(machine.ndis().nblPools().CreatePool(&component_, nullptr)),
+      queue_(machine,
+             fmt::format("protocol returns on adapter {}", stack.adapter().options().ifIndex),
+             seed,
+             [this](PNET_BUFFER_LIST chain, bool dispatch) {
+                 ReturnDown(stack_, nullptr, component_, chain,
+                            dispatch ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0);
+             }) {
+    component_.kind = ComponentKind::kProtocol;
+    component_.stack = &stack_;
+    component_.name =
         fmt::format("protocol {}", std::string(objects_.name.begin(), objects_.name.end()));
-    party_.handle = objects_.open.Address();
+    component_.handle = objects_.open.address();
 }
 
 void Protocol::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
     const bool dispatch = CurrentContext().irql == DISPATCH_LEVEL;
-    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-        list->SourceHandle = party_.handle;
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+        nbl->SourceHandle = component_.handle;
     }
-    if (!stack_.Enter(CountLists(chain))) {
-        for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-            list->Status = NDIS_STATUS_PAUSED;
+    if (!stack_.Enter(CountNbls(chain))) {
+        for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+            nbl->Status = NDIS_STATUS_PAUSED;
         }
         if (onSendComplete) {
             onSendComplete(chain, dispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
@@ -44,7 +44,7 @@ void Protocol::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) 
     if (dispatch) {
         flags |= NDIS_SEND_FLAGS_DISPATCH_LEVEL;
     }
-    SendDown(stack_, nullptr, party_, chain, port, flags);
+    SendDown(stack_, nullptr, component_, chain, port, flags);
 }
 
 void Protocol::CancelSend(PVOID cancelId) {
@@ -60,11 +60,11 @@ NDIS_STATUS Protocol::NetPnpEvent(PNET_PNP_EVENT_NOTIFICATION event) {
 }
 
 void Protocol::SendComplete(PNET_BUFFER_LIST chain, ULONG flags) {
-    const ULONG lists = CountLists(chain);
+    const ULONG nbls = CountNbls(chain);
     if (onSendComplete) {
         onSendComplete(chain, flags);
     }
-    stack_.Leave(lists);
+    stack_.Leave(nbls);
 }
 
 void Protocol::Receive(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags) {
@@ -72,7 +72,7 @@ void Protocol::Receive(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG coun
         onReceive(chain, port, count, flags);
     }
     if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) == 0) {
-        pace_.Take(chain, (flags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) != 0);
+        queue_.Add(chain, (flags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) != 0);
     }
 }
 

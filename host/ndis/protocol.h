@@ -4,30 +4,30 @@
 #include <functional>
 #include <string>
 
-#include "host/ndis/edge_pace.h"
 #include "host/ndis/internal_objects.h"
-#include "host/ndis/list_pools.h"
-#include "host/verifier/list_tracker.h"
+#include "host/ndis/nbl_pools.h"
+#include "host/ndis/nbl_queue.h"
+#include "host/verifier/nbl_tracker.h"
 
 namespace netsieve::host {
 
 class Stack;
 
 /// A protocol driver's binding to one adapter. It sends what it is told to and returns received
-/// lists as its pace says.
+/// NBLs as its pace says.
 class Protocol {
   public:
     Protocol(Machine& machine, Stack& stack, std::u16string name, std::uint64_t seed);
 
-    /// When received lists are returned.
-    EdgePace& pace() { return pace_; }
-    Party& party() { return party_; }
+    /// When received NBLs are returned.
+    NblQueue& queue() { return queue_; }
+    Component& component() { return component_; }
     ProtocolObjects& objects() { return objects_; }
-    /// Lists made from it are the protocol's own, to be sent.
-    ListPool* pool() { return pool_; }
+    /// NBLs made from it are the protocol's own, to be sent.
+    NblPool* pool() { return pool_; }
 
-    /// Sends a chain of the protocol's lists; onSendComplete is called with each when it is back.
-    /// While the stack does not take lists they come back at once, with NDIS_STATUS_PAUSED. Adds
+    /// Sends a chain of the protocol's NBLs; onSendComplete is called with each when it is back.
+    /// While the stack does not take NBLs they come back at once, with NDIS_STATUS_PAUSED. Adds
     /// the dispatch flag when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
     void Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
     /// Asks the adapter to give up on the sends with this id.
@@ -48,9 +48,9 @@ class Protocol {
   private:
     Stack& stack_;
     ProtocolObjects objects_;
-    Party party_;
-    ListPool* pool_;
-    EdgePace pace_;
+    Component component_;
+    NblPool* pool_;
+    NblQueue queue_;
 };
 
 }  // namespace netsieve::host

@@ -21,13 +21,13 @@ UNICODE_STRING Counted(const std::u16string& text) {
 
 }  // namespace
 
-FilterModule::FilterModule(FilterRegistration& owner, Stack& home, std::string name)
-    : registration(owner), handlers(owner.handlers), stack(home) {
-    party.kind = PartyKind::kModule;
-    party.stack = &home;
-    party.name = std::move(name);
-    party.handle = object.Address();
-    party.mayOriginate = false;
+FilterModule::FilterModule(FilterRegistration& itsRegistration, Stack& itsStack, std::string name)
+    : registration(itsRegistration), handlers(itsRegistration.handlers), stack(itsStack) {
+    component.kind = ComponentKind::kModule;
+    component.stack = &itsStack;
+    component.name = std::move(name);
+    component.handle = object.address();
+    component.mayOriginate = false;
 }
 
 /// One life-cycle operation at a time on a stack.
@@ -66,20 +66,20 @@ Protocol& Stack::AddProtocol(std::u16string name) {
     return *protocols_.back();
 }
 
-bool Stack::Enter(ULONG lists) {
-    inside_.fetch_add(lists, std::memory_order_seq_cst);
+bool Stack::Enter(ULONG nbls) {
+    outstanding_.fetch_add(nbls, std::memory_order_seq_cst);
     if (open_.load(std::memory_order_seq_cst)) {
         return true;
     }
-    Leave(lists);
+    Leave(nbls);
     return false;
 }
 
-void Stack::Leave(ULONG lists) {
-    const std::int64_t left = inside_.fetch_sub(lists, std::memory_order_seq_cst) - lists;
+void Stack::Leave(ULONG nbls) {
+    const std::int64_t left = outstanding_.fetch_sub(nbls, std::memory_order_seq_cst) - nbls;
     if (left == 0 && !open_.load(std::memory_order_seq_cst)) {
         HostLock lock(mutex_);
-        machine_.scheduler().Wake(home_);
+        machine_.scheduler().Wake(drained_);
     }
 }
 
@@ -95,41 +95,41 @@ void Stack::Restart() {
     RestartStack();
 }
 
-// The filters are paused while lists are still under way: that is what their pause has to be ready
+// The filters are paused while NBLs are still under way: that is what their pause has to be ready
 // for. Only then is everything awaited.
 void Stack::PauseStack() {
     open_.store(false, std::memory_order_seq_cst);
     for (FilterModule* module : modules_) {
         PauseModule(*module);
     }
-    WaitUntilHome();
+    WaitUntilDrained();
 }
 
 void Stack::RestartStack() {
     for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
         RestartModule(**it);
     }
-    adapter_->pace().SetDraining(false);
+    adapter_->queue().SetDraining(false);
     for (const auto& protocol : protocols_) {
-        protocol->pace().SetDraining(false);
+        protocol->queue().SetDraining(false);
     }
     open_.store(true, std::memory_order_seq_cst);
 }
 
-void Stack::WaitUntilHome() {
+void Stack::WaitUntilDrained() {
     Scheduler& scheduler = machine_.scheduler();
     const Ticks deadline = scheduler.Now() + kPauseLimit;
-    adapter_->pace().SetDraining(true);
+    adapter_->queue().SetDraining(true);
     for (const auto& protocol : protocols_) {
-        protocol->pace().SetDraining(true);
+        protocol->queue().SetDraining(true);
     }
     HostLock lock(mutex_);
-    while (inside_.load(std::memory_order_seq_cst) != 0) {
-        if (!scheduler.Wait(home_, lock, deadline) && scheduler.Now() >= deadline) {
+    while (outstanding_.load(std::memory_order_seq_cst) != 0) {
+        if (!scheduler.Wait(drained_, lock, deadline) && scheduler.Now() >= deadline) {
             lock.unlock();
-            machine_.ndis().lists().tracker().ReportAway(
+            machine_.ndis().nblPools().tracker().ReportOutstanding(
                 "not home 10 s after the stack's pause",
-                [this](const Party& home, const Party&) { return home.stack == this; });
+                [this](const Component& owner, const Component&) { return owner.stack == this; });
             return;
         }
     }
@@ -150,21 +150,22 @@ void Stack::PauseModule(FilterModule& module) {
             module.context, reinterpret_cast<PNDIS_FILTER_PAUSE_PARAMETERS>(&parameters));
     }
     module.state = ModuleState::kPaused;
-    module.party.mayOriginate = false;
+    module.component.mayOriginate = false;
     Verifier& verifier = machine_.verifier();
     if (status != NDIS_STATUS_SUCCESS) {
-        verifier.Report(Rule::kPauseFailed, fmt::format("{} returned {:#010x}", module.party.name,
-                                                        static_cast<std::uint32_t>(status)));
+        verifier.Report(Rule::kPauseFailed,
+                        fmt::format("{} returned {:#010x}", module.component.name,
+                                    static_cast<std::uint32_t>(status)));
     }
     if (machine_.scheduler().Now() - start > kPauseLimit) {
         verifier.Report(Rule::kPauseTooLong,
-                        fmt::format("{} took {} ms", module.party.name,
+                        fmt::format("{} took {} ms", module.component.name,
                                     (machine_.scheduler().Now() - start) / kTicksPerMillisecond));
     }
-    if (module.party.originatedOut != 0) {
+    if (module.component.originatedOutstanding != 0) {
         verifier.Report(Rule::kPauseOutstanding,
-                        fmt::format("{} has {} list(s) outstanding", module.party.name,
-                                    module.party.originatedOut.load()));
+                        fmt::format("{} has {} NBL(s) outstanding", module.component.name,
+                                    module.component.originatedOutstanding.load()));
     }
 }
 
@@ -173,7 +174,7 @@ void Stack::RestartModule(FilterModule& module) {
         return;
     }
     module.state = ModuleState::kRestarting;
-    module.party.mayOriginate = true;
+    module.component.mayOriginate = true;
     alignas(16) std::uint8_t storage[sizeof(NDIS_RESTART_ATTRIBUTES) + 128] = {};
     auto* const attributes = reinterpret_cast<PNDIS_RESTART_ATTRIBUTES>(storage);
     auto* const general = reinterpret_cast<PNDIS_RESTART_GENERAL_ATTRIBUTES>(attributes->Data);
@@ -204,7 +205,7 @@ NDIS_STATUS Stack::Attach(FilterRegistration& registration) {
     }
     allModules_.push_back(std::make_unique<FilterModule>(
         registration, *this,
-        fmt::format("{} on adapter {}", registration.driver->Name(), adapter_->options().ifIndex)));
+        fmt::format("{} on adapter {}", registration.driver->name(), adapter_->options().ifIndex)));
     FilterModule& module = *allModules_.back();
     machine_.ndis().AddHandle(module);
     const NDIS_STATUS status = CallAttach(module);
@@ -240,7 +241,7 @@ NDIS_STATUS Stack::CallAttach(FilterModule& module) {
     NDIS_STATUS status = NDIS_STATUS_SUCCESS;
     {
         const CallbackScope scope("FilterAttach", module.registration.driver, &module);
-        status = module.handlers.AttachHandler(module.Handle(), module.registration.context,
+        status = module.handlers.AttachHandler(module.handle(), module.registration.context,
                                                &parameters);
     }
     if (status != NDIS_STATUS_SUCCESS) {
@@ -254,17 +255,18 @@ void Stack::CheckAttachLeftNothing(FilterModule& module) {
         machine_.pool().Find([&](const PoolBlock& block) { return block.module == &module; });
     for (const PoolBlock& block : blocks) {
         machine_.verifier().Report(Rule::kAttachLeftBehind,
-                                   fmt::format("{}: block '{}' of {} bytes", module.party.name,
+                                   fmt::format("{}: block '{}' of {} bytes", module.component.name,
                                                TagText(block.tag), block.size));
     }
-    if (machine_.ndis().lists().PoolsAtHome(module.party) != 0) {
-        machine_.verifier().Report(Rule::kAttachLeftBehind, module.party.name + ": a list pool");
+    if (machine_.ndis().nblPools().PoolsOwnedBy(module.component) != 0) {
+        machine_.verifier().Report(Rule::kAttachLeftBehind,
+                                   module.component.name + ": an NBL pool");
     }
 }
 
 void Stack::Insert(FilterModule& module) {
     const auto place = std::find_if(modules_.begin(), modules_.end(), [&](FilterModule* other) {
-        return other->registration.driver->Altitude() < module.registration.driver->Altitude();
+        return other->registration.driver->altitude() < module.registration.driver->altitude();
     });
     modules_.insert(place, &module);
     Relink();
@@ -317,9 +319,9 @@ void Stack::CallDetach(FilterModule& module) {
     module.state = ModuleState::kGone;
     Remove(module);
     machine_.ndis().RemoveHandle(module);
-    machine_.ndis().lists().tracker().ReportAway(
+    machine_.ndis().nblPools().tracker().ReportOutstanding(
         "held by a module that is gone",
-        [&](const Party&, const Party& holder) { return &holder == &module.party; });
+        [&](const Component&, const Component& holder) { return &holder == &module.component; });
 }
 
 void Stack::DetachDriver(const LoadedDriver* driver) {

@@ -15,27 +15,27 @@ namespace netsieve::host {
 class Machine;
 
 /// The stack of one adapter. Attach, pause, restart and detach run at PASSIVE_LEVEL and one at a
-/// time; lists cross it meanwhile from any context.
+/// time; NBLs cross it meanwhile from any context.
 class Stack {
   public:
     Stack(Machine& machine, AdapterOptions options);
     ~Stack();
 
     Adapter& adapter() { return *adapter_; }
-    /// Binds one more protocol. While the stack is quiet. Received lists go to the first one unless
+    /// Binds one more protocol. While the stack is quiet. Received NBLs go to the first one unless
     /// `chooseReceiver` says otherwise.
     Protocol& AddProtocol(std::u16string name);
     Protocol& protocol(std::size_t index = 0) { return *protocols_[index]; }
     std::size_t protocolCount() const { return protocols_.size(); }
-    /// Index of the protocol that gets a received list.
+    /// Index of the protocol that gets a received NBL.
     std::function<std::size_t(PNET_BUFFER_LIST)> chooseReceiver;
 
-    /// Pauses everything, top down: no list enters any more, the filters are paused, and everything
+    /// Pauses everything, top down: no NBL enters any more, the filters are paused, and everything
     /// under way comes home. PASSIVE_LEVEL.
     void Pause();
     /// Restarts everything, bottom up.
     void Restart();
-    bool Running() const { return open_.load(); }
+    bool running() const { return open_.load(); }
 
     /// Attaches a module of the driver, with the stack paused for the time. Its status; a module
     /// that was refused is gone.
@@ -44,8 +44,8 @@ class Stack {
     void Detach(FilterModule& module);
     /// Takes out every module of a driver that is deregistering.
     void DetachDriver(const LoadedDriver* driver);
-    /// Detaches a module while lists are still inside it and the stack goes on taking new ones.
-    /// Real NDIS waits for the lists first; this is for seeing what a driver does when calls
+    /// Detaches a module while NBLs are still inside it and the stack goes on taking new ones.
+    /// Real NDIS waits for the NBLs first; this is for seeing what a driver does when calls
     /// overlap its detach. The caller sees to it that a call stays inside until the handler has
     /// begun to wait.
     void DetachUnderCalls(FilterModule& module);
@@ -55,12 +55,12 @@ class Stack {
     const std::vector<FilterModule*>& modules() const { return modules_; }
 
     // The data path's side.
-    /// Counts lists that enter at an end; false when the stack takes none now.
-    bool Enter(ULONG lists);
+    /// Counts NBLs that enter at an end; false when the stack takes none now.
+    bool Enter(ULONG nbls);
     /// They are home.
-    void Leave(ULONG lists);
-    FilterModule* Top() const { return top_.load(std::memory_order_acquire); }
-    FilterModule* Bottom() const { return bottom_.load(std::memory_order_acquire); }
+    void Leave(ULONG nbls);
+    FilterModule* top() const { return top_.load(std::memory_order_acquire); }
+    FilterModule* bottom() const { return bottom_.load(std::memory_order_acquire); }
     Machine& machine() { return machine_; }
 
   private:
@@ -75,7 +75,7 @@ class Stack {
     void Insert(FilterModule& module);
     void Remove(FilterModule& module);
     void Relink();
-    void WaitUntilHome();
+    void WaitUntilDrained();
 
     Machine& machine_;
     std::unique_ptr<Adapter> adapter_;
@@ -85,9 +85,9 @@ class Stack {
     std::atomic<FilterModule*> top_ = nullptr;
     std::atomic<FilterModule*> bottom_ = nullptr;
     std::atomic<bool> open_ = false;
-    std::atomic<std::int64_t> inside_ = 0;  ///< lists that entered and are not home
+    std::atomic<std::int64_t> outstanding_ = 0;  ///< NBLs that entered and are not home
     HostMutex mutex_;
-    WaitQueue home_;
+    WaitQueue drained_;
     WaitQueue pnpFree_;
     bool pnpBusy_ = false;
 };

@@ -70,7 +70,7 @@ bool ScheduleTree::Advance() {
     return true;
 }
 
-std::string ScheduleTree::Name() const {
+std::string ScheduleTree::name() const {
     std::string name;
     for (std::size_t pick = 0; pick < depth_; ++pick) {
         if (nodes_[pick].choice != 0) {

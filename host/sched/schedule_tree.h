@@ -35,10 +35,10 @@ class ScheduleTree {
 
     /// Of the schedule that is being run, for Follow: which context was chosen at which pick, where
     /// that is not the one that a run which is left alone would choose. "-" for that run.
-    std::string Name() const;
+    std::string name() const;
 
     /// The scenario came to a choice other than before.
-    bool Diverged() const { return diverged_; }
+    bool diverged() const { return diverged_; }
 
   private:
     struct Node {

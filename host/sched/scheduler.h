@@ -96,8 +96,8 @@ class Scheduler {
     virtual ~Scheduler() = default;
 
     /// True for the deterministic one.
-    virtual bool Simulated() const = 0;
-    virtual unsigned Processors() const = 0;
+    virtual bool simulated() const = 0;
+    virtual unsigned processors() const = 0;
 
     /// Runs `body` as the machine's first thread (processor 0, PASSIVE_LEVEL) and returns when it
     /// and everything it started has ended, or when the run was abandoned. Timers that are still

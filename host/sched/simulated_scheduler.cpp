@@ -37,7 +37,7 @@ std::uint32_t SimulatedScheduler::Start(StartOptions options, std::function<void
     task->context.id = nextId_++;
     task->context.kind = options.kind;
     task->context.name = std::move(options.name);
-    task->context.processor = options.processor % Processors();
+    task->context.processor = options.processor % processors();
     task->context.irql = options.kind == ContextKind::kDpc ? DISPATCH_LEVEL : PASSIVE_LEVEL;
     task->fiber = Fiber::Create(&Enter, task.get());
     const std::uint32_t id = task->context.id;

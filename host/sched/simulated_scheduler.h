@@ -30,8 +30,8 @@ class SimulatedScheduler final : public Scheduler {
     explicit SimulatedScheduler(Options options);
     ~SimulatedScheduler() override;
 
-    bool Simulated() const override { return true; }
-    unsigned Processors() const override { return static_cast<unsigned>(holders_.size()); }
+    bool simulated() const override { return true; }
+    unsigned processors() const override { return static_cast<unsigned>(holders_.size()); }
     RunResult Run(const std::function<void()>& body) override;
     std::uint32_t Start(StartOptions options, std::function<void()> body) override;
     void Join(std::uint32_t id) override;

@@ -54,7 +54,7 @@ RunResult ThreadedScheduler::Run(const std::function<void()>& body) {
 
 std::uint32_t ThreadedScheduler::Start(StartOptions options, std::function<void()> body) {
     HostLock lock(mutex_);
-    options.processor %= Processors();
+    options.processor %= processors();
     if (options.kind == ContextKind::kDpc) {
         return QueueDpc(std::move(options), std::move(body));
     }
@@ -132,7 +132,7 @@ void ThreadedScheduler::RunTimers() {
         // Counted in before the lock is given up: a run must not end between the two.
         QueueDpc({.name = "timer",
                   .kind = ContextKind::kDpc,
-                  .processor = node.mapped().processor % Processors()},
+                  .processor = node.mapped().processor % processors()},
                  std::move(node.mapped().routine));
     }
 }

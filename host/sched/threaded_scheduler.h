@@ -25,8 +25,8 @@ class ThreadedScheduler final : public Scheduler {
     explicit ThreadedScheduler(unsigned processors);
     ~ThreadedScheduler() override;
 
-    bool Simulated() const override { return false; }
-    unsigned Processors() const override { return static_cast<unsigned>(processors_.size()); }
+    bool simulated() const override { return false; }
+    unsigned processors() const override { return static_cast<unsigned>(processors_.size()); }
     RunResult Run(const std::function<void()>& body) override;
     std::uint32_t Start(StartOptions options, std::function<void()> body) override;
     void Join(std::uint32_t id) override;

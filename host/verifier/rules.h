@@ -12,39 +12,39 @@ namespace netsieve::host {
     X(CallbackIrql, "a callback returns at the IRQL it was entered at")                    \
     X(CallbackHoldsLock, "a callback returns with no spin lock held")                      \
     X(DispatchFlag, "a DISPATCH_LEVEL flag is set only by a caller that is there")         \
-    X(ListTouched, "a list and its data are not written while they are given away")        \
-    X(ListRead, "a list is read by who holds it")                                          \
-    X(SourceHandle, "a list carries the handle of whoever originated it, and no other")    \
-    X(OriginatedListPassedOn, "a filter's own lists go no further than its own handlers")  \
-    X(ListNotOwned, "a list is handed on only by who holds it, and once")                  \
-    X(ListDirection, "a sent list is completed, an indicated one returned")                \
-    X(ListBuffers, "a list goes back with the buffers and the order it came with")         \
-    X(ListBytes, "a list goes back with the bytes it came with")                           \
-    X(ListLost, "every list goes back to its owner")                                       \
-    X(ResourcesListKept, "a list lent for the call is not kept past it")                   \
+    X(NblWritten, "an NBL and its data are not written while they are given away")         \
+    X(NblRead, "an NBL is read by who holds it")                                           \
+    X(SourceHandle, "an NBL carries the handle of whoever originated it, and no other")    \
+    X(OriginatedNblPassedOn, "a filter's own NBLs go no further than its own handlers")    \
+    X(NblNotOwned, "an NBL is handed on only by who holds it, and once")                   \
+    X(NblDirection, "a sent NBL is completed, an indicated one returned")                  \
+    X(NblNetBuffers, "an NBL goes back with the buffers and the order it came with")       \
+    X(NblData, "an NBL goes back with the bytes it came with")                             \
+    X(NblLost, "every NBL goes back to its owner")                                         \
+    X(ResourcesNblKept, "an NBL lent for the call is not kept past it")                    \
     X(ResourcesChain, "a lent chain is whole again when the call returns")                 \
-    X(ResourcesListReturned, "a lent list is never returned")                              \
-    X(ResourcesFlagDropped, "a lent list is not passed up as if it were given")            \
-    X(ListCount, "NumberOfNetBufferLists is the length of the chain")                      \
-    X(PauseOutstanding, "a paused filter has none of its own lists outstanding")           \
+    X(ResourcesNblReturned, "a lent NBL is never returned")                                \
+    X(ResourcesFlagDropped, "a lent NBL is not passed up as if it were given")             \
+    X(NblCount, "NumberOfNetBufferLists is the length of the chain")                       \
+    X(PauseOutstanding, "a paused filter has none of its own NBLs outstanding")            \
     X(PauseFailed, "pause does not fail")                                                  \
     X(PauseTooLong, "pause ends within 10 seconds")                                        \
     X(OriginatedWhilePaused, "a paused filter originates nothing")                         \
     X(AttachLeftBehind, "a failed attach leaves nothing behind")                           \
     X(DeregisteredElsewhere, "a filter driver is deregistered from its unload routine")    \
     X(CancelNotForwarded, "a cancel request is passed down")                               \
-    X(ContextSize, "a list context's size is a multiple of MEMORY_ALLOCATION_ALIGNMENT")   \
-    X(ContextLeft, "a list goes to its owner without contexts of others on it")            \
+    X(ContextSize, "an NBL context's size is a multiple of MEMORY_ALLOCATION_ALIGNMENT")   \
+    X(ContextLeft, "an NBL goes to its owner without contexts of others on it")            \
     X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
-    X(NblPoolInUse, "a list pool is freed when all its lists are back")                    \
-    X(FreedListUsed, "a freed list is not used")                                           \
+    X(NblPoolInUse, "an NBL pool is freed when all its NBLs are back")                     \
+    X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \
     X(TimerInFreedMemory, "a timer is not armed in memory that is freed")                  \
     X(PoolZeroSize, "no allocation has size zero")                                         \
     X(PagedPoolLevel, "paged pool is used below DISPATCH_LEVEL only")                      \
     X(PoolOverrun, "nothing is written outside a block")                                   \
     X(PoolDoubleFree, "a block is freed once")                                             \
-    X(PoolForeignPointer, "only what was allocated is freed, by its first byte")           \
+    X(PoolInvalidPointer, "only what was allocated is freed, by its first byte")           \
     X(PoolWrongTag, "a block is freed with the tag it was allocated with")                 \
     X(PoolUseAfterFree, "a freed block is not written")                                    \
     X(PoolLeak, "every block is freed before the driver is gone")                          \

@@ -28,14 +28,14 @@ class Verifier {
     /// Whether the checks run at all. Fixed for the life of the machine.
     explicit Verifier(bool enabled) : enabled_(enabled) {}
 
-    bool Enabled() const { return enabled_; }
+    bool enabled() const { return enabled_; }
 
     /// Notes a violation. Any context, any IRQL; nothing is noted when the verifier is off, but for
     /// Deadlock and Hang, which end a run.
     void Report(Rule rule, std::string what);
 
     /// Every violation so far, in order. Read it when the machine is quiet.
-    const std::vector<Violation>& Violations() const { return violations_; }
+    const std::vector<Violation>& violations() const { return violations_; }
     bool Silent() const { return violations_.empty(); }
     /// All violations as text, for a failing test or a summary; empty when silent.
     std::string Describe() const;

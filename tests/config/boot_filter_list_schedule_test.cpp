@@ -12,7 +12,7 @@ namespace {
 
 RegistryKey ServiceKey(Machine& machine) {
     RegistryKey key = 0;
-    CreateRegistryPath(machine.registry().Memory(), u"Machine\\" + std::u16string(BOOT_LIST_KEY),
+    CreateRegistryPath(machine.registry().memory(), u"Machine\\" + std::u16string(BOOT_LIST_KEY),
                        &key);
     return key;
 }
@@ -20,7 +20,7 @@ RegistryKey ServiceKey(Machine& machine) {
 // Starts from `net, keep`; when all is over `keep` and what was added are there and `net` is not.
 void ChangeFromThreeThreads(Machine& machine) {
     machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
-    RegistryStore& store = machine.registry().Memory();
+    RegistryStore& store = machine.registry().memory();
     store.WriteValue(ServiceKey(machine),
                      {BOOT_LIST_VALUE, REG_MULTI_SZ, MultiSz({u"net", u"keep"})});
     const auto start = [&](unsigned processor, LONG change, std::u16string name) {
@@ -40,7 +40,7 @@ void ChangeFromThreeThreads(Machine& machine) {
 
 std::string CheckList(Machine& machine) {
     RegistryValue value;
-    machine.registry().Memory().ReadValue(ServiceKey(machine), BOOT_LIST_VALUE, &value);
+    machine.registry().memory().ReadValue(ServiceKey(machine), BOOT_LIST_VALUE, &value);
     const bool whole = value.data == MultiSz({u"keep", u"alpha", u"beta"}) ||
                        value.data == MultiSz({u"keep", u"beta", u"alpha"});
     return whole ? "" : fmt::format("a change was lost: {} bytes are left", value.data.size());

@@ -48,7 +48,7 @@ class ConfigRig {
                        MachineOptions options = {})
         : machine_(options) {
         std::u16string path = u"Machine\\" + std::u16string(BOOT_LIST_KEY);
-        store_ = &machine_.registry().Memory();
+        store_ = &machine_.registry().memory();
         if (kind == StoreKind::kHive) {
             std::string error;
             auto hive = RegistryHiveStore::Create("/nowhere/SYSTEM", error);
@@ -68,7 +68,7 @@ class ConfigRig {
     void Run(const std::function<void()>& body) {
         const RunResult result = machine_.Run([&] {
             ASSERT_EQ(machine_.LoadDriver(source_), STATUS_SUCCESS);
-            const KernelImage* image = machine_.FindDriver("NETSIEVE")->Image();
+            const KernelImage* image = machine_.FindDriver("NETSIEVE")->image();
             export_ =
                 image == nullptr
                     ? &ITarnHKSystemInformationEx

@@ -68,7 +68,7 @@ TEST_F(HiveStore, AgreesWithMemoryThroughTheFile) {
             ASSERT_TRUE(hive->Save(error_)) << error_;
             hive = Open();
             ASSERT_NE(hive, nullptr) << error_;
-            ASSERT_EQ(FindRegistryPath(*hive, hive->Root(), {u"kEY", u"s\u0142UB"}, &inHive), 0);
+            ASSERT_EQ(FindRegistryPath(*hive, hive->root(), {u"kEY", u"s\u0142UB"}, &inHive), 0);
         }
         for (const std::u16string_view each : names) {
             RegistryValue stored;
@@ -91,7 +91,7 @@ TEST_F(HiveStore, FindsTheCurrentControlSet) {
     CreateRegistryPath(*hive, u"ControlSet003\\Services\\NetSieve", &services);
     CreateRegistryPath(*hive, u"Select", &select);
     const auto find = [&] {
-        return FindRegistryPath(*hive, hive->Root(),
+        return FindRegistryPath(*hive, hive->root(),
                                 {u"currentcontrolSET", u"Services", u"NetSieve"}, &found);
     };
     EXPECT_EQ(find(), STATUS_OBJECT_NAME_NOT_FOUND);

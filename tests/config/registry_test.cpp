@@ -43,7 +43,7 @@ std::vector<Rule> Broken(const std::function<void(Machine&)>& body) {
     Machine machine;
     machine.Run([&] { body(machine); });
     std::vector<Rule> rules;
-    for (const Violation& violation : machine.verifier().Violations()) {
+    for (const Violation& violation : machine.verifier().violations()) {
         rules.push_back(violation.rule);
     }
     return rules;
@@ -52,7 +52,7 @@ std::vector<Rule> Broken(const std::function<void(Machine&)>& body) {
 TEST(Registry, FindsKeysByPathWithoutCase) {
     Broken([](Machine& machine) {
         RegistryKey made = 0;
-        CreateRegistryPath(machine.registry().Memory(), u"Machine\\Soft\\Sm\u00E5land", &made);
+        CreateRegistryPath(machine.registry().memory(), u"Machine\\Soft\\Sm\u00E5land", &made);
         HANDLE soft = nullptr;
         HANDLE key = nullptr;
         EXPECT_EQ(Open(u"\\REGISTRY\\machine\\SOFT", &soft), STATUS_SUCCESS);

@@ -28,15 +28,15 @@ class AttachTest : public testing::TestWithParam<AttachTiming> {
         CheckRecord(machine, second);
 
         // Bound while the driver was loading and the stacks were running; now it works.
-        EXPECT_EQ(RecordOf(machine, second)->State, FILTER_STATE_RUNNING);
+        EXPECT_EQ(DriverModuleOf(machine, second)->State, FILTER_STATE_RUNNING);
         second.Pause();
-        EXPECT_EQ(RecordOf(machine, second)->State, FILTER_STATE_PAUSED);
+        EXPECT_EQ(DriverModuleOf(machine, second)->State, FILTER_STATE_PAUSED);
         second.Restart();
         machine.UnloadDriver("NETSIEVE");
     }
 
     static void CheckRecord(Machine& machine, Stack& stack) {
-        const FILTER_MODULE* const record = RecordOf(machine, stack);
+        const FILTER_MODULE* const record = DriverModuleOf(machine, stack);
         ASSERT_NE(record, nullptr);
         const AdapterOptions& adapter = stack.adapter().options();
         EXPECT_EQ(TextOf(record->FilterModuleName), adapter.moduleGuid);
@@ -48,7 +48,7 @@ class AttachTest : public testing::TestWithParam<AttachTiming> {
         EXPECT_EQ(record->AllocationSize, sizeof(FILTER_MODULE) + 2 * characters);
         EXPECT_THAT(record->MacAddress, testing::ElementsAreArray(adapter.mac));
         EXPECT_EQ(record->MiniportIfIndex, adapter.ifIndex);
-        EXPECT_EQ(record->FilterHandle, stack.FindModule(machine.FindDriver("NETSIEVE"))->Handle());
+        EXPECT_EQ(record->FilterHandle, stack.FindModule(machine.FindDriver("NETSIEVE"))->handle());
         EXPECT_EQ(record->ActiveCalls, 0u);
         EXPECT_NE(record->NblPool, nullptr);
         EXPECT_NE(record->TraceBuffer, nullptr);
@@ -92,13 +92,13 @@ TEST(AttachFailureTest, FailsWhatItMustAndGoesOnWithoutTheRest) {
             EXPECT_EQ(machine.LoadDriver(DriverUnderTest()), failure.load);
             machine.faults().Disarm();
             std::string console;
-            for (const std::string& text : machine.DebugOutput()) {
+            for (const std::string& text : machine.debugOutput()) {
                 console += text;
             }
             EXPECT_EQ(console, failure.console);
             ASSERT_EQ(!stack.modules().empty(), failure.attached);
             if (failure.attached) {
-                const UCHAR* const ring = RecordOf(machine, stack)->TraceBuffer;
+                const UCHAR* const ring = DriverModuleOf(machine, stack)->TraceBuffer;
                 EXPECT_EQ(ring == nullptr ? "none" : reinterpret_cast<const char*>(ring),
                           failure.ring);
             }
@@ -119,7 +119,7 @@ TEST(AttachRefusalTest, TakesOnlyItsOwnContextAndEthernet) {
         Stack& wan =
             machine.ndis().AddAdapter({.medium = NdisMediumWan, .ifIndex = 2, .bindAnyway = true});
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
-        EXPECT_EQ(RecordOf(machine, wan), nullptr);
+        EXPECT_EQ(DriverModuleOf(machine, wan), nullptr);
 
         LoadedDriver* const driver = machine.FindDriver("NETSIEVE");
         const FilterModule* const module = ethernet.FindModule(driver);
@@ -129,7 +129,7 @@ TEST(AttachRefusalTest, TakesOnlyItsOwnContextAndEthernet) {
         parameters.FilterModuleGuidName = &name;
         parameters.BaseMiniportInstanceName = &name;
         parameters.BaseMiniportName = &name;
-        const std::uint64_t allocations = machine.pool().Allocations();
+        const std::uint64_t allocations = machine.pool().allocations();
         const auto attach = [&](NDIS_HANDLE context, NDIS_MEDIUM medium) {
             parameters.MiniportMediaType = medium;
             const CallbackScope scope("FilterAttach", driver, nullptr);
@@ -138,7 +138,7 @@ TEST(AttachRefusalTest, TakesOnlyItsOwnContextAndEthernet) {
         EXPECT_EQ(attach(nullptr, NdisMedium802_3), NDIS_STATUS_INVALID_PARAMETER);
         EXPECT_EQ(attach(&name, NdisMedium802_3), NDIS_STATUS_INVALID_PARAMETER);
         EXPECT_EQ(attach(registration.context, NdisMediumLoopback), NDIS_STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(machine.pool().Allocations(), allocations);
+        EXPECT_EQ(machine.pool().allocations(), allocations);
         machine.UnloadDriver("NETSIEVE");
     });
 }
@@ -150,7 +150,7 @@ TEST(RestartTest, SetsTheLookaheadWhereThereAreAttributes) {
             ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
             const FilterModule* const module = stack.FindModule(machine.FindDriver("NETSIEVE"));
             EXPECT_EQ(module->lookaheadSize, attributes ? 128u : 1500u);
-            EXPECT_EQ(RecordOf(machine, stack)->State, FILTER_STATE_RUNNING);
+            EXPECT_EQ(DriverModuleOf(machine, stack)->State, FILTER_STATE_RUNNING);
 
             machine.UnloadDriver("NETSIEVE");
         });

@@ -11,12 +11,12 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
         Stack& stack = machine.ndis().AddAdapter();
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
         Traffic traffic(machine, stack);
-        stack.adapter().pace().Set(Pace::kHold);
-        stack.protocol().pace().Set(Pace::kHold);
+        stack.adapter().queue().SetMode(ReleaseMode::kHold);
+        stack.protocol().queue().SetMode(ReleaseMode::kHold);
         stack.protocol().Send(traffic.MakeSends(2));
         stack.adapter().Indicate(traffic.MakeReceives(3));
-        PNET_BUFFER_LIST const lent = traffic.MakeReceives(2);
-        const auto ofLent = ListsOf(lent);
+        PNET_BUFFER_LIST const resources = traffic.MakeReceives(2);
+        const auto ofResources = NblsOf(resources);
         PNET_BUFFER_LIST const given = traffic.MakeReceives(4);
 
         DetachingStack detaching(machine, stack);
@@ -32,7 +32,7 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
             AtIrql(machine, irql, [&] {
                 stack.protocol().Send(sent);
                 if (irql == PASSIVE_LEVEL) {
-                    stack.adapter().Indicate(lent, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+                    stack.adapter().Indicate(resources, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
                 } else {
                     stack.adapter().Indicate(given);
                 }
@@ -44,11 +44,11 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
         EXPECT_EQ(traffic.onWire, onWire);
         EXPECT_EQ(traffic.received, 3);
         EXPECT_EQ(traffic.returned, 4);
-        EXPECT_EQ(ListsOf(lent), ofLent);
+        EXPECT_EQ(NblsOf(resources), ofResources);
 
         // What went through before still comes back through the module.
-        stack.adapter().pace().ReleaseAll();
-        stack.protocol().pace().ReleaseAll();
+        stack.adapter().queue().ReleaseAll();
+        stack.protocol().queue().ReleaseAll();
         EXPECT_EQ(traffic.completed, onWire - 1);
         EXPECT_EQ(traffic.returned, 7);
         if (Simulated()) {
@@ -56,7 +56,7 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
         }
         detaching.End();
         EXPECT_EQ(traffic.completed, onWire);
-        stack.protocol().pace().Set(Pace::kInline);
+        stack.protocol().queue().SetMode(ReleaseMode::kInline);
         traffic.ExpectPassing();
         machine.UnloadDriver("NETSIEVE");
     });
@@ -67,14 +67,14 @@ TEST_P(DetachTest, OfAllModulesComesWithUnload) {
         Stack* stacks[3];
         for (std::uint32_t i = 0; i < 3; ++i) {
             stacks[i] = &machine.ndis().AddAdapter({.ifIndex = i + 1});
-            stacks[i]->adapter().pace().Set(Pace::kDeferred);
+            stacks[i]->adapter().queue().SetMode(ReleaseMode::kDeferred);
         }
         // Loading again finds nothing of the time before.
         for (int round = 0; round < 2; ++round) {
             ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
             machine.ndis().RemoveAdapter(machine.ndis().AddAdapter({.ifIndex = 4}));
             for (Stack* const stack : stacks) {
-                ASSERT_NE(RecordOf(machine, *stack), nullptr);
+                ASSERT_NE(DriverModuleOf(machine, *stack), nullptr);
                 Traffic traffic(machine, *stack);
                 stack->protocol().Send(traffic.MakeSends(4));
                 stack->Pause();

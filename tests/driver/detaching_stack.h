@@ -33,9 +33,9 @@ class DetachingStack {
     }
 
     /// Lets the blocked send go, which is completed before its call returns, and waits until the
-    /// module is gone. No other list may be on its way to the module.
+    /// module is gone. No other NBL may be on its way to the module.
     void End() {
-        stack_.adapter().pace().Set(Pace::kInline);
+        stack_.adapter().queue().SetMode(ReleaseMode::kInline);
         EXPECT_FALSE(detached_) << "freed while a call was inside";
         released_ = true;
         machine_.scheduler().Join(sender_);

@@ -14,9 +14,9 @@
 #include "driver/driver_entry.h"
 #include "host/accounting.h"
 #include "host/machine.h"
-#include "host/ndis/foreign_filter.h"
-#include "host/ndis/frame_lists.h"
+#include "host/ndis/nbl_factory.h"
 #include "host/ndis/ndis.h"
+#include "host/ndis/other_filter.h"
 #include "module/filter_module.h"
 
 namespace netsieve::host {
@@ -34,14 +34,14 @@ inline DriverSource DriverUnderTest() {
 inline void RunClean(const MachineOptions& options, const std::function<void(Machine&)>& body) {
     Machine machine(options);
     const RunResult result = machine.Run([&] { body(machine); });
-    machine.ndis().ReportLostLists();
+    machine.ndis().ReportLostNbls();
     EXPECT_TRUE(result.completed) << result.abandonReason;
     EXPECT_EQ(machine.verifier().Describe(), "");
     EXPECT_EQ(TakeStock(machine).Describe(), Accounting().Describe());
 }
 
 /// The record of the driver's module on `stack`; null when it has none there.
-inline FILTER_MODULE* RecordOf(Machine& machine, Stack& stack) {
+inline FILTER_MODULE* DriverModuleOf(Machine& machine, Stack& stack) {
     FilterModule* const module = stack.FindModule(machine.FindDriver("NETSIEVE"));
     return module == nullptr ? nullptr : static_cast<FILTER_MODULE*>(module->context);
 }
@@ -65,15 +65,15 @@ inline bool Await(Machine& machine, const std::function<bool()>& condition) {
     return holds;
 }
 
-inline std::vector<PNET_BUFFER_LIST> ListsOf(PNET_BUFFER_LIST chain) {
-    std::vector<PNET_BUFFER_LIST> lists;
+inline std::vector<PNET_BUFFER_LIST> NblsOf(PNET_BUFFER_LIST chain) {
+    std::vector<PNET_BUFFER_LIST> nbls;
     for (; chain != nullptr; chain = chain->Next) {
-        lists.push_back(chain);
+        nbls.push_back(chain);
     }
-    return lists;
+    return nbls;
 }
 
-/// Counts what crosses a stack while it lives. Lists are made beforehand, by one context; they may
+/// Counts what crosses a stack while it lives. NBLs are made beforehand, by one context; they may
 /// then be sent and indicated from any.
 class Traffic {
   public:
@@ -82,11 +82,11 @@ class Traffic {
           sends_(machine, stack.protocol().pool()),
           receives_(machine, stack.adapter().pool()) {
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
-            onWire += static_cast<int>(ListsOf(chain).size());
+            onWire += static_cast<int>(NblsOf(chain).size());
         };
         stack.adapter().onReturned = [this](PNET_BUFFER_LIST chain, ULONG flags) {
             returnFlags = flags;
-            returned += static_cast<int>(ListsOf(chain).size());
+            returned += static_cast<int>(NblsOf(chain).size());
         };
         stack.protocol().onReceive = [this](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG count,
                                             ULONG) { received += static_cast<int>(count); };
@@ -98,11 +98,11 @@ class Traffic {
         };
     }
 
-    PNET_BUFFER_LIST MakeSends(int lists, const FrameLayout& layout = {}) {
-        return MakeChain(sends_, lists, layout);
+    PNET_BUFFER_LIST MakeSends(int nbls, const FrameLayout& layout = {}) {
+        return MakeChain(sends_, nbls, layout);
     }
-    PNET_BUFFER_LIST MakeReceives(int lists, const FrameLayout& layout = {}) {
-        return MakeChain(receives_, lists, layout);
+    PNET_BUFFER_LIST MakeReceives(int nbls, const FrameLayout& layout = {}) {
+        return MakeChain(receives_, nbls, layout);
     }
     /// One of each, to see that the stack works: both must come back, through the driver or not.
     void ExpectPassing() {
@@ -113,30 +113,30 @@ class Traffic {
                     testing::ElementsAre(onWire - 1, completed - 1, received - 1, returned - 1));
     }
 
-    std::atomic<int> onWire = 0;           ///< sent lists that the adapter got
-    std::atomic<int> completed = 0;        ///< sent lists that came back
+    std::atomic<int> onWire = 0;           ///< sent NBLs that the adapter got
+    std::atomic<int> completed = 0;        ///< sent NBLs that came back
     std::atomic<int> refused = 0;          ///< those that came back with NDIS_STATUS_PAUSED
-    std::atomic<int> received = 0;         ///< indicated lists that the protocol got
-    std::atomic<int> returned = 0;         ///< indicated lists that the adapter got back
+    std::atomic<int> received = 0;         ///< indicated NBLs that the protocol got
+    std::atomic<int> returned = 0;         ///< indicated NBLs that the adapter got back
     std::atomic<ULONG> completeFlags = 0;  ///< of the latest completion
     std::atomic<ULONG> returnFlags = 0;    ///< of the latest return
 
   private:
-    static PNET_BUFFER_LIST MakeChain(FrameLists& from, int lists, const FrameLayout& layout) {
+    static PNET_BUFFER_LIST MakeChain(NblFactory& from, int nbls, const FrameLayout& layout) {
         std::array<std::uint8_t, 60> frame{};
         PNET_BUFFER_LIST chain = nullptr;
-        for (; lists > 0; --lists) {
-            frame[20] = static_cast<std::uint8_t>(lists);
-            PNET_BUFFER_LIST const list = from.Make(std::span<const std::uint8_t>(frame), layout);
-            list->Next = chain;
-            chain = list;
+        for (; nbls > 0; --nbls) {
+            frame[20] = static_cast<std::uint8_t>(nbls);
+            PNET_BUFFER_LIST const nbl = from.Make(std::span<const std::uint8_t>(frame), layout);
+            nbl->Next = chain;
+            chain = nbl;
         }
         return chain;
     }
 
     Stack& stack_;
-    FrameLists sends_;
-    FrameLists receives_;
+    NblFactory sends_;
+    NblFactory receives_;
 };
 
 /// A test that holds under both schedulers.

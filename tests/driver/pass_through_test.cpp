@@ -1,4 +1,4 @@
-// A module without hooks is transparent: every list and every event goes on as it came.
+// A module without hooks is transparent: every NBL and every event goes on as it came.
 #include <fmt/format.h>
 
 #include <deque>
@@ -10,34 +10,34 @@ namespace {
 
 /// A call as it arrives at an end of the stack.
 std::string Call(const char* name,
-                 const std::vector<PNET_BUFFER_LIST>& lists,
+                 const std::vector<PNET_BUFFER_LIST>& nbls,
                  NDIS_PORT_NUMBER port,
                  ULONG count,
                  ULONG flags,
                  KIRQL irql = CurrentContext().irql) {
-    return fmt::format("{} lists {} port {} count {} flags {:#x} IRQL {}", name,
-                       testing::PrintToString(lists), port, count, flags, irql);
+    return fmt::format("{} NBLs {} port {} count {} flags {:#x} IRQL {}", name,
+                       testing::PrintToString(nbls), port, count, flags, irql);
 }
 
 void RecordCalls(Stack& stack, std::vector<std::string>& calls) {
     stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
-        calls.push_back(Call("send", ListsOf(chain), port, 0, flags));
+        calls.push_back(Call("send", NblsOf(chain), port, 0, flags));
     };
     stack.protocol().onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG flags) {
-        calls.push_back(Call("complete", ListsOf(chain), 0, 0, flags));
+        calls.push_back(Call("complete", NblsOf(chain), 0, 0, flags));
     };
     stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count,
                                      ULONG flags) {
-        calls.push_back(Call("receive", ListsOf(chain), port, count, flags));
+        calls.push_back(Call("receive", NblsOf(chain), port, count, flags));
     };
     stack.adapter().onReturned = [&](PNET_BUFFER_LIST chain, ULONG flags) {
-        calls.push_back(Call("return", ListsOf(chain), 0, 0, flags));
+        calls.push_back(Call("return", NblsOf(chain), 0, 0, flags));
     };
 }
 
 class PassThroughTest : public BothSchedulers {};
 
-TEST_P(PassThroughTest, HandsListsOnAsTheyCame) {
+TEST_P(PassThroughTest, HandsNblsOnAsTheyCame) {
     RunClean(Options(), [](Machine& machine) {
         Stack& stack = machine.ndis().AddAdapter();
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
@@ -48,23 +48,24 @@ TEST_P(PassThroughTest, HandsListsOnAsTheyCame) {
             const ULONG atDispatch = irql == DISPATCH_LEVEL ? 1 : 0;
             PNET_BUFFER_LIST const sent = traffic.MakeSends(3);
             PNET_BUFFER_LIST const given = traffic.MakeReceives(2);
-            PNET_BUFFER_LIST const lent = traffic.MakeReceives(2);
-            const auto ofSent = ListsOf(sent), ofGiven = ListsOf(given), ofLent = ListsOf(lent);
+            PNET_BUFFER_LIST const resources = traffic.MakeReceives(2);
+            const auto ofSent = NblsOf(sent), ofGiven = NblsOf(given),
+                       ofResources = NblsOf(resources);
             AtIrql(machine, irql, [&] {
                 stack.protocol().Send(sent, 7 + irql, 0x10);
                 stack.adapter().Indicate(given, 9 + irql, 0x100);
-                stack.adapter().Indicate(lent, 11, NDIS_RECEIVE_FLAGS_RESOURCES);
+                stack.adapter().Indicate(resources, 11, NDIS_RECEIVE_FLAGS_RESOURCES);
             });
             EXPECT_THAT(calls, testing::ElementsAre(
                                    Call("send", ofSent, 7 + irql, 0, 0x10 | atDispatch, irql),
                                    Call("complete", ofSent, 0, 0, atDispatch, irql),
                                    Call("receive", ofGiven, 9 + irql, 2, 0x100 | atDispatch, irql),
                                    Call("return", ofGiven, 0, 0, atDispatch, irql),
-                                   Call("receive", ofLent, 11, 2,
+                                   Call("receive", ofResources, 11, 2,
                                         NDIS_RECEIVE_FLAGS_RESOURCES | atDispatch, irql)));
-            EXPECT_EQ(ListsOf(lent), ofLent);
+            EXPECT_EQ(NblsOf(resources), ofResources);
             // A receive's port is nobody's affair; a send's is what an injection will use.
-            EXPECT_EQ(RecordOf(machine, stack)->LastSendPortNumber, 7u + irql);
+            EXPECT_EQ(DriverModuleOf(machine, stack)->LastSendPortNumber, 7u + irql);
             calls.clear();
         }
         machine.UnloadDriver("NETSIEVE");
@@ -108,22 +109,22 @@ TEST_P(PassThroughTest, HandsEventsOnAsTheyCame) {
 
 // Everything at once: two adapters, foreign filters with contexts of their own on both sides,
 // buffers in pieces, chains of several senders that are split, mixed and reordered on their way
-// back. The verifier compares each list's buffers and bytes with how it left.
+// back. The verifier compares each NBL's buffers and bytes with how it left.
 TEST_P(PassThroughTest, KeepsMixedTrafficWhole) {
     const FrameLayout layouts[] = {{}, {.mdlSizes = {20, 1, 30}, .headroom = 25, .mapped = false}};
-    for (const Pace pace : {Pace::kDeferred, Pace::kMixed}) {
+    for (const ReleaseMode mode : {ReleaseMode::kDeferred, ReleaseMode::kMixed}) {
         RunClean(Options(), [&](Machine& machine) {
             Stack* const stacks[] = {&machine.ndis().AddAdapter(),
                                      &machine.ndis().AddAdapter({.ifIndex = 2})};
             for (const bool above : {true, false}) {
-                ASSERT_EQ(machine.LoadDriver(ForeignFilter(above)), STATUS_SUCCESS);
+                ASSERT_EQ(machine.LoadDriver(OtherFilter(above)), STATUS_SUCCESS);
             }
             ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
             std::deque<Traffic> traffic;
             std::vector<std::uint32_t> callers;
             for (Stack* const stack : stacks) {
-                stack->adapter().pace().Set(pace);
-                stack->protocol().pace().Set(pace);
+                stack->adapter().queue().SetMode(mode);
+                stack->protocol().queue().SetMode(mode);
                 Traffic& counts = traffic.emplace_back(machine, *stack);
                 for (unsigned i = 0; i < 4; ++i) {
                     PNET_BUFFER_LIST const sends = counts.MakeSends(5, layouts[i % 2]);
@@ -141,8 +142,8 @@ TEST_P(PassThroughTest, KeepsMixedTrafficWhole) {
             }
             machine.scheduler().JoinAll(callers);
             machine.UnloadDriver("NETSIEVE");
-            machine.UnloadDriver("FOREIGNUP");
-            machine.UnloadDriver("FOREIGNLO");
+            machine.UnloadDriver("OTHERUP");
+            machine.UnloadDriver("OTHERLO");
             for (const Traffic& counts : traffic) {
                 EXPECT_THAT((std::array<int, 5>{counts.onWire, counts.completed, counts.refused,
                                                 counts.received, counts.returned}),

@@ -21,7 +21,7 @@ class Scenario {
         const Accounting stock = TakeStock(machine);
         return stock.Balanced() ? verdict_ : verdict_ + stock.Describe();
     }
-    /// Runs in which contexts got in each other's way, as they must in some schedules: a list was
+    /// Runs in which contexts got in each other's way, as they must in some schedules: an NBL was
     /// refused, or the lines of two tracers alternate.
     std::uint64_t Meetings() const { return meetings_; }
 
@@ -31,15 +31,15 @@ class Scenario {
             verdict_ = std::move(what);
         }
     }
-    /// Every list came back once, and only from where it can have been.
-    void DemandHome(const Traffic& traffic, int sent, int given, int lent) {
+    /// Every NBL came back once, and only from where it can have been.
+    void DemandAllReturned(const Traffic& traffic, int sent, int given, int resources) {
         Demand(traffic.onWire == traffic.completed && traffic.completed + traffic.refused == sent &&
-                   traffic.returned == given && traffic.received <= given + lent,
-               fmt::format("of {} sent lists {} were on the wire, {} came back and {} were "
-                           "refused; of {} given and {} lent lists {} were received and {} "
+                   traffic.returned == given && traffic.received <= given + resources,
+               fmt::format("of {} sent NBLs {} were on the wire, {} came back and {} were "
+                           "refused; of {} given and {} lent NBLs {} were received and {} "
                            "returned",
                            sent, traffic.onWire.load(), traffic.completed.load(),
-                           traffic.refused.load(), given, lent, traffic.received.load(),
+                           traffic.refused.load(), given, resources, traffic.received.load(),
                            traffic.returned.load()));
         meetings_ += traffic.refused != 0 ? 1 : 0;
     }
@@ -55,17 +55,17 @@ class LifeUnderTraffic final : public Scenario {
         verdict_.clear();
         Stack& stack = machine.ndis().AddAdapter();
         Traffic traffic(machine, stack);
-        stack.adapter().pace().Set(Pace::kMixed);
-        stack.protocol().pace().Set(Pace::kMixed);
-        const auto sender = [&](int lists) {
-            return [&, chain = traffic.MakeSends(lists)] { stack.protocol().Send(chain); };
+        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
+        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
+        const auto sender = [&](int nbls) {
+            return [&, chain = traffic.MakeSends(nbls)] { stack.protocol().Send(chain); };
         };
         int given = 0;
-        int lent = 0;
+        int resources = 0;
         const auto receiver = [&, first = traffic.MakeReceives(2),
                                second = traffic.MakeReceives(1)] {
             given = stack.adapter().Indicate(first) ? 2 : 0;
-            lent = stack.adapter().Indicate(second, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+            resources = stack.adapter().Indicate(second, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
         };
         const auto pause = [&] {
             stack.Pause();
@@ -82,7 +82,7 @@ class LifeUnderTraffic final : public Scenario {
         machine.UnloadDriver("NETSIEVE");
         scheduler.JoinAll(contexts);
         stack.Pause();  // everything comes home
-        DemandHome(traffic, 3, given, lent);
+        DemandAllReturned(traffic, 3, given, resources);
     }
 };
 
@@ -95,11 +95,11 @@ class CallsDuringDetach final : public Scenario {
         Stack& stack = machine.ndis().AddAdapter();
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         Traffic traffic(machine, stack);
-        stack.adapter().pace().Set(Pace::kMixed);
-        stack.protocol().pace().Set(Pace::kMixed);
+        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
+        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
         PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(1), traffic.MakeSends(1)};
         PNET_BUFFER_LIST const given[] = {traffic.MakeReceives(1), traffic.MakeReceives(1)};
-        PNET_BUFFER_LIST const lent = traffic.MakeReceives(1);
+        PNET_BUFFER_LIST const resources = traffic.MakeReceives(1);
         DetachingStack detaching(machine, stack);
         detaching.Begin(traffic.MakeSends(1));
         // The first of each races with the detach. In a simulated machine nobody sleeps to the end
@@ -113,7 +113,7 @@ class CallsDuringDetach final : public Scenario {
                             }),
             scheduler.Start({.name = "receiver", .processor = 0}, [&] {
                 stack.adapter().Indicate(given[0]);
-                stack.adapter().Indicate(lent, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
+                stack.adapter().Indicate(resources, 0, NDIS_RECEIVE_FLAGS_RESOURCES);
                 scheduler.Sleep(kTicksPerMillisecond);
                 stack.adapter().Indicate(given[1]);
             })};
@@ -123,7 +123,7 @@ class CallsDuringDetach final : public Scenario {
               [&] { return traffic.returned == 2 && traffic.completed + traffic.refused == 2; });
         detaching.End();
         stack.Pause();
-        DemandHome(traffic, 3, 2, 1);
+        DemandAllReturned(traffic, 3, 2, 1);
         machine.UnloadDriver("NETSIEVE");
     }
 };

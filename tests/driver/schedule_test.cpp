@@ -45,7 +45,7 @@ TEST(DetachModel, WaitsForEveryCall) {
         tree.SetOpen(false);
         Stack& stack = machine.ndis().AddAdapter();
         machine.LoadDriver(DriverUnderTest());
-        FILTER_MODULE* const module = RecordOf(machine, stack);
+        FILTER_MODULE* const module = DriverModuleOf(machine, stack);
         tree.SetOpen(true);
         machine.scheduler().Start({.name = "caller", .processor = 1},
                                   [module] { ModuleReference reference(module); });

@@ -81,7 +81,7 @@ TEST(TraceLogTest, DoesNothingWithoutARing) {
         machine.faults().Disarm();
         TraceLog(&record, "NSVFilterAttach", 651, FALSE);
         EXPECT_EQ(record.TraceSequence, 0u);
-        EXPECT_THAT(machine.DebugOutput(), testing::ElementsAre("dbglog memory allocate failed\n"));
+        EXPECT_THAT(machine.debugOutput(), testing::ElementsAre("dbglog memory allocate failed\n"));
         FreeTraceLog(&record);
     });
 }

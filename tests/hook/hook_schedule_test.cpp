@@ -25,7 +25,7 @@ class HooksComeAndGo final : public Scenario {
         Stack& stack = machine.ndis().AddAdapter();
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         Traffic traffic(machine, stack);
-        stack.adapter().pace().Set(Pace::kMixed);
+        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
         Client steady(u"steady");
         Client changing(u"changing", 1);
         Client twin(u"changing", 1);
@@ -106,7 +106,7 @@ class HooksComeAndGo final : public Scenario {
             twin.Stop();
         }
         if (change_ == Change::kAttachDetach) {
-            Demand(RecordOf(machine, stack)->HookCount == 3,
+            Demand(DriverModuleOf(machine, stack)->HookCount == 3,
                    "the table has lost or doubled a hook");
             guest.Stop();
         }
@@ -123,7 +123,7 @@ class HooksComeAndGo final : public Scenario {
         steady.Stop();
         machine.UnloadDriver("NETSIEVE");
         Demand(traffic.completed + traffic.refused == 3,
-               fmt::format("of 3 lists {} came back and {} were refused", traffic.completed.load(),
+               fmt::format("of 3 NBLs {} came back and {} were refused", traffic.completed.load(),
                            traffic.refused.load()));
     }
 
@@ -166,7 +166,7 @@ class HooksLeaveDuringUnload final : public Scenario {
         machine.UnloadDriver("NETSIEVE");
         machine.scheduler().Join(sender);
         meetings_ += silent.calls == 1 ? 1 : 0;
-        Demand(traffic.completed + traffic.refused == 2, "a list did not come back");
+        Demand(traffic.completed + traffic.refused == 2, "an NBL did not come back");
     }
 };
 
@@ -181,20 +181,20 @@ class ProtocolsFillTheTable final : public Scenario {
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         Client client(u"hook");
         client.Start();
-        std::vector<std::unique_ptr<FrameLists>> lists;
+        std::vector<std::unique_ptr<NblFactory>> nbls;
         std::vector<std::uint32_t> contexts;
         const Frame frame = MakeFrame(1);
         for (unsigned i = 0; i < 4; ++i) {
             Protocol& protocol = stack.protocol(i % 2);
-            lists.push_back(std::make_unique<FrameLists>(machine, protocol.pool()));
+            nbls.push_back(std::make_unique<NblFactory>(machine, protocol.pool()));
             contexts.push_back(scheduler.Start(
                 {.name = "sender", .processor = i},
-                [&protocol, list = lists.back()->Make(std::span<const std::uint8_t>(frame))] {
-                    protocol.Send(list);
+                [&protocol, nbl = nbls.back()->Make(std::span<const std::uint8_t>(frame))] {
+                    protocol.Send(nbl);
                 }));
         }
         scheduler.JoinAll(contexts);
-        FILTER_MODULE* const module = RecordOf(machine, stack);
+        FILTER_MODULE* const module = DriverModuleOf(machine, stack);
         Demand(
             module->ProtocolCount == 2 && module->ProtocolHandles[0] != module->ProtocolHandles[1],
             fmt::format("{} entries for two protocols", module->ProtocolCount));

@@ -187,7 +187,7 @@ TEST(HookRegistryTest, AnAdapterThatComesLaterIsAnnouncedToEachHook) {
         first.Start();
         second.Start();
         Stack& later = scene.machine_.ndis().AddAdapter();
-        FILTER_MODULE* const module = RecordOf(scene.machine_, later);
+        FILTER_MODULE* const module = DriverModuleOf(scene.machine_, later);
         for (Client* client : {&first, &second}) {
             EXPECT_EQ(client->attached, (std::vector<FILTER_MODULE*>{scene.module, module}));
             EXPECT_EQ(client->hook->AttachCount, 2u);
@@ -436,8 +436,8 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
         client.Start();
         for (int i = 0; i < 26; ++i) {
             Protocol& protocol = scene.stack.AddProtocol(u"\u0141" + std::u16string(3, u'x'));
-            FrameLists lists(scene.machine_, protocol.pool());
-            protocol.Send(lists.Make(std::span<const std::uint8_t>(MakeFrame(1))));
+            NblFactory nbls(scene.machine_, protocol.pool());
+            protocol.Send(nbls.Make(std::span<const std::uint8_t>(MakeFrame(1))));
             scene.stack.Pause();
             scene.stack.Restart();
         }

@@ -75,10 +75,10 @@ Function* At(void* address) {
 
 TEST(KernelImage, RunsInItsOwnProtectedPages) {
     auto loaded = KernelImage::Load(std::filesystem::path(NETSIEVE_TOY_IMAGE), ToyImports());
-    ASSERT_TRUE(loaded) << loaded.Fault().message;
-    const std::uint8_t* base = loaded.Value().Memory().data();
+    ASSERT_TRUE(loaded) << loaded.fault().message;
+    const std::uint8_t* base = loaded.value().memory().data();
     {
-        KernelImage image = std::move(loaded.Value());
+        KernelImage image = std::move(loaded.value());
         gLog.clear();
         DRIVER_OBJECT driver{};
         auto entry = At<NTSTATUS NTAPI(DRIVER_OBJECT*, UNICODE_STRING*)>(image.EntryPoint());
@@ -91,9 +91,9 @@ TEST(KernelImage, RunsInItsOwnProtectedPages) {
         EXPECT_EQ(image.FindExport("DriverEntry"), nullptr);
 
         EXPECT_FALSE(image.Contains(base - 1));
-        EXPECT_FALSE(image.Contains(base + image.Memory().size()));
+        EXPECT_FALSE(image.Contains(base + image.memory().size()));
         EXPECT_EQ(ProtectionOf(base), "r--p");
-        for (const PeSection& section : image.File().Sections()) {
+        for (const PeSection& section : image.file().sections()) {
             EXPECT_EQ(ProtectionOf(base + section.address), section.executable ? "r-xp"
                                                             : section.writable ? "rw-p"
                                                                                : "r--p")
@@ -106,8 +106,8 @@ TEST(KernelImage, RunsInItsOwnProtectedPages) {
 TEST(KernelImage, BindsOneImageToAnother) {
     ImportTable platform = ToyImports();
     auto first = KernelImage::Load(std::filesystem::path(NETSIEVE_TOY_IMAGE), platform);
-    ASSERT_TRUE(first) << first.Fault().message;
-    ImageExports exports("toy.sys", first.Value());
+    ASSERT_TRUE(first) << first.fault().message;
+    ImageExports exports("toy.sys", first.value());
     ImportChain chain;
     chain.Add(platform);
     chain.Add(exports);
@@ -117,10 +117,10 @@ TEST(KernelImage, BindsOneImageToAnother) {
     client.Replace("NdisGetVersion", "ToyLoads");
     client.FixChecksum();
     auto second = KernelImage::Load(client.bytes, chain);
-    ASSERT_TRUE(second) << second.Fault().message;
+    ASSERT_TRUE(second) << second.fault().message;
     gLog.clear();
     DRIVER_OBJECT driver{};
-    for (KernelImage* image : {&first.Value(), &second.Value()}) {
+    for (KernelImage* image : {&first.value(), &second.value()}) {
         At<NTSTATUS NTAPI(DRIVER_OBJECT*, UNICODE_STRING*)>(image->EntryPoint())(&driver, nullptr);
     }
     EXPECT_NE(gLog.find(fmt::format("loaded 1 {} ", static_cast<void*>(&driver))),
@@ -185,14 +185,14 @@ TEST(KernelImage, RefusesByName) {
         }
         auto loaded = KernelImage::Load(image.bytes, ToyImports());
         ASSERT_FALSE(loaded) << refusal.message;
-        EXPECT_EQ(ImageErrorName(loaded.Fault().error), ImageErrorName(refusal.expected));
-        EXPECT_NE(loaded.Fault().message.find(refusal.message), std::string::npos)
-            << loaded.Fault().message;
+        EXPECT_EQ(ImageErrorName(loaded.fault().error), ImageErrorName(refusal.expected));
+        EXPECT_NE(loaded.fault().message.find(refusal.message), std::string::npos)
+            << loaded.fault().message;
     }
     for (const char* path : {"/nonexistent.sys", "/"}) {
         auto loaded = KernelImage::Load(std::filesystem::path(path), ToyImports());
         ASSERT_FALSE(loaded) << path;
-        EXPECT_EQ(loaded.Fault().error, ImageError::kUnreadable);
+        EXPECT_EQ(loaded.fault().error, ImageError::kUnreadable);
     }
 }
 

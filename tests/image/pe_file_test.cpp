@@ -13,25 +13,25 @@ using Long = std::uint32_t;
 TEST(PeFile, ReadsWhatTheLinkerWrote) {
     TestImage image;
     auto parsed = PeFile::Parse(image.bytes);
-    ASSERT_TRUE(parsed) << parsed.Fault().message;
-    const PeFile& file = parsed.Value();
+    ASSERT_TRUE(parsed) << parsed.fault().message;
+    const PeFile& file = parsed.value();
 
-    EXPECT_EQ(file.Header().imageBase, 0x140000000u);
-    EXPECT_EQ(file.Header().checksum, file.ComputedChecksum());
+    EXPECT_EQ(file.header().imageBase, 0x140000000u);
+    EXPECT_EQ(file.header().checksum, file.computedChecksum());
     std::vector<std::string> imports;
-    for (const PeImport& import : file.Imports()) {
+    for (const PeImport& import : file.imports()) {
         imports.push_back(import.dll + "!" + import.name);
     }
     EXPECT_EQ(imports, (std::vector<std::string>{"NDIS.SYS!NdisGetVersion", "ntoskrnl.exe!DbgPrint",
                                                  "ntoskrnl.exe!KeAcquireSpinLockRaiseToDpc",
                                                  "ntoskrnl.exe!KeReleaseSpinLock"}));
-    ASSERT_EQ(file.Exports().size(), 2u);
-    EXPECT_EQ(file.FindExport("ToySum"), &file.Exports()[1]);
+    ASSERT_EQ(file.exports().size(), 2u);
+    EXPECT_EQ(file.FindExport("ToySum"), &file.exports()[1]);
     EXPECT_EQ(file.FindExport("ToySun"), nullptr);
-    EXPECT_EQ(file.Relocations().size(), 3u);
-    EXPECT_TRUE(file.SectionAt(file.Header().entryPoint)->executable);
-    auto covers = [&](const PeFunction& f) { return f.begin == file.Header().entryPoint; };
-    EXPECT_EQ(std::count_if(file.Functions().begin(), file.Functions().end(), covers), 1);
+    EXPECT_EQ(file.relocations().size(), 3u);
+    EXPECT_TRUE(file.SectionAt(file.header().entryPoint)->executable);
+    auto covers = [&](const PeFunction& f) { return f.begin == file.header().entryPoint; };
+    EXPECT_EQ(std::count_if(file.functions().begin(), file.functions().end(), covers), 1);
 }
 
 struct Damage {
@@ -125,8 +125,8 @@ TEST(PeFile, NamesEveryDamage) {
         damage.inflict(image);
         auto parsed = PeFile::Parse(image.bytes);
         ASSERT_FALSE(parsed) << damage.what;
-        EXPECT_EQ(ImageErrorName(parsed.Fault().error), ImageErrorName(damage.expected))
-            << damage.what << ": " << parsed.Fault().message;
+        EXPECT_EQ(ImageErrorName(parsed.fault().error), ImageErrorName(damage.expected))
+            << damage.what << ": " << parsed.fault().message;
     }
 }
 
@@ -136,9 +136,9 @@ TEST(PeFile, RefusesEveryPrefix) {
         std::vector<std::uint8_t> prefix(image.bytes.begin(), image.bytes.begin() + length);
         auto parsed = PeFile::Parse(prefix);
         ASSERT_FALSE(parsed) << length;
-        EXPECT_EQ(parsed.Fault().error,
+        EXPECT_EQ(parsed.fault().error,
                   length < 2 ? ImageError::kNotAnImage : ImageError::kTruncated)
-            << length << ": " << parsed.Fault().message;
+            << length << ": " << parsed.fault().message;
     }
 }
 
@@ -152,19 +152,19 @@ TEST(PeFile, FlippedBitsNeverLeadOutOfTheImage) {
         flipped.FlipBits(image, random, 1 + round % 4);
         auto parsed = PeFile::Parse(flipped.bytes);
         if (!parsed) {
-            EXPECT_FALSE(parsed.Fault().message.empty());
+            EXPECT_FALSE(parsed.fault().message.empty());
             continue;
         }
         ++accepted;
-        const PeFile& file = parsed.Value();
+        const PeFile& file = parsed.value();
         auto holdsPointer = [&](Long address) {
-            return address <= file.Layout().size() - 8 && file.SectionAt(address + 7) != nullptr;
+            return address <= file.layout().size() - 8 && file.SectionAt(address + 7) != nullptr;
         };
-        ASSERT_EQ(file.Layout().size(), file.Header().imageSize);
-        for (Long address : file.Relocations()) {
+        ASSERT_EQ(file.layout().size(), file.header().imageSize);
+        for (Long address : file.relocations()) {
             ASSERT_TRUE(holdsPointer(address)) << round;
         }
-        for (const PeImport& import : file.Imports()) {
+        for (const PeImport& import : file.imports()) {
             ASSERT_TRUE(holdsPointer(import.slot)) << round;
         }
     }

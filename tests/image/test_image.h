@@ -21,9 +21,9 @@ struct TestImage {
     TestImage() {
         auto file = ReadImageFile(NETSIEVE_TOY_IMAGE);
         if (!file) {
-            throw std::runtime_error(file.Fault().message + " (build it with: make image)");
+            throw std::runtime_error(file.fault().message + " (build it with: make image)");
         }
-        bytes = std::move(file.Value());
+        bytes = std::move(file.value());
     }
 
     template <class T>

@@ -24,7 +24,7 @@ class Events : public testing::TestWithParam<SchedulerKind> {
                 ++released;
             });
         }
-        while (machine_.events().Waiters() != 3) {
+        while (machine_.events().waiters() != 3) {
             scheduler_.Sleep(kTicksPerMillisecond);
         }
     }

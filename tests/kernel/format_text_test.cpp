@@ -37,7 +37,7 @@ TEST(DbgPrint, GoesToTheMachineAtAnyIrqlAndAnyLength) {
         machine.scheduler().SetIrql(PASSIVE_LEVEL);
         DbgPrint("%s", longText.c_str());
     });
-    EXPECT_EQ(machine.DebugOutput(), (std::vector<std::string>{"eth0 has 2 hooks\n", longText}));
+    EXPECT_EQ(machine.debugOutput(), (std::vector<std::string>{"eth0 has 2 hooks\n", longText}));
     EXPECT_TRUE(machine.verifier().Silent()) << machine.verifier().Describe();
 }
 

@@ -1,4 +1,4 @@
-// The stack itself: who stands where, who gets what, and when lists are taken at all.
+// The stack itself: who stands where, who gets what, and when NBLs are taken at all.
 #include <algorithm>
 #include <iterator>
 
@@ -10,13 +10,13 @@ namespace {
 std::vector<std::string> DriversOn(Stack& stack) {
     std::vector<std::string> names;
     for (const FilterModule* module : stack.modules()) {
-        names.push_back(module->registration.driver->Name());
+        names.push_back(module->registration.driver->name());
     }
     return names;
 }
 
 TEST(StackTest, OrdersFiltersByAltitudeWhateverTheOrderOfLoading) {
-    const std::vector<DriverSource> sources = {ForeignFilter(true), ForeignFilter(false),
+    const std::vector<DriverSource> sources = {OtherFilter(true), OtherFilter(false),
                                                DriverUnderTest()};
     for (int first = 0; first < 3; ++first) {
         for (const int step : {1, 2}) {
@@ -28,15 +28,15 @@ TEST(StackTest, OrdersFiltersByAltitudeWhateverTheOrderOfLoading) {
                 Stack& late = machine.ndis().AddAdapter({.ifIndex = 2});
                 for (Stack* const stack : {&early, &late}) {
                     EXPECT_THAT(DriversOn(*stack),
-                                testing::ElementsAre("FOREIGNUP", "NETSIEVE", "FOREIGNLO"));
+                                testing::ElementsAre("OTHERUP", "NETSIEVE", "OTHERLO"));
                     Traffic(machine, *stack).ExpectPassing();
                 }
                 // Out of the middle first: its neighbours find each other.
                 machine.UnloadDriver("NETSIEVE");
-                EXPECT_THAT(DriversOn(early), testing::ElementsAre("FOREIGNUP", "FOREIGNLO"));
+                EXPECT_THAT(DriversOn(early), testing::ElementsAre("OTHERUP", "OTHERLO"));
                 Traffic(machine, early).ExpectPassing();
-                machine.UnloadDriver("FOREIGNLO");
-                machine.UnloadDriver("FOREIGNUP");
+                machine.UnloadDriver("OTHERLO");
+                machine.UnloadDriver("OTHERUP");
                 EXPECT_TRUE(early.modules().empty());
                 Traffic(machine, early).ExpectPassing();
             });
@@ -44,7 +44,7 @@ TEST(StackTest, OrdersFiltersByAltitudeWhateverTheOrderOfLoading) {
     }
 }
 
-TEST(StackTest, RoutesListsOfOneChainToTheirProtocols) {
+TEST(StackTest, RoutesNblsOfOneChainToTheirProtocols) {
     RunClean({}, [](Machine& machine) {
         Stack& stack = machine.ndis().AddAdapter();
         stack.AddProtocol(u"SECOND");
@@ -52,50 +52,50 @@ TEST(StackTest, RoutesListsOfOneChainToTheirProtocols) {
         std::vector<PNET_BUFFER_LIST> completed[2], received[2], returned;
         for (std::size_t i = 0; i < 2; ++i) {
             stack.protocol(i).onSendComplete = [&, i](PNET_BUFFER_LIST chain, ULONG) {
-                std::ranges::copy(ListsOf(chain), std::back_inserter(completed[i]));
+                std::ranges::copy(NblsOf(chain), std::back_inserter(completed[i]));
             };
             stack.protocol(i).onReceive = [&, i](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER,
                                                  ULONG count, ULONG) {
-                EXPECT_EQ(count, ListsOf(chain).size());
-                std::ranges::copy(ListsOf(chain), std::back_inserter(received[i]));
+                EXPECT_EQ(count, NblsOf(chain).size());
+                std::ranges::copy(NblsOf(chain), std::back_inserter(received[i]));
             };
         }
         stack.adapter().onReturned = [&](PNET_BUFFER_LIST chain, ULONG) {
-            std::ranges::copy(ListsOf(chain), std::back_inserter(returned));
+            std::ranges::copy(NblsOf(chain), std::back_inserter(returned));
         };
 
         // Held, so that the sends of both protocols come back as one chain.
-        stack.adapter().pace().Set(Pace::kHold);
-        FrameLists first(machine, stack.protocol(0).pool());
-        FrameLists second(machine, stack.protocol(1).pool());
+        stack.adapter().queue().SetMode(ReleaseMode::kHold);
+        NblFactory first(machine, stack.protocol(0).pool());
+        NblFactory second(machine, stack.protocol(1).pool());
         const std::array<std::uint8_t, 60> frame{};
         const std::span<const std::uint8_t> bytes(frame);
         PNET_BUFFER_LIST const a = first.Make(bytes), b = second.Make(bytes), c = first.Make(bytes);
         stack.protocol(0).Send(a);
         stack.protocol(1).Send(b);
         stack.protocol(0).Send(c);
-        EXPECT_EQ(stack.adapter().pace().InHand(), 3u);
-        stack.adapter().pace().ReleaseAll();
+        EXPECT_EQ(stack.adapter().queue().Queued(), 3u);
+        stack.adapter().queue().ReleaseAll();
         EXPECT_THAT(completed[0], testing::ElementsAre(a, c));
         EXPECT_THAT(completed[1], testing::ElementsAre(b));
 
-        FrameLists frames(machine, stack.adapter().pool());
+        NblFactory frames(machine, stack.adapter().pool());
         for (const ULONG flags : {ULONG{0}, NDIS_RECEIVE_FLAGS_RESOURCES}) {
-            PNET_BUFFER_LIST lists[3];
-            for (PNET_BUFFER_LIST& list : lists) {
-                list = frames.Make(bytes);
+            PNET_BUFFER_LIST nbls[3];
+            for (PNET_BUFFER_LIST& nbl : nbls) {
+                nbl = frames.Make(bytes);
             }
-            lists[0]->Next = lists[1];
-            lists[1]->Next = lists[2];
-            stack.chooseReceiver = [&](PNET_BUFFER_LIST list) { return list == lists[1] ? 1 : 0; };
-            EXPECT_TRUE(stack.adapter().Indicate(lists[0], 0, flags));
-            EXPECT_THAT(received[0], testing::ElementsAre(lists[0], lists[2]));
-            EXPECT_THAT(received[1], testing::ElementsAre(lists[1]));
+            nbls[0]->Next = nbls[1];
+            nbls[1]->Next = nbls[2];
+            stack.chooseReceiver = [&](PNET_BUFFER_LIST nbl) { return nbl == nbls[1] ? 1 : 0; };
+            EXPECT_TRUE(stack.adapter().Indicate(nbls[0], 0, flags));
+            EXPECT_THAT(received[0], testing::ElementsAre(nbls[0], nbls[2]));
+            EXPECT_THAT(received[1], testing::ElementsAre(nbls[1]));
             if (flags == 0) {
-                EXPECT_THAT(returned, testing::UnorderedElementsAreArray(lists));
+                EXPECT_THAT(returned, testing::UnorderedElementsAreArray(nbls));
             } else {
                 EXPECT_THAT(returned, testing::IsEmpty());
-                EXPECT_THAT(ListsOf(lists[0]), testing::ElementsAreArray(lists));
+                EXPECT_THAT(NblsOf(nbls[0]), testing::ElementsAreArray(nbls));
             }
             received[0].clear();
             received[1].clear();
@@ -105,12 +105,12 @@ TEST(StackTest, RoutesListsOfOneChainToTheirProtocols) {
     });
 }
 
-TEST(StackTest, TakesNoListsWhilePausedAndBringsAllHomeFirst) {
+TEST(StackTest, TakesNoNblsWhilePausedAndWaitsForAllFirst) {
     RunClean({}, [](Machine& machine) {
         Stack& stack = machine.ndis().AddAdapter();
         Traffic traffic(machine, stack);
-        stack.adapter().pace().Set(Pace::kHold);
-        stack.protocol().pace().Set(Pace::kHold);
+        stack.adapter().queue().SetMode(ReleaseMode::kHold);
+        stack.protocol().queue().SetMode(ReleaseMode::kHold);
         stack.protocol().Send(traffic.MakeSends(2));
         stack.adapter().Indicate(traffic.MakeReceives(2));
         EXPECT_EQ(traffic.completed + traffic.returned, 0);
@@ -121,8 +121,8 @@ TEST(StackTest, TakesNoListsWhilePausedAndBringsAllHomeFirst) {
         EXPECT_EQ(traffic.refused, 2);
         EXPECT_FALSE(stack.adapter().Indicate(traffic.MakeReceives(1)));
         EXPECT_EQ(traffic.onWire, 2);
-        stack.adapter().pace().Set(Pace::kInline);
-        stack.protocol().pace().Set(Pace::kInline);
+        stack.adapter().queue().SetMode(ReleaseMode::kInline);
+        stack.protocol().queue().SetMode(ReleaseMode::kInline);
         stack.Restart();
         traffic.ExpectPassing();
     });
@@ -130,12 +130,12 @@ TEST(StackTest, TakesNoListsWhilePausedAndBringsAllHomeFirst) {
 
 TEST(StackTest, OfARemovedAdapterIsLeftByItsFilters) {
     RunClean({}, [](Machine& machine) {
-        ASSERT_EQ(machine.LoadDriver(ForeignFilter(true)), STATUS_SUCCESS);
+        ASSERT_EQ(machine.LoadDriver(OtherFilter(true)), STATUS_SUCCESS);
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
         Stack& kept = machine.ndis().AddAdapter();
         Stack& removed = machine.ndis().AddAdapter({.ifIndex = 2});
         Traffic traffic(machine, removed);
-        removed.adapter().pace().Set(Pace::kDeferred);
+        removed.adapter().queue().SetMode(ReleaseMode::kDeferred);
         removed.protocol().Send(traffic.MakeSends(3));
         machine.ndis().RemoveAdapter(removed);
         EXPECT_EQ(traffic.completed, 3);
@@ -145,7 +145,7 @@ TEST(StackTest, OfARemovedAdapterIsLeftByItsFilters) {
         EXPECT_EQ(traffic.refused, 1);
         Traffic(machine, kept).ExpectPassing();
         machine.UnloadDriver("NETSIEVE");
-        machine.UnloadDriver("FOREIGNUP");
+        machine.UnloadDriver("OTHERUP");
     });
 }
 

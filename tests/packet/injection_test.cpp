@@ -38,7 +38,7 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
                 EXPECT_EQ(first.wire, std::vector<Frame>{frame});
                 EXPECT_EQ(first.wirePort, 0u);
                 EXPECT_EQ(elsewhere + shown, 0);
-                EXPECT_EQ(TracesOf(RecordOf(machine, paused)), "[0 NSVFSendPacket->2363]\n");
+                EXPECT_EQ(TracesOf(DriverModuleOf(machine, paused)), "[0 NSVFSendPacket->2363]\n");
                 first.ExpectPoolWhole();
                 paused.Restart();
             }

@@ -1,4 +1,4 @@
-// Lists that cross the hooks: whatever is withheld of them, their owner gets them back as they
+// NBLs that cross the hooks: whatever is withheld of them, their owner gets them back as they
 // were.
 #include <map>
 #include <optional>
@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kSizes[] = {1, 5, 6, 14, 60, 256, 1514, 1515, 9000, 65535, 65536};
 
-/// Traffic of random lists from `top` to `bottom`, or up, of which a hook withholds at random.
+/// Traffic of random NBLs from `top` to `bottom`, or up, of which a hook withholds at random.
 /// Every frame starts with the broadcast address and its own number, as far as it reaches.
 class RandomTraffic {
   public:
@@ -21,19 +21,19 @@ class RandomTraffic {
           adapter_(bottom.adapter()),
           random_(seed),
           send_(send),
-          lists_(machine, send ? protocol_.pool() : adapter_.pool()) {
+          nbls_(machine, send ? protocol_.pool() : adapter_.pool()) {
         const auto arrived = [this](PNET_BUFFER_LIST chain) { Arrived(chain); };
-        const auto home = [this](PNET_BUFFER_LIST chain) { Home(chain); };
+        const auto back = [this](PNET_BUFFER_LIST chain) { TakeBack(chain); };
         adapter_.onSend = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             arrived(chain);
         };
         protocol_.onReceive = [arrived](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
             arrived(chain);
         };
-        protocol_.onSendComplete = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
-        adapter_.onReturned = [home](PNET_BUFFER_LIST chain, ULONG) { home(chain); };
-        adapter_.pace().Set(Pace::kMixed);
-        protocol_.pace().Set(Pace::kMixed);
+        protocol_.onSendComplete = [back](PNET_BUFFER_LIST chain, ULONG) { back(chain); };
+        adapter_.onReturned = [back](PNET_BUFFER_LIST chain, ULONG) { back(chain); };
+        adapter_.queue().SetMode(ReleaseMode::kMixed);
+        protocol_.queue().SetMode(ReleaseMode::kMixed);
     }
 
     /// The hook's verdict; the frame's record must show the frame and nothing else.
@@ -50,26 +50,27 @@ class RandomTraffic {
         return verdict;
     }
 
-    void Call(bool lent) {
+    void Call(bool resources) {
         PNET_BUFFER_LIST chain = nullptr;
         for (std::uint64_t count = 1 + random_.Below(4); count > 0; --count) {
-            PNET_BUFFER_LIST const list = MakeList();
-            list->Next = chain;
-            chain = list;
+            PNET_BUFFER_LIST const nbl = MakeNbl();
+            nbl->Next = chain;
+            chain = nbl;
         }
-        std::vector<PNET_BUFFER_LIST> const lists = ListsOf(chain);
+        std::vector<PNET_BUFFER_LIST> const nbls = NblsOf(chain);
         if (send_) {
             protocol_.Send(chain);
-        } else if (adapter_.Indicate(chain, 0, lent ? NDIS_RECEIVE_FLAGS_RESOURCES : 0) && lent) {
-            // One chain again, which starts with the adapter's first list.
-            EXPECT_THAT(ListsOf(lists[0]), testing::UnorderedElementsAreArray(lists));
-            Home(lists[0]);
+        } else if (adapter_.Indicate(chain, 0, resources ? NDIS_RECEIVE_FLAGS_RESOURCES : 0) &&
+                   resources) {
+            // One chain again, which starts with the adapter's first NBL.
+            EXPECT_THAT(NblsOf(nbls[0]), testing::UnorderedElementsAreArray(nbls));
+            TakeBack(nbls[0]);
         }
     }
 
     /// Everything is home and every frame either arrived or was withheld, once.
     void ExpectSettled() {
-        EXPECT_EQ(home_, made_.size());
+        EXPECT_EQ(back_, made_.size());
         std::map<std::string, int> seen = withheld_;
         for (const auto& [frame, count] : arrived_) {
             seen[frame] += count;
@@ -78,7 +79,7 @@ class RandomTraffic {
     }
 
   private:
-    PNET_BUFFER_LIST MakeList() {
+    PNET_BUFFER_LIST MakeNbl() {
         const HostLock lock(mutex_);
         std::vector<Frame> frames;
         for (std::uint64_t count = 1 + random_.Below(5); count > 0; --count) {
@@ -97,11 +98,11 @@ class RandomTraffic {
                                  .headroom = static_cast<std::uint32_t>(random_.Below(40)),
                                  .mapped = random_.Below(2) == 0};
         std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
-        PNET_BUFFER_LIST const list = lists_.Make(spans, layout);
-        for (NET_BUFFER* at = list->FirstNetBuffer; at != nullptr; at = at->Next) {
-            made_[list].push_back({at, FrameLists::BytesOf(*at)});
+        PNET_BUFFER_LIST const nbl = nbls_.Make(spans, layout);
+        for (NET_BUFFER* at = nbl->FirstNetBuffer; at != nullptr; at = at->Next) {
+            made_[nbl].push_back({at, NblFactory::BytesOf(*at)});
         }
-        return list;
+        return nbl;
     }
 
     void Arrived(PNET_BUFFER_LIST chain) {
@@ -115,21 +116,21 @@ class RandomTraffic {
                     ++at;
                 }
                 ASSERT_LT(at, made.size()) << "a frame passed out of its order";
-                const Frame frame = FrameLists::BytesOf(*buffer);
+                const Frame frame = NblFactory::BytesOf(*buffer);
                 ++arrived_[std::string(frame.begin(), frame.end())];
             }
         }
     }
 
-    void Home(PNET_BUFFER_LIST chain) {
+    void TakeBack(PNET_BUFFER_LIST chain) {
         const HostLock lock(mutex_);
         for (; chain != nullptr; chain = chain->Next) {
             std::vector<std::pair<NET_BUFFER*, Frame>> now;
             for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
-                now.push_back({at, FrameLists::BytesOf(*at)});
+                now.push_back({at, NblFactory::BytesOf(*at)});
             }
-            EXPECT_TRUE(now == made_.at(chain)) << "a list came home changed";
-            ++home_;
+            EXPECT_TRUE(now == made_.at(chain)) << "an NBL came home changed";
+            ++back_;
         }
     }
 
@@ -137,10 +138,10 @@ class RandomTraffic {
     Adapter& adapter_;
     Random random_;
     bool send_;
-    FrameLists lists_;
+    NblFactory nbls_;
     HostMutex mutex_;
     std::uint64_t number_ = 0;
-    std::size_t home_ = 0;
+    std::size_t back_ = 0;
     std::map<PNET_BUFFER_LIST, std::vector<std::pair<NET_BUFFER*, Frame>>> made_;
     std::map<std::string, int> frames_, withheld_, arrived_;
 };
@@ -152,8 +153,9 @@ void CarryAtRandom(Machine& machine,
                    Stack& bottom,
                    std::uint64_t seed,
                    bool send,
-                   bool lent) {
-    std::vector<FILTER_MODULE*> modules = {RecordOf(machine, top), RecordOf(machine, bottom)};
+                   bool resources) {
+    std::vector<FILTER_MODULE*> modules = {DriverModuleOf(machine, top),
+                                           DriverModuleOf(machine, bottom)};
     const ULONG records = FreeRecordsOf(modules[0]);
     {
         RandomTraffic traffic(machine, top, bottom, seed, send);
@@ -162,7 +164,7 @@ void CarryAtRandom(Machine& machine,
         for (std::uint64_t call = 0; call < 12; ++call) {
             machine.faults().Arm(
                 {.kind = kinds[call % 3], .probability = 0.2, .seed = seed + call});
-            traffic.Call(lent);
+            traffic.Call(resources);
             machine.faults().Disarm();
         }
         top.Pause();
@@ -175,16 +177,16 @@ void CarryAtRandom(Machine& machine,
     }
 }
 
-// Through one adapter or, in the same lists, through two; every second run has contexts of others
+// Through one adapter or, in the same NBLs, through two; every second run has contexts of others
 // over and under the driver's.
-TEST_P(InterceptionTest, EveryListComesHomeAsItWas) {
+TEST_P(InterceptionTest, EveryNblReturnsUnchanged) {
     for (std::uint64_t seed = 1; seed <= (Simulated() ? 64 : 16); ++seed) {
         MachineOptions options = Options();
         options.seed = seed;
         RunClean(options, [&](Machine& machine) {
             for (const bool above : {true, false}) {
                 if (seed % 4 < 2) {
-                    ASSERT_EQ(machine.LoadDriver(ForeignFilter(above)), STATUS_SUCCESS);
+                    ASSERT_EQ(machine.LoadDriver(OtherFilter(above)), STATUS_SUCCESS);
                 }
             }
             ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
@@ -198,7 +200,7 @@ TEST_P(InterceptionTest, EveryListComesHomeAsItWas) {
                 }
                 CarryAtRandom(machine, *top, bottom, seed, send, seed % 2 == 0);
             }
-            for (const char* driver : {"NETSIEVE", "FOREIGNUP", "FOREIGNLO"}) {
+            for (const char* driver : {"NETSIEVE", "OTHERUP", "OTHERLO"}) {
                 if (machine.FindDriver(driver) != nullptr) {
                     machine.UnloadDriver(driver);
                 }
@@ -258,19 +260,19 @@ TEST(InterceptionEdges, OffersReceivedFramesByTheirDestination) {
     });
 }
 
-// A list without context space goes down at once; lent lists come back in two parts.
+// An NBL without context space goes down at once; lent NBLs come back in two parts.
 TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
     OnScene([](Scene& scene) {
         TestHook hook([](NIRP* nirp) -> LONG { return ITarnHKGetBuffer(nirp)[6] == 2; });
-        const auto chain = [](FrameLists& from, std::initializer_list<Frame> frames) {
-            std::vector<PNET_BUFFER_LIST> lists;
+        const auto chain = [](NblFactory& from, std::initializer_list<Frame> frames) {
+            std::vector<PNET_BUFFER_LIST> nbls;
             for (const Frame& frame : frames) {
-                lists.push_back(from.Make(std::span<const std::uint8_t>(frame)));
-                if (lists.size() > 1) {
-                    lists[lists.size() - 2]->Next = lists.back();
+                nbls.push_back(from.Make(std::span<const std::uint8_t>(frame)));
+                if (nbls.size() > 1) {
+                    nbls[nbls.size() - 2]->Next = nbls.back();
                 }
             }
-            return lists;
+            return nbls;
         };
         auto sent = chain(scene.sends, {MakeFrame(1), MakeFrame(3), MakeFrame(4)});
         scene.machine_.faults().Arm({.kind = FaultKind::kNblContext, .nth = 2});
@@ -278,13 +280,13 @@ TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
         scene.machine_.faults().Disarm();
         EXPECT_EQ(scene.wire, (std::vector<Frame>{MakeFrame(3), MakeFrame(1), MakeFrame(4)}));
 
-        using Lists = std::vector<PNET_BUFFER_LIST>;
+        using Nbls = std::vector<PNET_BUFFER_LIST>;
         auto middle = chain(scene.receives, {MakeFrame(1), MakeFrame(2), MakeFrame(3)});
         scene.stack.adapter().Indicate(middle[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
-        EXPECT_EQ(ListsOf(middle[0]), (Lists{middle[0], middle[2], middle[1]}));
+        EXPECT_EQ(NblsOf(middle[0]), (Nbls{middle[0], middle[2], middle[1]}));
         auto first = chain(scene.receives, {MakeFrame(2), MakeFrame(2), MakeFrame(3)});
         scene.stack.adapter().Indicate(first[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
-        EXPECT_EQ(ListsOf(first[0]), (Lists{first[0], first[1], first[2]}));
+        EXPECT_EQ(NblsOf(first[0]), (Nbls{first[0], first[1], first[2]}));
     });
 }
 
@@ -300,13 +302,13 @@ TEST(InterceptionEdges, BuffersWithoutTheirPredecessorKeepTheirOrder) {
             return HOOK_VERDICT_WITHHOLD;
         });
         const std::vector<Frame> frames = {MakeFrame(1), MakeFrame(2), MakeFrame(3), MakeFrame(4)};
-        scene.stack.adapter().pace().Set(Pace::kHold);
+        scene.stack.adapter().queue().SetMode(ReleaseMode::kHold);
         scene.Pass(true, frames);
         NET_BUFFER gone{};
         for (NIRP* nirp : withheld) {
             nirp->PrevNetBuffer = &gone;
         }
-        scene.stack.adapter().pace().ReleaseAll();
+        scene.stack.adapter().queue().ReleaseAll();
         EXPECT_EQ(scene.completed, frames);
         EXPECT_EQ(TracesOf(scene.module),
                   "[0 RestoreNetBuffers->298]\n[1 RestoreNetBuffers->298]\n"
@@ -314,8 +316,8 @@ TEST(InterceptionEdges, BuffersWithoutTheirPredecessorKeepTheirOrder) {
     });
 }
 
-// What is sent or indicated from inside the completion of an empty list needs the only record.
-TEST(InterceptionEdges, NoRecordIsKeptWhileAListLeaves) {
+// What is sent or indicated from inside the completion of an empty NBL needs the only record.
+TEST(InterceptionEdges, NoRecordIsKeptWhileAnNblLeaves) {
     for (const bool send : {true, false}) {
         OnScene([&](Scene& scene) {
             std::vector<NIRP*> others;
@@ -327,10 +329,10 @@ TEST(InterceptionEdges, NoRecordIsKeptWhileAListLeaves) {
                 ++offered;
                 return HOOK_VERDICT_PASS;
             });
-            FrameLists& lists = send ? scene.sends : scene.receives;
+            NblFactory& nbls = send ? scene.sends : scene.receives;
             const Frame frame = MakeFrame(1);
-            PNET_BUFFER_LIST const first = lists.Make(std::span<const std::uint8_t>(frame));
-            PNET_BUFFER_LIST const empty = lists.Make(std::span<const std::uint8_t>(frame));
+            PNET_BUFFER_LIST const first = nbls.Make(std::span<const std::uint8_t>(frame));
+            PNET_BUFFER_LIST const empty = nbls.Make(std::span<const std::uint8_t>(frame));
             PNET_BUFFER const buffer = std::exchange(empty->FirstNetBuffer, nullptr);
             first->Next = empty;
             bool nested = false;
@@ -426,10 +428,10 @@ TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
                 scene.stack.protocol().onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
                     completed = NET_BUFFER_LIST_INFO(chain, TcpLargeSendNetBufferListInfo);
                 };
-                PNET_BUFFER_LIST const list = scene.sends.Make(MakeFrame(1, 4000));
-                NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo) =
+                PNET_BUFFER_LIST const nbl = scene.sends.Make(MakeFrame(1, 4000));
+                NET_BUFFER_LIST_INFO(nbl, TcpLargeSendNetBufferListInfo) =
                     reinterpret_cast<PVOID>(c.request);
-                scene.stack.protocol().Send(list);
+                scene.stack.protocol().Send(nbl);
                 EXPECT_EQ(reinterpret_cast<std::uintptr_t>(completed),
                           verdict == HOOK_VERDICT_PASS ? c.request : c.answer);
             });

@@ -11,17 +11,17 @@ struct Request {
     int marks = 1;
     bool receive = false;
     bool secondHook = false;  ///< marks while the first hook's mark is being completed
-    bool restore = false;     ///< the frame's list comes back
+    bool restore = false;     ///< the frame's NBL comes back
     bool pause = false;
     bool markInside = false;  ///< the frame is on its way while the rest happens
 };
 
 std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& request) {
     Model model(machine, tree);
-    FILTER_MODULE* const module = RecordOf(machine, model.stack);
+    FILTER_MODULE* const module = DriverModuleOf(machine, model.stack);
     const ULONG records = FreeRecordsOf(module);
-    FrameLists sends(machine, model.stack.protocol().pool());
-    FrameLists receives(machine, model.stack.adapter().pool());
+    NblFactory sends(machine, model.stack.protocol().pool());
+    NblFactory receives(machine, model.stack.adapter().pool());
     int arrived = 0;
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
         arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
@@ -29,10 +29,13 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     model.stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
         arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
     };
-    // Held, the list comes back when the model says; deferred, from a DPC or a worker that is
+    // Held, the NBL comes back when the model says; deferred, from a DPC or a worker that is
     // ready to run when the moment begins, and so do clones.
-    EdgePace& pace = request.receive ? model.stack.protocol().pace() : model.stack.adapter().pace();
-    pace.Set(!request.pause ? Pace::kHold : request.restore ? Pace::kDeferred : Pace::kInline);
+    NblQueue& queue =
+        request.receive ? model.stack.protocol().queue() : model.stack.adapter().queue();
+    queue.SetMode(!request.pause    ? ReleaseMode::kHold
+                  : request.restore ? ReleaseMode::kDeferred
+                                    : ReleaseMode::kInline);
     NIRP* taken = nullptr;
     int marked = 0;
     const auto mark = [&](NIRP* nirp) {
@@ -70,14 +73,14 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
         }
         const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
         const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
-        PNET_BUFFER_LIST const list = request.receive ? receives.Make(spans) : sends.Make(spans);
+        PNET_BUFFER_LIST const nbl = request.receive ? receives.Make(spans) : sends.Make(spans);
         const auto pass = [&] {
             if (request.receive) {
-                if (!model.stack.adapter().Indicate(list)) {
-                    receives.Free(list);
+                if (!model.stack.adapter().Indicate(nbl)) {
+                    receives.Free(nbl);
                 }
             } else {
-                model.stack.protocol().Send(list);
+                model.stack.protocol().Send(nbl);
             }
         };
         if (!request.markInside) {
@@ -88,7 +91,7 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
                 model.Start(ContextKind::kThread, 2, [&] { model.stack.Pause(); });
             }
             if (request.restore && !request.pause) {
-                model.Start(ContextKind::kThread, 2, [&] { pace.ReleaseAll(); });
+                model.Start(ContextKind::kThread, 2, [&] { queue.ReleaseAll(); });
             }
             if (request.markInside) {
                 pass();
@@ -101,8 +104,8 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
         for (; marked > 0; --marked) {
             ITarnHKCompleteRequest(taken, 0);
         }
-        pace.Set(Pace::kInline);
-        pace.ReleaseAll();
+        queue.SetMode(ReleaseMode::kInline);
+        queue.ReleaseAll();
         if (FreeRecordsOf(module) != records || module->FreeNirpCount != records) {
             model.wrong =
                 fmt::format("{} of {} records are in the pool", FreeRecordsOf(module), records);
@@ -178,18 +181,18 @@ std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree) {
             }
         });
         // Two NIRPs are left: the request's, and its clone's.
-        model.stack.adapter().pace().Set(Pace::kHold);
+        model.stack.adapter().queue().SetMode(ReleaseMode::kHold);
         std::vector<Frame> others(scene.records - 2, MakeFrame(kWithheld));
         others.push_back(MakeFrame(kPassed));
         scene.Pass(true, others);
-        model.stack.adapter().pace().Set(Pace::kInline);
+        model.stack.adapter().queue().SetMode(ReleaseMode::kInline);
         scene.Pass(true, {MakeFrame(kSent)});
         model.Explore([&] {
             model.Start(ContextKind::kThread, 1, [&] { ITarnHKCompleteRequest(taken, 0); });
             ITarnHKCompleteRequest(taken, 0);
             scene.Pass(false, {MakeFrame(kReceived)});
         });
-        model.stack.adapter().pace().ReleaseAll();
+        model.stack.adapter().queue().ReleaseAll();
     }
     machine.UnloadDriver("NETSIEVE");
     const Frame down[] = {MakeFrame(kSent), MakeFrame(kPassed)};
@@ -208,7 +211,7 @@ std::string RunInjection(Machine& machine,
                          bool worker,
                          ContextKind kind) {
     Model model(machine, tree);
-    model.stack.adapter().pace().Set(Pace::kDeferred);
+    model.stack.adapter().queue().SetMode(ReleaseMode::kDeferred);
     int sent = 0;
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) { ++sent; };
     const auto inject = [] { Inject(FromAdapter(1)); };

@@ -119,7 +119,7 @@ class Scene {
           stack(loaded),
           sends(machine, stack.protocol().pool()),
           receives(machine, stack.adapter().pool()) {
-        module = RecordOf(machine, stack);
+        module = DriverModuleOf(machine, stack);
         records = module == nullptr ? 0 : FreeRecordsOf(module);
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG) {
             Note(wire, chain);
@@ -135,7 +135,7 @@ class Scene {
         };
     }
 
-    /// Down or up in one list, on port 7.
+    /// Down or up in one NBL, on port 7.
     void Pass(bool send, const std::vector<Frame>& frames, const FrameLayout& layout = {}) {
         std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
         if (send) {
@@ -153,8 +153,8 @@ class Scene {
 
     Machine& machine_;
     Stack& stack;
-    FrameLists sends;
-    FrameLists receives;
+    NblFactory sends;
+    NblFactory receives;
     FILTER_MODULE* module = nullptr;
     ULONG records = 0;
     std::vector<Frame> wire, up, completed, returned;
@@ -171,7 +171,7 @@ class Scene {
     static void Note(std::vector<Frame>& frames, PNET_BUFFER_LIST chain) {
         for (; chain != nullptr; chain = chain->Next) {
             for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
-                frames.push_back(FrameLists::BytesOf(*at));
+                frames.push_back(NblFactory::BytesOf(*at));
             }
         }
     }

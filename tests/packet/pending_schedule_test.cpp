@@ -1,4 +1,4 @@
-// Searches through the ways in which completions, flushes, list returns and injections meet.
+// Searches through the ways in which completions, flushes, NBL returns and injections meet.
 #include "tests/driver/schedule_scenarios.h"
 #include "tests/packet/pending_rig.h"
 
@@ -20,7 +20,7 @@ void LetOthersGoAhead(Machine& machine) {
     }
 }
 
-/// What takes part beside the frame's own list.
+/// What takes part beside the frame's own NBL.
 struct Actors {
     int marks = 1;            ///< in the handler
     bool secondHook = false;  ///< marks too, behind the first one and its completion
@@ -46,11 +46,11 @@ class TakenFrame final : public Scenario {
         contexts_.clear();
         Stack& stack = machine.ndis().AddAdapter();
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
-        const ULONG records = FreeRecordsOf(RecordOf(machine, stack));
-        FrameLists sends(machine, stack.protocol().pool());
-        FrameLists receives(machine, stack.adapter().pool());
-        stack.adapter().pace().Set(Pace::kMixed);
-        stack.protocol().pace().Set(Pace::kMixed);
+        const ULONG records = FreeRecordsOf(DriverModuleOf(machine, stack));
+        NblFactory sends(machine, stack.protocol().pool());
+        NblFactory receives(machine, stack.adapter().pool());
+        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
+        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             Count(chain);
         };
@@ -72,9 +72,9 @@ class TakenFrame final : public Scenario {
             }
             Start(machine, 0, [&] {
                 if (actors_.receive) {
-                    PNET_BUFFER_LIST const list = receives.Make(spans, layout);
-                    if (!stack.adapter().Indicate(list)) {
-                        receives.Free(list);
+                    PNET_BUFFER_LIST const nbl = receives.Make(spans, layout);
+                    if (!stack.adapter().Indicate(nbl)) {
+                        receives.Free(nbl);
                     }
                 } else {
                     stack.protocol().Send(sends.Make(spans, layout));
@@ -97,7 +97,7 @@ class TakenFrame final : public Scenario {
             machine.faults().Disarm();
             stack.Pause();
             if (!actors_.detach) {
-                FILTER_MODULE* const module = RecordOf(machine, stack);
+                FILTER_MODULE* const module = DriverModuleOf(machine, stack);
                 Demand(FreeRecordsOf(module) == module->FreeNirpCount &&
                            module->FreeNirpCount == records,
                        fmt::format("{} of {} records are in the pool", module->FreeNirpCount,
@@ -188,7 +188,7 @@ class TakenFrame final : public Scenario {
     void Count(PNET_BUFFER_LIST chain) {
         for (; chain != nullptr; chain = chain->Next) {
             for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
-                arrived_ += FrameLists::BytesOf(*at)[6] == 2 ? 1 : 0;
+                arrived_ += NblFactory::BytesOf(*at)[6] == 2 ? 1 : 0;
             }
         }
     }
@@ -215,10 +215,10 @@ class Injections final : public Scenario {
         verdict_.clear();
         Scheduler& scheduler = machine.scheduler();
         Stack& stack = machine.ndis().AddAdapter();
-        stack.adapter().pace().Set(Pace::kMixed);
+        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
         std::atomic<int> sent = 0;
         stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
-            sent += static_cast<int>(ListsOf(chain).size());
+            sent += static_cast<int>(NblsOf(chain).size());
         };
         Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         const auto inject = [] { Inject(FromAdapter(1)); };

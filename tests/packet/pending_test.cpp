@@ -7,14 +7,14 @@ namespace {
 constexpr NTSTATUS kRefused = STATUS_INSUFFICIENT_RESOURCES;
 constexpr ULONG kFailure = 0xC0000001;
 
-// Of three frames the middle one is taken over. Whatever comes first, the list's return or the
-// completion, the list comes home whole, and the frame goes on if every completion says so.
+// Of three frames the middle one is taken over. Whatever comes first, the NBL's return or the
+// completion, the NBL comes home whole, and the frame goes on if every completion says so.
 TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
     struct Case {
         bool send;
         int marks;
         ULONG statuses[2];
-        bool listFirst;
+        bool nblFirst;
         bool inHandler;
         bool passes = false;  ///< the verdict does not say that the frame is taken over
     };
@@ -52,15 +52,16 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
                 // A verdict that lets the frame pass must not send it twice.
                 return c.inHandler || c.passes ? HOOK_VERDICT_PASS : HOOK_VERDICT_PENDING;
             });
-            EdgePace& pace = c.send ? scene.stack.adapter().pace() : scene.stack.protocol().pace();
-            pace.Set(c.listFirst ? Pace::kInline : Pace::kHold);
+            NblQueue& queue =
+                c.send ? scene.stack.adapter().queue() : scene.stack.protocol().queue();
+            queue.SetMode(c.nblFirst ? ReleaseMode::kInline : ReleaseMode::kHold);
             scene.Pass(c.send, frames);
             if (!c.inHandler) {
                 EXPECT_EQ(ReadAcquire(&taken->State),
-                          c.listFirst ? NIRP_STATE_RELEASED : NIRP_STATE_PENDING);
+                          c.nblFirst ? NIRP_STATE_RELEASED : NIRP_STATE_PENDING);
                 complete();
             }
-            pace.ReleaseAll();
+            queue.ReleaseAll();
 
             const bool goesOn = c.statuses[0] == 0 && c.statuses[1] == 0;
             std::vector<Frame> expected = {frames[0], frames[2]};
@@ -100,14 +101,14 @@ TEST(PendingTest, ACloneCarriesTheOutOfBandData) {
             };
             scene.stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
                                                    ULONG) { look(chain); };
-            PNET_BUFFER_LIST const list = (send ? scene.sends : scene.receives).Make(MakeFrame(1));
+            PNET_BUFFER_LIST const nbl = (send ? scene.sends : scene.receives).Make(MakeFrame(1));
             for (unsigned id = 0; id <= NetBufferListFilteringInfo; ++id) {
-                NET_BUFFER_LIST_INFO(list, id) = &scene + 1 + id;
+                NET_BUFFER_LIST_INFO(nbl, id) = &scene + 1 + id;
             }
             if (send) {
-                scene.stack.protocol().Send(list);
+                scene.stack.protocol().Send(nbl);
             } else {
-                EXPECT_TRUE(scene.stack.adapter().Indicate(list));
+                EXPECT_TRUE(scene.stack.adapter().Indicate(nbl));
             }
             EXPECT_EQ(scene.completed.size() + scene.returned.size(), 1u);
             ITarnHKCompleteRequest(taken, 0);
@@ -117,7 +118,7 @@ TEST(PendingTest, ACloneCarriesTheOutOfBandData) {
 }
 
 TEST(PendingTest, APauseDropsWhatIsPendingAndLateCompletionsArePaid) {
-    for (const bool listFirst : {false, true}) {
+    for (const bool nblFirst : {false, true}) {
         OnScene([&](Scene& scene) {
             std::vector<NIRP*> taken;
             TestHook hook([&](NIRP* nirp) -> LONG {
@@ -135,7 +136,7 @@ TEST(PendingTest, APauseDropsWhatIsPendingAndLateCompletionsArePaid) {
             scene.stack.Restart();
             // The records stay out of the pool until all four marks are completed.
             for (NIRP* nirp : taken) {
-                ITarnHKCompleteRequest(nirp, listFirst ? kFailure : 0);
+                ITarnHKCompleteRequest(nirp, nblFirst ? kFailure : 0);
                 EXPECT_EQ(FreeRecordsOf(scene.module), scene.records - (nirp == taken[0] ? 2 : 1));
                 ITarnHKCompleteRequest(nirp, 0);
             }
@@ -218,8 +219,8 @@ TEST(PendingTest, MisuseIsHarmless) {
     });
 }
 
-// A frame whose list also carries what no hook may see is no different from any other.
-TEST(PendingTest, TakesFramesOfAListThatIsPartlyUninspected) {
+// A frame whose NBL also carries what no hook may see is no different from any other.
+TEST(PendingTest, TakesFramesOfAnNblThatIsPartlyUninspected) {
     OnScene([](Scene& scene) {
         NIRP* taken = nullptr;
         TestHook hook([&](NIRP* nirp) -> LONG {

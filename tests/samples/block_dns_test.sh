@@ -34,8 +34,8 @@ with open(sys.argv[1], "rb") as source, open(sys.argv[2], "wb") as target:
 PYTHON
 
 for input in "$capture" "$scratch/tagged"; do
-    replay "$scratch/so" "$input" --hook "module:$module"
-    replay "$scratch/sys" "$input" --driver "$image" --hook "module:${image%/*}/block_dns.sys"
+    replay "$scratch/so" "$input" --hook "driver:$module"
+    replay "$scratch/sys" "$input" --driver "$image" --hook "driver:${image%/*}/block_dns.sys"
     replay "$scratch/drop" "$input" --hook 'drop:port 53 or (vlan and port 53)'
     cmp "$scratch/so" "$scratch/drop"
     cmp "$scratch/sys" "$scratch/drop"
@@ -45,6 +45,6 @@ done
 
 # A module goes with the driver that it was built for.
 status=0
-"$netsieve" replay "$capture" --driver "$image" --hook "module:$module" -o "$scratch/none" \
+"$netsieve" replay "$capture" --driver "$image" --hook "driver:$module" -o "$scratch/none" \
     >"$scratch/words" 2>&1 || status=$?
 [ "$status" = 2 ] || { echo "a shared object beside the image: exit status $status"; exit 1; }

@@ -72,7 +72,7 @@ class DelaySample : public testing::TestWithParam<Case> {
         if (status != STATUS_SUCCESS) {
             return status;
         }
-        const ImageExports exports("NETSIEVE.SYS", *machine.FindDriver("NETSIEVE")->Image());
+        const ImageExports exports("NETSIEVE.SYS", *machine.FindDriver("NETSIEVE")->image());
         return machine.LoadDriver(
             {.name = "DELAY", .image = image.parent_path() / "delay.sys", .imports = &exports});
     }

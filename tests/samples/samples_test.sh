@@ -42,7 +42,7 @@ for seed in 1 2; do
         suffix=.so directory=$samples
         [ $kind = native ] || { options+=(--driver "$image"); suffix=.sys directory=${image%/*}; }
 
-        replay "$scratch/$kind.delay" "${options[@]}" --hook "module:$directory/delay$suffix"
+        replay "$scratch/$kind.delay" "${options[@]}" --hook "driver:$directory/delay$suffix"
         frames "$scratch/$kind.delay" all | sort | cmp - "$scratch/input"
         python3 - "$scratch/report" <<'PYTHON'
 import json, sys
@@ -52,7 +52,7 @@ if hook["marked"] < 20 or hook["name"] != "Sample: delay":
 PYTHON
 
         # What it holds in a pause is flushed; beside a hook that holds the same frames nothing is lost.
-        replay "$scratch/$kind.pause" "${options[@]}" --hook "module:$directory/delay$suffix" \
+        replay "$scratch/$kind.pause" "${options[@]}" --hook "driver:$directory/delay$suffix" \
             --pause-at 100 --hook 'delay:5:udp'
         python3 - "$scratch/report" <<'PYTHON'
 import json, sys
@@ -63,7 +63,7 @@ if flushed != report["pause"]["flushed"] or flushed < 8 or any(way["withheld"] f
     sys.exit(f"the pause flushed {flushed} frames: {report}")
 PYTHON
 
-        replay "$scratch/$kind.beacon" "${options[@]}" --hook "module:$directory/beacon$suffix"
+        replay "$scratch/$kind.beacon" "${options[@]}" --hook "driver:$directory/beacon$suffix"
         frames "$scratch/$kind.beacon" others | sort | cmp - "$scratch/input"
         frames "$scratch/$kind.beacon" beacons >"$scratch/$kind.beacons"
         grep -q "4e65745369657665" "$scratch/$kind.beacons" || fail "no beacon was sent ($kind)"

@@ -70,8 +70,8 @@ TEST_F(Explored, ABrokenRuleAndARunThatDoesNotEndAreFindings) {
     const auto find = [](const std::function<void(Machine&)>& body) {
         return Explore({.name = "broken", .schedules = 1}, body).finding->what;
     };
-    EXPECT_THAT(find([](Machine& machine) { machine.verifier().Report(Rule::kListLost, "x"); }),
-                testing::HasSubstr("ListLost"));
+    EXPECT_THAT(find([](Machine& machine) { machine.verifier().Report(Rule::kNblLost, "x"); }),
+                testing::HasSubstr("NblLost"));
     EXPECT_THAT(find([](Machine&) {
                     KEVENT event;
                     KeInitializeEvent(&event, NotificationEvent, FALSE);

@@ -32,7 +32,7 @@ class CaptureFileTest : public testing::Test {
     /// Copies every frame from `reader` to the output file and returns the output.
     std::string Copy(CaptureReader& reader) const {
         CaptureWriter writer;
-        EXPECT_EQ(writer.Open(Path("out"), reader.Header()), std::nullopt);
+        EXPECT_EQ(writer.Open(Path("out"), reader.header()), std::nullopt);
         CaptureFrame frame;
         while (reader.Next(frame) == ReadOutcome::kFrame) {
             writer.Begin(frame.stamp, frame.capturedLength, frame.originalLength);
@@ -52,7 +52,7 @@ TEST_F(CaptureFileTest, ClassicFilesKeepEveryField) {
             EXPECT_EQ(Copy(reader), OddCapture(false, magic).Bytes());
             ASSERT_FALSE(reader.Rewind());
             EXPECT_EQ(Copy(reader), OddCapture(false, magic).Bytes());
-            EXPECT_EQ(reader.FramesRead(), 6u);
+            EXPECT_EQ(reader.framesRead(), 6u);
         }
     }
 }
@@ -122,11 +122,11 @@ TEST_F(CaptureFileTest, WhatIsWrongIsToldApart) {
                 EXPECT_EQ(read.capturedLength, 60u);
             }
             ASSERT_EQ(outcome, ReadOutcome::kFailed);
-            failure = reader.Failure();
+            failure = reader.failure();
         }
         EXPECT_EQ(failure->fault, test.fault) << failure->message;
         EXPECT_NE(failure->message.find(Path("in")), std::string::npos) << failure->message;
-        EXPECT_EQ(reader.FramesRead(), test.framesBefore);
+        EXPECT_EQ(reader.framesRead(), test.framesBefore);
     }
     CaptureReader directory;
     EXPECT_EQ(directory.Open(testing::TempDir(), false)->fault, CaptureFault::kCannotOpen);

@@ -21,8 +21,8 @@ replay() { # OUTPUT OPTION...
 
 replay plain --hook 'drop:tcp'
 for driver in native "$image"; do
-    for shape in '--frames-per-list 4' '--lists-per-call 3' '--resources' \
-        '--frames-per-list 3 --lists-per-call 2 --resources' '--seed 77 --lists-per-call 40'; do
+    for shape in '--frames-per-nbl 4' '--nbls-per-call 3' '--resources' \
+        '--frames-per-nbl 3 --nbls-per-call 2 --resources' '--seed 77 --nbls-per-call 40'; do
         # The options are words.
         # shellcheck disable=SC2086
         replay shaped --hook 'drop:tcp' --driver "$driver" $shape
@@ -67,7 +67,7 @@ refuse 'syntax error' 'drop:tcp or (('
 refuse 'drop' 'drop:'
 refuse 'nonsense' 'nonsense:tcp'
 refuse '9' 'drop@9:tcp'
-refuse '/nonexistent' 'module:/nonexistent.so'
-refuse "${capture##*/}" "module:$capture"
+refuse '/nonexistent' 'driver:/nonexistent.so'
+refuse "${capture##*/}" "driver:$capture"
 
 exit $failed

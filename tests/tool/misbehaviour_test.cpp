@@ -25,7 +25,7 @@ struct Expectation {
     std::uint64_t framesOut;
 };
 
-/// Every second sent list goes back without having been on the wire.
+/// Every second sent NBL goes back without having been on the wire.
 void CompleteUnsent(SmallFilter& filter) {
     filter.send = [&filter, sent = 0](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port,
                                       ULONG flags) mutable {
@@ -37,8 +37,8 @@ void CompleteUnsent(SmallFilter& filter) {
     };
 }
 
-/// The first received list is never handed on.
-void KeepAList(SmallFilter& filter) {
+/// The first received NBL is never handed on.
+void KeepAnNbl(SmallFilter& filter) {
     filter.receive = [&filter, received = 0](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port,
                                              ULONG count, ULONG flags) mutable {
         if (++received != 1) {
@@ -54,7 +54,7 @@ void Miscount(SmallFilter& filter) {
     };
 }
 
-/// A list of the filter's own goes out before the second one sent, and is freed when it returns.
+/// An NBL of the filter's own goes out before the second one sent, and is freed when it returns.
 void SendTwice(SmallFilter& filter) {
     filter.send = [&filter, sent = 0](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port,
                                       ULONG flags) mutable {
@@ -110,9 +110,9 @@ TEST(MisbehaviourTest, IsReportedForWhatItIs) {
          "3 passed, 1 withheld, 0 injected, 0 lost; everything was given back; the account does "
          "not balance",
          3},
-        {"keeps a list", &KeepAList, ExitStatus::kRuleBroken,
-         "1 lost; not given back: 1 list(s) away from home", 3},
-        {"miscounts", &Miscount, ExitStatus::kRuleBroken, "ListCount", 4},
+        {"keeps an NBL", &KeepAnNbl, ExitStatus::kRuleBroken,
+         "1 lost; not given back: 1 NBL(s) away from home", 3},
+        {"miscounts", &Miscount, ExitStatus::kRuleBroken, "NblCount", 4},
         {"sends twice", &SendTwice, ExitStatus::kClean, "1 injected", 5},
     };
     for (const Expectation& test : cases) {

@@ -31,7 +31,7 @@ PYTHON
 
 frames=$(tcpdump -nr "$capture" 'udp port 53' 2>/dev/null | wc -l)
 for driver in native "$image"; do
-    for shape in '' '--frames-per-list 3 --resources' '--no-verify --lists-per-call 1'; do
+    for shape in '' '--frames-per-nbl 3 --resources' '--no-verify --nbls-per-call 1'; do
         # Two hooks on one frame: it goes when the later one lets it, or not at all. A third one
         # withholds it, which makes no difference.
         # shellcheck disable=SC2086

@@ -40,9 +40,9 @@ TEST(ReplayReportTest, StatusIsTheGravestThatApplies) {
          ExitStatus::kOutputFailed},
         {[](ReplayReport& report) { report.driverFailure = "no driver"; },
          ExitStatus::kDriverNotLoaded},
-        {[](ReplayReport& report) { report.leftover = "1 list"; }, ExitStatus::kFramesLost},
+        {[](ReplayReport& report) { report.leftover = "1 NBL"; }, ExitStatus::kFramesLost},
         {[](ReplayReport& report) {
-             report.findings.push_back({"ListLost", "lost"});
+             report.findings.push_back({"NblLost", "lost"});
          },
          ExitStatus::kRuleBroken},
     };

@@ -22,7 +22,7 @@ class ReplayRunner {
         EXPECT_FALSE(reader.Open(path, false));
         CaptureWriter writer;
         const auto open = [&] {
-            EXPECT_FALSE(writer.Open(path + ".out", reader.Header()));
+            EXPECT_FALSE(writer.Open(path + ".out", reader.header()));
             return &writer;
         };
         Progress progress("", std::nullopt);

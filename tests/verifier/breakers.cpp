@@ -189,7 +189,7 @@ std::vector<Breaker> PoolBreakers() {
              Free(block);
              Free(block);
          }},
-        {Rule::kPoolForeignPointer, "not by its first byte",
+        {Rule::kPoolInvalidPointer, "not by its first byte",
          [](Scene&) {
              UCHAR* const block = Block();
              Free(block + 8);

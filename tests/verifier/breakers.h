@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host/machine.h"
-#include "host/ndis/frame_lists.h"
+#include "host/ndis/nbl_factory.h"
 #include "host/ndis/ndis.h"
 #include "tests/verifier/small_filter.h"
 
@@ -19,27 +19,27 @@ struct Scene {
 
     /// Brings the adapter and the filter up.
     void Start();
-    /// The protocol sends, the adapter indicates, chains of `count` lists of two frames each.
+    /// The protocol sends, the adapter indicates, chains of `count` NBLs of two frames each.
     void Send(int count = 1);
     void Receive(ULONG flags = 0, int count = 1);
     /// Frees what came home and unloads the filter.
     void Finish();
 
-    /// A list of the filter's own, and its end.
+    /// An NBL of the filter's own, and its end.
     PNET_BUFFER_LIST MakeOwn();
     void FreeOwn();
 
     Machine& machine;
     SmallFilter filter;
     Stack* stack = nullptr;
-    PNET_BUFFER_LIST kept = nullptr;  ///< for a breaker to remember a list in
+    PNET_BUFFER_LIST kept = nullptr;  ///< for a breaker to remember an NBL in
     PNET_BUFFER_LIST own = nullptr;
 
   private:
-    std::unique_ptr<FrameLists> protocolLists_;
-    std::unique_ptr<FrameLists> adapterLists_;
-    std::vector<PNET_BUFFER_LIST> sentHome_;
-    std::vector<PNET_BUFFER_LIST> receivedHome_;
+    std::unique_ptr<NblFactory> protocolNbls_;
+    std::unique_ptr<NblFactory> adapterNbls_;
+    std::vector<PNET_BUFFER_LIST> completed_;
+    std::vector<PNET_BUFFER_LIST> returned_;
     PMDL ownMdl_ = nullptr;
     NDIS_HANDLE ownPool_ = nullptr;
     UCHAR ownFrame_[64] = {};
@@ -53,9 +53,9 @@ struct Breaker {
     bool stopsAddressSanitizer = false;
 };
 
-/// Those about locks, memory, timers and the like; those about lists and modules.
+/// Those about locks, memory, timers and the like; those about NBLs and modules.
 std::vector<Breaker> KernelBreakers();
-std::vector<Breaker> ListBreakers();
+std::vector<Breaker> NblBreakers();
 
 /// Runs `body` at DISPATCH_LEVEL.
 void AtDispatch(const std::function<void()>& body);

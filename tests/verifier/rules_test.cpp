@@ -13,8 +13,8 @@ namespace {
 
 std::vector<Breaker> AllBreakers() {
     std::vector<Breaker> all = KernelBreakers();
-    const std::vector<Breaker> lists = ListBreakers();
-    all.insert(all.end(), lists.begin(), lists.end());
+    const std::vector<Breaker> nbls = NblBreakers();
+    all.insert(all.end(), nbls.begin(), nbls.end());
     return all;
 }
 
@@ -27,7 +27,7 @@ void RunBreaker(Machine& machine, Scene& scene, const Breaker& breaker) {
         breaker.act(scene);
         scene.Finish();
     });
-    machine.ndis().ReportLostLists();
+    machine.ndis().ReportLostNbls();
 }
 
 class BrokenRule : public testing::TestWithParam<Breaker> {};
@@ -43,7 +43,7 @@ TEST_P(BrokenRule, IsReportedAndNoOther) {
     Scene scene(machine);
     RunBreaker(machine, scene, breaker);
     std::set<std::string> reported;
-    for (const Violation& violation : machine.verifier().Violations()) {
+    for (const Violation& violation : machine.verifier().violations()) {
         reported.insert(RuleName(violation.rule));
     }
     EXPECT_THAT(reported, testing::ElementsAre(RuleName(breaker.rule)))
@@ -77,17 +77,17 @@ TEST(Rules, PassingOnBreaksNone) {
     EXPECT_TRUE(machine.verifier().Silent()) << machine.verifier().Describe();
 }
 
-TEST(Rules, ReportTellsWhatWhereAndTheListsWay) {
+TEST(Rules, ReportTellsWhatWhereAndTheNblsHistory) {
     Machine machine;
     Scene scene(machine);
-    for (const Breaker& breaker : ListBreakers()) {
-        if (breaker.rule == Rule::kListNotOwned) {
+    for (const Breaker& breaker : NblBreakers()) {
+        if (breaker.rule == Rule::kNblNotOwned) {
             RunBreaker(machine, scene, breaker);
         }
     }
     const std::string text = machine.verifier().Describe();
     for (const char* part :
-         {"ListNotOwned: a list is handed on only by who holds it, and once",
+         {"NblNotOwned: an NBL is handed on only by who holds it, and once",
           "seen: completed by SMALL on adapter 1", "of protocol TCPIP, held by protocol TCPIP",
           "1. sent by protocol TCPIP to SMALL on adapter 1",
           "2. sent by SMALL on adapter 1 to adapter 1",

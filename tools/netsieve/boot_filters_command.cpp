@@ -84,7 +84,7 @@ class BootFiltersCommand {
 
     bool OpenRegistry() {
         if (options_.hive.empty()) {
-            store_ = &session_.registry().Memory();
+            store_ = &session_.registry().memory();
             return true;
         }
         std::error_code reason;
@@ -108,11 +108,11 @@ class BootFiltersCommand {
     }
 
     bool CheckChangeable() {
-        if (hive_->ReadOnly()) {
+        if (hive_->readOnly()) {
             return Fail(ExitStatus::kOutputFailed,
                         fmt::format("{} is read-only; make it writable first", options_.hive));
         }
-        if (hive_->Unfinished()) {
+        if (hive_->unfinished()) {
             return Fail(ExitStatus::kInputUnreadable,
                         fmt::format("{} was not closed properly: a part of it is still in its log. "
                                     "Start and shut down the system it belongs to first",
@@ -134,7 +134,7 @@ class BootFiltersCommand {
                                     options_.hive));
         }
         host::RegistryKey key = 0;
-        if (!NT_SUCCESS(hive_->FindKey(hive_->Root(), set, &key))) {
+        if (!NT_SUCCESS(hive_->FindKey(hive_->root(), set, &key))) {
             return Fail(ExitStatus::kInputUnreadable,
                         fmt::format("{} says that {} is current and does not have it",
                                     options_.hive, Printable(set)));
@@ -146,7 +146,7 @@ class BootFiltersCommand {
     bool FindServiceKeyIn(const std::u16string& set) {
         constexpr std::u16string_view kBelowHive = u"SYSTEM\\";
         const std::u16string path = std::u16string(BOOT_LIST_KEY).substr(kBelowHive.size());
-        NTSTATUS status = host::FindRegistryPath(*hive_, hive_->Root(),
+        NTSTATUS status = host::FindRegistryPath(*hive_, hive_->root(),
                                                  host::SplitRegistryPath(path), &serviceKey_);
         if (status == STATUS_OBJECT_NAME_NOT_FOUND && options_.create && options_.change) {
             status = host::CreateRegistryPath(*hive_, path, &serviceKey_);

@@ -28,8 +28,8 @@ std::string Printable(const PROTOCOL_ENTRY* entry) {
 
 }  // namespace
 
-BuiltInHook::BuiltInHook(HookSurroundings& surroundings, HookOption spec, unsigned number)
-    : surroundings_(surroundings), spec_(std::move(spec)), number_(number) {
+BuiltInHook::BuiltInHook(SharedHookData& shared, HookOption spec, unsigned number)
+    : shared_(shared), spec_(std::move(spec)), number_(number) {
     // Of fixed width: a hook whose name contained another's would be taken for that one.
     const std::string name = fmt::format("netsieve-replay hook {:03}", number);
     name_.assign(name.begin(), name.end());
@@ -39,8 +39,8 @@ std::uint32_t BuiltInHook::Priority() const {
     return number_ == 0 ? 0 : kPriorities[spec_.priorityClass] + number_;
 }
 
-std::optional<std::string> BuiltInHook::Register(bool opensFrames) {
-    opensFrames_ = opensFrames;
+std::optional<std::string> BuiltInHook::Register(bool countsOffers) {
+    countsOffers_ = countsOffers;
     HOOK_FILTER_REGISTRATION_EX block{};
     block.MajorVersion = 1;
     block.AttachNotify = OnAttach;
@@ -51,7 +51,7 @@ std::optional<std::string> BuiltInHook::Register(bool opensFrames) {
     block.Name.Length = static_cast<USHORT>(name_.size() * sizeof(WCHAR));
     block.Name.MaximumLength = static_cast<USHORT>(block.Name.Length + sizeof(WCHAR));
     block.Name.Buffer = name_.data();
-    const NTSTATUS status = surroundings_.exports.registerFilter(&block, this, &handle_);
+    const NTSTATUS status = shared_.exports.registerFilter(&block, this, &handle_);
     if (status != STATUS_SUCCESS) {
         return fmt::format("the hook {} could not be registered, status 0x{:08X}", spec_.text,
                            static_cast<std::uint32_t>(status));
@@ -60,31 +60,31 @@ std::optional<std::string> BuiltInHook::Register(bool opensFrames) {
         return fmt::format("the hook {} could not be attached to the adapter, status 0x{:08X}",
                            spec_.text, static_cast<std::uint32_t>(attachStatus_));
     }
-    surroundings_.exports.flowControl(handle_, HOOK_STATE_ACTIVE);
+    shared_.exports.flowControl(handle_, HOOK_STATE_ACTIVE);
     return std::nullopt;
 }
 
 void BuiltInHook::Deregister() {
     if (handle_ != nullptr) {
-        surroundings_.exports.deregisterFilter(handle_);
+        shared_.exports.deregisterFilter(handle_);
         handle_ = nullptr;
     }
 }
 
 VOID NTAPI BuiltInHook::OnAttach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
     auto& self = *static_cast<BuiltInHook*>(context);
-    self.attachStatus_ = self.surroundings_.exports.attachFilter(module, hook);
+    self.attachStatus_ = self.shared_.exports.attachFilter(module, hook);
 }
 
 VOID NTAPI BuiltInHook::OnDetach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
-    static_cast<BuiltInHook*>(context)->surroundings_.exports.detachFilter(module, hook);
+    static_cast<BuiltInHook*>(context)->shared_.exports.detachFilter(module, hook);
 }
 
 template <Direction kWay>
 LONG NTAPI BuiltInHook::OnFrame(PVOID context, NIRP* nirp) {
     auto& self = *static_cast<BuiltInHook*>(context);
-    if (self.opensFrames_) {
-        self.surroundings_.ledger.Open(kWay);
+    if (self.countsOffers_) {
+        self.shared_.offers.Open(kWay);
     }
     Answer answer = Answer::kPass;
     if (self.Selects(nirp)) {
@@ -95,7 +95,7 @@ LONG NTAPI BuiltInHook::OnFrame(PVOID context, NIRP* nirp) {
     if (answer == Answer::kPass) {
         return HOOK_VERDICT_PASS;
     }
-    self.surroundings_.ledger.Withhold(kWay, false);
+    self.shared_.offers.Withhold(kWay, false);
     return answer == Answer::kMark ? HOOK_VERDICT_PENDING : HOOK_VERDICT_WITHHOLD;
 }
 
@@ -118,21 +118,20 @@ Answer BuiltInHook::Treat(NIRP* nirp, Direction way) {
 }
 
 Answer BuiltInHook::TakeOver(NIRP* nirp, Direction way) {
-    if (!surroundings_.held.HasRoomFor(nirp) ||
-        surroundings_.exports.markPending(nirp) != STATUS_SUCCESS) {
+    if (!shared_.held.HasRoomFor(nirp) || shared_.exports.markPending(nirp) != STATUS_SUCCESS) {
         tally_.overflow.Add();
         return spec_.overflowDrops ? Answer::kWithhold : Answer::kPass;
     }
     std::optional<CaptureStamp> due;
     if (spec_.kind == HookKind::kDelay) {
-        due = surroundings_.clock->Now().After(std::chrono::milliseconds(spec_.delayMilliseconds));
+        due = shared_.clock->Now().After(std::chrono::milliseconds(spec_.delayMilliseconds));
     }
-    surroundings_.held.Add(nirp, way, due, spec_.releases);
+    shared_.held.Add(nirp, way, due, spec_.releases);
     return Answer::kMark;
 }
 
 void BuiltInHook::ReplyToArp(NIRP* nirp, Direction way) {
-    const HookExports& exports = surroundings_.exports;
+    const HookExports& exports = shared_.exports;
     HOOK_ADAPTER_INFO info{};
     // The driver sends on the wire: a request of the adapter's own side gets no answer there.
     if (way == Direction::kSent || exports.getAdapterInfo(nirp, &info) != STATUS_SUCCESS) {
@@ -149,13 +148,13 @@ void BuiltInHook::ReplyToArp(NIRP* nirp, Direction way) {
 }
 
 bool BuiltInHook::Selects(NIRP* nirp) const {
-    const HookExports& exports = surroundings_.exports;
+    const HookExports& exports = shared_.exports;
     return spec_.filter == nullptr ||
            spec_.filter->Matches(exports.getBuffer(nirp), exports.getBufferLength(nirp));
 }
 
 void BuiltInHook::Log(NIRP* nirp, Direction way) const {
-    const HookExports& exports = surroundings_.exports;
+    const HookExports& exports = shared_.exports;
     PROTOCOL_ENTRY* protocol = nullptr;
     exports.getProtocolName(nirp, &protocol);
     HOOK_ADAPTER_INFO info{};
@@ -167,7 +166,7 @@ void BuiltInHook::Log(NIRP* nirp, Direction way) const {
         fmt::format("hook={} direction={} protocol={} adapter={} length={}\n", number_,
                     way == Direction::kSent ? "send" : "receive", Printable(protocol),
                     known ? FormatMac(address) : "-", exports.getBufferLength(nirp));
-    std::fwrite(line.data(), 1, line.size(), surroundings_.log);
+    std::fwrite(line.data(), 1, line.size(), shared_.log);
 }
 
 }  // namespace netsieve::tool

@@ -75,7 +75,7 @@ std::optional<CaptureFailure> CaptureReader::OpenLibrary() {
             fmt::format("{} has link type {} ({}); only Ethernet captures can be replayed", name_,
                         linkName != nullptr ? linkName : "unknown", linkType)};
     }
-    header_ = source_.Format().header;
+    header_ = source_.format().header;
     if (IsPcapng()) {
         header_.snapLength = static_cast<uint32_t>(pcap_snapshot(library_));
     }
@@ -83,7 +83,7 @@ std::optional<CaptureFailure> CaptureReader::OpenLibrary() {
 }
 
 CaptureFailure CaptureReader::OpenFailure(const char* libraryWords) const {
-    const CaptureFormat& format = source_.Format();
+    const CaptureFormat& format = source_.format();
     if (source_.IsEmpty()) {
         return {CaptureFault::kNotACapture, fmt::format("{} is empty", name_)};
     }

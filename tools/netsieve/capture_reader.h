@@ -69,20 +69,20 @@ class CaptureReader {
     /// Starts the next pass over the same frames. Only after Open with `rewindable`.
     std::optional<CaptureFailure> Rewind();
 
-    /// Fills `frame` with the next frame. After kFailed, Failure() says why; kEnd and kFailed are
+    /// Fills `frame` with the next frame. After kFailed, failure() says why; kEnd and kFailed are
     /// final until Rewind.
     ReadOutcome Next(CaptureFrame& frame);
 
     /// The failure that the last kFailed was about.
-    const CaptureFailure& Failure() const { return *failure_; }
+    const CaptureFailure& failure() const { return *failure_; }
 
     /// What the output's file header has to be, so that an unchanged classic file in this machine's
     /// byte order comes out byte for byte. Valid after Open.
-    const CaptureHeader& Header() const { return header_; }
-    bool IsPcapng() const { return source_.Format().kind == CaptureFormat::Kind::kPcapng; }
+    const CaptureHeader& header() const { return header_; }
+    bool IsPcapng() const { return source_.format().kind == CaptureFormat::Kind::kPcapng; }
 
-    uint64_t FramesRead() const { return framesRead_; }
-    const CaptureSource& Source() const { return source_; }
+    uint64_t framesRead() const { return framesRead_; }
+    const CaptureSource& source() const { return source_; }
 
   private:
     std::optional<CaptureFailure> OpenLibrary();

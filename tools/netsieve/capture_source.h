@@ -33,13 +33,13 @@ class CaptureSource {
     /// Goes back to the first byte. Returns what went wrong, or nothing.
     std::optional<std::string> Rewind();
 
-    const CaptureFormat& Format() const { return format_; }
+    const CaptureFormat& format() const { return format_; }
     bool IsEmpty() const { return peekedSize_ == 0; }
 
     /// Bytes taken out so far (buffers run ahead of the frames), and all there are when that can
     /// be known before the end.
-    uint64_t Position() const { return position_; }
-    std::optional<uint64_t> Size() const { return size_; }
+    uint64_t position() const { return position_; }
+    std::optional<uint64_t> size() const { return size_; }
 
     /// True if `path` names the very file that is being read, so that writing would destroy it.
     bool IsSameFile(const std::string& path) const;

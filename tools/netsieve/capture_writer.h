@@ -34,7 +34,7 @@ class CaptureWriter {
     void Append(const uint8_t* bytes, size_t size);
 
     bool HasFailed() const { return !failure_.empty(); }
-    uint64_t FramesWritten() const { return framesWritten_; }
+    uint64_t framesWritten() const { return framesWritten_; }
 
     /// Writes what is buffered and closes. Returns the first thing that went wrong, or nothing.
     std::optional<std::string> Close();

@@ -20,7 +20,7 @@ host::DriverSource SourceOf(const std::string& driver) {
 }
 
 void* FindExport(const host::LoadedDriver& driver, const char* name) {
-    return driver.Image() == nullptr ? NativeExport(name) : driver.Image()->FindExport(name);
+    return driver.image() == nullptr ? NativeExport(name) : driver.image()->FindExport(name);
 }
 
 std::optional<std::string> FindHookExports(const host::LoadedDriver& driver, HookExports& exports) {

@@ -49,7 +49,7 @@ bool DriverSession::Start() {
 
 void DriverSession::Fail(const std::string& why) {
     failure_ = fmt::format("the driver {} cannot be used: {}", driver_, why);
-    for (std::string line : machine_.DebugOutput()) {
+    for (std::string line : machine_.debugOutput()) {
         line.erase(line.find_last_not_of('\n') + 1);
         *failure_ += "; " + line;
     }

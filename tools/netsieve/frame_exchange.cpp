@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "host/ndis/data_path.h"
-#include "tools/netsieve/driver_record.h"
+#include "tools/netsieve/driver_structures.h"
 
 namespace netsieve::tool {
 namespace {
@@ -15,8 +15,8 @@ constexpr std::uint32_t kLargestOffered = 65535;
 
 /// One frame after the other shows each of them alone; together they share the driver's cost per
 /// call.
-constexpr std::uint32_t kCarefulListsPerCall = 1;
-constexpr std::uint32_t kFastListsPerCall = 32;
+constexpr std::uint32_t kCarefulNblsPerCall = 1;
+constexpr std::uint32_t kFastNblsPerCall = 32;
 
 /// The frame's length, or what its descriptors hold where a driver made it longer than that.
 ULONG DescribedLength(PNET_BUFFER buffer) {
@@ -43,8 +43,8 @@ bool MayMix(const ReplayOptions& options) {
         return hook.kind == HookKind::kDrop || hook.kind == HookKind::kCount;
     };
     return std::all_of(options.hooks.begin(), options.hooks.end(), staysSilent) &&
-           options.inject.empty() && !options.pauseAt && !options.listsPerCall &&
-           options.framesPerList == 1;
+           options.inject.empty() && !options.pauseAt && !options.nblsPerCall &&
+           options.framesPerNbl == 1;
 }
 
 }  // namespace
@@ -52,9 +52,9 @@ bool MayMix(const ReplayOptions& options) {
 void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock) {
     stack_ = &stack;
     clock_ = &clock;
-    listsPerCall_ = options_.listsPerCall.value_or(
-        machine.scheduler().Simulated() ? kCarefulListsPerCall : kFastListsPerCall);
-    mixes_ = !machine.scheduler().Simulated() && MayMix(options_);
+    nblsPerCall_ = options_.nblsPerCall.value_or(
+        machine.scheduler().simulated() ? kCarefulNblsPerCall : kFastNblsPerCall);
+    mixes_ = !machine.scheduler().simulated() && MayMix(options_);
     host::Adapter& adapter = stack.adapter();
     host::Protocol& protocol = stack.protocol();
     Way& sent = Of(Direction::kSent);
@@ -62,14 +62,14 @@ void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayCl
     sent.pool = protocol.pool();
     received.pool = adapter.pool();
     for (Way& way : ways_) {
-        way.frames = std::make_unique<host::FrameLists>(machine, way.pool);
+        way.frames = std::make_unique<host::NblFactory>(machine, way.pool);
     }
     adapter.onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) { Deliver(chain, sent); };
     protocol.onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
         Deliver(chain, received);
     };
-    protocol.onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) { ComeHome(chain, sent); };
-    adapter.onReturned = [&](PNET_BUFFER_LIST chain, ULONG) { ComeHome(chain, received); };
+    protocol.onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) { TakeBack(chain, sent); };
+    adapter.onReturned = [&](PNET_BUFFER_LIST chain, ULONG) { TakeBack(chain, received); };
 }
 
 void FrameExchange::Turn(Direction way) {
@@ -88,19 +88,19 @@ void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::ui
     }
     const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number,
                        0};
-    if (options_.framesPerList == 1) {
+    if (options_.framesPerNbl == 1) {
         const std::span<const std::uint8_t> bytes(frame.bytes, frame.capturedLength);
-        AddList({&bytes, 1}, {&tag, 1});
+        AddNbl({&bytes, 1}, {&tag, 1});
     } else {
         gathered_.bytes.insert(gathered_.bytes.end(), frame.bytes,
                                frame.bytes + frame.capturedLength);
         gathered_.lengths.push_back(frame.capturedLength);
         gathered_.tags.push_back(tag);
-        if (gathered_.tags.size() == options_.framesPerList) {
-            CloseList();
+        if (gathered_.tags.size() == options_.framesPerNbl) {
+            CloseNbl();
         }
     }
-    if (way.lists >= listsPerCall_) {
+    if (way.nbls >= nblsPerCall_) {
         Flush();
     }
 }
@@ -117,7 +117,7 @@ void FrameExchange::CountFacts(Way& way, const CaptureFrame& frame) const {
     }
 }
 
-void FrameExchange::CloseList() {
+void FrameExchange::CloseNbl() {
     if (gathered_.tags.empty()) {
         return;
     }
@@ -128,32 +128,32 @@ void FrameExchange::CloseList() {
         frames.emplace_back(at, length);
         at += length;
     }
-    AddList(frames, gathered_.tags);
+    AddNbl(frames, gathered_.tags);
     gathered_.bytes.clear();
     gathered_.lengths.clear();
     gathered_.tags.clear();
 }
 
-void FrameExchange::AddList(std::span<const std::span<const std::uint8_t>> frames,
-                            std::span<const FrameTag> tags) {
+void FrameExchange::AddNbl(std::span<const std::span<const std::uint8_t>> frames,
+                           std::span<const FrameTag> tags) {
     Way& way = Of(turn_);
     const std::lock_guard<ExchangeLock> guard(lock_);
-    PNET_BUFFER_LIST const list = way.frames->Make(frames);
-    if (list == nullptr) {
+    PNET_BUFFER_LIST const nbl = way.frames->Make(frames);
+    if (nbl == nullptr) {
         return;
     }
-    PNET_BUFFER buffer = list->FirstNetBuffer;
+    PNET_BUFFER buffer = nbl->FirstNetBuffer;
     for (const FrameTag& tag : tags) {
         TagOf(*buffer, way.originator) = tag;
         buffer = buffer->Next;
     }
-    (way.head == nullptr ? way.head : way.tail->Next) = list;
-    way.tail = list;
-    ++way.lists;
+    (way.head == nullptr ? way.head : way.tail->Next) = nbl;
+    way.tail = nbl;
+    ++way.nbls;
 }
 
 void FrameExchange::Flush() {
-    CloseList();
+    CloseNbl();
     for (Way& way : ways_) {
         HandIn(way);
     }
@@ -165,7 +165,7 @@ void FrameExchange::Flush() {
 
 void FrameExchange::HandIn(Way& way) {
     PNET_BUFFER_LIST const chain = std::exchange(way.head, nullptr);
-    way.lists = 0;
+    way.nbls = 0;
     if (chain == nullptr) {
         return;
     }
@@ -177,35 +177,35 @@ void FrameExchange::HandIn(Way& way) {
 }
 
 void FrameExchange::Indicate(PNET_BUFFER_LIST chain) {
-    const ULONG flags = options_.lendReceived ? NDIS_RECEIVE_FLAGS_RESOURCES : 0;
+    const ULONG flags = options_.resourcesFlag ? NDIS_RECEIVE_FLAGS_RESOURCES : 0;
     const bool taken = stack_->adapter().Indicate(chain, 0, flags);
-    if (!taken || options_.lendReceived) {
-        ComeHome(chain, Of(Direction::kReceived));
+    if (!taken || options_.resourcesFlag) {
+        TakeBack(chain, Of(Direction::kReceived));
     }
 }
 
-/// Lists have come out at the end opposite to their originator, or to where the driver wants them
+/// NBLs have come out at the end opposite to their originator, or to where the driver wants them
 /// to seem to come from.
 void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Way& way) {
     const std::lock_guard<ExchangeLock> guard(lock_);
-    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-        if (list->NdisPoolHandle != way.pool) {
-            DeliverOwn(list, way);
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+        if (nbl->NdisPoolHandle != way.pool) {
+            DeliverDriverNbl(nbl, way);
             continue;
         }
-        for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+        for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
             DeliverTagged(buffer, TagOf(*buffer, way.originator), way);
         }
     }
 }
 
-/// A list that a driver built. Every buffer of it is a frame that nobody handed in, but for the
+/// An NBL that a driver built. Every buffer of it is a frame that nobody handed in, but for the
 /// copy of one that a hook had taken over.
-void FrameExchange::DeliverOwn(PNET_BUFFER_LIST list, Way& way) {
-    const auto own = ReadOwnList(list);
+void FrameExchange::DeliverDriverNbl(PNET_BUFFER_LIST nbl, Way& way) {
+    const auto own = ReadDriverNbl(nbl);
     const bool expected = own && release_ != nullptr && own->record == release_->clone;
     const bool again = expected && release_->deliveries++ != 0;
-    for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+    for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
         const bool held = own && own->clone && !again;
         ++(held ? way.counts.reinjected : way.counts.injected);
         injectedNow_ += !held && injector_ == host::CurrentContext().id ? 1 : 0;
@@ -240,10 +240,10 @@ void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way) {
     Write(buffer, way.direction, tag.Stamp(), tag.originalLength, tag.number);
 }
 
-void FrameExchange::ComeHome(PNET_BUFFER_LIST chain, Way& way) {
+void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Way& way) {
     const std::lock_guard<ExchangeLock> guard(lock_);
-    for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-        for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+        for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
             way.counts.cameBack += TagOf(*buffer, way.originator).deliveries == 0 ? 1 : 0;
         }
     }
@@ -277,18 +277,18 @@ void FrameExchange::Write(PNET_BUFFER buffer,
     }
 }
 
-DirectionCounts FrameExchange::Counts(Direction direction, const OfferLedger* ledger) const {
+DirectionCounts FrameExchange::Counts(Direction direction, const OfferCounts* offers) const {
     DirectionCounts counts = ways_[static_cast<std::size_t>(direction)].counts;
-    if (ledger != nullptr) {
-        counts.keptByHooks = ledger->Withheld(direction);
+    if (offers != nullptr) {
+        counts.keptByHooks = offers->Withheld(direction);
         // What could have been shown and was not: the driver had nothing left to show it in.
-        const std::uint64_t accounted = ledger->Offered(direction) + counts.uninspected.Total();
+        const std::uint64_t accounted = offers->Offered(direction) + counts.uninspected.Total();
         counts.uninspected.poolEmpty = counts.frames - std::min(counts.frames, accounted);
     }
     return counts;
 }
 
-int FrameExchange::ListsAway() const {
+int FrameExchange::NblsOutstanding() const {
     int away = 0;
     for (const Way& way : ways_) {
         away += way.pool->live;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/machine.h"
-#include "host/ndis/frame_lists.h"
+#include "host/ndis/nbl_factory.h"
 #include "host/ndis/stack.h"
 #include "host/sched/threaded_scheduler.h"
 #include "packet/nirp.h"
@@ -16,7 +16,7 @@
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_merge.h"
 #include "tools/netsieve/frame_tag.h"
-#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/offer_counts.h"
 #include "tools/netsieve/replay_clock.h"
 #include "tools/netsieve/replay_options.h"
 #include "tools/netsieve/replay_report.h"
@@ -28,7 +28,7 @@ namespace netsieve::tool {
 class ExchangeLock {
   public:
     void lock() {
-        if (!host::Machine::Current().scheduler().Simulated()) {
+        if (!host::Machine::Current().scheduler().simulated()) {
             host::ThreadedScheduler::SpinUntilAcquired(&word_);
         }
     }
@@ -38,16 +38,16 @@ class ExchangeLock {
     KSPIN_LOCK word_ = 0;
 };
 
-/// A frame that a hook lets go now. It comes out in a list of the driver's, with what is left in
+/// A frame that a hook lets go now. It comes out in an NBL of the driver's, with what is left in
 /// its record.
 struct Release {
-    const NIRP* clone;             ///< the record of that list; null when nothing may come out
+    const NIRP* clone;             ///< the record of that NBL; null when nothing may come out
     std::uint64_t number;          ///< of the frame, in the capture
     std::uint32_t originalLength;  ///< of the frame
     unsigned deliveries = 0;       ///< how often it came out
 };
 
-/// Gathers frames into lists and calls, hands them to the protocol or the adapter of a stack,
+/// Gathers frames into NBLs and calls, hands them to the protocol or the adapter of a stack,
 /// writes what comes out at the other end, and keeps the account. Outlives the machine's run.
 class FrameExchange {
   public:
@@ -63,7 +63,7 @@ class FrameExchange {
     /// The next frame goes `way`: makes the call for those before it if they go the other way,
     /// unless both ways' calls are collected. At the time of the latest of them.
     void Turn(Direction way);
-    /// Takes the frame, and makes the call when its last list is full. The bytes are copied.
+    /// Takes the frame, and makes the call when its last NBL is full. The bytes are copied.
     void Push(Direction way, const CaptureFrame& frame, std::uint64_t number);
     /// Makes the calls for the frames that wait for others.
     void Flush();
@@ -75,26 +75,26 @@ class FrameExchange {
     bool Inject(const HookExports& exports, const CaptureFrame& frame);
 
     /// What became of the frames. With hooks, `ledger` says what they were shown.
-    DirectionCounts Counts(Direction way, const OfferLedger* ledger) const;
-    /// Lists of both ends that are not home.
-    int ListsAway() const;
+    DirectionCounts Counts(Direction way, const OfferCounts* offers) const;
+    /// NBLs of both ends that are not home.
+    int NblsOutstanding() const;
 
   private:
     /// One of the two ways through the stack.
     struct Way {
         Direction direction;
         Originator originator;
-        host::ListPool* pool = nullptr;              ///< what the originator's lists are made from
-        std::unique_ptr<host::FrameLists> frames{};  ///< the lists themselves
+        host::NblPool* pool = nullptr;               ///< what the originator's NBLs are made from
+        std::unique_ptr<host::NblFactory> frames{};  ///< the NBLs themselves
         DirectionCounts counts{};
         std::uint64_t latestOut = 0;
 
         // What waits to be handed in, by the one thread that does so.
         PNET_BUFFER_LIST head = nullptr;
         PNET_BUFFER_LIST tail = nullptr;
-        std::uint32_t lists = 0;
+        std::uint32_t nbls = 0;
     };
-    /// Frames that wait until their list is full.
+    /// Frames that wait until their NBL is full.
     struct Gathered {
         std::vector<std::uint8_t> bytes;
         std::vector<std::uint32_t> lengths;
@@ -103,15 +103,15 @@ class FrameExchange {
 
     Way& Of(Direction way) { return ways_[static_cast<std::size_t>(way)]; }
     void CountFacts(Way& way, const CaptureFrame& frame) const;
-    void CloseList();
-    void AddList(std::span<const std::span<const std::uint8_t>> frames,
-                 std::span<const FrameTag> tags);
+    void CloseNbl();
+    void AddNbl(std::span<const std::span<const std::uint8_t>> frames,
+                std::span<const FrameTag> tags);
     void HandIn(Way& way);
     void Indicate(PNET_BUFFER_LIST chain);
     void Deliver(PNET_BUFFER_LIST chain, Way& way);
     void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way);
-    void DeliverOwn(PNET_BUFFER_LIST list, Way& way);
-    void ComeHome(PNET_BUFFER_LIST chain, Way& way);
+    void DeliverDriverNbl(PNET_BUFFER_LIST nbl, Way& way);
+    void TakeBack(PNET_BUFFER_LIST chain, Way& way);
     void Write(PNET_BUFFER buffer,
                Direction way,
                const CaptureStamp& stamp,
@@ -120,11 +120,11 @@ class FrameExchange {
 
     const ReplayOptions& options_;
     ReplayReport& report_;
-    std::uint32_t listsPerCall_ = 1;
+    std::uint32_t nblsPerCall_ = 1;
     host::Stack* stack_ = nullptr;
     ReplayClock* clock_ = nullptr;
     CaptureWriter* writer_ = nullptr;
-    /// Guards the lists, the counts and the output: a driver may let go of a frame in any thread.
+    /// Guards the NBLs, the counts and the output: a driver may let go of a frame in any thread.
     ExchangeLock lock_;
     Way ways_[2] = {{.direction = Direction::kSent, .originator = Originator::kProtocol},
                     {.direction = Direction::kReceived, .originator = Originator::kAdapter}};

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tools/netsieve/capture_writer.h"
-#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/offer_counts.h"
 
 namespace netsieve::tool {
 

@@ -5,11 +5,11 @@
 
 #include "platform/ndis.h"
 #include "tools/netsieve/capture_reader.h"
-#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/offer_counts.h"
 
 namespace netsieve::tool {
 
-/// Travels in those reserved fields of a NET_BUFFER that belong to the originator of its list:
+/// Travels in those reserved fields of a NET_BUFFER that belong to the originator of its NBL:
 /// nobody on the way may touch them.
 struct FrameTag {
     std::int64_t seconds;

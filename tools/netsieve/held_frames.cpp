@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "platform/atomics.h"
-#include "tools/netsieve/driver_record.h"
+#include "tools/netsieve/driver_structures.h"
 #include "tools/netsieve/frame_exchange.h"
 #include "tools/netsieve/frame_tag.h"
 

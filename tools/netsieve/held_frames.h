@@ -10,7 +10,7 @@
 #include "packet/nirp.h"
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/driver_exports.h"
-#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/offer_counts.h"
 
 namespace netsieve::tool {
 

@@ -27,7 +27,7 @@ LONG NTAPI CallMetered(PVOID context, NIRP* nirp) {
                                                          : Answer::kPass;
     meter.tally.Count(answer);
     if (answer != Answer::kPass) {
-        meter.ledger->Withhold(kWay, meter.beforeOpener);
+        meter.offers->Withhold(kWay, meter.beforeCountingHook);
     }
     return verdict;
 }
@@ -67,13 +67,13 @@ HookMeters::~HookMeters() {
 
 std::vector<const HookMeter*> HookMeters::Attach(const FILTER_MODULE& module,
                                                  const std::vector<const HOOK_FILTER*>& own,
-                                                 const HOOK_FILTER* opener,
-                                                 OfferLedger& ledger) {
+                                                 const HOOK_FILTER* countingHook,
+                                                 OfferCounts& offers) {
     std::vector<const HookMeter*> fresh;
-    bool beforeOpener = true;
+    bool beforeCountingHook = true;
     for (LONG i = 0; i < module.HookCount; ++i) {
         HOOK_FILTER* const hook = module.Hooks[i];
-        beforeOpener = beforeOpener && hook != opener;
+        beforeCountingHook = beforeCountingHook && hook != countingHook;
         const bool known = std::find(own.begin(), own.end(), hook) != own.end() ||
                            std::any_of(meters_.begin(), meters_.end(),
                                        [&](const auto& meter) { return meter->hook == hook; });
@@ -86,10 +86,10 @@ std::vector<const HookMeter*> HookMeters::Attach(const FILTER_MODULE& module,
         meter.hook = hook;
         meter.name = NameOf(*hook);
         meter.priority = hook->Priority;
-        meter.beforeOpener = beforeOpener;
+        meter.beforeCountingHook = beforeCountingHook;
         meter.handlers[0] = hook->SendHandler;
         meter.handlers[1] = hook->ReceiveHandler;
-        meter.ledger = &ledger;
+        meter.offers = &offers;
         g_meters[meters_.size() - 1] = &meter;
         Replace(hook->SendHandler, metered.send);
         Replace(hook->ReceiveHandler, metered.receive);

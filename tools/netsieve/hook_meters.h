@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "hook/hook_filter.h"
-#include "tools/netsieve/driver_record.h"
-#include "tools/netsieve/offer_ledger.h"
+#include "tools/netsieve/driver_structures.h"
+#include "tools/netsieve/offer_counts.h"
 
 namespace netsieve::tool {
 
@@ -17,9 +17,9 @@ struct HookMeter {
     const HOOK_FILTER* hook = nullptr;
     std::string name{};
     std::uint32_t priority = 0;
-    bool beforeOpener = false;
+    bool beforeCountingHook = false;
     HOOK_PACKET_HANDLER handlers[2] = {};  ///< the hook's own, by direction
-    OfferLedger* ledger = nullptr;
+    OfferCounts* offers = nullptr;
     HookTally tally{};
 };
 
@@ -38,8 +38,8 @@ class HookMeters {
     /// the adapter.
     std::vector<const HookMeter*> Attach(const FILTER_MODULE& module,
                                          const std::vector<const HOOK_FILTER*>& own,
-                                         const HOOK_FILTER* opener,
-                                         OfferLedger& ledger);
+                                         const HOOK_FILTER* countingHook,
+                                         OfferCounts& offers);
 
   private:
     std::vector<std::unique_ptr<HookMeter>> meters_;

@@ -32,7 +32,7 @@ HookKind ParseKind(std::string_view word, const std::string& text) {
     } kKinds[] = {{"drop", HookKind::kDrop},    {"count", HookKind::kCount},
                   {"log", HookKind::kLog},      {"delay", HookKind::kDelay},
                   {"hold", HookKind::kHold},    {"reply-arp", HookKind::kReplyArp},
-                  {"module", HookKind::kModule}};
+                  {"driver", HookKind::kDriver}};
     for (const auto& entry : kKinds) {
         if (entry.word == word) {
             return entry.kind;
@@ -40,12 +40,12 @@ HookKind ParseKind(std::string_view word, const std::string& text) {
     }
     Refuse(
         "{}: '{}' is no kind of hook; use drop:EXPR, count:EXPR, log, log:EXPR, delay:MS:EXPR, "
-        "hold:EXPR:success, hold:EXPR:failure, reply-arp:IP=MAC or module:PATH",
+        "hold:EXPR:success, hold:EXPR:failure, reply-arp:IP=MAC or driver:PATH",
         text, word);
 }
 
 unsigned ParseClass(std::string_view digits, const HookOption& spec) {
-    if (spec.kind == HookKind::kModule) {
+    if (spec.kind == HookKind::kDriver) {
         Refuse("{}: a module chooses its own priority; leave out @{}", spec.text, digits);
     }
     if (digits.size() != 1 || digits[0] < '0' || digits[0] > '0' + static_cast<int>(kLastClass)) {
@@ -140,8 +140,8 @@ void ParseArgument(const std::string& argument, HookOption& spec) {
             return ParseHold(argument, spec);
         case HookKind::kReplyArp:
             return ParseReplyArp(argument, spec);
-        case HookKind::kModule:
-            spec.modulePath = argument;
+        case HookKind::kDriver:
+            spec.driverPath = argument;
             return;
         default:
             return Compile(argument, spec);
@@ -150,9 +150,9 @@ void ParseArgument(const std::string& argument, HookOption& spec) {
 
 /// The first bytes that tell a shared object from an image.
 std::string ReadMagic(const HookOption& spec) {
-    std::ifstream file(spec.modulePath, std::ios::binary);
+    std::ifstream file(spec.driverPath, std::ios::binary);
     std::array<char, 4> magic{};
-    if (!file || std::filesystem::is_directory(spec.modulePath)) {
+    if (!file || std::filesystem::is_directory(spec.driverPath)) {
         const int error = errno;
         Refuse("{}: cannot read the module: {}", spec.text,
                file ? "it is a directory" : std::strerror(error));
@@ -161,7 +161,7 @@ std::string ReadMagic(const HookOption& spec) {
     return {magic.data(), static_cast<std::size_t>(file.gcount())};
 }
 
-void CheckModule(const HookOption& spec, const std::string& driver) {
+void CheckHookDriver(const HookOption& spec, const std::string& driver) {
     const std::string magic = ReadMagic(spec);
     const bool isObject = magic ==
                           "\x7F"
@@ -199,7 +199,7 @@ HookOption ParseHookOption(const std::string& text) {
     }
     if (argument.empty() && (spec.kind != HookKind::kLog || colon != text.npos)) {
         Refuse("{}: {} is missing after '{}:'", text,
-               spec.kind == HookKind::kModule     ? "the module's path"
+               spec.kind == HookKind::kDriver     ? "the module's path"
                : spec.kind == HookKind::kReplyArp ? "IP=MAC"
                                                   : "the expression",
                head);
@@ -218,13 +218,13 @@ void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver)
             hooks.size(), HOOK_MODULE_LIMIT);
     }
     for (auto hook = hooks.begin(); hook != hooks.end(); ++hook) {
-        if (hook->kind != HookKind::kModule) {
+        if (hook->kind != HookKind::kDriver) {
             continue;
         }
-        CheckModule(*hook, driver);
+        CheckHookDriver(*hook, driver);
         for (auto other = hooks.begin(); other != hook; ++other) {
-            if (other->kind == HookKind::kModule &&
-                std::filesystem::equivalent(other->modulePath, hook->modulePath)) {
+            if (other->kind == HookKind::kDriver &&
+                std::filesystem::equivalent(other->driverPath, hook->driverPath)) {
                 Refuse("{}: the module is given twice; it can be loaded once", hook->text);
             }
         }

@@ -18,7 +18,7 @@ enum class HookKind : std::uint8_t {
     kDelay,     ///< holds it for a time
     kHold,      ///< holds it to the end of the capture
     kReplyArp,  ///< answers requests for one address
-    kModule,    ///< a hook filter of someone else
+    kDriver,    ///< a hook filter of someone else
 };
 
 struct HookOption {
@@ -26,7 +26,7 @@ struct HookOption {
     HookKind kind = HookKind::kCount;
     unsigned priorityClass = 0;                   ///< HOOK_CLASS_0 to 3, and 4 for the last
     std::shared_ptr<const FrameFilter> filter{};  ///< null selects every frame
-    std::string modulePath{};                     ///< of a module
+    std::string driverPath{};                     ///< of a module
     std::uint32_t delayMilliseconds = 0;          ///< of kDelay
     bool releases = true;        ///< whether a held frame goes on its way in the end
     bool overflowDrops = false;  ///< whether one that the driver cannot hold is withheld instead

@@ -58,26 +58,26 @@ ImageReport Examine(const std::string& path) {
     ImageReport report{.path = path};
     auto bytes = host::ReadImageFile(path);
     if (!bytes) {
-        report.fault = bytes.Fault();
+        report.fault = bytes.fault();
         return report;
     }
-    report.fileSize = bytes.Value().size();
-    auto file = host::PeFile::Parse(bytes.Value());
+    report.fileSize = bytes.value().size();
+    auto file = host::PeFile::Parse(bytes.value());
     if (!file) {
-        report.fault = file.Fault();
+        report.fault = file.fault();
         return report;
     }
-    report.file = std::move(file.Value());
+    report.file = std::move(file.value());
 
     const DriverNames driver;
     host::ImportChain imports;
     imports.Add(host::PlatformImports());
     imports.Add(driver);
-    for (const host::PeImport& import : report.file->Imports()) {
+    for (const host::PeImport& import : report.file->imports()) {
         report.known.push_back(imports.Resolve(import.dll, import.name) != nullptr);
     }
-    if (auto image = host::KernelImage::Load(bytes.Value(), imports); !image) {
-        report.fault = image.Fault();
+    if (auto image = host::KernelImage::Load(bytes.value(), imports); !image) {
+        report.fault = image.fault();
     }
     return report;
 }
@@ -92,28 +92,28 @@ std::string NameOf(const host::PeImport& import) {
 }
 
 ordered_json DescribeFile(const ImageReport& report) {
-    const host::PeHeader& header = report.file->Header();
+    const host::PeHeader& header = report.file->header();
     ordered_json json = {{"image_base", header.imageBase},
                          {"entry_point", header.entryPoint},
                          {"subsystem", header.subsystem},
                          {"checksum", header.checksum},
-                         {"checksum_right", header.checksum == report.file->ComputedChecksum()},
+                         {"checksum_right", header.checksum == report.file->computedChecksum()},
                          {"movable", !header.fixed},
-                         {"functions_with_unwind_data", report.file->Functions().size()}};
+                         {"functions_with_unwind_data", report.file->functions().size()}};
     json["sections"] = ordered_json::array();
-    for (const host::PeSection& section : report.file->Sections()) {
+    for (const host::PeSection& section : report.file->sections()) {
         json["sections"].push_back({{"name", section.name},
                                     {"address", section.address},
                                     {"size", section.size},
                                     {"protection", Protection(section)}});
     }
     json["exports"] = ordered_json::array();
-    for (const host::PeExport& exported : report.file->Exports()) {
+    for (const host::PeExport& exported : report.file->exports()) {
         json["exports"].push_back(exported.name);
     }
     json["imports"] = ordered_json::array();
     for (std::size_t i = 0; i < report.known.size(); ++i) {
-        const host::PeImport& import = report.file->Imports()[i];
+        const host::PeImport& import = report.file->imports()[i];
         json["imports"].push_back({{"module", import.dll},
                                    {"name", NameOf(import)},
                                    {"known", static_cast<bool>(report.known[i])}});
@@ -136,29 +136,29 @@ void PrintJson(const ImageReport& report) {
 }
 
 void PrintHeader(const ImageReport& report) {
-    const host::PeHeader& header = report.file->Header();
-    const std::uint32_t sum = report.file->ComputedChecksum();
+    const host::PeHeader& header = report.file->header();
+    const std::uint32_t sum = report.file->computedChecksum();
     fmt::print("{}: x64 image of {} bytes, subsystem {}{}\n", report.path, report.fileSize,
                header.subsystem, header.subsystem == host::kNativeSubsystem ? " (native)" : "");
     fmt::print("base {:#x}{}, entry point {:#x}, checksum {:#x}{}, {} functions with unwind data\n",
                header.imageBase, header.fixed ? " (fixed)" : "", header.entryPoint, header.checksum,
                header.checksum == sum ? std::string() : fmt::format(" (should be {:#x})", sum),
-               report.file->Functions().size());
+               report.file->functions().size());
     fmt::print("sections:\n");
-    for (const host::PeSection& section : report.file->Sections()) {
+    for (const host::PeSection& section : report.file->sections()) {
         fmt::print("  {:<8}  {:#8x}  {:6} bytes  {}\n", section.name, section.address, section.size,
                    Protection(section));
     }
 }
 
 void PrintNames(const ImageReport& report) {
-    fmt::print("exports:{}\n", report.file->Exports().empty() ? " none" : "");
-    for (const host::PeExport& exported : report.file->Exports()) {
+    fmt::print("exports:{}\n", report.file->exports().empty() ? " none" : "");
+    for (const host::PeExport& exported : report.file->exports()) {
         fmt::print("  {}\n", exported.name);
     }
     std::map<std::string, std::vector<std::string>> modules;
     for (std::size_t i = 0; i < report.known.size(); ++i) {
-        const host::PeImport& import = report.file->Imports()[i];
+        const host::PeImport& import = report.file->imports()[i];
         modules[import.dll].push_back(NameOf(import) + (report.known[i] ? "" : "  (missing)"));
     }
     for (const auto& [module, names] : modules) {

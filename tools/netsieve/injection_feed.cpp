@@ -40,7 +40,7 @@ void InjectionFeed::Read() {
     const ReadOutcome outcome = reader_.Next(next_);
     waiting_ = outcome == ReadOutcome::kFrame;
     if (outcome == ReadOutcome::kFailed) {
-        failure_ = reader_.Failure();
+        failure_ = reader_.failure();
     }
 }
 

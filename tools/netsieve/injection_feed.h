@@ -32,10 +32,10 @@ class InjectionFeed {
     /// Counts what became of it, with `sent` saying whether it came out, and reads on.
     void Advance(const MacAddress& adapter, bool sent);
 
-    const InjectionCounts& Counts() const { return counts_; }
-    const CaptureSource& Source() const { return reader_.Source(); }
+    const InjectionCounts& counts() const { return counts_; }
+    const CaptureSource& source() const { return reader_.source(); }
     /// Why reading stopped before the end, or nothing.
-    const std::optional<CaptureFailure>& Failure() const { return failure_; }
+    const std::optional<CaptureFailure>& failure() const { return failure_; }
 
   private:
     void Read();

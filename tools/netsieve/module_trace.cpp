@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "module/trace_log.h"
-#include "tools/netsieve/driver_record.h"
+#include "tools/netsieve/driver_structures.h"
 
 namespace netsieve::tool {
 namespace {
@@ -34,7 +34,7 @@ std::optional<TraceLine> ParseLine(std::string_view text) {
 }  // namespace
 
 std::vector<std::string> ReadModuleTrace(const host::FilterModule& module) {
-    const FILTER_MODULE* const record = RecordOf(module);
+    const FILTER_MODULE* const record = DriverModuleOf(module);
     if (record == nullptr || record->TraceBuffer == nullptr) {
         return {};
     }

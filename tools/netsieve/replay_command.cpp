@@ -28,7 +28,7 @@ namespace {
 /// Locally administered, so it is nobody's.
 constexpr MacAddress kFallbackAddress = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 
-/// Of the frames in a list, and of the lists in a call.
+/// Of the frames in an NBL, and of the NBLs in a call.
 constexpr std::uint32_t kMostPerUnit = 4096;
 
 void PrintMessage(const std::string& message) {
@@ -61,13 +61,13 @@ class ReplayCommand {
         if (report_.inputFailure) {
             return false;
         }
-        if (!options_.output.empty() && reader_.Source().IsSameFile(options_.output)) {
+        if (!options_.output.empty() && reader_.source().IsSameFile(options_.output)) {
             report_.outputFailure =
                 fmt::format("{} is the capture itself; choose another output", options_.output);
             return false;
         }
         report_.pcapng = reader_.IsPcapng();
-        report_.precision = reader_.Header().precision;
+        report_.precision = reader_.header().precision;
         return true;
     }
 
@@ -77,7 +77,7 @@ class ReplayCommand {
         }
         report_.injectFailure = feed_.Open(options_.inject);
         if (!report_.injectFailure && !options_.output.empty() &&
-            feed_.Source().IsSameFile(options_.output)) {
+            feed_.source().IsSameFile(options_.output)) {
             report_.outputFailure = fmt::format(
                 "{} is the capture to be injected; choose another output", options_.output);
         }
@@ -89,7 +89,7 @@ class ReplayCommand {
         if (!ChooseAddress(adapter)) {
             return;
         }
-        Progress progress("replaying", reader_.Source().Size());
+        Progress progress("replaying", reader_.source().size());
         // Lines of frames would run through the bar.
         progress.SetEnabled(!LogsFrames());
         FILE* const log = LogStream();
@@ -103,7 +103,7 @@ class ReplayCommand {
         if (auto failure = writer_.Close()) {
             report_.outputFailure = failure;
         }
-        report_.framesWritten = writer_.FramesWritten();
+        report_.framesWritten = writer_.framesWritten();
     }
 
     bool ChooseAddress(AdapterReport& adapter) {
@@ -122,12 +122,12 @@ class ReplayCommand {
     }
 
     void CountVotes(MacVote& vote) {
-        Progress progress("looking for the adapter's address", reader_.Source().Size());
+        Progress progress("looking for the adapter's address", reader_.source().size());
         CaptureFrame frame;
         // A capture that breaks off does so again in the second pass, which reports it.
         while (reader_.Next(frame) == ReadOutcome::kFrame) {
             vote.Count(frame);
-            progress.Update(reader_.FramesRead(), reader_.Source().Position());
+            progress.Update(reader_.framesRead(), reader_.source().position());
         }
     }
 
@@ -143,7 +143,7 @@ class ReplayCommand {
         if (options_.output.empty()) {
             return nullptr;
         }
-        report_.outputFailure = writer_.Open(options_.output, reader_.Header());
+        report_.outputFailure = writer_.Open(options_.output, reader_.header());
         return report_.outputFailure ? nullptr : &writer_;
     }
 
@@ -251,7 +251,7 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
             "MS milliseconds of the capture's time, hold:EXPR:success and hold:EXPR:failure hold "
             "it "
             "to the end and let it go or drop it then, reply-arp:IP=MAC answers received requests "
-            "for an address, module:PATH loads a hook filter. What delay and hold find no room for "
+            "for an address, driver:PATH loads a hook filter. What delay and hold find no room for "
             "passes, or is withheld with :overflow=drop at the end. drop@N:EXPR and so on give the "
             "priority class, 0 (first, the default) to 4. May be repeated, for at most 63 hooks")
         ->type_name("SPEC")
@@ -268,18 +268,18 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
                     "Pause and restart the adapter after N frames: what hooks hold then is flushed")
         ->type_name("N")
         ->check(WholeNumber(1, std::numeric_limits<std::uint64_t>::max()));
-    command.add_option("--frames-per-list", options.framesPerList, "Frames in one list")
+    command.add_option("--frames-per-nbl", options.framesPerNbl, "Frames in one NBL")
         ->type_name("N")
         ->check(WholeNumber(1, kMostPerUnit))
         ->capture_default_str();
     command
-        .add_option("--lists-per-call", options.listsPerCall,
-                    "Lists in one call of the driver (default 1; 32 where only speed is wanted, "
+        .add_option("--nbls-per-call", options.nblsPerCall,
+                    "NBLs in one call of the driver (default 1; 32 where only speed is wanted, "
                     "with --no-verify and without --seed)")
         ->type_name("N")
         ->check(WholeNumber(1, kMostPerUnit));
-    command.add_flag("--resources", options.lendReceived,
-                     "Lend received lists: the adapter has them back when the call returns");
+    command.add_flag("--resources", options.resourcesFlag,
+                     "Lend received NBLs: the adapter has them back when the call returns");
 }
 
 void AddOptions(CLI::App& command, ReplayOptions& options) {

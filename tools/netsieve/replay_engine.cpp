@@ -87,7 +87,7 @@ class ReplayRun {
         machine_.UnloadDriver(kDriverName);
         machine_.scheduler().WaitUntilIdle();
         if (report_.ran) {
-            machine_.ndis().ReportLostLists();
+            machine_.ndis().ReportLostNbls();
         }
     }
 
@@ -99,7 +99,7 @@ class ReplayRun {
         }
         report_.driverFailure = fmt::format("the driver {} did not start, status 0x{:08X}",
                                             options_.driver, static_cast<std::uint32_t>(status));
-        for (const std::string& line : machine_.DebugOutput()) {
+        for (const std::string& line : machine_.debugOutput()) {
             *report_.driverFailure += "; " + WithoutLineFeed(line);
         }
         return false;
@@ -110,7 +110,7 @@ class ReplayRun {
         const std::u16string& name = stack_->adapter().options().instanceName;
         adapter_.name.assign(name.begin(), name.end());
         exchange_.Connect(machine_, *stack_, clock_);
-        if (stack_->FindModule(driver_) != nullptr && stack_->Running()) {
+        if (stack_->FindModule(driver_) != nullptr && stack_->running()) {
             return true;
         }
         report_.driverFailure =
@@ -141,7 +141,7 @@ class ReplayRun {
         CaptureFrame frame;
         ReadOutcome outcome = ReadOutcome::kEnd;
         while (!OutputFailed() && (outcome = job_.reader.Next(frame)) == ReadOutcome::kFrame) {
-            report_.framesRead = job_.reader.FramesRead();
+            report_.framesRead = job_.reader.framesRead();
             report_.bytesRead += frame.capturedLength;
             CatchUpTo(frame.stamp);
             const Direction way = WayOf(frame);
@@ -151,13 +151,13 @@ class ReplayRun {
             if (report_.framesRead == options_.pauseAt) {
                 PauseAdapter();
             }
-            job_.progress.Update(report_.framesRead, job_.reader.Source().Position());
+            job_.progress.Update(report_.framesRead, job_.reader.source().position());
         }
         exchange_.Flush();
         CatchUpTo(std::nullopt);
         ReleaseHeldFrames();
         if (outcome == ReadOutcome::kFailed) {
-            report_.inputFailure = job_.reader.Failure();
+            report_.inputFailure = job_.reader.failure();
         }
     }
 
@@ -168,7 +168,7 @@ class ReplayRun {
             return stamp ? stamp->TotalNanoseconds() : kNever;
         };
         for (;;) {
-            const auto release = hooks_.Held().NextDue();
+            const auto release = hooks_.held().NextDue();
             const auto injection = job_.feed == nullptr ? std::nullopt : job_.feed->NextDue();
             const bool releasesFirst = when(release) <= when(injection);
             const auto& next = releasesFirst ? release : injection;
@@ -180,7 +180,7 @@ class ReplayRun {
             clock_.Reach(*next);
             if (releasesFirst) {
                 const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
-                hooks_.Held().ReleaseNext(hooks_.Exports(), exchange_);
+                hooks_.held().ReleaseNext(hooks_.exports(), exchange_);
             } else {
                 InjectNext();
             }
@@ -189,22 +189,22 @@ class ReplayRun {
 
     void InjectNext() {
         const host::CallbackScope scope("ITarnHKSendPacket", driver_, nullptr);
-        const bool sent = exchange_.Inject(hooks_.Exports(), job_.feed->Next());
+        const bool sent = exchange_.Inject(hooks_.exports(), job_.feed->Next());
         job_.feed->Advance(adapter_.address, sent);
     }
 
     void ReleaseHeldFrames() {
         if (hooks_.Any()) {
             const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
-            hooks_.Held().ReleaseAll(hooks_.Exports(), exchange_);
+            hooks_.held().ReleaseAll(hooks_.exports(), exchange_);
         }
     }
 
     void PauseAdapter() {
         exchange_.Flush();
         stack_->Pause();
-        FILTER_MODULE* const record = RecordOf(*stack_->FindModule(driver_));
-        report_.flushedByPause = record != nullptr ? hooks_.Held().NotePause(*record) : 0;
+        FILTER_MODULE* const record = DriverModuleOf(*stack_->FindModule(driver_));
+        report_.flushedByPause = record != nullptr ? hooks_.held().NotePause(*record) : 0;
         stack_->Restart();
     }
 
@@ -239,37 +239,37 @@ class ReplayRun {
     }
 
     void CollectAccounts() {
-        for (const host::Violation& violation : machine_.verifier().Violations()) {
+        for (const host::Violation& violation : machine_.verifier().violations()) {
             report_.findings.push_back(
                 {host::RuleName(violation.rule), WithoutLineFeed(violation.Describe())});
         }
         if (!report_.ran) {
             return;
         }
-        for (const std::string& text : machine_.DebugOutput()) {
+        for (const std::string& text : machine_.debugOutput()) {
             report_.trace.push_back(WithoutLineFeed(text));
         }
-        const OfferLedger* const ledger = hooks_.Any() ? &hooks_.Ledger() : nullptr;
-        adapter_.sent = CountsOf(Direction::kSent, ledger);
-        adapter_.received = CountsOf(Direction::kReceived, ledger);
+        const OfferCounts* const offers = hooks_.Any() ? &hooks_.Ledger() : nullptr;
+        adapter_.sent = CountsOf(Direction::kSent, offers);
+        adapter_.received = CountsOf(Direction::kReceived, offers);
         report_.adapters = {adapter_};
         report_.hooks = hooks_.Report();
         if (job_.feed != nullptr) {
-            report_.injection = job_.feed->Counts();
-            report_.injectFailure = job_.feed->Failure();
+            report_.injection = job_.feed->counts();
+            report_.injectFailure = job_.feed->failure();
         }
         host::Accounting stock = host::TakeStock(machine_);
-        // Without the verifier nobody follows the lists; the ends' own are known all the same.
-        stock.listsAway =
-            std::max(stock.listsAway, static_cast<std::uint64_t>(exchange_.ListsAway()));
+        // Without the verifier nobody follows the NBLs; the ends' own are known all the same.
+        stock.nblsOutstanding = std::max(stock.nblsOutstanding,
+                                         static_cast<std::uint64_t>(exchange_.NblsOutstanding()));
         if (!stock.Balanced()) {
             report_.leftover = stock.Describe();
         }
     }
 
-    DirectionCounts CountsOf(Direction way, const OfferLedger* ledger) const {
-        DirectionCounts counts = exchange_.Counts(way, ledger);
-        const RequestCounts& requests = hooks_.Held().Counts(way);
+    DirectionCounts CountsOf(Direction way, const OfferCounts* offers) const {
+        DirectionCounts counts = exchange_.Counts(way, offers);
+        const RequestCounts& requests = hooks_.held().Counts(way);
         counts.dropped = requests.dropped;
         counts.flushed = requests.flushed;
         counts.missing = requests.missing;
@@ -282,7 +282,7 @@ class ReplayRun {
     const ReplayJob& job_;
     ReplayReport& report_;
     AdapterReport adapter_;
-    // Drivers call these and hold their lists until the machine is gone.
+    // Drivers call these and hold their NBLs until the machine is gone.
     ReplayHooks hooks_;
     FrameExchange exchange_;
     host::Machine machine_;

@@ -11,50 +11,50 @@ namespace {
 
 void Enter(const HookTally& tally, HookReport& report) {
     report.offered = tally.Offered();
-    report.passed = tally.passed.Value();
-    report.withheld = tally.withheld.Value();
-    report.marked = tally.marked.Value();
-    report.overflow = tally.overflow.Value();
-    report.injected = tally.injected.Value();
+    report.passed = tally.passed.value();
+    report.withheld = tally.withheld.value();
+    report.marked = tally.marked.value();
+    report.overflow = tally.overflow.value();
+    report.injected = tally.injected.value();
 }
 
 }  // namespace
 
 ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log) {
-    surroundings_.log = log;
-    surroundings_.clock = &clock;
+    shared_.log = log;
+    shared_.clock = &clock;
     bool modules = false;
     for (const HookOption& spec : specs) {
         const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
         Hook& hook = hooks_.emplace_back();
-        if (spec.kind == HookKind::kModule) {
-            hook.module = std::make_unique<HookModule>(spec, number);
+        if (spec.kind == HookKind::kDriver) {
+            hook.driver = std::make_unique<HookDriver>(spec, number);
             modules = true;
         } else {
-            hook.builtIn = std::make_unique<BuiltInHook>(surroundings_, spec, number);
+            hook.builtIn = std::make_unique<BuiltInHook>(shared_, spec, number);
         }
     }
     if (modules) {
         HookOption watching{.text = "that counts for the summary"};
-        observer_ = std::make_unique<BuiltInHook>(surroundings_, std::move(watching), 0);
+        observer_ = std::make_unique<BuiltInHook>(shared_, std::move(watching), 0);
     }
 }
 
 std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
                                               host::LoadedDriver& driver,
                                               const host::FilterModule& module) {
-    if (const auto missing = FindHookExports(driver, surroundings_.exports)) {
+    if (const auto missing = FindHookExports(driver, shared_.exports)) {
         return fmt::format("the driver takes no hooks: it does not export {}", *missing);
     }
     if (!Any()) {
         return std::nullopt;
     }
-    const FILTER_MODULE* const record = RecordOf(module);
+    const FILTER_MODULE* const record = DriverModuleOf(module);
     if (record == nullptr) {
         return "the driver is not the one that hooks are made for";
     }
-    surroundings_.held.SetRoom(
-        static_cast<std::size_t>(std::max<LONG>(record->FreeNirpCount, 1) - 1) / 2);
+    shared_.held.SetRoom(static_cast<std::size_t>(std::max<LONG>(record->FreeNirpCount, 1) - 1) /
+                         2);
     // Ahead of the modules, whose names are their own: a name that contained in ours would make the
     // driver take our hook for theirs.
     for (BuiltInHook* hook : BuiltIn()) {
@@ -64,10 +64,10 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
         }
     }
     for (Hook& hook : hooks_) {
-        if (hook.module == nullptr) {
+        if (hook.driver == nullptr) {
             continue;
         }
-        if (auto failure = LoadModule(hook, machine, driver, *record)) {
+        if (auto failure = LoadHookDriver(hook, machine, driver, *record)) {
             return failure;
         }
     }
@@ -75,28 +75,28 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
 }
 
 std::optional<std::string> ReplayHooks::Register(BuiltInHook& hook) {
-    return hook.Register(&hook == &Opener());
+    return hook.Register(&hook == &CountingHook());
 }
 
-std::optional<std::string> ReplayHooks::LoadModule(Hook& hook,
-                                                   host::Machine& machine,
-                                                   const host::LoadedDriver& driver,
-                                                   const FILTER_MODULE& record) {
-    if (auto failure = hook.module->Load(machine, driver)) {
+std::optional<std::string> ReplayHooks::LoadHookDriver(Hook& hook,
+                                                       host::Machine& machine,
+                                                       const host::LoadedDriver& driver,
+                                                       const FILTER_MODULE& record) {
+    if (auto failure = hook.driver->Load(machine, driver)) {
         return failure;
     }
     std::vector<const HOOK_FILTER*> own;
     for (const BuiltInHook* builtIn : BuiltIn()) {
-        own.push_back(builtIn->Handle());
+        own.push_back(builtIn->handle());
     }
-    hook.meters = meters_.Attach(record, own, Opener().Handle(), surroundings_.ledger);
+    hook.meters = meters_.Attach(record, own, CountingHook().handle(), shared_.offers);
     return std::nullopt;
 }
 
 void ReplayHooks::Stop(host::Machine& machine, host::LoadedDriver& driver) {
     for (auto hook = hooks_.rbegin(); hook != hooks_.rend(); ++hook) {
-        if (hook->module != nullptr) {
-            hook->module->Unload(machine);
+        if (hook->driver != nullptr) {
+            hook->driver->Unload(machine);
         }
     }
     for (BuiltInHook* hook : BuiltIn()) {
@@ -105,7 +105,7 @@ void ReplayHooks::Stop(host::Machine& machine, host::LoadedDriver& driver) {
     }
 }
 
-BuiltInHook& ReplayHooks::Opener() {
+BuiltInHook& ReplayHooks::CountingHook() {
     const std::vector<BuiltInHook*> builtIn = BuiltIn();
     return **std::min_element(builtIn.begin(), builtIn.end(),
                               [](const BuiltInHook* left, const BuiltInHook* right) {
@@ -132,16 +132,16 @@ std::vector<HookReport> ReplayHooks::Report() const {
     for (const Hook& hook : hooks_) {
         HookReport report{.number = ++number};
         if (hook.builtIn != nullptr) {
-            report.spec = hook.builtIn->Spec().text;
+            report.spec = hook.builtIn->spec().text;
             report.priority = hook.builtIn->Priority();
-            if (hook.builtIn->Spec().kind != HookKind::kReplyArp) {
-                report.matched = hook.builtIn->Counts().matched.Value();
+            if (hook.builtIn->spec().kind != HookKind::kReplyArp) {
+                report.matched = hook.builtIn->counts().matched.value();
             }
-            Enter(hook.builtIn->Counts(), report);
+            Enter(hook.builtIn->counts(), report);
             reports.push_back(report);
             continue;
         }
-        report.spec = hook.module->Spec().text;
+        report.spec = hook.driver->spec().text;
         for (const HookMeter* meter : hook.meters) {
             report.name = meter->name;
             report.priority = meter->priority;

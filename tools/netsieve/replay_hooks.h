@@ -10,8 +10,8 @@
 #include "host/machine.h"
 #include "host/ndis/filter_module.h"
 #include "tools/netsieve/built_in_hook.h"
+#include "tools/netsieve/hook_driver.h"
 #include "tools/netsieve/hook_meters.h"
-#include "tools/netsieve/hook_module.h"
 #include "tools/netsieve/replay_report.h"
 
 namespace netsieve::tool {
@@ -33,10 +33,10 @@ class ReplayHooks {
     /// Takes down whatever Start put up. Inside Run at PASSIVE_LEVEL, before the driver unloads.
     void Stop(host::Machine& machine, host::LoadedDriver& driver);
 
-    const OfferLedger& Ledger() const { return surroundings_.ledger; }
-    const HookExports& Exports() const { return surroundings_.exports; }
-    HeldFrames& Held() { return surroundings_.held; }
-    const HeldFrames& Held() const { return surroundings_.held; }
+    const OfferCounts& Ledger() const { return shared_.offers; }
+    const HookExports& exports() const { return shared_.exports; }
+    HeldFrames& held() { return shared_.held; }
+    const HeldFrames& held() const { return shared_.held; }
     /// Whether every hook is the program's own, so that all requests are known.
     bool AllKnown() const { return observer_ == nullptr; }
     /// One entry for each hook, in the order of the command line.
@@ -46,20 +46,20 @@ class ReplayHooks {
     /// One --hook: the program's own, or a module with the hooks that it registered.
     struct Hook {
         std::unique_ptr<BuiltInHook> builtIn{};
-        std::unique_ptr<HookModule> module{};
+        std::unique_ptr<HookDriver> driver{};
         std::vector<const HookMeter*> meters{};
     };
 
     /// The built-in hook that sees a frame before the others: it opens the ledger for each.
-    BuiltInHook& Opener();
+    BuiltInHook& CountingHook();
     std::optional<std::string> Register(BuiltInHook& hook);
-    std::optional<std::string> LoadModule(Hook& hook,
-                                          host::Machine& machine,
-                                          const host::LoadedDriver& driver,
-                                          const FILTER_MODULE& record);
+    std::optional<std::string> LoadHookDriver(Hook& hook,
+                                              host::Machine& machine,
+                                              const host::LoadedDriver& driver,
+                                              const FILTER_MODULE& record);
     std::vector<BuiltInHook*> BuiltIn();
 
-    HookSurroundings surroundings_;
+    SharedHookData shared_;
     HookMeters meters_;
     std::vector<Hook> hooks_;
     /// Watches when only modules are there; no hook of the user's.

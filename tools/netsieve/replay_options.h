@@ -22,9 +22,9 @@ struct ReplayOptions {
     std::vector<HookOption> hooks;
     std::string inject;                    ///< a second capture, to be injected; empty: none
     std::optional<std::uint64_t> pauseAt;  ///< pause the adapter after so many frames
-    std::uint32_t framesPerList = 1;
-    std::optional<std::uint32_t> listsPerCall;  ///< nothing: as many as suit the machine
-    bool lendReceived = false;  ///< received lists stay the adapter's and go back with the call
+    std::uint32_t framesPerNbl = 1;
+    std::optional<std::uint32_t> nblsPerCall;  ///< nothing: as many as suit the machine
+    bool resourcesFlag = false;  ///< received NBLs stay the adapter's and go back with the call
     std::optional<std::uint64_t> seed;
     bool verify = true;
     bool json = false;

@@ -126,7 +126,7 @@ struct ReplayReport {
     std::optional<std::string> leftover;   ///< what was not given back at the end
     std::optional<std::string> abandoned;  ///< why the run did not come to its end
 
-    /// True when every frame, list and block is accounted for.
+    /// True when every frame, NBL and block is accounted for.
     bool Balanced() const;
     /// The gravest status that applies.
     ExitStatus Status() const;

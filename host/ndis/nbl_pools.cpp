@@ -1,4 +1,4 @@
-#include "host/ndis/list_pools.h"
+#include "host/ndis/nbl_pools.h"
 
 #include <fmt/format.h>
 
@@ -13,13 +13,13 @@
 
 namespace netsieve::host {
 
-/// A list as it is allocated: with the info array of the newest NDIS and its one buffer.
-struct ListBlock {
-    alignas(16) NET_BUFFER_LIST list;
+/// An NBL as it is allocated: with the info array of the newest NDIS and its one buffer.
+struct NblBlock {
+    alignas(16) NET_BUFFER_LIST nbl;
     PVOID moreInfo[31];
     alignas(16) NET_BUFFER buffer;
-    ListPool* pool;
-    ListBlock* nextFree;
+    NblPool* pool;
+    NblBlock* nextFree;
 };
 
 namespace {
@@ -65,29 +65,29 @@ class ContextCache {
 
 thread_local ContextCache t_contextCache;
 
-ListBlock* BlockOf(PNET_BUFFER_LIST list) {
-    return CONTAINING_RECORD(list, ListBlock, list);
+NblBlock* BlockOf(PNET_BUFFER_LIST nbl) {
+    return CONTAINING_RECORD(nbl, NblBlock, nbl);
 }
 
 }  // namespace
 
-ListPools::ListPools(Machine& machine)
+NblPools::NblPools(Machine& machine)
     : machine_(machine),
       tracker_(machine.verifier()),
       quarantine_([&machine](const std::string& what) {
-          machine.verifier().Report(Rule::kFreedListUsed, what + " was written after it was freed");
+          machine.verifier().Report(Rule::kFreedNblUsed, what + " was written after it was freed");
       }) {}
 
-ListPools::~ListPools() {
-    for (PNET_BUFFER_LIST list : tracker_.Alive()) {
-        while (NET_BUFFER_LIST_CONTEXT* const block = list->Context) {
-            list->Context = block->Next;
+NblPools::~NblPools() {
+    for (PNET_BUFFER_LIST nbl : tracker_.All()) {
+        while (NET_BUFFER_LIST_CONTEXT* const block = nbl->Context) {
+            nbl->Context = block->Next;
             std::free(reinterpret_cast<char*>(block) - kContextShift);
         }
-        std::free(BlockOf(list));
+        std::free(BlockOf(nbl));
     }
-    for (ListPool* pool : pools_) {
-        while (ListBlock* block = pool->free) {
+    for (NblPool* pool : pools_) {
+        while (NblBlock* block = pool->free) {
             pool->free = block->nextFree;
             std::free(block);
         }
@@ -95,26 +95,26 @@ ListPools::~ListPools() {
     }
 }
 
-ListPool* ListPools::CreatePool(Party* home, const LoadedDriver* driver) {
+NblPool* NblPools::CreatePool(Component* owner, const LoadedDriver* driver) {
     if (driver != nullptr && machine_.faults().Fails(FaultKind::kNblPool)) {
         return nullptr;
     }
-    auto* pool = new ListPool{.home = home, .driver = driver};
+    auto* pool = new NblPool{.owner = owner, .driver = driver};
     allocations_.fetch_add(1, std::memory_order_relaxed);
     HostLock lock(mutex_);
     pools_.insert(pool);
     return pool;
 }
 
-bool ListPools::IsPool(NDIS_HANDLE handle) {
+bool NblPools::IsPool(NDIS_HANDLE handle) {
     if (!g_verifyMode) {
         return handle != nullptr;
     }
     HostLock lock(mutex_);
-    return pools_.contains(static_cast<ListPool*>(handle));
+    return pools_.contains(static_cast<NblPool*>(handle));
 }
 
-void ListPools::FreePool(ListPool* pool) {
+void NblPools::FreePool(NblPool* pool) {
     HostLock lock(mutex_);
     if (!pools_.contains(pool)) {
         machine_.verifier().Report(Rule::kPoolDoubleFree,
@@ -123,42 +123,42 @@ void ListPools::FreePool(ListPool* pool) {
     }
     if (pool->live != 0) {
         machine_.verifier().Report(Rule::kNblPoolInUse,
-                                   fmt::format("{} list(s) of the pool of {} are not back",
-                                               pool->live.load(), pool->home->name));
-        pool->driver = nullptr;  // given up, though its lists still need it
+                                   fmt::format("{} NBL(s) of the pool of {} are not back",
+                                               pool->live.load(), pool->owner->name));
+        pool->driver = nullptr;  // given up, though its NBLs still need it
         return;
     }
     pools_.erase(pool);
-    while (ListBlock* block = pool->free) {
+    while (NblBlock* block = pool->free) {
         pool->free = block->nextFree;
         std::free(block);
     }
     delete pool;
 }
 
-ListBlock* ListPools::TakeBlock(ListPool* pool) {
+NblBlock* NblPools::TakeBlock(NblPool* pool) {
     ThreadedScheduler::SpinUntilAcquired(&pool->lock);
-    ListBlock* block = pool->free;
+    NblBlock* block = pool->free;
     if (block != nullptr) {
         pool->free = block->nextFree;
     }
     ThreadedScheduler::ReleaseWord(&pool->lock);
     if (block == nullptr) {
-        block = static_cast<ListBlock*>(std::malloc(sizeof(ListBlock)));
+        block = static_cast<NblBlock*>(std::malloc(sizeof(NblBlock)));
         allocations_.fetch_add(1, std::memory_order_relaxed);
     }
     return block;
 }
 
-PNET_BUFFER_LIST ListPools::AllocateList(ListPool* pool,
-                                         PMDL mdlChain,
-                                         ULONG dataOffset,
-                                         SIZE_T length) {
+PNET_BUFFER_LIST NblPools::AllocateNbl(NblPool* pool,
+                                       PMDL mdlChain,
+                                       ULONG dataOffset,
+                                       SIZE_T length) {
     if (pool->driver != nullptr && machine_.faults().Fails(FaultKind::kNbl)) {
         return nullptr;
     }
-    ListBlock* const block = TakeBlock(pool);
-    std::memset(block, 0, sizeof(ListBlock));
+    NblBlock* const block = TakeBlock(pool);
+    std::memset(block, 0, sizeof(NblBlock));
     block->pool = pool;
     PMDL mdl = mdlChain;
     ULONG skip = dataOffset;
@@ -172,19 +172,19 @@ PNET_BUFFER_LIST ListPools::AllocateList(ListPool* pool,
     block->buffer.MdlChain = mdlChain;
     block->buffer.DataOffset = dataOffset;
     block->buffer.NdisPoolHandle = pool;
-    block->list.FirstNetBuffer = &block->buffer;
-    block->list.NdisPoolHandle = pool;
+    block->nbl.FirstNetBuffer = &block->buffer;
+    block->nbl.NdisPoolHandle = pool;
     pool->live.fetch_add(1, std::memory_order_relaxed);
-    if (machine_.verifier().Enabled()) {
-        tracker_.Born(&block->list, pool->home);
+    if (machine_.verifier().enabled()) {
+        tracker_.Add(&block->nbl, pool->owner);
     }
-    return &block->list;
+    return &block->nbl;
 }
 
-void ListPools::FreeList(PNET_BUFFER_LIST list) {
-    if (!machine_.verifier().Enabled()) {
-        ListBlock* const block = BlockOf(list);
-        ListPool* const pool = block->pool;
+void NblPools::FreeNbl(PNET_BUFFER_LIST nbl) {
+    if (!machine_.verifier().enabled()) {
+        NblBlock* const block = BlockOf(nbl);
+        NblPool* const pool = block->pool;
         pool->live.fetch_sub(1, std::memory_order_relaxed);
         ThreadedScheduler::SpinUntilAcquired(&pool->lock);
         block->nextFree = pool->free;
@@ -192,40 +192,40 @@ void ListPools::FreeList(PNET_BUFFER_LIST list) {
         ThreadedScheduler::ReleaseWord(&pool->lock);
         return;
     }
-    if (!tracker_.Dies(list)) {
+    if (!tracker_.Remove(nbl)) {
         return;
     }
-    ReleaseContexts(list);
-    ListBlock* const block = BlockOf(list);
+    ReleaseContexts(nbl);
+    NblBlock* const block = BlockOf(nbl);
     block->pool->live.fetch_sub(1, std::memory_order_relaxed);
-    const std::string what = fmt::format("a list of {}", block->pool->home->name);
-    quarantine_.Add(block, block, sizeof(ListBlock), what);
+    const std::string what = fmt::format("an NBL of {}", block->pool->owner->name);
+    quarantine_.Add(block, block, sizeof(NblBlock), what);
 }
 
-void ListPools::ReleaseContexts(PNET_BUFFER_LIST list) {
+void NblPools::ReleaseContexts(PNET_BUFFER_LIST nbl) {
     HostLock lock(mutex_);
-    const auto it = areas_.find(list);
+    const auto it = areas_.find(nbl);
     if (it == areas_.end()) {
         return;
     }
-    const bool left = !it->second.back().ofList;
+    const bool left = !it->second.back().ofNbl;
     areas_.erase(it);
     lock.unlock();
     if (left) {
-        machine_.verifier().Report(Rule::kContextLeft, "a list was freed with a context on it");
+        machine_.verifier().Report(Rule::kContextLeft, "an NBL was freed with a context on it");
     }
-    while (NET_BUFFER_LIST_CONTEXT* const block = list->Context) {
-        list->Context = block->Next;
+    while (NET_BUFFER_LIST_CONTEXT* const block = nbl->Context) {
+        nbl->Context = block->Next;
         ReleaseContextBlock(block);
     }
 }
 
-NDIS_STATUS ListPools::AllocateContext(PNET_BUFFER_LIST list,
-                                       USHORT size,
-                                       USHORT backFill,
-                                       ULONG tag,
-                                       bool ofList) {
-    const bool checked = machine_.verifier().Enabled();
+NDIS_STATUS NblPools::AllocateContext(PNET_BUFFER_LIST nbl,
+                                      USHORT size,
+                                      USHORT backFill,
+                                      ULONG tag,
+                                      bool ofNbl) {
+    const bool checked = machine_.verifier().enabled();
     if (checked && (size % kAllocationAlignment != 0 || backFill % kAllocationAlignment != 0)) {
         machine_.verifier().Report(Rule::kContextSize,
                                    fmt::format("size {}, back-fill {}", size, backFill));
@@ -233,8 +233,8 @@ NDIS_STATUS ListPools::AllocateContext(PNET_BUFFER_LIST list,
     if (machine_.faults().Fails(FaultKind::kNblContext, tag)) {
         return NDIS_STATUS_RESOURCES;
     }
-    if (list->Context != nullptr && list->Context->Offset >= size) {
-        list->Context->Offset = static_cast<USHORT>(list->Context->Offset - size);
+    if (nbl->Context != nullptr && nbl->Context->Offset >= size) {
+        nbl->Context->Offset = static_cast<USHORT>(nbl->Context->Offset - size);
     } else {
         const std::size_t bytes = kContextShift + sizeof(NET_BUFFER_LIST_CONTEXT) + size + backFill;
         void* allocation = checked ? nullptr : t_contextCache.Take(bytes);
@@ -244,24 +244,24 @@ NDIS_STATUS ListPools::AllocateContext(PNET_BUFFER_LIST list,
         }
         auto* block = reinterpret_cast<NET_BUFFER_LIST_CONTEXT*>(static_cast<char*>(allocation) +
                                                                  kContextShift);
-        block->Next = list->Context;
+        block->Next = nbl->Context;
         block->Size = static_cast<USHORT>(size + backFill);
         block->Offset = backFill;
-        list->Context = block;
+        nbl->Context = block;
     }
     if (checked) {
         HostLock lock(mutex_);
         const CallFrame* frame = CurrentContext().frame;
-        areas_[list].push_back({size, frame == nullptr ? nullptr : frame->module, ofList});
+        areas_[nbl].push_back({size, frame == nullptr ? nullptr : frame->module, ofNbl});
     }
     return NDIS_STATUS_SUCCESS;
 }
 
-bool ListPools::CheckContextFree(PNET_BUFFER_LIST list, USHORT size) {
+bool NblPools::CheckContextFree(PNET_BUFFER_LIST nbl, USHORT size) {
     HostLock lock(mutex_);
-    const auto it = areas_.find(list);
+    const auto it = areas_.find(nbl);
     if (it == areas_.end()) {
-        machine_.verifier().Report(Rule::kContextNotOnTop, "the list carries no context");
+        machine_.verifier().Report(Rule::kContextNotOnTop, "the NBL carries no context");
         return false;
     }
     const Area top = it->second.back();
@@ -284,63 +284,61 @@ bool ListPools::CheckContextFree(PNET_BUFFER_LIST list, USHORT size) {
     return true;
 }
 
-void ListPools::FreeContext(PNET_BUFFER_LIST list, USHORT size) {
-    if (machine_.verifier().Enabled() && !CheckContextFree(list, size)) {
+void NblPools::FreeContext(PNET_BUFFER_LIST nbl, USHORT size) {
+    if (machine_.verifier().enabled() && !CheckContextFree(nbl, size)) {
         return;
     }
-    NET_BUFFER_LIST_CONTEXT* const block = list->Context;
-    if (machine_.verifier().Enabled()) {
+    NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
+    if (machine_.verifier().enabled()) {
         machine_.ForgetRange(reinterpret_cast<char*>(block + 1) + block->Offset, size);
     }
     block->Offset = static_cast<USHORT>(block->Offset + size);
     if (block->Offset == block->Size) {
-        list->Context = block->Next;
+        nbl->Context = block->Next;
         ReleaseContextBlock(block);
     }
 }
 
-void ListPools::ReleaseContextBlock(NET_BUFFER_LIST_CONTEXT* block) {
+void NblPools::ReleaseContextBlock(NET_BUFFER_LIST_CONTEXT* block) {
     const std::size_t bytes = kContextShift + sizeof(*block) + block->Size;
     void* const allocation = reinterpret_cast<char*>(block) - kContextShift;
-    if (machine_.verifier().Enabled()) {
-        quarantine_.Add(allocation, block, bytes - kContextShift, "a list's context space");
+    if (machine_.verifier().enabled()) {
+        quarantine_.Add(allocation, block, bytes - kContextShift, "an NBL's context space");
     } else if (!t_contextCache.Give(allocation, bytes)) {
         std::free(allocation);
     }
 }
 
-std::size_t ListPools::PoolsOf(const LoadedDriver* driver) {
-    HostLock lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(pools_.begin(), pools_.end(),
-                      [&](const ListPool* pool) { return pool->driver == driver; }));
-}
-
-std::size_t ListPools::PoolsAtHome(const Party& home) {
+std::size_t NblPools::PoolsOf(const LoadedDriver* driver) {
     HostLock lock(mutex_);
     return static_cast<std::size_t>(std::count_if(
-        pools_.begin(), pools_.end(), [&](const ListPool* pool) { return pool->home == &home; }));
+        pools_.begin(), pools_.end(), [&](const NblPool* pool) { return pool->driver == driver; }));
 }
 
-std::size_t ListPools::DriverPools() {
+std::size_t NblPools::PoolsOwnedBy(const Component& owner) {
     HostLock lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(pools_.begin(), pools_.end(),
-                      [](const ListPool* pool) { return pool->driver != nullptr; }));
+    return static_cast<std::size_t>(std::count_if(
+        pools_.begin(), pools_.end(), [&](const NblPool* pool) { return pool->owner == &owner; }));
 }
 
-std::size_t ListPools::DriverLists() {
+std::size_t NblPools::DriverPools() {
     HostLock lock(mutex_);
-    std::size_t lists = 0;
-    for (const ListPool* pool : pools_) {
-        lists += pool->driver != nullptr ? static_cast<std::size_t>(pool->live.load()) : 0;
+    return static_cast<std::size_t>(std::count_if(
+        pools_.begin(), pools_.end(), [](const NblPool* pool) { return pool->driver != nullptr; }));
+}
+
+std::size_t NblPools::DriverNbls() {
+    HostLock lock(mutex_);
+    std::size_t nbls = 0;
+    for (const NblPool* pool : pools_) {
+        nbls += pool->driver != nullptr ? static_cast<std::size_t>(pool->live.load()) : 0;
     }
-    return lists;
+    return nbls;
 }
 
 namespace {
 
-// What the platform's pages list, without the values of which the platform here has none.
+// What the platform's pages NBL, without the values of which the platform here has none.
 constexpr NDIS_NET_BUFFER_LIST_INFO kCopiedOnSend[] = {
     TcpIpChecksumNetBufferListInfo,
     IPsecOffloadV1NetBufferListInfo,
@@ -371,7 +369,7 @@ void CopyInfo(PNET_BUFFER_LIST to,
               PNET_BUFFER_LIST from,
               std::span<const NDIS_NET_BUFFER_LIST_INFO> ids) {
     if (g_verifyMode) {
-        Machine::Current().ndis().lists().tracker().Reads(from);
+        Machine::Current().ndis().nblPools().tracker().CheckRead(from);
     }
     for (const NDIS_NET_BUFFER_LIST_INFO id : ids) {
         NET_BUFFER_LIST_INFO(to, id) = NET_BUFFER_LIST_INFO(from, id);
@@ -394,13 +392,13 @@ NDIS_HANDLE NTAPI NdisAllocateNetBufferListPool(NDIS_HANDLE NdisHandle,
     if (module == nullptr) {
         return nullptr;
     }
-    return machine.ndis().lists().CreatePool(&module->party,
-                                             LoadedDriver::Innermost(CurrentContext()));
+    return machine.ndis().nblPools().CreatePool(&module->component,
+                                                LoadedDriver::Innermost(CurrentContext()));
 }
 
 VOID NTAPI NdisFreeNetBufferListPool(NDIS_HANDLE PoolHandle) {
     Machine::Current().EnterCall("NdisFreeNetBufferListPool");
-    Machine::Current().ndis().lists().FreePool(static_cast<ListPool*>(PoolHandle));
+    Machine::Current().ndis().nblPools().FreePool(static_cast<NblPool*>(PoolHandle));
 }
 
 PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHandle,
@@ -411,24 +409,24 @@ PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHan
                                                              SIZE_T DataLength) {
     Machine& machine = Machine::Current();
     machine.EnterCall("NdisAllocateNetBufferAndNetBufferList");
-    ListPools& lists = machine.ndis().lists();
-    if (!lists.IsPool(PoolHandle)) {
-        machine.verifier().Report(Rule::kHandleNotOpen, "a list was asked of what is no pool");
+    NblPools& nbls = machine.ndis().nblPools();
+    if (!nbls.IsPool(PoolHandle)) {
+        machine.verifier().Report(Rule::kHandleNotOpen, "an NBL was asked of what is no pool");
         return nullptr;
     }
-    PNET_BUFFER_LIST const list =
-        lists.AllocateList(static_cast<ListPool*>(PoolHandle), MdlChain, DataOffset, DataLength);
-    if (list != nullptr && ContextSize + ContextBackFill != 0 &&
-        lists.AllocateContext(list, ContextSize, ContextBackFill, 0, true) != NDIS_STATUS_SUCCESS) {
-        lists.FreeList(list);
+    PNET_BUFFER_LIST const nbl =
+        nbls.AllocateNbl(static_cast<NblPool*>(PoolHandle), MdlChain, DataOffset, DataLength);
+    if (nbl != nullptr && ContextSize + ContextBackFill != 0 &&
+        nbls.AllocateContext(nbl, ContextSize, ContextBackFill, 0, true) != NDIS_STATUS_SUCCESS) {
+        nbls.FreeNbl(nbl);
         return nullptr;
     }
-    return list;
+    return nbl;
 }
 
 VOID NTAPI NdisFreeNetBufferList(PNET_BUFFER_LIST NetBufferList) {
     Machine::Current().EnterCall("NdisFreeNetBufferList");
-    Machine::Current().ndis().lists().FreeList(NetBufferList);
+    Machine::Current().ndis().nblPools().FreeNbl(NetBufferList);
 }
 
 NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST NetBufferList,
@@ -436,13 +434,13 @@ NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST NetBufferLis
                                                    USHORT ContextBackFill,
                                                    ULONG PoolTag) {
     Machine::Current().EnterCall("NdisAllocateNetBufferListContext");
-    return Machine::Current().ndis().lists().AllocateContext(NetBufferList, ContextSize,
-                                                             ContextBackFill, PoolTag);
+    return Machine::Current().ndis().nblPools().AllocateContext(NetBufferList, ContextSize,
+                                                                ContextBackFill, PoolTag);
 }
 
 VOID NTAPI NdisFreeNetBufferListContext(PNET_BUFFER_LIST NetBufferList, USHORT ContextSize) {
     Machine::Current().EnterCall("NdisFreeNetBufferListContext");
-    Machine::Current().ndis().lists().FreeContext(NetBufferList, ContextSize);
+    Machine::Current().ndis().nblPools().FreeContext(NetBufferList, ContextSize);
 }
 
 VOID NTAPI NdisCopySendNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,

@@ -1,4 +1,4 @@
-// When the ends of a stack give lists back.
+// When the ends of a stack give NBLs back.
 #pragma once
 
 #include <cstdint>
@@ -14,38 +14,38 @@ namespace netsieve::host {
 
 class Machine;
 
-enum class Pace : std::uint8_t {
-    kInline,     ///< before the call that brought the lists returns
+enum class ReleaseMode : std::uint8_t {
+    kInline,     ///< before the call that brought the NBLs returns
     kDeferred,   ///< later, from DPCs and workers of any processor, out of order, chains split and
                  ///< mixed
-    kMixed,      ///< each list one way or the other
+    kMixed,      ///< each NBL one way or the other
     kHold,       ///< when ReleaseAll is called
-    kForwarded,  ///< whoever listens to what arrives keeps it, and calls GiveBack
+    kForwarded,  ///< whoever listens to what arrives keeps it, and calls Release
 };
 
-/// The lists that an edge has in hand, and the moment it lets go of them.
-class EdgePace {
+/// The NBLs that an edge has in hand, and the moment it lets go of them.
+class NblQueue {
   public:
     /// Gives a chain back; `dispatch` says that the caller is at DISPATCH_LEVEL.
-    using Release = std::function<void(PNET_BUFFER_LIST chain, bool dispatch)>;
+    using ReleaseFunction = std::function<void(PNET_BUFFER_LIST chain, bool dispatch)>;
 
-    EdgePace(Machine& machine, std::string name, std::uint64_t seed, Release release);
+    NblQueue(Machine& machine, std::string name, std::uint64_t seed, ReleaseFunction release);
 
-    /// Set it while no list is in hand.
-    void Set(Pace pace) { pace_ = pace; }
-    Pace Current() const { return pace_; }
+    /// Set it while no NBL is in hand.
+    void SetMode(ReleaseMode mode) { mode_ = mode; }
+    ReleaseMode mode() const { return mode_; }
 
     /// Takes a chain in hand. `dispatch` as in the call that brought it.
-    void Take(PNET_BUFFER_LIST chain, bool dispatch);
+    void Add(PNET_BUFFER_LIST chain, bool dispatch);
     /// Lets go of everything in hand, in order, from the calling context.
     void ReleaseAll();
     /// Gives back what was not taken in hand because it is forwarded.
-    void GiveBack(PNET_BUFFER_LIST chain, bool dispatch) { release_(chain, dispatch); }
+    void Release(PNET_BUFFER_LIST chain, bool dispatch) { release_(chain, dispatch); }
     /// While the stack is being emptied nothing is held back: what is in hand goes now, and what
     /// comes later goes inline if it would have been held.
     void SetDraining(bool draining);
-    /// Lists in hand.
-    std::size_t InHand();
+    /// NBLs in hand.
+    std::size_t Queued();
 
   private:
     void Schedule();
@@ -53,12 +53,12 @@ class EdgePace {
 
     Machine& machine_;
     std::string name_;
-    Release release_;
-    Pace pace_ = Pace::kInline;
+    ReleaseFunction release_;
+    ReleaseMode mode_ = ReleaseMode::kInline;
     HostMutex mutex_;
     bool draining_ = false;
     Random random_;
-    std::vector<PNET_BUFFER_LIST> held_;
+    std::vector<PNET_BUFFER_LIST> queued_;
 };
 
 }  // namespace netsieve::host

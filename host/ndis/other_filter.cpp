@@ -1,4 +1,4 @@
-#include "host/ndis/foreign_filter.h"
+#include "host/ndis/other_filter.h"
 
 #include <cstring>
 #include <new>
@@ -14,7 +14,7 @@ constexpr ULONG kTag = 0x6E676966;  // "fign"
 constexpr USHORT kContextSize = 32;
 constexpr USHORT kBackFill = 96;  // room that filters below may take without an allocation
 
-/// Calls are counted, since one may still be on its way out when its lists are long home and the
+/// Calls are counted, since one may still be on its way out when its NBLs are long home and the
 /// module is detached.
 struct Module {
     explicit Module(NDIS_HANDLE ndisHandle) : handle(ndisHandle) {
@@ -67,11 +67,11 @@ class ModuleCall {
     Module* module_;
 };
 
-/// What stands on each list between this filter and the end it is going to.
+/// What stands on each NBL between this filter and the end it is going to.
 struct Mark {
     std::uint64_t magic;
     Module* module;
-    PNET_BUFFER_LIST list;
+    PNET_BUFFER_LIST nbl;
     std::uint64_t reserved;
 };
 static_assert(sizeof(Mark) == kContextSize);
@@ -82,14 +82,14 @@ struct Driver {
     std::uint64_t magic;
     NDIS_HANDLE registration = nullptr;
 };
-Driver g_above{"FOREIGNUP", 0x6162'6F76'6561'626Full};
-Driver g_below{"FOREIGNLO", 0x6265'6C6F'7762'656Cull};
+Driver g_above{"OTHERUP", 0x6162'6F76'6561'626Full};
+Driver g_below{"OTHERLO", 0x6265'6C6F'7762'656Cull};
 
 template <Driver* kDriver>
 struct Filter {
-    // The mark of this very module: a list that crosses two adapters may bear one of each.
-    static Mark* TopMark(const Module* module, PNET_BUFFER_LIST list) {
-        NET_BUFFER_LIST_CONTEXT* const block = list->Context;
+    // The mark of this very module: an NBL that crosses two adapters may bear one of each.
+    static Mark* TopMark(const Module* module, PNET_BUFFER_LIST nbl) {
+        NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
         if (block == nullptr || block->Offset + kContextSize > block->Size) {
             return nullptr;
         }
@@ -97,13 +97,13 @@ struct Filter {
         return mark->magic == kDriver->magic && mark->module == module ? mark : nullptr;
     }
 
-    // A list that finds no context space goes on unmarked, which the way back has to allow for.
+    // An NBL that finds no context space goes on unmarked, which the way back has to allow for.
     static void Push(Module* module, PNET_BUFFER_LIST chain) {
-        for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-            if (NdisAllocateNetBufferListContext(list, kContextSize, kBackFill, kTag) ==
+        for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+            if (NdisAllocateNetBufferListContext(nbl, kContextSize, kBackFill, kTag) ==
                 NDIS_STATUS_SUCCESS) {
-                NET_BUFFER_LIST_CONTEXT* const block = list->Context;
-                const Mark mark{kDriver->magic, module, list, 0};
+                NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
+                const Mark mark{kDriver->magic, module, nbl, 0};
                 std::memcpy(reinterpret_cast<char*>(block + 1) + block->Offset, &mark,
                             sizeof(mark));
             }
@@ -111,18 +111,18 @@ struct Filter {
     }
 
     static void Pop(const Module* module, PNET_BUFFER_LIST chain) {
-        for (PNET_BUFFER_LIST list = chain; list != nullptr; list = list->Next) {
-            Mark* const mark = TopMark(module, list);
+        for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+            Mark* const mark = TopMark(module, nbl);
             if (mark == nullptr) {
                 continue;
             }
-            if (mark->list != list) {
+            if (mark->nbl != nbl) {
                 Machine::Current().verifier().Report(
                     Rule::kContextNotOnTop,
-                    std::string(kDriver->name) + " found its context on another list");
+                    std::string(kDriver->name) + " found its context on another NBL");
             }
             mark->magic = 0;
-            NdisFreeNetBufferListContext(list, kContextSize);
+            NdisFreeNetBufferListContext(nbl, kContextSize);
         }
     }
 
@@ -213,7 +213,7 @@ struct Filter {
 
 }  // namespace
 
-DriverSource ForeignFilter(bool above) {
+DriverSource OtherFilter(bool above) {
     return above ? DriverSource{.name = g_above.name,
                                 .entry = &Filter<&g_above>::Entry,
                                 .altitude = 100}

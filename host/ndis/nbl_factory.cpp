@@ -1,4 +1,4 @@
-#include "host/ndis/frame_lists.h"
+#include "host/ndis/nbl_factory.h"
 
 #include <algorithm>
 #include <cstring>
@@ -9,25 +9,25 @@
 
 namespace netsieve::host {
 
-/// One frame's memory: its bytes, its MDLs, and a buffer for when it is not the first of its list.
-struct FrameLists::Frame {
+/// One frame's memory: its bytes, its MDLs, and a buffer for when it is not the first of its NBL.
+struct NblFactory::Frame {
     std::vector<std::uint8_t> bytes;
     MDL mdls[4];
     NET_BUFFER extra{};
-    Frame* next = nullptr;  ///< the next frame of the same list
+    Frame* next = nullptr;  ///< the next frame of the same NBL
 };
 
 namespace {
 
-// The first buffer's frame is found again through the list, as a protocol would keep it.
+// The first buffer's frame is found again through the NBL, as a protocol would keep it.
 constexpr std::size_t kFrameSlot = 0;
 
 }  // namespace
 
-FrameLists::FrameLists(Machine& machine, ListPool* pool) : machine_(machine), pool_(pool) {}
-FrameLists::~FrameLists() = default;
+NblFactory::NblFactory(Machine& machine, NblPool* pool) : machine_(machine), pool_(pool) {}
+NblFactory::~NblFactory() = default;
 
-FrameLists::Frame* FrameLists::TakeFrame(std::size_t capacity) {
+NblFactory::Frame* NblFactory::TakeFrame(std::size_t capacity) {
     if (free_.empty()) {
         frames_.push_back(std::make_unique<Frame>());
         free_.push_back(frames_.back().get());
@@ -41,7 +41,7 @@ FrameLists::Frame* FrameLists::TakeFrame(std::size_t capacity) {
     return frame;
 }
 
-void FrameLists::Fill(Frame& frame,
+void NblFactory::Fill(Frame& frame,
                       std::span<const std::uint8_t> bytes,
                       const FrameLayout& layout) {
     if (!bytes.empty()) {
@@ -66,22 +66,22 @@ void FrameLists::Fill(Frame& frame,
     }
 }
 
-PNET_BUFFER_LIST FrameLists::Make(std::span<const std::uint8_t> frame, const FrameLayout& layout) {
+PNET_BUFFER_LIST NblFactory::Make(std::span<const std::uint8_t> frame, const FrameLayout& layout) {
     return Make(std::span<const std::span<const std::uint8_t>>(&frame, 1), layout);
 }
 
-PNET_BUFFER_LIST FrameLists::Make(std::span<const std::span<const std::uint8_t>> frames,
+PNET_BUFFER_LIST NblFactory::Make(std::span<const std::span<const std::uint8_t>> frames,
                                   const FrameLayout& layout) {
     Frame* const first = TakeFrame(frames[0].size() + layout.headroom + 1);
     Fill(*first, frames[0], layout);
-    PNET_BUFFER_LIST const list =
-        machine_.ndis().lists().AllocateList(pool_, first->mdls, layout.headroom, frames[0].size());
-    if (list == nullptr) {
+    PNET_BUFFER_LIST const nbl = machine_.ndis().nblPools().AllocateNbl(
+        pool_, first->mdls, layout.headroom, frames[0].size());
+    if (nbl == nullptr) {
         free_.push_back(first);
         return nullptr;
     }
     Frame* lastFrame = first;
-    PNET_BUFFER last = list->FirstNetBuffer;
+    PNET_BUFFER last = nbl->FirstNetBuffer;
     for (const std::span<const std::uint8_t> bytes : frames.subspan(1)) {
         Frame* const frame = TakeFrame(bytes.size() + layout.headroom + 1);
         Fill(*frame, bytes, layout);
@@ -102,21 +102,21 @@ PNET_BUFFER_LIST FrameLists::Make(std::span<const std::span<const std::uint8_t>>
         lastFrame->next = frame;
         lastFrame = frame;
     }
-    list->SourceHandle = pool_->home->handle;
-    list->ProtocolReserved[kFrameSlot] = first;
-    return list;
+    nbl->SourceHandle = pool_->owner->handle;
+    nbl->ProtocolReserved[kFrameSlot] = first;
+    return nbl;
 }
 
-void FrameLists::Free(PNET_BUFFER_LIST list) {
-    for (auto* frame = static_cast<Frame*>(list->ProtocolReserved[kFrameSlot]); frame != nullptr;) {
+void NblFactory::Free(PNET_BUFFER_LIST nbl) {
+    for (auto* frame = static_cast<Frame*>(nbl->ProtocolReserved[kFrameSlot]); frame != nullptr;) {
         Frame* const next = frame->next;
         free_.push_back(frame);
         frame = next;
     }
-    machine_.ndis().lists().FreeList(list);
+    machine_.ndis().nblPools().FreeNbl(nbl);
 }
 
-void FrameLists::FreeChain(PNET_BUFFER_LIST chain) {
+void NblFactory::FreeChain(PNET_BUFFER_LIST chain) {
     while (chain != nullptr) {
         PNET_BUFFER_LIST const next = chain->Next;
         Free(chain);
@@ -124,7 +124,7 @@ void FrameLists::FreeChain(PNET_BUFFER_LIST chain) {
     }
 }
 
-std::vector<std::uint8_t> FrameLists::BytesOf(const NET_BUFFER& buffer) {
+std::vector<std::uint8_t> NblFactory::BytesOf(const NET_BUFFER& buffer) {
     std::vector<std::uint8_t> bytes;
     bytes.reserve(buffer.DataLength);
     std::size_t skip = buffer.CurrentMdlOffset;

@@ -1,4 +1,4 @@
-// Lists full of frames, for protocols to send and adapters to indicate.
+// NBLs full of frames, for protocols to send and adapters to indicate.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "host/ndis/list_pools.h"
+#include "host/ndis/nbl_pools.h"
 #include "platform/ndis.h"
 
 namespace netsieve::host {
@@ -22,24 +22,24 @@ struct FrameLayout {
     bool mapped = true;               ///< whether the MDLs carry a system address
 };
 
-/// Makes lists from a pool of an edge and takes them back; buffers and lists are kept for the next
+/// Makes NBLs from a pool of an edge and takes them back; buffers and NBLs are kept for the next
 /// use, so that steady traffic allocates nothing. One context at a time.
-class FrameLists {
+class NblFactory {
   public:
-    /// Lists will be at home with the owner of `pool`.
-    FrameLists(Machine& machine, ListPool* pool);
-    ~FrameLists();
-    FrameLists(const FrameLists&) = delete;
-    FrameLists& operator=(const FrameLists&) = delete;
+    /// NBLs will be at home with the owner of `pool`.
+    NblFactory(Machine& machine, NblPool* pool);
+    ~NblFactory();
+    NblFactory(const NblFactory&) = delete;
+    NblFactory& operator=(const NblFactory&) = delete;
 
-    /// A list of one buffer for each frame, in order. SourceHandle is the owner's. The frames are
-    /// copied. Null when NDIS refuses a list (a fault).
+    /// An NBL of one buffer for each frame, in order. SourceHandle is the owner's. The frames are
+    /// copied. Null when NDIS refuses an NBL (a fault).
     PNET_BUFFER_LIST Make(std::span<const std::span<const std::uint8_t>> frames,
                           const FrameLayout& layout = {});
     PNET_BUFFER_LIST Make(std::span<const std::uint8_t> frame, const FrameLayout& layout = {});
-    /// Takes back a list that this object made and that is home again.
-    void Free(PNET_BUFFER_LIST list);
-    /// Takes back every list of a chain.
+    /// Takes back an NBL that this object made and that is home again.
+    void Free(PNET_BUFFER_LIST nbl);
+    /// Takes back every NBL of a chain.
     void FreeChain(PNET_BUFFER_LIST chain);
 
     /// The bytes of a buffer, gathered.
@@ -51,7 +51,7 @@ class FrameLists {
     void Fill(Frame& frame, std::span<const std::uint8_t> bytes, const FrameLayout& layout);
 
     Machine& machine_;
-    ListPool* pool_;
+    NblPool* pool_;
     std::vector<std::unique_ptr<Frame>> frames_;
     std::vector<Frame*> free_;
 };

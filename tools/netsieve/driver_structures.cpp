@@ -1,4 +1,4 @@
-#include "tools/netsieve/driver_record.h"
+#include "tools/netsieve/driver_structures.h"
 
 #include <string_view>
 
@@ -14,7 +14,7 @@ constexpr std::u16string_view kUniqueName = u"{7C1E5B39-2D84-4a6f-B0E2-9F31C6A8D
 
 }  // namespace
 
-FILTER_MODULE* RecordOf(const host::FilterModule& module) {
+FILTER_MODULE* DriverModuleOf(const host::FilterModule& module) {
     const UNICODE_STRING& name = module.handlers.UniqueName;
     const bool ours = name.Buffer != nullptr &&
                       std::u16string_view(name.Buffer, name.Length / sizeof(WCHAR)) == kUniqueName;
@@ -35,8 +35,8 @@ std::uint64_t UnpaidRequests(FILTER_MODULE& record, Direction way) {
     return count;
 }
 
-std::optional<OwnList> ReadOwnList(PNET_BUFFER_LIST list) {
-    const NET_BUFFER_LIST_CONTEXT* const block = list->Context;
+std::optional<DriverNbl> ReadDriverNbl(PNET_BUFFER_LIST nbl) {
+    const NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
     if (block == nullptr || block->Offset + NBL_CONTEXT_SIZE > block->Size) {
         return std::nullopt;
     }
@@ -46,8 +46,9 @@ std::optional<OwnList> ReadOwnList(PNET_BUFFER_LIST list) {
         IsListEmpty(&context->Nirps)) {
         return std::nullopt;
     }
-    return OwnList{CONTAINING_RECORD(context->Nirps.Flink, NIRP, ContextLink),
-                   context->Type == NBL_TYPE_SEND_CLONE || context->Type == NBL_TYPE_RECEIVE_CLONE};
+    return DriverNbl{
+        CONTAINING_RECORD(context->Nirps.Flink, NIRP, ContextLink),
+        context->Type == NBL_TYPE_SEND_CLONE || context->Type == NBL_TYPE_RECEIVE_CLONE};
 }
 
 }  // namespace netsieve::tool

@@ -6,10 +6,10 @@ namespace netsieve::host {
 
 namespace {
 
-constexpr ULONG kLent = NDIS_RECEIVE_FLAGS_RESOURCES;
+constexpr ULONG kResources = NDIS_RECEIVE_FLAGS_RESOURCES;
 
-UCHAR& FirstByte(PNET_BUFFER_LIST list) {
-    const NET_BUFFER& buffer = *list->FirstNetBuffer;
+UCHAR& FirstByte(PNET_BUFFER_LIST nbl) {
+    const NET_BUFFER& buffer = *nbl->FirstNetBuffer;
     return static_cast<UCHAR*>(buffer.CurrentMdl->MappedSystemVa)[buffer.CurrentMdlOffset];
 }
 
@@ -25,7 +25,7 @@ void IndicateOn(Scene& scene, PNET_BUFFER_LIST chain, ULONG count, ULONG flags) 
     NdisFIndicateReceiveNetBufferLists(scene.filter.handle, chain, 0, count, flags);
 }
 
-/// What breaks a rule when the filter meets a list that is sent, in place of passing it on.
+/// What breaks a rule when the filter meets an NBL that is sent, in place of passing it on.
 std::function<void(Scene&)> OnSend(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
     return [handler = std::move(handler)](Scene& scene) {
         scene.filter.send = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
@@ -44,18 +44,18 @@ std::function<void(Scene&)> OnSendComplete(std::function<void(Scene&, PNET_BUFFE
     };
 }
 
-/// The same for a chain of two lists that the adapter lends.
-std::function<void(Scene&)> OnLoan(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
+/// The same for a chain of two NBLs that the adapter lends.
+std::function<void(Scene&)> OnResources(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
     return [handler = std::move(handler)](Scene& scene) {
         scene.filter.receive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
             handler(scene, chain);
         };
         scene.Start();
-        scene.Receive(kLent, 2);
+        scene.Receive(kResources, 2);
     };
 }
 
-/// Starts with a list of the filter's own, which its send-complete handler keeps to itself.
+/// Starts with an NBL of the filter's own, which its send-complete handler keeps to itself.
 void StartWithOwn(Scene& scene) {
     scene.filter.sendComplete = [](PNET_BUFFER_LIST, ULONG) {};
     scene.Start();
@@ -68,23 +68,23 @@ void WriteWhileGivenAway(Scene& scene) {
         CompleteOn(scene, chain);
     };
     scene.Start();
-    scene.stack->adapter().pace().Set(Pace::kHold);
+    scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
     scene.stack->adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
         scene.kept = chain;
     };
     scene.Send();
     FirstByte(scene.kept) ^= 1;
-    scene.stack->adapter().pace().ReleaseAll();
+    scene.stack->adapter().queue().ReleaseAll();
 }
 
-void SwapBuffers(PNET_BUFFER_LIST list) {
-    PNET_BUFFER const first = list->FirstNetBuffer;
-    list->FirstNetBuffer = std::exchange(first->Next, nullptr);
-    list->FirstNetBuffer->Next = first;
+void SwapBuffers(PNET_BUFFER_LIST nbl) {
+    PNET_BUFFER const first = nbl->FirstNetBuffer;
+    nbl->FirstNetBuffer = std::exchange(first->Next, nullptr);
+    nbl->FirstNetBuffer->Next = first;
 }
 
-void KeepLoan(Scene& scene) {
-    OnLoan([](Scene& inside, PNET_BUFFER_LIST chain) { inside.kept = chain; })(scene);
+void KeepResourcesNbls(Scene& scene) {
+    OnResources([](Scene& inside, PNET_BUFFER_LIST chain) { inside.kept = chain; })(scene);
     IndicateOn(scene, scene.kept, 2, 0);
 }
 
@@ -121,63 +121,64 @@ std::vector<Breaker> HandOverBreakers() {
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
          })},
-        {Rule::kListTouched, "written after it was sent on", &WriteWhileGivenAway},
-        {Rule::kListRead, "its information is copied after it was sent on",
+        {Rule::kNblWritten, "written after it was sent on", &WriteWhileGivenAway},
+        {Rule::kNblRead, "its information is copied after it was sent on",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              PNET_BUFFER_LIST const own = scene.MakeOwn();
-             scene.stack->adapter().pace().Set(Pace::kHold);
+             scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
              SendOn(scene, chain);
              NdisCopySendNetBufferListInfo(own, chain);
              scene.FreeOwn();
          })},
-        {Rule::kSourceHandle, "a list of another's with the filter's handle",
+        {Rule::kSourceHandle, "an NBL of another's with the filter's handle",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              chain->SourceHandle = scene.filter.handle;
              SendOn(scene, chain);
          })},
-        {Rule::kSourceHandle, "an own list without it",
+        {Rule::kSourceHandle, "an own NBL without it",
          [](Scene& scene) {
              StartWithOwn(scene);
              scene.own->SourceHandle = nullptr;
              SendOn(scene, scene.own);
          }},
-        {Rule::kOriginatedListPassedOn, "an own list is completed to those above",
+        {Rule::kOriginatedNblPassedOn, "an own NBL is completed to those above",
          [](Scene& scene) {
              scene.Start();
              SendOn(scene, scene.MakeOwn());
          }},
-        {Rule::kListNotOwned, "completed twice",
+        {Rule::kNblNotOwned, "completed twice",
          OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
              CompleteOn(scene, chain);
              CompleteOn(scene, chain);
          })},
-        {Rule::kListDirection, "a sent list is returned",
+        {Rule::kNblDirection, "a sent NBL is returned",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
              SendOn(scene, chain);
          })},
-        {Rule::kListBuffers, "completed with its buffers in another order",
+        {Rule::kNblNetBuffers, "completed with its buffers in another order",
          OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
              SwapBuffers(chain);
              CompleteOn(scene, chain);
          })},
-        {Rule::kListBytes, "completed with other bytes",
+        {Rule::kNblData, "completed with other bytes",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              FirstByte(chain) ^= 1;
              SendOn(scene, chain);
          })},
-        {Rule::kListLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
-        {Rule::kListCount, "one list too many",
-         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 3, kLent); })},
-        {Rule::kResourcesListKept, "indicated after the loan", &KeepLoan},
-        {Rule::kResourcesChain, "the second list is gone from the chain",
-         OnLoan([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
-        {Rule::kResourcesListReturned, "returned during the loan",
-         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) {
+        {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
+        {Rule::kNblCount, "one NBL too many", OnResources([](Scene& scene, PNET_BUFFER_LIST chain) {
+             IndicateOn(scene, chain, 3, kResources);
+         })},
+        {Rule::kResourcesNblKept, "indicated after the loan", &KeepResourcesNbls},
+        {Rule::kResourcesChain, "the second NBL is gone from the chain",
+         OnResources([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
+        {Rule::kResourcesNblReturned, "returned during the loan",
+         OnResources([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
          })},
         {Rule::kResourcesFlagDropped, "passed up without the flag",
-         OnLoan([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 2, 0); })},
+         OnResources([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 2, 0); })},
     };
 }
 
@@ -195,10 +196,10 @@ std::vector<Breaker> ModuleBreakers() {
              KeInitializeSpinLock(&lock);
              KeAcquireSpinLockRaiseToDpc(&lock);
          })},
-        {Rule::kPauseOutstanding, "an own list is out when pause returns",
+        {Rule::kPauseOutstanding, "an own NBL is out when pause returns",
          [](Scene& scene) {
              StartWithOwn(scene);
-             scene.stack->adapter().pace().Set(Pace::kHold);
+             scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
              SendOn(scene, scene.own);
              scene.stack->Pause();
          }},
@@ -212,7 +213,7 @@ std::vector<Breaker> ModuleBreakers() {
              scene.filter.pause = &WaitElevenSeconds;
              scene.Start();
          }},
-        {Rule::kOriginatedWhilePaused, "sends a list of its own when paused",
+        {Rule::kOriginatedWhilePaused, "sends an NBL of its own when paused",
          [](Scene& scene) {
              StartWithOwn(scene);
              scene.stack->Pause();
@@ -254,34 +255,34 @@ std::vector<Breaker> ContextAndPoolBreakers() {
              NdisFreeNetBufferListContext(chain, 32);
              SendOn(scene, chain);
          })},
-        {Rule::kNblPoolInUse, "freed with a list out",
+        {Rule::kNblPoolInUse, "freed with an NBL out",
          [](Scene& scene) {
              StartWithOwn(scene);
              NdisFreeNetBufferListPool(scene.own->NdisPoolHandle);
              scene.own->NdisPoolHandle = nullptr;
          }},
-        {Rule::kHandleNotOpen, "a list from no pool",
+        {Rule::kHandleNotOpen, "an NBL from no pool",
          [](Scene&) { NdisAllocateNetBufferAndNetBufferList(nullptr, 0, 0, nullptr, 0, 0); }},
-        {Rule::kFreedListUsed, "freed twice",
+        {Rule::kFreedNblUsed, "freed twice",
          [](Scene& scene) {
              StartWithOwn(scene);
-             PNET_BUFFER_LIST const list = scene.own;
+             PNET_BUFFER_LIST const nbl = scene.own;
              scene.FreeOwn();
-             NdisFreeNetBufferList(list);
+             NdisFreeNetBufferList(nbl);
          }},
-        {Rule::kFreedListUsed, "a freed list is indicated",
+        {Rule::kFreedNblUsed, "a freed NBL is indicated",
          [](Scene& scene) {
              StartWithOwn(scene);
-             PNET_BUFFER_LIST const list = scene.own;
+             PNET_BUFFER_LIST const nbl = scene.own;
              scene.FreeOwn();
-             IndicateOn(scene, list, 1, 0);
+             IndicateOn(scene, nbl, 1, 0);
          }},
-        {Rule::kFreedListUsed, "written after it was freed",
+        {Rule::kFreedNblUsed, "written after it was freed",
          [](Scene& scene) {
              StartWithOwn(scene);
-             PNET_BUFFER_LIST const list = scene.own;
+             PNET_BUFFER_LIST const nbl = scene.own;
              scene.FreeOwn();
-             list->Status = NDIS_STATUS_FAILURE;
+             nbl->Status = NDIS_STATUS_FAILURE;
          },
          true},
     };
@@ -289,7 +290,7 @@ std::vector<Breaker> ContextAndPoolBreakers() {
 
 }  // namespace
 
-std::vector<Breaker> ListBreakers() {
+std::vector<Breaker> NblBreakers() {
     std::vector<Breaker> all;
     for (const auto& part : {HandOverBreakers(), ModuleBreakers(), ContextAndPoolBreakers()}) {
         all.insert(all.end(), part.begin(), part.end());
@@ -300,29 +301,29 @@ std::vector<Breaker> ListBreakers() {
 void Scene::Start() {
     stack = &machine.ndis().AddAdapter();
     machine.LoadDriver(SmallFilter::Source());
-    protocolLists_ = std::make_unique<FrameLists>(machine, stack->protocol().pool());
-    adapterLists_ = std::make_unique<FrameLists>(machine, stack->adapter().pool());
-    const auto collect = [](std::vector<PNET_BUFFER_LIST>& home) {
-        return [&home](PNET_BUFFER_LIST chain, ULONG) {
+    protocolNbls_ = std::make_unique<NblFactory>(machine, stack->protocol().pool());
+    adapterNbls_ = std::make_unique<NblFactory>(machine, stack->adapter().pool());
+    const auto collect = [](std::vector<PNET_BUFFER_LIST>& back) {
+        return [&back](PNET_BUFFER_LIST chain, ULONG) {
             for (; chain != nullptr; chain = chain->Next) {
-                home.push_back(chain);
+                back.push_back(chain);
             }
         };
     };
-    stack->protocol().onSendComplete = collect(sentHome_);
-    stack->adapter().onReturned = collect(receivedHome_);
+    stack->protocol().onSendComplete = collect(completed_);
+    stack->adapter().onReturned = collect(returned_);
 }
 
 namespace {
 
-PNET_BUFFER_LIST MakeChain(FrameLists& lists, int count) {
+PNET_BUFFER_LIST MakeChain(NblFactory& nbls, int count) {
     static constexpr std::uint8_t kFrame[60] = {1, 2, 3, 4};
     static constexpr std::span<const std::uint8_t> kFrames[] = {kFrame, kFrame};
     PNET_BUFFER_LIST chain = nullptr;
     for (int i = 0; i < count; ++i) {
-        PNET_BUFFER_LIST const list = lists.Make(kFrames);
-        list->Next = chain;
-        chain = list;
+        PNET_BUFFER_LIST const nbl = nbls.Make(kFrames);
+        nbl->Next = chain;
+        chain = nbl;
     }
     return chain;
 }
@@ -330,15 +331,15 @@ PNET_BUFFER_LIST MakeChain(FrameLists& lists, int count) {
 }  // namespace
 
 void Scene::Send(int count) {
-    stack->protocol().Send(MakeChain(*protocolLists_, count));
+    stack->protocol().Send(MakeChain(*protocolNbls_, count));
 }
 
 void Scene::Receive(ULONG flags, int count) {
-    PNET_BUFFER_LIST const chain = MakeChain(*adapterLists_, count);
+    PNET_BUFFER_LIST const chain = MakeChain(*adapterNbls_, count);
     stack->adapter().Indicate(chain, 0, flags);
-    for (PNET_BUFFER_LIST list = chain; (flags & kLent) != 0 && list != nullptr;
-         list = list->Next) {
-        receivedHome_.push_back(list);
+    for (PNET_BUFFER_LIST nbl = chain; (flags & kResources) != 0 && nbl != nullptr;
+         nbl = nbl->Next) {
+        returned_.push_back(nbl);
     }
 }
 
@@ -347,11 +348,11 @@ void Scene::Finish() {
         FreeOwn();
     }
     machine.UnloadDriver("SMALL");
-    for (PNET_BUFFER_LIST list : std::exchange(sentHome_, {})) {
-        protocolLists_->Free(list);
+    for (PNET_BUFFER_LIST nbl : std::exchange(completed_, {})) {
+        protocolNbls_->Free(nbl);
     }
-    for (PNET_BUFFER_LIST list : std::exchange(receivedHome_, {})) {
-        adapterLists_->Free(list);
+    for (PNET_BUFFER_LIST nbl : std::exchange(returned_, {})) {
+        adapterNbls_->Free(nbl);
     }
 }
 

@@ -11,13 +11,13 @@ namespace netsieve::tool {
 
 /// One loaded hook filter: a shared object beside the native driver, a .sys beside an image. Its
 /// code stays in the process as long as this object, which has to outlive the machine's run.
-class HookModule {
+class HookDriver {
   public:
     /// `number` makes its service name unique.
-    HookModule(HookOption spec, unsigned number);
-    ~HookModule();
-    HookModule(const HookModule&) = delete;
-    HookModule& operator=(const HookModule&) = delete;
+    HookDriver(HookOption spec, unsigned number);
+    ~HookDriver();
+    HookDriver(const HookDriver&) = delete;
+    HookDriver& operator=(const HookDriver&) = delete;
 
     /// Binds it to `driver` and to the platform, and calls its entry routine. Returns what went
     /// wrong, or nothing. Inside Run, at PASSIVE_LEVEL.
@@ -25,7 +25,7 @@ class HookModule {
     /// Calls its unload routine, if it is loaded and has one.
     void Unload(host::Machine& machine);
 
-    const HookOption& Spec() const { return spec_; }
+    const HookOption& spec() const { return spec_; }
 
   private:
     std::optional<std::string> FindEntry(host::DriverSource& source);

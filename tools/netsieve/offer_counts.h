@@ -15,7 +15,7 @@ class Tally {
     void Add() {
         value_.store(value_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
-    std::uint64_t Value() const { return value_.load(std::memory_order_relaxed); }
+    std::uint64_t value() const { return value_.load(std::memory_order_relaxed); }
 
   private:
     std::atomic<std::uint64_t> value_ = 0;
@@ -33,7 +33,7 @@ struct HookTally {
     Tally overflow;  ///< were to be taken over, and the driver could not
     Tally injected;  ///< frames of its own that it gave the driver
 
-    std::uint64_t Offered() const { return passed.Value() + withheld.Value() + marked.Value(); }
+    std::uint64_t Offered() const { return passed.value() + withheld.value() + marked.value(); }
     void Count(Answer answer) {
         (answer == Answer::kPass ? passed : answer == Answer::kWithhold ? withheld : marked).Add();
     }
@@ -41,25 +41,25 @@ struct HookTally {
 
 /// The frames that were offered, and those of them that at least one hook kept from passing.
 /// Several hooks may withhold one frame. One of them, the opener, sees every frame that is offered.
-class OfferLedger {
+class OfferCounts {
   public:
     /// The opener is shown the next frame.
     void Open(Direction way) {
         frames_.Add();
         Of(way).offered.Add();
     }
-    /// A hook withholds or takes over the frame that is being offered; `beforeOpener` when it sees
-    /// frames before the opener does.
-    void Withhold(Direction way, bool beforeOpener) {
-        const std::uint64_t frame = frames_.Value() + (beforeOpener ? 1 : 0);
+    /// A hook withholds or takes over the frame that is being offered; `beforeCountingHook` when it
+    /// sees frames before the opener does.
+    void Withhold(Direction way, bool beforeCountingHook) {
+        const std::uint64_t frame = frames_.value() + (beforeCountingHook ? 1 : 0);
         if (frame != latestWithheld_.load(std::memory_order_relaxed)) {
             latestWithheld_.store(frame, std::memory_order_relaxed);
             Of(way).withheld.Add();
         }
     }
 
-    std::uint64_t Offered(Direction way) const { return counts_[Index(way)].offered.Value(); }
-    std::uint64_t Withheld(Direction way) const { return counts_[Index(way)].withheld.Value(); }
+    std::uint64_t Offered(Direction way) const { return counts_[Index(way)].offered.value(); }
+    std::uint64_t Withheld(Direction way) const { return counts_[Index(way)].withheld.value(); }
 
   private:
     struct Counts {

@@ -1,4 +1,4 @@
-#include "tools/netsieve/hook_module.h"
+#include "tools/netsieve/hook_driver.h"
 
 #include <dlfcn.h>
 #include <fmt/format.h>
@@ -15,36 +15,36 @@ constexpr const char* kEntryName = "DriverEntry";
 
 }  // namespace
 
-HookModule::HookModule(HookOption spec, unsigned number)
+HookDriver::HookDriver(HookOption spec, unsigned number)
     : spec_(std::move(spec)),
-      name_(fmt::format("{}-{}", std::filesystem::path(spec_.modulePath).stem().string(), number)) {
+      name_(fmt::format("{}-{}", std::filesystem::path(spec_.driverPath).stem().string(), number)) {
 }
 
-HookModule::~HookModule() {
+HookDriver::~HookDriver() {
     if (object_ != nullptr) {
         dlclose(object_);
     }
 }
 
-std::optional<std::string> HookModule::Load(host::Machine& machine,
+std::optional<std::string> HookDriver::Load(host::Machine& machine,
                                             const host::LoadedDriver& driver) {
     host::DriverSource source{.name = name_};
-    if (driver.Image() == nullptr) {
+    if (driver.image() == nullptr) {
         if (const auto failure = FindEntry(source)) {
-            return fmt::format("the hook module {} cannot be loaded: {}", spec_.modulePath,
+            return fmt::format("the hook module {} cannot be loaded: {}", spec_.driverPath,
                                *failure);
         }
         return Start(machine, source);
     }
-    const host::ImageExports exports(kDriverImageName, *driver.Image());
-    source.image = spec_.modulePath;
+    const host::ImageExports exports(kDriverImageName, *driver.image());
+    source.image = spec_.driverPath;
     source.imports = &exports;
     return Start(machine, source);
 }
 
-std::optional<std::string> HookModule::FindEntry(host::DriverSource& source) {
+std::optional<std::string> HookDriver::FindEntry(host::DriverSource& source) {
     // Without a slash the loader would look for it in the system's own directories.
-    const std::string path = std::filesystem::absolute(spec_.modulePath);
+    const std::string path = std::filesystem::absolute(spec_.driverPath);
     object_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (object_ == nullptr) {
         return dlerror();
@@ -59,25 +59,25 @@ std::optional<std::string> HookModule::FindEntry(host::DriverSource& source) {
     return std::nullopt;
 }
 
-std::optional<std::string> HookModule::Start(host::Machine& machine,
+std::optional<std::string> HookDriver::Start(host::Machine& machine,
                                              const host::DriverSource& source) {
-    const std::size_t linesBefore = machine.DebugOutput().size();
+    const std::size_t linesBefore = machine.debugOutput().size();
     const NTSTATUS status = machine.LoadDriver(source);
     if (NT_SUCCESS(status)) {
         loaded_ = true;
         return std::nullopt;
     }
     std::string failure = fmt::format("the hook module {} did not start, status 0x{:08X}",
-                                      spec_.modulePath, static_cast<std::uint32_t>(status));
-    for (std::size_t i = linesBefore; i < machine.DebugOutput().size(); ++i) {
-        std::string line = machine.DebugOutput()[i];
+                                      spec_.driverPath, static_cast<std::uint32_t>(status));
+    for (std::size_t i = linesBefore; i < machine.debugOutput().size(); ++i) {
+        std::string line = machine.debugOutput()[i];
         line.erase(line.find_last_not_of('\n') + 1);
         failure += "; " + line;
     }
     return failure;
 }
 
-void HookModule::Unload(host::Machine& machine) {
+void HookDriver::Unload(host::Machine& machine) {
     if (loaded_) {
         machine.UnloadDriver(name_);
         loaded_ = false;

@@ -1,4 +1,4 @@
-#include "host/ndis/edge_pace.h"
+#include "host/ndis/nbl_queue.h"
 
 #include <algorithm>
 
@@ -6,15 +6,15 @@
 
 namespace netsieve::host {
 
-EdgePace::EdgePace(Machine& machine, std::string name, std::uint64_t seed, Release release)
+NblQueue::NblQueue(Machine& machine, std::string name, std::uint64_t seed, ReleaseFunction release)
     : machine_(machine), name_(std::move(name)), release_(std::move(release)), random_(seed) {}
 
-void EdgePace::Take(PNET_BUFFER_LIST chain, bool dispatch) {
-    if (pace_ == Pace::kInline) {
+void NblQueue::Add(PNET_BUFFER_LIST chain, bool dispatch) {
+    if (mode_ == ReleaseMode::kInline) {
         release_(chain, dispatch);
         return;
     }
-    if (pace_ == Pace::kForwarded) {
+    if (mode_ == ReleaseMode::kForwarded) {
         return;
     }
     PNET_BUFFER_LIST atOnce = nullptr;
@@ -23,20 +23,20 @@ void EdgePace::Take(PNET_BUFFER_LIST chain, bool dispatch) {
     {
         HostLock lock(mutex_);
         while (chain != nullptr) {
-            PNET_BUFFER_LIST const list = chain;
-            chain = list->Next;
-            list->Next = nullptr;
-            if ((pace_ == Pace::kMixed && random_.OneIn(2)) ||
-                (pace_ == Pace::kHold && draining_)) {
-                *tail = list;
-                tail = &list->Next;
+            PNET_BUFFER_LIST const nbl = chain;
+            chain = nbl->Next;
+            nbl->Next = nullptr;
+            if ((mode_ == ReleaseMode::kMixed && random_.OneIn(2)) ||
+                (mode_ == ReleaseMode::kHold && draining_)) {
+                *tail = nbl;
+                tail = &nbl->Next;
             } else {
-                held_.push_back(list);
+                queued_.push_back(nbl);
                 deferred = true;
             }
         }
     }
-    if (deferred && pace_ != Pace::kHold) {
+    if (deferred && mode_ != ReleaseMode::kHold) {
         Schedule();
     }
     if (atOnce != nullptr) {
@@ -44,12 +44,12 @@ void EdgePace::Take(PNET_BUFFER_LIST chain, bool dispatch) {
     }
 }
 
-void EdgePace::Schedule() {
+void NblQueue::Schedule() {
     unsigned processor = 0;
     bool dispatch = true;
     {
         HostLock lock(mutex_);
-        processor = static_cast<unsigned>(random_.Below(machine_.scheduler().Processors()));
+        processor = static_cast<unsigned>(random_.Below(machine_.scheduler().processors()));
         dispatch = !random_.OneIn(4);
     }
     machine_.scheduler().Start({.name = name_,
@@ -58,22 +58,22 @@ void EdgePace::Schedule() {
                                [this, dispatch] { ReleaseSome(dispatch); });
 }
 
-void EdgePace::ReleaseSome(bool dispatch) {
+void NblQueue::ReleaseSome(bool dispatch) {
     PNET_BUFFER_LIST chain = nullptr;
     bool more = false;
     {
         HostLock lock(mutex_);
-        if (held_.empty()) {
+        if (queued_.empty()) {
             return;
         }
-        for (std::uint64_t count = 1 + random_.Below(held_.size()); count > 0; --count) {
+        for (std::uint64_t count = 1 + random_.Below(queued_.size()); count > 0; --count) {
             const auto at =
-                held_.begin() + static_cast<std::ptrdiff_t>(random_.Below(held_.size()));
+                queued_.begin() + static_cast<std::ptrdiff_t>(random_.Below(queued_.size()));
             (*at)->Next = chain;
             chain = *at;
-            held_.erase(at);
+            queued_.erase(at);
         }
-        more = !held_.empty();
+        more = !queued_.empty();
     }
     if (more) {
         Schedule();
@@ -81,22 +81,22 @@ void EdgePace::ReleaseSome(bool dispatch) {
     release_(chain, dispatch);
 }
 
-void EdgePace::ReleaseAll() {
+void NblQueue::ReleaseAll() {
     PNET_BUFFER_LIST chain = nullptr;
     {
         HostLock lock(mutex_);
-        for (auto it = held_.rbegin(); it != held_.rend(); ++it) {
+        for (auto it = queued_.rbegin(); it != queued_.rend(); ++it) {
             (*it)->Next = chain;
             chain = *it;
         }
-        held_.clear();
+        queued_.clear();
     }
     if (chain != nullptr) {
         release_(chain, CurrentContext().irql == DISPATCH_LEVEL);
     }
 }
 
-void EdgePace::SetDraining(bool draining) {
+void NblQueue::SetDraining(bool draining) {
     {
         HostLock lock(mutex_);
         draining_ = draining;
@@ -106,9 +106,9 @@ void EdgePace::SetDraining(bool draining) {
     }
 }
 
-std::size_t EdgePace::InHand() {
+std::size_t NblQueue::Queued() {
     HostLock lock(mutex_);
-    return held_.size();
+    return queued_.size();
 }
 
 }  // namespace netsieve::host

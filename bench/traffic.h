@@ -1,0 +1,40 @@
+// Chains of NBLs that cross a stack again and again.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "host/machine.h"
+#include "host/ndis/nbl_factory.h"
+#include "host/ndis/ndis.h"
+
+namespace netsieve::bench {
+
+enum class Path { kSend, kReceive };
+
+/// A chain of NBLs of one frame each, and the stack that it crosses. The NBLs are back before the
+/// call returns, in one chain or several.
+class Traffic {
+  public:
+    /// `length` NBLs with frames of `frameSize` bytes that every hook is shown: they are sent by
+    /// the stack's protocol, or addressed to its adapter.
+    Traffic(host::Machine& machine,
+            host::Stack& stack,
+            Path path,
+            std::size_t frameSize,
+            std::int64_t length);
+
+    /// Once down and completed, or up and returned.
+    void Go();
+
+  private:
+    host::Stack& stack_;
+    Path path_;
+    host::NblFactory nbls_;
+    std::vector<PNET_BUFFER_LIST> chain_;
+};
+
+/// Blocks, NBLs and contexts that were allocated in the machine so far.
+std::uint64_t AllocationsOf(host::Machine& machine);
+
+}  // namespace netsieve::bench

@@ -1,0 +1,418 @@
+#include "host/verifier/nbl_tracker.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <set>
+
+namespace netsieve::host {
+
+namespace {
+
+constexpr const char* kVerbs[] = {"sent", "completed", "indicated", "returned"};
+
+// What an NBL's Scratch field holds after a hand-over: nobody's value survives one.
+void* ScratchAfterTransfer() {
+    return reinterpret_cast<void*>(0xBAD5C4A7C4BAD5C4ull);
+}
+
+std::uint64_t Mix(std::uint64_t hash, std::uint64_t value) {
+    hash = (hash ^ value) * 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
+}
+
+std::uint64_t HashBytes(std::uint64_t hash, const unsigned char* bytes, std::size_t size) {
+    for (; size >= sizeof(std::uint64_t); size -= sizeof(std::uint64_t)) {
+        std::uint64_t word = 0;
+        __builtin_memcpy(&word, bytes, sizeof(word));
+        hash = Mix(hash, word);
+        bytes += sizeof(word);
+    }
+    for (; size > 0; --size) {
+        hash = Mix(hash, *bytes++);
+    }
+    return hash;
+}
+
+// The host made every MDL of its own NBLs, so that StartVa always leads to the bytes.
+std::uint64_t HashBuffer(std::uint64_t hash, const NET_BUFFER& buffer) {
+    std::size_t left = buffer.DataLength;
+    std::size_t skip = buffer.CurrentMdlOffset;
+    for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && left > 0; mdl = mdl->Next) {
+        const std::size_t size = std::min<std::size_t>(mdl->ByteCount - skip, left);
+        const auto* start = static_cast<const unsigned char*>(mdl->StartVa) + mdl->ByteOffset;
+        hash = HashBytes(hash, start + skip, size);
+        left -= size;
+        skip = 0;
+    }
+    return Mix(hash, left);
+}
+
+}  // namespace
+
+std::vector<NblTracker::Buffer> NblTracker::BuffersOf(PNET_BUFFER_LIST nbl) {
+    std::vector<Buffer> buffers;
+    for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+        buffers.push_back(
+            {buffer, buffer->CurrentMdl, buffer->CurrentMdlOffset, buffer->DataLength});
+    }
+    return buffers;
+}
+
+std::uint64_t NblTracker::HashOfData(PNET_BUFFER_LIST nbl) {
+    std::uint64_t hash = 0;
+    for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
+        hash = HashBuffer(hash, *buffer);
+    }
+    return hash;
+}
+
+std::uint64_t NblTracker::HashOf(PNET_BUFFER_LIST nbl) {
+    std::uint64_t hash = HashOfData(nbl);
+    for (const Buffer& buffer : BuffersOf(nbl)) {
+        hash = Mix(hash, reinterpret_cast<std::uintptr_t>(buffer.buffer));
+        hash = Mix(hash, buffer.dataLength);
+    }
+    return Mix(hash, reinterpret_cast<std::uintptr_t>(nbl->SourceHandle));
+}
+
+void NblTracker::Add(PNET_BUFFER_LIST nbl, Component* owner) {
+    HostLock lock(mutex_);
+    Record& record = records_[nbl];
+    record = {};
+    record.id = nextId_++;
+    record.owner = owner;
+    record.holder = owner;
+}
+
+bool NblTracker::Remove(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    const auto it = records_.find(nbl);
+    if (it == records_.end()) {
+        verifier_.Report(Rule::kFreedNblUsed, "an NBL that is not alive was freed");
+        return false;
+    }
+    if (it->second.outstanding || it->second.previous) {
+        Report(Rule::kNblNotOwned, it->second, "freed while it is given away");
+        return false;
+    }
+    records_.erase(it);
+    return true;
+}
+
+bool NblTracker::Contains(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    return records_.contains(nbl);
+}
+
+void NblTracker::TakeOwnership(PNET_BUFFER_LIST nbl, const Component& holder, Component& owner) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(nbl);
+    if (record.holder != &holder) {
+        Report(Rule::kNblNotOwned, record,
+               fmt::format("adopted from {}, who does not hold it", holder.name));
+    }
+    auto before = std::make_unique<Record>(std::move(record));
+    record = {};
+    record.id = before->id;
+    record.owner = &owner;
+    record.holder = &owner;
+    record.previous = std::move(before);
+}
+
+void NblTracker::RestoreOwnership(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(nbl);
+    if (record.outstanding) {
+        Report(Rule::kNblNotOwned, record, "surrendered while it is given away");
+    }
+    const std::unique_ptr<Record> before = std::move(record.previous);
+    record = std::move(*before);
+}
+
+std::vector<PNET_BUFFER_LIST> NblTracker::All() {
+    HostLock lock(mutex_);
+    std::vector<PNET_BUFFER_LIST> nbls;
+    for (const auto& [nbl, record] : records_) {
+        nbls.push_back(nbl);
+    }
+    return nbls;
+}
+
+ULONG NblTracker::Count(const NET_BUFFER_LIST* chain) {
+    HostLock lock(mutex_);
+    ULONG count = 0;
+    while (chain != nullptr && count <= records_.size()) {
+        ++count;
+        const bool alive = records_.contains(const_cast<PNET_BUFFER_LIST>(chain));
+        chain = alive ? chain->Next : nullptr;
+    }
+    return count;
+}
+
+void NblTracker::CheckRead(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    const auto it = records_.find(nbl);
+    if (it == records_.end()) {
+        verifier_.Report(Rule::kFreedNblUsed, "what is read is no NBL");
+    } else if (it->second.holder->kind != ComponentKind::kModule) {
+        Report(Rule::kNblRead, it->second, "read while another holds it");
+    }
+}
+
+const Component* NblTracker::OwnerOf(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    const auto it = records_.find(nbl);
+    return it == records_.end() ? nullptr : it->second.owner;
+}
+
+PNET_BUFFER_LIST NblTracker::Transfer(PNET_BUFFER_LIST chain,
+                                      Component& from,
+                                      Component& to,
+                                      NblTransfer transfer,
+                                      bool resources) {
+    HostLock lock(mutex_);
+    PNET_BUFFER_LIST head = nullptr;
+    PNET_BUFFER_LIST* tail = &head;
+    std::set<PNET_BUFFER_LIST> seen;
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr && seen.insert(nbl).second;) {
+        const bool known = records_.contains(nbl);
+        const PNET_BUFFER_LIST next = known ? nbl->Next : nullptr;
+        if (!known) {
+            verifier_.Report(Rule::kFreedNblUsed,
+                             fmt::format("an NBL that is not alive was {} by {}",
+                                         kVerbs[static_cast<int>(transfer)], from.name));
+        } else if (TransferOne(nbl, from, to, transfer, resources)) {
+            *tail = nbl;
+            tail = &nbl->Next;
+        }
+        nbl = next;
+    }
+    *tail = nullptr;
+    return head;
+}
+
+bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
+                             Component& from,
+                             Component& to,
+                             NblTransfer transfer,
+                             bool resources) {
+    Record& record = records_[nbl];
+    if (!MayTransfer(nbl, record, from, transfer)) {
+        return false;
+    }
+    if (!record.outstanding) {
+        GiveAway(nbl, record, from);
+        record.sent = transfer == NblTransfer::kSend;
+    }
+    record.resources = resources;
+    CheckEndpoint(nbl, record, from);
+    Note(record, kVerbs[static_cast<int>(transfer)], &from, &to);
+    record.holder = &to;
+    if (&to == record.owner) {
+        BackWithOwner(nbl, record);
+    } else if ((transfer == NblTransfer::kSendComplete && to.kind == ComponentKind::kProtocol) ||
+               (transfer == NblTransfer::kReturn && to.kind == ComponentKind::kAdapter)) {
+        // Its owner is a module that the NBL has passed by.
+        Report(Rule::kOriginatedNblPassedOn, record, "it came to an end that is not its owner");
+        record.holder = record.owner;
+        BackWithOwner(nbl, record);
+        return false;
+    } else if (to.kind != ComponentKind::kModule) {
+        record.atEndpoint = true;
+        record.endpointHash = HashOf(nbl);
+    }
+    nbl->Scratch = ScratchAfterTransfer();
+    return true;
+}
+
+std::pair<Rule, const char*> NblTracker::Objection(const Record& record,
+                                                   const Component& from,
+                                                   NblTransfer transfer) {
+    const bool outward = transfer == NblTransfer::kSend || transfer == NblTransfer::kIndicate;
+    const bool asSent = transfer == NblTransfer::kSend || transfer == NblTransfer::kSendComplete;
+    if (record.holder != &from) {
+        return record.lastResourcesHolder == &from
+                   ? std::pair{Rule::kResourcesNblKept, ", whose loan has ended"}
+                   : std::pair{Rule::kNblNotOwned, ", who does not hold it"};
+    }
+    if (!record.outstanding) {
+        return {Rule::kOriginatedNblPassedOn, outward ? "" : ", whose own it is"};
+    }
+    if (record.resources && transfer == NblTransfer::kReturn) {
+        return {Rule::kResourcesNblReturned, ", to whom it is lent"};
+    }
+    return {Rule::kNblDirection, asSent == record.sent ? "" : ", though it came the other way"};
+}
+
+bool NblTracker::MayTransfer(PNET_BUFFER_LIST nbl,
+                             Record& record,
+                             Component& from,
+                             NblTransfer transfer) {
+    const char* verb = kVerbs[static_cast<int>(transfer)];
+    if (const auto [rule, why] = Objection(record, from, transfer); *why != '\0') {
+        Report(rule, record, fmt::format("{} by {}{}", verb, from.name, why));
+        return false;
+    }
+    if (record.outstanding && nbl->SourceHandle != record.source) {
+        Report(
+            Rule::kSourceHandle, record,
+            fmt::format("{} by {} with another SourceHandle than it came with", verb, from.name));
+        nbl->SourceHandle = record.source;
+    }
+    return true;
+}
+
+bool NblTracker::DropsResourcesFlag(PNET_BUFFER_LIST chain, const Component& from) {
+    HostLock lock(mutex_);
+    std::set<PNET_BUFFER_LIST> seen;
+    while (chain != nullptr && seen.insert(chain).second) {
+        const auto it = records_.find(chain);
+        if (it == records_.end()) {
+            return false;
+        }
+        if (it->second.resources && it->second.holder == &from) {
+            Report(Rule::kResourcesFlagDropped, it->second,
+                   fmt::format("indicated by {}", from.name));
+            return true;
+        }
+        chain = chain->Next;
+    }
+    return false;
+}
+
+void NblTracker::GiveAway(PNET_BUFFER_LIST nbl, Record& record, Component& from) {
+    if (nbl->SourceHandle != from.handle) {
+        Report(Rule::kSourceHandle, record,
+               fmt::format("originated by {} without its handle", from.name));
+        nbl->SourceHandle = from.handle;
+    }
+    if (!from.mayOriginate) {
+        Report(Rule::kOriginatedWhilePaused, record, fmt::format("by {}", from.name));
+    }
+    record.outstanding = true;
+    record.lastResourcesHolder = nullptr;
+    record.source = nbl->SourceHandle;
+    record.buffers = BuffersOf(nbl);
+    record.bytes = HashOfData(nbl);
+    record.context = nbl->Context;
+    record.contextOffset = nbl->Context == nullptr ? 0 : nbl->Context->Offset;
+    ++from.originatedOutstanding;
+}
+
+void NblTracker::BackWithOwner(PNET_BUFFER_LIST nbl, Record& record) {
+    record.outstanding = false;
+    record.resources = false;
+    record.atEndpoint = false;
+    --record.owner->originatedOutstanding;
+    if (BuffersOf(nbl) != record.buffers) {
+        Report(Rule::kNblNetBuffers, record, "the chain of buffers differs");
+    } else if (HashOfData(nbl) != record.bytes) {
+        Report(Rule::kNblData, record, "the frames' bytes differ");
+    }
+    if (nbl->Context != record.context ||
+        (nbl->Context != nullptr && nbl->Context->Offset != record.contextOffset)) {
+        Report(Rule::kContextLeft, record, "the context on top is not its owner's");
+    }
+}
+
+// An edge hands an NBL on just as it got it, so a difference was made by someone who had given the
+// NBL away.
+void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from) {
+    if (record.atEndpoint && from.kind != ComponentKind::kModule &&
+        HashOf(nbl) != record.endpointHash) {
+        Report(Rule::kNblWritten, record, fmt::format("written while {} held it", from.name));
+    }
+    record.atEndpoint = false;
+}
+
+void NblTracker::ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
+                                    Component& from,
+                                    Component& to) {
+    HostLock lock(mutex_);
+    std::set<PNET_BUFFER_LIST> given(chain.begin(), chain.end());
+    std::set<PNET_BUFFER_LIST> found;
+    for (PNET_BUFFER_LIST nbl = chain.front(); nbl != nullptr && found.insert(nbl).second;) {
+        nbl = records_.contains(nbl) ? nbl->Next : nullptr;
+    }
+    bool kept = false;
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        Record& record = records_[chain[i]];
+        if (record.holder != &to && record.holder != &from) {
+            kept = true;
+            Report(Rule::kResourcesNblKept, record,
+                   fmt::format("the call that lent it to {} has returned", to.name));
+        }
+        Note(record, "taken back", &to, &from);
+        record.holder = &from;
+        record.lastResourcesHolder = &to;
+        if (&from == record.owner && record.outstanding) {
+            BackWithOwner(chain[i], record);
+        }
+    }
+    if (found != given && !kept) {
+        Report(Rule::kResourcesChain, records_[chain.front()],
+               fmt::format("{} NBLs were lent to {}, {} are on the chain again", given.size(),
+                           to.name, found.size()));
+    }
+    if (found != given) {
+        for (std::size_t i = 0; i < chain.size(); ++i) {
+            chain[i]->Next = i + 1 < chain.size() ? chain[i + 1] : nullptr;
+        }
+    }
+}
+
+void NblTracker::ReportOutstanding(const std::string& when, const Which& which) {
+    HostLock lock(mutex_);
+    std::map<std::uint64_t, const Record*> outstanding;
+    for (const auto& [nbl, record] : records_) {
+        if (record.outstanding && (!which || which(*record.owner, *record.holder))) {
+            outstanding[record.id] = &record;
+        }
+    }
+    for (const auto& [id, record] : outstanding) {
+        Report(Rule::kNblLost, *record, when);
+    }
+}
+
+std::size_t NblTracker::Outstanding() {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(records_.begin(), records_.end(),
+                      [](const auto& entry) { return entry.second.outstanding; }));
+}
+
+std::string NblTracker::History(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    const auto it = records_.find(nbl);
+    return it == records_.end() ? "no such NBL" : Describe(it->second);
+}
+
+void NblTracker::Note(Record& record,
+                      const char* verb,
+                      const Component* from,
+                      const Component* to) {
+    record.history[record.steps++ % record.history.size()] = {verb, from, to, CurrentContext().id};
+}
+
+std::string NblTracker::Describe(const Record& record) {
+    std::string text =
+        fmt::format("NBL {} of {}, held by {}", record.id, record.owner->name, record.holder->name);
+    const std::uint64_t kept = record.history.size();
+    for (std::uint64_t step = record.steps > kept ? record.steps - kept : 0; step < record.steps;
+         ++step) {
+        const Step& at = record.history[step % kept];
+        text += fmt::format("\n          {}. {} by {} to {} (context {})", step + 1, at.verb,
+                            at.from->name, at.to->name, at.context);
+    }
+    if (record.previous) {
+        text += "\n        before that it was " + Describe(*record.previous);
+    }
+    return text;
+}
+
+void NblTracker::Report(Rule rule, const Record& record, const std::string& what) {
+    verifier_.Report(rule, what + ": " + Describe(record));
+}
+
+}  // namespace netsieve::host
