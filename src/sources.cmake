@@ -27,7 +27,7 @@ set(NETSIEVE_DRIVER_SOURCES
     packet/net_buffer_chain.cpp
     packet/nirp_life.cpp
     packet/nirp_pool.cpp
-    packet/own_list.cpp
+    packet/own_nbl.cpp
     packet/packet_queries.cpp
     packet/pending.cpp
     packet/receive_path.cpp

@@ -7,22 +7,22 @@
 
 namespace {
 
-void RefuseSend(FILTER_MODULE* module, PNET_BUFFER_LIST lists, ULONG sendFlags) {
-    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = list->Next) {
-        list->Status = NDIS_STATUS_PAUSED;
+void RefuseSend(FILTER_MODULE* module, PNET_BUFFER_LIST nbls, ULONG sendFlags) {
+    for (PNET_BUFFER_LIST nbl = nbls; nbl != nullptr; nbl = nbl->Next) {
+        nbl->Status = NDIS_STATUS_PAUSED;
     }
     ULONG flags =
         (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0;
-    NdisFSendNetBufferListsComplete(module->FilterHandle, lists, flags);
+    NdisFSendNetBufferListsComplete(module->FilterHandle, nbls, flags);
 }
 
-void RefuseReceive(FILTER_MODULE* module, PNET_BUFFER_LIST lists, ULONG receiveFlags) {
+void RefuseReceive(FILTER_MODULE* module, PNET_BUFFER_LIST nbls, ULONG receiveFlags) {
     if (receiveFlags & NDIS_RECEIVE_FLAGS_RESOURCES) {
-        return;  // lent for the call only: the adapter has the lists back when it ends
+        return;  // the adapter has the NBLs back when the call returns
     }
     ULONG flags =
         (receiveFlags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0;
-    NdisFReturnNetBufferLists(module->FilterHandle, lists, flags);
+    NdisFReturnNetBufferLists(module->FilterHandle, nbls, flags);
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ VOID NTAPI NSVFilterSendNetBufferListsComplete(NDIS_HANDLE FilterModuleContext,
                                                ULONG SendCompleteFlags) {
     auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
     ModuleReference reference(module);
-    // A detaching module's lists may still carry our context, so they take the whole way.
+    // The NBLs of a detaching module may still carry our contexts: settle them in full.
     if (reference.Held()) {
         NSVFSendNBLsComplete(module, NetBufferLists, SendCompleteFlags);
     }

@@ -5,13 +5,13 @@
 #include "platform/ndis.h"
 
 // Passes the chain down, through the hooks if any is attached. While the module is being detached,
-// the chain goes back to its sender with NDIS_STATUS_PAUSED in every list.
+// the chain is completed with NDIS_STATUS_PAUSED in every NBL.
 VOID NTAPI NSVFilterSendNetBufferLists(NDIS_HANDLE FilterModuleContext,
                                        PNET_BUFFER_LIST NetBufferLists,
                                        NDIS_PORT_NUMBER PortNumber,
                                        ULONG SendFlags);
 
-// Takes the driver's own lists out of the chain and passes the others up, also while the module is
+// Takes the driver's own NBLs out of the chain and completes the others, also while the module is
 // being detached.
 VOID NTAPI NSVFilterSendNetBufferListsComplete(NDIS_HANDLE FilterModuleContext,
                                                PNET_BUFFER_LIST NetBufferLists,
@@ -25,7 +25,7 @@ VOID NTAPI NSVFilterReceiveNetBufferLists(NDIS_HANDLE FilterModuleContext,
                                           ULONG NumberOfNetBufferLists,
                                           ULONG ReceiveFlags);
 
-// Takes the driver's own lists out of the chain and returns the others to the adapter, also while
+// Takes the driver's own NBLs out of the chain and returns the others to the adapter, also while
 // the module is being detached.
 VOID NTAPI NSVFilterReturnNetBufferLists(NDIS_HANDLE FilterModuleContext,
                                          PNET_BUFFER_LIST NetBufferLists,

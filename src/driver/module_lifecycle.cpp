@@ -69,7 +69,7 @@ void InitializeFilterModule(FILTER_MODULE* module) {
     InitializeDriverSpinLock(&module->StateLock);
     InitializeHookTable(module);
     InitializeProtocolTable(module);
-    InitializeDrainCount(&module->OutstandingLists);
+    InitializeDrainCount(&module->OutstandingNbls);
     InitializePendingLists(module);
     InitializeNBLPool(module);
     InitializeListHead(&module->Link);
@@ -169,9 +169,9 @@ VOID NTAPI NSVFilterDetach(NDIS_HANDLE FilterModuleContext) {
     }
     NotifyHooksAdapterDetach(module);
 
-    // Before the module leaves the list: the lists it waits for come back through calls that must
+    // Before the module leaves the list: the NBLs it waits for come back through calls that must
     // find it there.
-    WaitForDrain(&module->OutstandingLists);
+    WaitForDrain(&module->OutstandingNbls);
     while (!LeaveDetachingListIfIdle(module)) {
         WaitForIdleEvent(module);
     }
@@ -185,7 +185,7 @@ NDIS_STATUS NTAPI NSVFilterRestart(NDIS_HANDLE FilterModuleContext,
                                    PNDIS_FILTER_RESTART_PARAMETERS Parameters) {
     auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
     if (Parameters->RestartAttributes != nullptr) {
-        // The general attributes come first in the list.
+        // The general attributes come first.
         auto* general =
             reinterpret_cast<PNDIS_RESTART_GENERAL_ATTRIBUTES>(Parameters->RestartAttributes->Data);
         general->LookaheadSize = LOOKAHEAD_SIZE;
@@ -200,8 +200,8 @@ NDIS_STATUS NTAPI NSVFilterPause(NDIS_HANDLE FilterModuleContext, PNDIS_FILTER_P
     FlushPendingSends(module);
     FlushPendingReceives(module);
 
-    // An injection that saw the module running has counted its list by the time the lock is free.
+    // An injection that saw the module running has counted its NBL by the time the lock is free.
     PassThroughModuleListLock();
-    WaitForDrain(&module->OutstandingLists);
+    WaitForDrain(&module->OutstandingNbls);
     return NDIS_STATUS_SUCCESS;
 }

@@ -18,7 +18,7 @@ bool IsActive(const HOOK_FILTER* hook) {
 // The next hook from `*index` on that is to be called, held for the call; NULL at the end of the
 // table. The test and the hold are one act under the lock, and the deregistration that waits for a
 // hook's calls passes through that lock before it counts them.
-HOOK_FILTER* NTAPI ClaimNextHook(FILTER_MODULE* module, LONG* index, ULONG direction) {
+HOOK_FILTER* FASTABI ClaimNextHook(FILTER_MODULE* module, LONG* index, ULONG direction) {
     SpinLockGuard guard(&module->HookLock);
     while (*index < module->HookCount) {
         HOOK_FILTER* hook = module->Hooks[(*index)++];
@@ -32,7 +32,7 @@ HOOK_FILTER* NTAPI ClaimNextHook(FILTER_MODULE* module, LONG* index, ULONG direc
 
 }  // namespace
 
-LONG NTAPI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction) {
+LONG FASTABI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction) {
     LONG result = 0;
     LONG index = 0;
     // Reading the count without its lock spares the last turn of the walk the lock; the claim reads

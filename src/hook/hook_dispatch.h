@@ -12,4 +12,4 @@ constexpr ULONG NIRP_DIRECTION_RECEIVE = 2;
 // Returns the last verdict that was not 0, or 0. A hook that is attached or detached meanwhile may
 // miss the NIRP or get it twice. The caller has the NIRP and a reference on the module; none of the
 // driver's locks may be held, and none is while a handler runs. IRQL <= DISPATCH_LEVEL.
-LONG NTAPI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction);
+LONG FASTABI CallHookHandlers(FILTER_MODULE* module, NIRP* nirp, ULONG direction);

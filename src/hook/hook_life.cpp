@@ -115,7 +115,7 @@ void WaitUntilTakenDown(HOOK_FILTER* hook) {
     NdisWaitEvent(&hook->TakenDownEvent, 0);
 }
 
-VOID NTAPI EndLastHookCall(HOOK_FILTER* hook, ULONGLONG left) {
+void FASTABI EndLastHookCall(HOOK_FILTER* hook, ULONGLONG left) {
     if (!IsBusy(left)) {
         EndTakenDown(hook);
     }

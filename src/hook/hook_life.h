@@ -68,7 +68,7 @@ inline void HoldHook(HOOK_FILTER* hook, ULONGLONG hold) {
 }
 
 // The rest of EndHookCall, for a hook that goes with its last call.
-VOID NTAPI EndLastHookCall(HOOK_FILTER* hook, ULONGLONG left);
+void FASTABI EndLastHookCall(HOOK_FILTER* hook, ULONGLONG left);
 
 // Ends the hold of a handler call; the record may be gone when it returns. No lock held.
 inline void EndHookCall(HOOK_FILTER* hook) {

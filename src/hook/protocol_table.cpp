@@ -40,7 +40,8 @@ NTSTATUS UnicodeToAnsiAlloc(PROTOCOL_ENTRY* entry, PCUNICODE_STRING name) {
 }
 
 // Another processor may have put the protocol in since the caller looked.
-__attribute__((noinline)) PROTOCOL_ENTRY* NTAPI AddProtocol(FILTER_MODULE* module, PVOID protocol) {
+__attribute__((noinline)) PROTOCOL_ENTRY* FASTABI AddProtocol(FILTER_MODULE* module,
+                                                              PVOID protocol) {
     if (!IsProtocolObject(protocol)) {
         return nullptr;
     }
@@ -68,7 +69,7 @@ void InitializeProtocolTable(FILTER_MODULE* module) {
     InitializeDriverSpinLock(&module->ProtocolLock);
 }
 
-PROTOCOL_ENTRY* NTAPI LookupProtocolEntry(FILTER_MODULE* module, NDIS_HANDLE sourceHandle) {
+PROTOCOL_ENTRY* FASTABI LookupProtocolEntry(FILTER_MODULE* module, NDIS_HANDLE sourceHandle) {
     if (module == nullptr || sourceHandle == nullptr) {
         return nullptr;
     }

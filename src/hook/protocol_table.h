@@ -12,7 +12,7 @@ void InitializeProtocolTable(FILTER_MODULE* module);
 // not there yet. NULL when there is no protocol, the table is full, its name does not fit an entry
 // or memory is short; the next list tries again. The entry lives as long as the module. The caller
 // holds the list. IRQL <= DISPATCH_LEVEL.
-PROTOCOL_ENTRY* NTAPI LookupProtocolEntry(FILTER_MODULE* module, NDIS_HANDLE sourceHandle);
+PROTOCOL_ENTRY* FASTABI LookupProtocolEntry(FILTER_MODULE* module, NDIS_HANDLE sourceHandle);
 
 // Frees the names. Nobody may hold an entry of the module any more.
 void FreeProtocolTable(FILTER_MODULE* module);

@@ -40,7 +40,7 @@ NDIS_OBJECT_LAYOUT CurrentNdisLayout() {
     return row->Layout;
 }
 
-UCHAR NTAPI GetSourceHandleKind(NDIS_HANDLE sourceHandle) {
+UCHAR FASTABI GetSourceHandleKind(NDIS_HANDLE sourceHandle) {
     if (sourceHandle == nullptr) {
         return 0;
     }
@@ -55,11 +55,11 @@ bool IsOpenObject(NDIS_HANDLE sourceHandle) {
     return kind != SOURCE_KIND_FILTER && kind != SOURCE_KIND_ADAPTER;
 }
 
-PVOID NTAPI ProtocolOfOpen(NDIS_HANDLE open) {
+PVOID FASTABI ProtocolOfOpen(NDIS_HANDLE open) {
     return ReadNdisField<PVOID>(open, OPEN_PROTOCOL);
 }
 
-PVOID NTAPI AdapterOfOpen(NDIS_HANDLE open) {
+PVOID FASTABI AdapterOfOpen(NDIS_HANDLE open) {
     return ReadNdisField<PVOID>(open, OPEN_ADAPTER);
 }
 

@@ -27,15 +27,15 @@ NDIS_OBJECT_LAYOUT CurrentNdisLayout();
 
 // SOURCE_KIND_FILTER, SOURCE_KIND_ADAPTER or SOURCE_KIND_OTHER when the handle is an object of that
 // type, else 0. A list whose source is a filter or an adapter was sent by no protocol.
-UCHAR NTAPI GetSourceHandleKind(NDIS_HANDLE sourceHandle);
+UCHAR FASTABI GetSourceHandleKind(NDIS_HANDLE sourceHandle);
 
 // Whether the list that the handle came with was sent through an open object. The objects of
 // filters and adapters have other fields where an open object has its pointers.
 bool IsOpenObject(NDIS_HANDLE sourceHandle);
 
 // The object that an open object leads to, or NULL.
-PVOID NTAPI ProtocolOfOpen(NDIS_HANDLE open);
-PVOID NTAPI AdapterOfOpen(NDIS_HANDLE open);
+PVOID FASTABI ProtocolOfOpen(NDIS_HANDLE open);
+PVOID FASTABI AdapterOfOpen(NDIS_HANDLE open);
 
 bool IsProtocolObject(PVOID object);
 bool IsAdapterObject(PVOID object);

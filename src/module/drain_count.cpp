@@ -15,14 +15,14 @@ void InitializeDrainCount(DRAIN_COUNT* drain) {
     KeInitializeEvent(&drain->Event, NotificationEvent, TRUE);
 }
 
-VOID NTAPI RaiseDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
+void FASTABI RaiseDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
     SpinLockGuard guard(&drain->Lock, atDispatch);
     if (drain->Count++ == 0) {
         KeClearEvent(&drain->Event);
     }
 }
 
-VOID NTAPI LowerDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
+void FASTABI LowerDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
     SpinLockGuard guard(&drain->Lock, atDispatch);
     if (--drain->Count == 0) {
         // Inside the lock: whoever sees 0 there may free it.

@@ -16,11 +16,11 @@ void InitializeDrainCount(DRAIN_COUNT* drain);
 
 // Raises the count. `atDispatch` says that the caller runs at DISPATCH_LEVEL. IRQL <=
 // DISPATCH_LEVEL.
-VOID NTAPI RaiseDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch);
+void FASTABI RaiseDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch);
 
 // Lowers the count: the very last act on whatever is counted, since the waiter may free it, and the
 // count with it, at once. Same terms.
-VOID NTAPI LowerDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch);
+void FASTABI LowerDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch);
 
 // Returns when the count is 0. PASSIVE_LEVEL.
 void WaitForDrain(DRAIN_COUNT* drain);

@@ -11,7 +11,7 @@ struct FILTER_DRIVER_GLOBALS {
 
     // Guards ModuleList, DetachingList, the ActiveCalls of every module, AnnounceSerial and
     // DeviceObject. Inside it may be taken: a module's HookLock, free-list, trace and
-    // OutstandingLists lock, the lock of a list's context, and that of WorkItems. Never held
+    // OutstandingNbls lock, the lock of an NBL's context, and that of WorkItems. Never held
     // together with the lock of HookList.
     DRIVER_SPIN_LOCK ModuleListLock;
     LIST_ENTRY ModuleList;  // the attached FILTER_MODULEs, in the order of their attach
@@ -21,8 +21,8 @@ struct FILTER_DRIVER_GLOBALS {
     NDIS_HANDLE FilterDriverHandle;  // NULL while not registered; DriverEntry and unload only
     PDEVICE_OBJECT DeviceObject;     // NULL while there is none; under ModuleListLock
 
-    // Modules that have left ModuleList and are not freed yet. A call that comes in for one of them
-    // still finds a handle here to give its lists back with.
+    // Modules that have left ModuleList and are not freed yet: NBLs that reach one of them are
+    // completed or returned by its handle.
     LIST_ENTRY DetachingList;
 
     // Numbers the modules as they join ModuleList and the hooks as they are announced to it, so

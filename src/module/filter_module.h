@@ -1,5 +1,5 @@
-// The record of one adapter that the filter is bound to. Its address is the module context that
-// NDIS hands to every handler.
+// The filter module: the record of one adapter that the filter is bound to. Its address is the
+// FilterModuleContext of every handler.
 #pragma once
 
 #include "client/exports.h"
@@ -32,7 +32,7 @@ struct FILTER_MODULE {
     ULONG State;                 // written under StateLock, read by ReadAcquire
     DRIVER_SPIN_LOCK StateLock;  // guards changes of State; a leaf
 
-    // Free packet records, in two sizes.
+    // Free NIRPs, in two sizes.
     LIST_ENTRY SmallNirpList;        // under SmallNirpLock
     DRIVER_SPIN_LOCK SmallNirpLock;  // guards SmallNirpList; a leaf
     ULONG SmallNirpCapacity;
@@ -42,7 +42,7 @@ struct FILTER_MODULE {
 
     // Requests that hooks have marked pending.
     LIST_ENTRY PendingSendList;           // under PendingSendLock
-    DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; inside it, a record's Lock
+    DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; a leaf
     LIST_ENTRY PendingReceiveList;        // under PendingReceiveLock
     DRIVER_SPIN_LOCK PendingReceiveLock;  // the same for PendingReceiveList
 
@@ -77,12 +77,12 @@ struct FILTER_MODULE {
     BOOLEAN HookTableClosed;        // under HookLock: nothing can be attached any more
     ULONGLONG AttachSerial;         // of joining ModuleList
 
-    // Records whose request a pause has dropped and whose marks are not all completed yet.
+    // NIRPs whose request a pause has dropped and whose marks are not all completed yet.
     LIST_ENTRY UnpaidSendList;     // under PendingSendLock
     LIST_ENTRY UnpaidReceiveList;  // under PendingReceiveLock
 
-    // Lists of the driver's own that NDIS or a pending request holds.
-    DRAIN_COUNT OutstandingLists;
+    // NBLs of the driver's own that NDIS or a pending request holds.
+    DRAIN_COUNT OutstandingNbls;
 
     WCHAR NameStorage[];  // the three names, back to back
 };

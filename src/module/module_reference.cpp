@@ -22,10 +22,8 @@ void RaiseActiveCalls(FILTER_MODULE* module) {
 
 }  // namespace
 
-NDIS_STATUS NTAPI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing) {
-    if (heldClosing != nullptr) {
-        *heldClosing = false;
-    }
+NDIS_STATUS FASTABI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing) {
+    *heldClosing = false;
     if (module == nullptr) {
         return NDIS_STATUS_INVALID_PARAMETER;
     }
@@ -35,14 +33,14 @@ NDIS_STATUS NTAPI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing
         return NDIS_STATUS_SUCCESS;
     }
     // Both lists under one hold of the lock: between two, the detach could free the module.
-    if (heldClosing != nullptr && IsOnList(&g_DriverGlobals.DetachingList, module)) {
+    if (IsOnList(&g_DriverGlobals.DetachingList, module)) {
         RaiseActiveCalls(module);
         *heldClosing = true;
     }
     return NDIS_STATUS_CLOSING;
 }
 
-VOID NTAPI DereferenceFilterModule(FILTER_MODULE* module) {
+void FASTABI DereferenceFilterModule(FILTER_MODULE* module) {
     if (module == nullptr) {
         return;
     }

@@ -1,22 +1,18 @@
 // The hold that a data-path call has on its module.
-//
-// The routines here and those that a data-path handler calls directly are NTAPI although they never
-// leave the driver: a native NTAPI function that calls one of the other convention has to save ten
-// vector registers first, which costs more than the rest of a pass-through.
 #pragma once
 
 #include "module/filter_module.h"
 
 // Takes a reference and returns NDIS_STATUS_SUCCESS, or NDIS_STATUS_INVALID_PARAMETER when `module`
 // is NULL, or NDIS_STATUS_CLOSING when it is not in ModuleList; the pointer is not followed before
-// it was found there. With `heldClosing` given, a module that is being detached is referenced too:
-// the status stays NDIS_STATUS_CLOSING and *heldClosing becomes true, else false.
-// IRQL <= DISPATCH_LEVEL, ModuleListLock not held.
-NDIS_STATUS NTAPI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing = nullptr);
+// it was found there. A module that is being detached is referenced too: the status stays
+// NDIS_STATUS_CLOSING then and *heldClosing becomes true, else false. IRQL <= DISPATCH_LEVEL,
+// ModuleListLock not held.
+NDIS_STATUS FASTABI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing);
 
 // Drops a reference; the module may be gone when it returns. A NULL module is ignored.
 // IRQL <= DISPATCH_LEVEL, ModuleListLock not held.
-VOID NTAPI DereferenceFilterModule(FILTER_MODULE* module);
+void FASTABI DereferenceFilterModule(FILTER_MODULE* module);
 
 // References a module for a scope, if it can.
 class ModuleReference {
@@ -34,9 +30,9 @@ class ModuleReference {
 
     // The module is attached: the call does its work.
     bool Live() const { return live_; }
-    // The module is being detached: the call may only give lists back.
+    // The module is being detached: the call may only complete or return its NBLs.
     bool Closing() const { return closing_; }
-    // One of the two. Otherwise the module is gone, and with it the handle to reach NDIS with.
+    // One of the two. Otherwise the module is gone, and its handle with it.
     bool Held() const { return live_ || closing_; }
 
   private:

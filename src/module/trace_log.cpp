@@ -24,7 +24,7 @@ void FreeTraceLog(FILTER_MODULE* module) {
     }
 }
 
-VOID NTAPI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, BOOLEAN atDispatch) {
+void FASTABI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, BOOLEAN atDispatch) {
     if (label == nullptr || module->TraceBuffer == nullptr) {
         return;
     }

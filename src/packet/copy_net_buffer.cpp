@@ -35,10 +35,10 @@ ULONG CopyFromChain(PUCHAR destination, PMDL mdl, ULONG skip, ULONG length) {
 }
 
 // The way of every frame that does not lie in one mapped piece.
-__attribute__((noinline)) ULONG NTAPI CopyPieces(const NET_BUFFER* buffer, NIRP* nirp) {
-    ULONG length = buffer->DataLength;
+__attribute__((noinline)) ULONG FASTABI CopyPieces(const NET_BUFFER* netBuffer, NIRP* nirp) {
+    ULONG length = netBuffer->DataLength;
     ULONG copied =
-        CopyFromChain(nirp->Buffer, buffer->CurrentMdl, buffer->CurrentMdlOffset, length);
+        CopyFromChain(nirp->Buffer, netBuffer->CurrentMdl, netBuffer->CurrentMdlOffset, length);
     RtlZeroMemory(nirp->Buffer + copied, length - copied);
     return copied;
 }
@@ -50,9 +50,9 @@ void CopyVector(PUCHAR destination, const UCHAR* source) {
     __builtin_memcpy(destination, source, VECTOR_SIZE);
 }
 
-__attribute__((noinline)) VOID NTAPI CopyLong(PUCHAR destination,
-                                              const UCHAR* source,
-                                              ULONG length) {
+__attribute__((noinline)) void FASTABI CopyLong(PUCHAR destination,
+                                                const UCHAR* source,
+                                                ULONG length) {
     memcpy(destination, source, length);
 }
 
@@ -70,25 +70,25 @@ void CopyBytes(PUCHAR destination, const UCHAR* source, ULONG length) {
 }
 
 // The whole frame, when it lies in one piece that has a system address; else NULL.
-const UCHAR* FindInOnePiece(const NET_BUFFER* buffer) {
-    const MDL* mdl = buffer->CurrentMdl;
+const UCHAR* FindInOnePiece(const NET_BUFFER* netBuffer) {
+    const MDL* mdl = netBuffer->CurrentMdl;
     if (mdl == nullptr || (mdl->MdlFlags & MDL_HAS_SYSTEM_ADDRESS) == 0) {
         return nullptr;
     }
-    ULONGLONG end = static_cast<ULONGLONG>(buffer->CurrentMdlOffset) + buffer->DataLength;
+    ULONGLONG end = static_cast<ULONGLONG>(netBuffer->CurrentMdlOffset) + netBuffer->DataLength;
     return end > mdl->ByteCount
                ? nullptr
-               : static_cast<const UCHAR*>(mdl->MappedSystemVa) + buffer->CurrentMdlOffset;
+               : static_cast<const UCHAR*>(mdl->MappedSystemVa) + netBuffer->CurrentMdlOffset;
 }
 
 }  // namespace
 
-ULONG NTAPI CopyNetBufferToNirp(const NET_BUFFER* buffer, NIRP* nirp) {
-    ULONG length = buffer->DataLength;
+ULONG FASTABI CopyNetBufferToNirp(const NET_BUFFER* netBuffer, NIRP* nirp) {
+    ULONG length = netBuffer->DataLength;
     nirp->DataLength = length;
-    const UCHAR* source = FindInOnePiece(buffer);
+    const UCHAR* source = FindInOnePiece(netBuffer);
     if (source == nullptr) {
-        return CopyPieces(buffer, nirp);
+        return CopyPieces(netBuffer, nirp);
     }
     CopyBytes(nirp->Buffer, source, length);
     return length;

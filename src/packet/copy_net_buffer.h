@@ -1,11 +1,10 @@
-// Copying the bytes of a frame out of its buffers.
+// Copying the bytes of a frame out of its MDL chain.
 #pragma once
 
 #include "packet/nirp.h"
 
-// Copies the frame of `buffer` into the record, whose buffer holds at least that much, and makes
-// its length the record's DataLength. Returns the bytes copied: fewer when the chain of descriptors
-// ends early or one of them cannot be mapped. The rest of DataLength is then zero, so that nobody
-// is shown the bytes of an earlier frame. The caller has the record and the buffer alone.
-// IRQL <= DISPATCH_LEVEL.
-ULONG NTAPI CopyNetBufferToNirp(const NET_BUFFER* buffer, NIRP* nirp);
+// Copies the NET_BUFFER's frame into the NIRP, whose buffer holds at least that much, and makes its
+// length the NIRP's DataLength. Returns the bytes copied: fewer when the MDL chain ends early or an
+// MDL cannot be mapped. The rest of DataLength is then zero, so that nobody is shown the bytes of
+// an earlier frame. The caller has the NIRP and the NET_BUFFER to itself. IRQL <= DISPATCH_LEVEL.
+ULONG FASTABI CopyNetBufferToNirp(const NET_BUFFER* netBuffer, NIRP* nirp);

@@ -5,7 +5,7 @@
 #include "packet/net_buffer_chain.h"
 #include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
-#include "packet/own_list.h"
+#include "packet/own_nbl.h"
 #include "packet/pending.h"
 #include "platform/atomics.h"
 
@@ -13,8 +13,7 @@ namespace {
 
 constexpr ULONG ETHERNET_ADDRESS_SIZE = 6;
 
-// On the way up only what is for this machine alone, or for all of them, is shown. The 6 bytes of
-// an address, as a number.
+// The 6 bytes of an Ethernet address, as a number.
 ULONGLONG EthernetAddress(const UCHAR* bytes) {
     ULONG low = 0;
     USHORT high = 0;
@@ -25,6 +24,7 @@ ULONGLONG EthernetAddress(const UCHAR* bytes) {
 
 constexpr ULONGLONG BROADCAST_ADDRESS = 0xFFFF'FFFF'FFFF;
 
+// Of received frames only those that are for this adapter, or for all, are offered.
 bool IsAddressedToAdapter(const FILTER_MODULE* module, const NIRP* nirp, ULONG copied) {
     if (copied < ETHERNET_ADDRESS_SIZE) {
         return false;  // no destination address to go by
@@ -33,24 +33,24 @@ bool IsAddressedToAdapter(const FILTER_MODULE* module, const NIRP* nirp, ULONG c
     return destination == BROADCAST_ADDRESS || destination == EthernetAddress(module->MacAddress);
 }
 
-NIRP* NTAPI TakeRecord(INTERCEPTION* interception, ULONG size) {
+NIRP* FASTABI TakeNirpOfSize(INTERCEPTION* interception, ULONG size) {
     NIRP* spare = interception->Spare;
     if (spare != nullptr && IsNirpForSize(interception->Module, spare, size)) {
         interception->Spare = nullptr;
         return spare;
     }
-    // It may be the last one: in the pool it can be given another buffer, or be a hook's copy.
+    // It may be the last NIRP: in the pool it can be given another buffer, or become a clone.
     EndInterception(interception);
     return GetNirp(interception->Module, size, interception->AtDispatch);
 }
 
-// The copy of the buffer that the hooks are to see, or NULL when they are not to see it.
-NIRP* NTAPI CopyForHooks(INTERCEPTION* interception, const NET_BUFFER* buffer) {
-    NIRP* nirp = TakeRecord(interception, buffer->DataLength);
+// The copy that the hooks are to be shown, or NULL when they are not to be shown the NET_BUFFER.
+NIRP* FASTABI CopyForHooks(INTERCEPTION* interception, const NET_BUFFER* netBuffer) {
+    NIRP* nirp = TakeNirpOfSize(interception, netBuffer->DataLength);
     if (nirp == nullptr) {
         return nullptr;
     }
-    ULONG copied = CopyNetBufferToNirp(buffer, nirp);
+    ULONG copied = CopyNetBufferToNirp(netBuffer, nirp);
     bool shown = copied != 0 && (interception->Direction == NIRP_DIRECTION_SEND ||
                                  IsAddressedToAdapter(interception->Module, nirp, copied));
     if (!shown) {
@@ -64,9 +64,9 @@ ULONG OfferedState(const INTERCEPTION* interception) {
     return interception->Direction == NIRP_DIRECTION_SEND ? NIRP_STATE_SEND : NIRP_STATE_RECEIVE;
 }
 
-// A hook that remembers the NIRP from an earlier frame may be reading these fields without a claim:
-// they are exchanged whole.
-void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer) {
+// A late mark or completion, of an earlier frame, may read Direction and CompletionRoutine at this
+// moment: both are written atomically.
+void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER netBuffer) {
     NDIS_HANDLE source = interception->Context->NetBufferList->SourceHandle;
     if (interception->Direction == NIRP_DIRECTION_SEND) {
         nirp->Protocol = interception->Protocol;
@@ -76,14 +76,14 @@ void DescribeOffer(const INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buf
         nirp->ReceiveSourceHandle = source;
         WriteRelease<NIRP_COMPLETION_ROUTINE>(&nirp->CompletionRoutine, NSVFReceivePendingComplete);
     }
-    nirp->NetBuffer = buffer;
+    nirp->NetBuffer = netBuffer;
     nirp->Context = interception->Context;
     WriteRelease(&nirp->Direction, interception->Direction);
     OfferNirp(nirp, OfferedState(interception));
 }
 
-// True when the NET_BUFFER may stay in its NBL. One that a hook took over, whether its request is
-// finished by now or not, may not, whatever the verdict: the frame must not go both ways.
+// True when the NET_BUFFER may stay in its NBL. One that a hook has marked may not, whatever the
+// verdict and even if its request is finished by now: its clone goes instead.
 bool OfferToHooks(INTERCEPTION* interception, NIRP* nirp) {
     LONG verdict = CallHookHandlers(interception->Module, nirp, interception->Direction);
     if (verdict != HOOK_VERDICT_PASS) {
@@ -96,8 +96,11 @@ bool OfferToHooks(INTERCEPTION* interception, NIRP* nirp) {
     return result != PASS_MARKED;
 }
 
-void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_BUFFER successor) {
-    if (interception->TailCursor == buffer) {
+void Withhold(INTERCEPTION* interception,
+              NIRP* nirp,
+              PNET_BUFFER netBuffer,
+              PNET_BUFFER successor) {
+    if (interception->TailCursor == netBuffer) {
         interception->Context->NetBufferList->FirstNetBuffer = nullptr;
         interception->TailCursor = successor;
         nirp->PrevNetBuffer = nullptr;
@@ -108,9 +111,33 @@ void Withhold(INTERCEPTION* interception, NIRP* nirp, PNET_BUFFER buffer, PNET_B
     AppendContextNirp(interception->Context, nirp, interception->AtDispatch);
 }
 
-// True when the list belongs to someone else and goes on to them.
-bool SettleList(FILTER_MODULE* module, PNET_BUFFER_LIST list, ULONG direction, BOOLEAN atDispatch) {
-    NBL_CONTEXT* context = FindNblContext(module, list);
+void OfferNetBuffers(INTERCEPTION* interception) {
+    NBL_CONTEXT* context = interception->Context;
+    PNET_BUFFER_LIST nbl = context->NetBufferList;
+    interception->TailCursor = nbl->FirstNetBuffer;
+
+    PNET_BUFFER successor = nullptr;
+    for (PNET_BUFFER netBuffer = nbl->FirstNetBuffer; netBuffer != nullptr; netBuffer = successor) {
+        successor = netBuffer->Next;
+        netBuffer->Next = nullptr;
+        NIRP* nirp = CopyForHooks(interception, netBuffer);
+        if (nirp == nullptr) {
+            context->Type = NBL_TYPE_UNINSPECTED;
+            AppendNetBuffer(nbl, &interception->TailCursor, netBuffer);
+            continue;
+        }
+        DescribeOffer(interception, nirp, netBuffer);
+        if (OfferToHooks(interception, nirp)) {
+            AppendNetBuffer(nbl, &interception->TailCursor, netBuffer);
+        } else {
+            Withhold(interception, nirp, netBuffer, successor);
+        }
+    }
+}
+
+// True when the NBL is not the driver's own: it goes on to its owner.
+bool SettleNbl(FILTER_MODULE* module, PNET_BUFFER_LIST nbl, ULONG direction, BOOLEAN atDispatch) {
+    NBL_CONTEXT* context = FindNblContext(module, nbl);
     if (context == nullptr) {
         return true;
     }
@@ -118,47 +145,37 @@ bool SettleList(FILTER_MODULE* module, PNET_BUFFER_LIST list, ULONG direction, B
     ULONG type = context->Type;
     if (type == NBL_TYPE_UNINSPECTED || type == (sent ? NBL_TYPE_SEND : NBL_TYPE_RECEIVE)) {
         RestoreNetBuffers(module, context, atDispatch);
-        FreeNblContext(context, list);
+        FreeNblContext(context, nbl);
         return true;
     }
     bool own = sent ? type == NBL_TYPE_INJECTED || type == NBL_TYPE_SEND_CLONE
                     : type == NBL_TYPE_RECEIVE_CLONE;
     if (own) {
-        FreeOwnList(module, context, atDispatch);
+        FreeOwnNbl(module, context, atDispatch);
     }
     return !own;
 }
 
 }  // namespace
 
-VOID NTAPI OfferNetBuffers(INTERCEPTION* interception,
-                           NBL_CONTEXT* context,
-                           PROTOCOL_ENTRY* protocol) {
-    PNET_BUFFER_LIST list = context->NetBufferList;
+bool FASTABI InterceptNbl(INTERCEPTION* interception,
+                          PNET_BUFFER_LIST nbl,
+                          PROTOCOL_ENTRY* protocol) {
+    NBL_CONTEXT* context = AllocateNblContext(interception->Module, nbl);
+    if (context == nullptr) {
+        return false;
+    }
+    context->Type =
+        interception->Direction == NIRP_DIRECTION_SEND ? NBL_TYPE_SEND : NBL_TYPE_RECEIVE;
+    context->NetBufferList = nbl;
+    context->PortNumber = interception->PortNumber;
     interception->Context = context;
     interception->Protocol = protocol;
-    interception->TailCursor = list->FirstNetBuffer;
-
-    PNET_BUFFER successor = nullptr;
-    for (PNET_BUFFER buffer = list->FirstNetBuffer; buffer != nullptr; buffer = successor) {
-        successor = buffer->Next;
-        buffer->Next = nullptr;
-        NIRP* nirp = CopyForHooks(interception, buffer);
-        if (nirp == nullptr) {
-            context->Type = NBL_TYPE_UNINSPECTED;
-            AppendNetBuffer(list, &interception->TailCursor, buffer);
-            continue;
-        }
-        DescribeOffer(interception, nirp, buffer);
-        if (OfferToHooks(interception, nirp)) {
-            AppendNetBuffer(list, &interception->TailCursor, buffer);
-        } else {
-            Withhold(interception, nirp, buffer, successor);
-        }
-    }
+    OfferNetBuffers(interception);
+    return true;
 }
 
-VOID NTAPI EndInterception(INTERCEPTION* interception) {
+void FASTABI EndInterception(INTERCEPTION* interception) {
     NIRP* spare = interception->Spare;
     if (spare != nullptr) {
         interception->Spare = nullptr;
@@ -166,20 +183,20 @@ VOID NTAPI EndInterception(INTERCEPTION* interception) {
     }
 }
 
-PNET_BUFFER_LIST NTAPI SettleLists(FILTER_MODULE* module,
-                                   PNET_BUFFER_LIST lists,
-                                   ULONG direction,
-                                   BOOLEAN atDispatch) {
+PNET_BUFFER_LIST FASTABI SettleNbls(FILTER_MODULE* module,
+                                    PNET_BUFFER_LIST nbls,
+                                    ULONG direction,
+                                    BOOLEAN atDispatch) {
     PNET_BUFFER_LIST head = nullptr;
     PNET_BUFFER_LIST previous = nullptr;
     PNET_BUFFER_LIST successor = nullptr;
-    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = successor) {
-        successor = list->Next;
-        if (SettleList(module, list, direction, atDispatch)) {
+    for (PNET_BUFFER_LIST nbl = nbls; nbl != nullptr; nbl = successor) {
+        successor = nbl->Next;
+        if (SettleNbl(module, nbl, direction, atDispatch)) {
             if (head == nullptr) {
-                head = list;
+                head = nbl;
             }
-            previous = list;
+            previous = nbl;
         } else if (previous != nullptr) {
             previous->Next = successor;
         }

@@ -1,47 +1,49 @@
-// What the way down and the way up have in common: showing the buffers of a list to the hooks,
-// taking the withheld ones out, and settling the lists that come back.
+// What the send and the receive path have in common: showing the NET_BUFFERs of an NBL to the
+// hooks, taking the withheld ones out, and settling the NBLs that come back.
 //
-// While a list's buffers are walked, the tail cursor is the buffer that was put back last. Before
-// any was put back, it is the buffer that is to become the list's head. So a buffer that meets
-// itself in the cursor has no predecessor, and a passed one needs no link.
+// While an NBL's NET_BUFFERs are walked, the tail cursor is the one that was put back last. Before
+// any was put back, it is the one that is to become the NBL's first. So a NET_BUFFER that equals
+// the cursor has no predecessor, and one that passed needs no link.
 #pragma once
 
 #include "packet/nbl_context.h"
 #include "packet/nirp.h"
 
-// One call's lists on their way past the hooks.
+// The NBLs of one call, on their way past the hooks.
 struct INTERCEPTION {
     FILTER_MODULE* Module;
     ULONG Direction;  // NIRP_DIRECTION_SEND or NIRP_DIRECTION_RECEIVE
+    NDIS_PORT_NUMBER PortNumber;
     BOOLEAN AtDispatch;
 
-    // The record of the latest frame that passed. Most frames pass, and most calls bring many: the
-    // next frame can have it without another turn through the pool.
+    // The NIRP of the latest frame that passed. Most frames pass and most calls bring many: the
+    // next frame takes it without the locks of the pool.
     NIRP* Spare = nullptr;
 
-    // The list whose turn it is.
+    // The NBL at hand.
     NBL_CONTEXT* Context = nullptr;
-    PROTOCOL_ENTRY* Protocol = nullptr;  // who sent it; NULL when not known, and on the way up
+    PROTOCOL_ENTRY* Protocol = nullptr;  // of a sent NBL; NULL when it is not known
     PNET_BUFFER TailCursor = nullptr;
 };
 
-// Copies each buffer of a list and offers the copy to the module's hooks. Buffers that pass, or
-// that cannot be shown, stay in the list in their order. The withheld ones leave it, and their
-// records wait in its context for RestoreNetBuffers. The caller has the list; none of the driver's
-// locks may be held. IRQL <= DISPATCH_LEVEL.
-VOID NTAPI OfferNetBuffers(INTERCEPTION* interception,
-                           NBL_CONTEXT* context,
-                           PROTOCOL_ENTRY* protocol);
+// Puts a context on the NBL and offers a copy of each NET_BUFFER to the module's hooks. NET_BUFFERs
+// that pass, or that cannot be shown, stay in the NBL in their order. The withheld ones leave it,
+// and their NIRPs wait in the context for RestoreNetBuffers. False when there is no context to be
+// had; the NBL is untouched then. The caller has the NBL; none of the driver's locks may be held.
+// IRQL <= DISPATCH_LEVEL.
+bool FASTABI InterceptNbl(INTERCEPTION* interception,
+                          PNET_BUFFER_LIST nbl,
+                          PROTOCOL_ENTRY* protocol);
 
-// Gives back what the interception kept for its next list. Before any list leaves the driver: the
-// call that it leaves by may bring more frames, which need the record. Same terms.
-VOID NTAPI EndInterception(INTERCEPTION* interception);
+// Returns the spare NIRP to the pool. To be called before any NBL leaves the driver: the call that
+// it leaves by may bring more frames, and they may need it. Same terms.
+void FASTABI EndInterception(INTERCEPTION* interception);
 
-// Settles a chain that NDIS gave back on its way in `direction`: restores the lists that were
-// intercepted there and frees the driver's own. Returns the chain of the lists that belong to
-// others, in their order, or NULL. The caller has the chain and a reference on the module; none of
-// the driver's locks may be held. IRQL <= DISPATCH_LEVEL.
-PNET_BUFFER_LIST NTAPI SettleLists(FILTER_MODULE* module,
-                                   PNET_BUFFER_LIST lists,
-                                   ULONG direction,
-                                   BOOLEAN atDispatch);
+// Settles a chain that NDIS gave back on its way in `direction`: restores the NBLs that were
+// intercepted and frees the driver's own. Returns the chain of the NBLs that belong to others, in
+// their order, or NULL. The caller has the chain and a reference on the module; none of the
+// driver's locks may be held. IRQL <= DISPATCH_LEVEL.
+PNET_BUFFER_LIST FASTABI SettleNbls(FILTER_MODULE* module,
+                                    PNET_BUFFER_LIST nbls,
+                                    ULONG direction,
+                                    BOOLEAN atDispatch);

@@ -11,12 +11,12 @@ NBL_CONTEXT* CurrentArea(NET_BUFFER_LIST_CONTEXT* block) {
 
 }  // namespace
 
-NBL_CONTEXT* NTAPI AllocateNblContext(FILTER_MODULE* module, PNET_BUFFER_LIST list) {
-    if (NdisAllocateNetBufferListContext(list, NBL_CONTEXT_SIZE, 0, NBL_CONTEXT_TAG) !=
+NBL_CONTEXT* FASTABI AllocateNblContext(FILTER_MODULE* module, PNET_BUFFER_LIST nbl) {
+    if (NdisAllocateNetBufferListContext(nbl, NBL_CONTEXT_SIZE, 0, NBL_CONTEXT_TAG) !=
         NDIS_STATUS_SUCCESS) {
         return nullptr;
     }
-    NBL_CONTEXT* context = CurrentArea(list->Context);
+    NBL_CONTEXT* context = CurrentArea(nbl->Context);
     *context = {};
     context->Magic = NBL_CONTEXT_TAG;
     context->Size = NBL_CONTEXT_SIZE;
@@ -26,8 +26,8 @@ NBL_CONTEXT* NTAPI AllocateNblContext(FILTER_MODULE* module, PNET_BUFFER_LIST li
     return context;
 }
 
-NBL_CONTEXT* NTAPI FindNblContext(const FILTER_MODULE* module, PNET_BUFFER_LIST list) {
-    NET_BUFFER_LIST_CONTEXT* block = list->Context;
+NBL_CONTEXT* FASTABI FindNblContext(const FILTER_MODULE* module, PNET_BUFFER_LIST nbl) {
+    NET_BUFFER_LIST_CONTEXT* block = nbl->Context;
     if (block == nullptr || block->Offset + NBL_CONTEXT_SIZE > block->Size) {
         return nullptr;
     }
@@ -37,30 +37,30 @@ NBL_CONTEXT* NTAPI FindNblContext(const FILTER_MODULE* module, PNET_BUFFER_LIST 
     return ours ? context : nullptr;
 }
 
-VOID NTAPI FreeNblContext(NBL_CONTEXT* context, PNET_BUFFER_LIST list) {
+void FASTABI FreeNblContext(NBL_CONTEXT* context, PNET_BUFFER_LIST nbl) {
     // NDIS keeps the bytes; another filter's area over them must not be taken for ours.
     context->Magic = 0;
-    NdisFreeNetBufferListContext(list, NBL_CONTEXT_SIZE);
+    NdisFreeNetBufferListContext(nbl, NBL_CONTEXT_SIZE);
 }
 
-VOID NTAPI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST list) {
-    FreeNblContext(context, list);
-    NdisFreeNetBufferList(list);
+void FASTABI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST nbl) {
+    FreeNblContext(context, nbl);
+    NdisFreeNetBufferList(nbl);
 }
 
-VOID NTAPI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch) {
     SpinLockGuard guard(&context->Lock, atDispatch);
     InsertTailList(&context->Nirps, &nirp->ContextLink);
 }
 
-NIRP* NTAPI RemoveFirstContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
+NIRP* FASTABI RemoveFirstContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
     SpinLockGuard guard(&context->Lock, atDispatch);
     return IsListEmpty(&context->Nirps)
                ? nullptr
                : CONTAINING_RECORD(RemoveHeadList(&context->Nirps), NIRP, ContextLink);
 }
 
-NIRP* NTAPI RemoveLastContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
+NIRP* FASTABI RemoveLastContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
     SpinLockGuard guard(&context->Lock, atDispatch);
     return IsListEmpty(&context->Nirps)
                ? nullptr

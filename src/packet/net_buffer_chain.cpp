@@ -6,14 +6,14 @@
 
 namespace {
 
-// Links the record's buffer in behind its predecessor. False when that is no longer in the list.
-bool InsertBehindPredecessor(PNET_BUFFER_LIST list, const NIRP* nirp) {
+// False when the NET_BUFFER's predecessor is no longer in the NBL.
+bool InsertBehindPredecessor(PNET_BUFFER_LIST nbl, const NIRP* nirp) {
     if (nirp->PrevNetBuffer == nullptr) {
-        nirp->NetBuffer->Next = list->FirstNetBuffer;
-        list->FirstNetBuffer = nirp->NetBuffer;
+        nirp->NetBuffer->Next = nbl->FirstNetBuffer;
+        nbl->FirstNetBuffer = nirp->NetBuffer;
         return true;
     }
-    PNET_BUFFER at = list->FirstNetBuffer;
+    PNET_BUFFER at = nbl->FirstNetBuffer;
     while (at != nullptr && at != nirp->PrevNetBuffer) {
         at = at->Next;
     }
@@ -25,8 +25,8 @@ bool InsertBehindPredecessor(PNET_BUFFER_LIST list, const NIRP* nirp) {
     return true;
 }
 
-void AppendNetBuffers(PNET_BUFFER_LIST list, PNET_BUFFER chain) {
-    PNET_BUFFER* link = &list->FirstNetBuffer;
+void AppendNetBuffers(PNET_BUFFER_LIST nbl, PNET_BUFFER chain) {
+    PNET_BUFFER* link = &nbl->FirstNetBuffer;
     while (*link != nullptr) {
         link = &(*link)->Next;
     }
@@ -35,9 +35,9 @@ void AppendNetBuffers(PNET_BUFFER_LIST list, PNET_BUFFER chain) {
 
 }  // namespace
 
-VOID NTAPI JoinNetBufferListChains(PNET_BUFFER_LIST first,
-                                   PNET_BUFFER_LIST retained,
-                                   PNET_BUFFER_LIST completed) {
+void FASTABI JoinNetBufferListChains(PNET_BUFFER_LIST first,
+                                     PNET_BUFFER_LIST retained,
+                                     PNET_BUFFER_LIST completed) {
     PNET_BUFFER_LIST last = first;
     while (last->Next != nullptr) {
         last = last->Next;
@@ -45,15 +45,15 @@ VOID NTAPI JoinNetBufferListChains(PNET_BUFFER_LIST first,
     last->Next = first == retained ? completed : retained;
 }
 
-// From the last record to the first: buffers that were withheld in a row have one predecessor, and
-// each goes directly behind it, in front of those that are back already.
-VOID NTAPI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch) {
-    // Nobody but the list's holder, and that is the caller, adds a record, so an empty list stays
-    // empty: most lists need no lock here.
+// From the last NIRP to the first: NET_BUFFERs that were withheld in a row have one predecessor,
+// and each goes directly behind it, in front of those that are back already.
+void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch) {
+    // Only who has the NBL adds a NIRP, and that is the caller: no lock is needed to see that there
+    // is none, as in most NBLs.
     if (ReadAcquire(&context->Nirps.Flink) == &context->Nirps) {
         return;
     }
-    // Buffers without their predecessor are collected from the last to the first too.
+    // Those without their predecessor, collected from the last to the first too.
     PNET_BUFFER strays = nullptr;
     while (NIRP* nirp = RemoveLastContextNirp(context, atDispatch)) {
         if (!InsertBehindPredecessor(context->NetBufferList, nirp)) {

@@ -1,5 +1,5 @@
-// The packet record: the copy of one frame that hooks are shown, and what the driver has to know
-// about the frame until it is settled.
+// The NIRP, the packet record: the copy of one frame that hooks are shown, and what the driver has
+// to know about the frame until it is settled.
 #pragma once
 
 #include "hook/hook_dispatch.h"
@@ -7,8 +7,8 @@
 
 struct NBL_CONTEXT;
 
-// Ends a request that was made pending on the record. IRQL <= DISPATCH_LEVEL.
-using NIRP_COMPLETION_ROUTINE = VOID(NTAPI*)(NIRP* nirp, ULONG status);
+// Ends a request that was made pending on the NIRP. IRQL <= DISPATCH_LEVEL.
+using NIRP_COMPLETION_ROUTINE = void(FASTABI*)(NIRP* nirp, ULONG status);
 
 // What becomes of a NIRP is decided in packet/nirp_life.h; the diagram of these states is there.
 constexpr ULONG NIRP_STATE_IDLE = 0;       // carries no frame that a hook may mark
@@ -50,9 +50,8 @@ struct NIRP {
     NBL_CONTEXT* Context;           // of the NBL that NetBuffer is of; valid under NIRP_HOLD_NBL
     NIRP_COMPLETION_ROUTINE CompletionRoutine;
     ULONG CompletionStatus;  // under the lock of the pending list
-    // Held while a mark reads what the offer keeps in hand, the NBL; who ends an offer that marks
-    // have claims on passes through it, so that the NBL does not leave under a reader. No other
-    // lock is taken inside it.
+    // Held while a mark reads the NBL of the offer. Whoever ends an offer that marks have claims on
+    // takes and releases it, so that the NBL does not leave while a mark reads it. A leaf.
     DRIVER_SPIN_LOCK Lock;
     ULONG State;       // written and read as one with Holds: see nirp_life.h
     ULONG Holds;       // NIRP_HOLD_ values

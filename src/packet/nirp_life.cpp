@@ -82,7 +82,7 @@ void OfferNirp(NIRP* nirp, ULONG offered) {
     WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER}));
 }
 
-PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
+PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
     LIFE seen = {offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER};
     if (Exchange(nirp, &seen, {NIRP_STATE_IDLE, 0})) {
         return PASS_OWNED;
@@ -100,7 +100,7 @@ PASS_RESULT NTAPI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
     return PASS_MARKED;
 }
 
-VOID NTAPI WithholdNirp(NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI WithholdNirp(NIRP* nirp, BOOLEAN atDispatch) {
     LIFE seen = ReadLife(nirp);
     while ((seen.Holds & NIRP_HOLD_OFFER) != 0 &&
            !Exchange(nirp, &seen, {seen.State, seen.Holds - NIRP_HOLD_OFFER})) {
@@ -142,7 +142,7 @@ void EndClaim(NIRP* nirp) {
     }
 }
 
-VOID NTAPI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
     if (EndHolds(nirp, NIRP_HOLD_NBL).Holds == 0) {
         ReturnNirp(nirp->Module, nirp, atDispatch);
     }

@@ -53,7 +53,7 @@ void FillFreeList(FILTER_MODULE* module, ULONG count, ULONG capacity) {
     }
 }
 
-NIRP* NTAPI TakeNirp(FILTER_MODULE* module, bool small, BOOLEAN atDispatch) {
+NIRP* FASTABI TakeNirp(FILTER_MODULE* module, bool small, BOOLEAN atDispatch) {
     FREE_LIST list = FreeListOf(module, small);
     NIRP* nirp = nullptr;
     {
@@ -191,14 +191,14 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG size) {
+NTSTATUS FASTABI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG size) {
     FreeNirpBuffer(nirp);
     ULONG capacity =
         size > module->SmallNirpCapacity ? LARGE_NIRP_CAPACITY : module->SmallNirpCapacity;
     return AllocateNirpBuffer(nirp, capacity, NIRP_REALLOCATED_BUFFER_TAG, NEXT_BUFFER_SITES);
 }
 
-NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
+NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
     if (size > LARGE_NIRP_CAPACITY) {
         return nullptr;
     }
@@ -211,7 +211,7 @@ NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
             return nullptr;
         }
     }
-    // A record on the right list may still lack its buffer: an earlier re-allocation failed.
+    // A NIRP of the right free list may still lack its buffer: an earlier re-allocation failed.
     if (borrowed || nirp->BufferCapacity < size) {
         if (ReAllocateNirpBuffer(module, nirp, size) != STATUS_SUCCESS) {
             ReturnNirp(module, nirp, atDispatch);
@@ -221,7 +221,7 @@ NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
     return nirp;
 }
 
-VOID NTAPI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
     FREE_LIST list = FreeListOf(module, nirp->BufferCapacity <= module->SmallNirpCapacity);
     {
         SpinLockGuard guard(list.Lock, atDispatch);

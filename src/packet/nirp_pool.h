@@ -40,17 +40,17 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp);
 // Gives a NIRP that the caller has to itself another buffer: of the small capacity when `size` fits
 // it, else of the large one. On failure the NIRP has none, its capacity is 0, and a trace line
 // says why. IRQL <= DISPATCH_LEVEL.
-NTSTATUS NTAPI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG size);
+NTSTATUS FASTABI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG size);
 
 // Hands out a NIRP whose buffer holds at least `size` bytes, or NULL: the pool is empty, no
 // NIRP is that large, or another buffer was needed and could not be had. The fields of the last
 // use are still in it, and the NIRP that was returned first is handed out first. `atDispatch` says
 // that the caller runs at DISPATCH_LEVEL. Of the driver's locks only ModuleListLock may be held.
 // IRQL <= DISPATCH_LEVEL.
-NIRP* NTAPI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch);
+NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch);
 
 // Takes back a NIRP without holds. Same terms as GetNirp.
-VOID NTAPI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch);
+void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch);
 
 // Whether GetNirp would look for `size` bytes among the NIRPs of this one's capacity.
 inline bool IsNirpForSize(const FILTER_MODULE* module, const NIRP* nirp, ULONG size) {

@@ -3,14 +3,14 @@
 #include "module/trace_log.h"
 #include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
-#include "packet/own_list.h"
+#include "packet/own_nbl.h"
 #include "platform/atomics.h"
 #include "platform/list.h"
 #include "platform/runtime.h"
 
 namespace {
 
-constexpr OWN_LIST_SITES CLONE_SITES = {.Label = "CreateCloneNBL", .NoList = 582, .NoContext = 590};
+constexpr OWN_NBL_SITES CLONE_SITES = {.Label = "CreateCloneNBL", .NoNbl = 582, .NoContext = 590};
 
 // What differs between the requests of the two directions. A NIRP whose OnList is PendingValue is
 // linked into Pending, and one whose OnList is UnpaidValue into Unpaid; all of it under Lock.
@@ -85,7 +85,7 @@ NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
     }
     clone->DataLength = nirp->DataLength;
     memcpy(clone->Buffer, nirp->Buffer, nirp->DataLength);
-    if (MakeOwnList(module, clone, list.CloneType, &CLONE_SITES, FALSE) == nullptr) {
+    if (MakeOwnNbl(module, clone, list.CloneType, &CLONE_SITES, FALSE) == nullptr) {
         return nullptr;
     }
     CopyOutOfBandData(list, nirp, clone);
@@ -140,7 +140,7 @@ MARK_RESULT MarkClaimed(const PENDING_LIST& list, NIRP* nirp) {
     }
     EndClaim(nirp);
     if (clone != nullptr) {
-        FreeOwnList(clone->Module, clone->Context, FALSE);
+        FreeOwnNbl(clone->Module, clone->Context, FALSE);
     }
     return result;
 }
@@ -208,7 +208,7 @@ NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label
     NBL_CONTEXT* context = completion.Clone->Context;
     EndRequest(nirp, NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS);
     if (completion.Status != STATUS_SUCCESS) {
-        FreeOwnList(module, context, FALSE);
+        FreeOwnNbl(module, context, FALSE);
         return nullptr;
     }
     return context;
@@ -233,7 +233,7 @@ void FlushPending(FILTER_MODULE* module, ULONG direction) {
     NIRP* clone = nullptr;
     while (NIRP* nirp = TakeFirstForFlush(list, &clone)) {
         EndRequest(nirp, NIRP_HOLD_REQUEST);
-        FreeOwnList(module, clone->Context, FALSE);
+        FreeOwnNbl(module, clone->Context, FALSE);
     }
 }
 
@@ -264,7 +264,7 @@ NTSTATUS DecrementNirpPending(NIRP* nirp, ULONG status) {
     return --nirp->PendingCount == 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
-VOID NTAPI NSVFSendPendingComplete(NIRP* nirp, ULONG status) {
+void FASTABI NSVFSendPendingComplete(NIRP* nirp, ULONG status) {
     FILTER_MODULE* module = nirp->Module;
     NBL_CONTEXT* clone =
         CompleteMark(nirp, status, NIRP_DIRECTION_SEND, "NSVFSendPendingComplete", 2116);
@@ -273,7 +273,7 @@ VOID NTAPI NSVFSendPendingComplete(NIRP* nirp, ULONG status) {
     }
 }
 
-VOID NTAPI NSVFReceivePendingComplete(NIRP* nirp, ULONG status) {
+void FASTABI NSVFReceivePendingComplete(NIRP* nirp, ULONG status) {
     FILTER_MODULE* module = nirp->Module;
     NBL_CONTEXT* clone =
         CompleteMark(nirp, status, NIRP_DIRECTION_RECEIVE, "NSVFReceivePendingComplete", 2199);

@@ -22,8 +22,8 @@ NTSTATUS DecrementNirpPending(NIRP* nirp, ULONG status);
 // status 0 the clone goes on its way, unless the module is no longer running; else it is dropped. A
 // NIRP that no request is pending on, in this direction, writes a trace line. IRQL <=
 // DISPATCH_LEVEL, none of the driver's locks held.
-VOID NTAPI NSVFSendPendingComplete(NIRP* nirp, ULONG status);
-VOID NTAPI NSVFReceivePendingComplete(NIRP* nirp, ULONG status);
+void FASTABI NSVFSendPendingComplete(NIRP* nirp, ULONG status);
+void FASTABI NSVFReceivePendingComplete(NIRP* nirp, ULONG status);
 
 // Drops every request that is pending on the module. The module's state is FILTER_STATE_PAUSED
 // already, so no request can become pending any more. PASSIVE_LEVEL.

@@ -6,68 +6,53 @@
 
 namespace {
 
-// One call of the adapter, with its lists sorted into those that go up and those that do not.
+// One receive indication, its NBLs sorted into those that are indicated further and those that are
+// not.
 struct INDICATION {
     INTERCEPTION Interception;
-    NDIS_PORT_NUMBER PortNumber;
     ULONG ReturnFlags;         // of the returns that the call itself makes
-    bool Lent;                 // the adapter takes every list back as the call ends
+    bool Resources;            // the adapter has every NBL back when the call returns
     NBL_CHAIN Retained = {};   // to be indicated
-    NBL_CHAIN Completed = {};  // lent lists of which nothing is left to indicate
+    NBL_CHAIN Completed = {};  // all NET_BUFFERs withheld, and to stay with the caller
 };
 
-// Puts a context on the list and shows its buffers to the hooks. False when there is no context to
-// be had; the list is untouched then.
-bool InterceptReceivedList(INDICATION* indication, PNET_BUFFER_LIST list) {
-    NBL_CONTEXT* context = AllocateNblContext(indication->Interception.Module, list);
-    if (context == nullptr) {
-        return false;
-    }
-    context->Type = NBL_TYPE_RECEIVE;
-    context->NetBufferList = list;
-    context->PortNumber = indication->PortNumber;
-    OfferNetBuffers(&indication->Interception, context, nullptr);
-    return true;
-}
-
-// Decides where a received list goes. One that came without a buffer is no different from one that
-// lost them all.
-void SortReceivedList(INDICATION* indication, PNET_BUFFER_LIST list) {
+// An NBL that came without a NET_BUFFER is treated as one of which all were withheld.
+void SortReceivedNbl(INDICATION* indication, PNET_BUFFER_LIST nbl) {
     FILTER_MODULE* module = indication->Interception.Module;
-    if (!InterceptReceivedList(indication, list)) {
+    if (!InterceptNbl(&indication->Interception, nbl, nullptr)) {
         TraceLog(module, "NSVFReceiveNBLs", 1818, indication->Interception.AtDispatch);
-        AppendNetBufferList(&indication->Retained, list);
-    } else if (list->FirstNetBuffer != nullptr) {
-        AppendNetBufferList(&indication->Retained, list);
-    } else if (indication->Lent) {
+        AppendNetBufferList(&indication->Retained, nbl);
+    } else if (nbl->FirstNetBuffer != nullptr) {
+        AppendNetBufferList(&indication->Retained, nbl);
+    } else if (indication->Resources) {
         EndInterception(&indication->Interception);
-        NSVFReturnNBLs(module, list, indication->ReturnFlags, FALSE);
-        AppendNetBufferList(&indication->Completed, list);
+        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, FALSE);
+        AppendNetBufferList(&indication->Completed, nbl);
     } else {
         EndInterception(&indication->Interception);
-        NSVFReturnNBLs(module, list, indication->ReturnFlags, TRUE);
+        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, TRUE);
     }
 }
 
 }  // namespace
 
-VOID NTAPI NSVFReceiveNBLs(FILTER_MODULE* module,
-                           PNET_BUFFER_LIST lists,
-                           NDIS_PORT_NUMBER portNumber,
-                           ULONG,
-                           ULONG receiveFlags) {
+void FASTABI NSVFReceiveNBLs(FILTER_MODULE* module,
+                             PNET_BUFFER_LIST nbls,
+                             NDIS_PORT_NUMBER portNumber,
+                             ULONG,
+                             ULONG receiveFlags) {
     BOOLEAN atDispatch = (receiveFlags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) != 0;
     INDICATION indication = {.Interception = {.Module = module,
                                               .Direction = NIRP_DIRECTION_RECEIVE,
+                                              .PortNumber = portNumber,
                                               .AtDispatch = atDispatch},
-                             .PortNumber = portNumber,
                              .ReturnFlags = atDispatch ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0,
-                             .Lent = (receiveFlags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0};
+                             .Resources = (receiveFlags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0};
     PNET_BUFFER_LIST successor = nullptr;
-    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = successor) {
-        successor = list->Next;
-        list->Next = nullptr;
-        SortReceivedList(&indication, list);
+    for (PNET_BUFFER_LIST nbl = nbls; nbl != nullptr; nbl = successor) {
+        successor = nbl->Next;
+        nbl->Next = nullptr;
+        SortReceivedNbl(&indication, nbl);
     }
     EndInterception(&indication.Interception);
 
@@ -77,19 +62,19 @@ VOID NTAPI NSVFReceiveNBLs(FILTER_MODULE* module,
     }
     NdisFIndicateReceiveNetBufferLists(module->FilterHandle, retained.Head, portNumber,
                                        retained.Count, receiveFlags);
-    if (indication.Lent) {
-        // The lists are the driver's again, and the adapter takes them back as this call ends.
+    if (indication.Resources) {
+        // The NBLs are the driver's again until this call returns: restore them as they were.
         NSVFReturnNBLs(module, retained.Head, indication.ReturnFlags, FALSE);
-        JoinNetBufferListChains(lists, retained.Head, indication.Completed.Head);
+        JoinNetBufferListChains(nbls, retained.Head, indication.Completed.Head);
     }
 }
 
-VOID NTAPI NSVFReturnNBLs(FILTER_MODULE* module,
-                          PNET_BUFFER_LIST lists,
-                          ULONG returnFlags,
-                          BOOLEAN returnToMiniport) {
+void FASTABI NSVFReturnNBLs(FILTER_MODULE* module,
+                            PNET_BUFFER_LIST nbls,
+                            ULONG returnFlags,
+                            BOOLEAN returnToMiniport) {
     BOOLEAN atDispatch = (returnFlags & NDIS_RETURN_FLAGS_DISPATCH_LEVEL) != 0;
-    PNET_BUFFER_LIST others = SettleLists(module, lists, NIRP_DIRECTION_RECEIVE, atDispatch);
+    PNET_BUFFER_LIST others = SettleNbls(module, nbls, NIRP_DIRECTION_RECEIVE, atDispatch);
     if (returnToMiniport && others != nullptr) {
         NdisFReturnNetBufferLists(module->FilterHandle, others, returnFlags);
     }

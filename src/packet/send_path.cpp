@@ -12,29 +12,12 @@ PROTOCOL_ENTRY* SendingProtocol(FILTER_MODULE* module, NDIS_HANDLE sourceHandle)
     return IsOpenObject(sourceHandle) ? LookupProtocolEntry(module, sourceHandle) : nullptr;
 }
 
-// Puts a context on the list and shows its buffers to the hooks. False when there is no context to
-// be had; the list is untouched then.
-bool InterceptSentList(INTERCEPTION* interception,
-                       PNET_BUFFER_LIST list,
-                       NDIS_PORT_NUMBER portNumber) {
-    NBL_CONTEXT* context = AllocateNblContext(interception->Module, list);
-    if (context == nullptr) {
-        return false;
-    }
-    context->Type = NBL_TYPE_SEND;
-    context->NetBufferList = list;
-    context->PortNumber = portNumber;
-    OfferNetBuffers(interception, context,
-                    SendingProtocol(interception->Module, list->SourceHandle));
-    return true;
-}
-
-// To its sender an NBL whose NET_BUFFERs were all withheld looks sent. A request for large-send
-// offload is answered as the platform asks: of version 1 nothing was sent.
-void MarkSent(PNET_BUFFER_LIST list) {
-    list->Status = NDIS_STATUS_SUCCESS;
+// All NET_BUFFERs were withheld: complete with NDIS_STATUS_SUCCESS, and answer a request for
+// large-send offload as the platform asks, of version 1 with no payload sent.
+void MarkSent(PNET_BUFFER_LIST nbl) {
+    nbl->Status = NDIS_STATUS_SUCCESS;
     NDIS_TCP_LARGE_SEND_OFFLOAD_NET_BUFFER_LIST_INFO largeSend = {};
-    largeSend.Value = NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo);
+    largeSend.Value = NET_BUFFER_LIST_INFO(nbl, TcpLargeSendNetBufferListInfo);
     if (largeSend.Value == nullptr) {
         return;
     }
@@ -43,35 +26,36 @@ void MarkSent(PNET_BUFFER_LIST list) {
     } else {
         largeSend.LsoV2TransmitComplete.Reserved = 0;
     }
-    NET_BUFFER_LIST_INFO(list, TcpLargeSendNetBufferListInfo) = largeSend.Value;
+    NET_BUFFER_LIST_INFO(nbl, TcpLargeSendNetBufferListInfo) = largeSend.Value;
 }
 
 }  // namespace
 
-VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
-                        PNET_BUFFER_LIST lists,
-                        NDIS_PORT_NUMBER portNumber,
-                        ULONG sendFlags) {
+void FASTABI NSVFSendNBLs(FILTER_MODULE* module,
+                          PNET_BUFFER_LIST nbls,
+                          NDIS_PORT_NUMBER portNumber,
+                          ULONG sendFlags) {
     BOOLEAN atDispatch = (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0;
-    INTERCEPTION interception = {
-        .Module = module, .Direction = NIRP_DIRECTION_SEND, .AtDispatch = atDispatch};
+    INTERCEPTION interception = {.Module = module,
+                                 .Direction = NIRP_DIRECTION_SEND,
+                                 .PortNumber = portNumber,
+                                 .AtDispatch = atDispatch};
     NBL_CHAIN retained;
     PNET_BUFFER_LIST successor = nullptr;
-    for (PNET_BUFFER_LIST list = lists; list != nullptr; list = successor) {
-        successor = list->Next;
-        list->Next = nullptr;
-        if (!InterceptSentList(&interception, list, portNumber)) {
-            // Ahead of the lists that are kept for the one call below: the hooks do not see it, so
-            // nothing has to wait for it.
+    for (PNET_BUFFER_LIST nbl = nbls; nbl != nullptr; nbl = successor) {
+        successor = nbl->Next;
+        nbl->Next = nullptr;
+        if (!InterceptNbl(&interception, nbl, SendingProtocol(module, nbl->SourceHandle))) {
+            // Sent at once, ahead of those that are collected: no hook is shown it.
             EndInterception(&interception);
             TraceLog(module, "NSVFSendNBLs", 1517, atDispatch);
-            NdisFSendNetBufferLists(module->FilterHandle, list, portNumber, sendFlags);
-        } else if (list->FirstNetBuffer != nullptr) {
-            AppendNetBufferList(&retained, list);
+            NdisFSendNetBufferLists(module->FilterHandle, nbl, portNumber, sendFlags);
+        } else if (nbl->FirstNetBuffer != nullptr) {
+            AppendNetBufferList(&retained, nbl);
         } else {
-            MarkSent(list);
+            MarkSent(nbl);
             EndInterception(&interception);
-            NSVFSendNBLsComplete(module, list,
+            NSVFSendNBLsComplete(module, nbl,
                                  atDispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
         }
     }
@@ -81,11 +65,11 @@ VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
     }
 }
 
-VOID NTAPI NSVFSendNBLsComplete(FILTER_MODULE* module,
-                                PNET_BUFFER_LIST lists,
-                                ULONG sendCompleteFlags) {
+void FASTABI NSVFSendNBLsComplete(FILTER_MODULE* module,
+                                  PNET_BUFFER_LIST nbls,
+                                  ULONG sendCompleteFlags) {
     BOOLEAN atDispatch = (sendCompleteFlags & NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL) != 0;
-    PNET_BUFFER_LIST others = SettleLists(module, lists, NIRP_DIRECTION_SEND, atDispatch);
+    PNET_BUFFER_LIST others = SettleNbls(module, nbls, NIRP_DIRECTION_SEND, atDispatch);
     if (others != nullptr) {
         NdisFSendNetBufferListsComplete(module->FilterHandle, others, sendCompleteFlags);
     }

@@ -1,18 +1,18 @@
-// The way of sent lists through a module with attached hooks, and of every completion.
+// Sends through a module with attached hooks, and every send completion.
 #pragma once
 
 #include "module/filter_module.h"
 
-// Offers the chain to the hooks and sends down what they let pass. The caller holds a reference on
-// the module and gives the chain away. IRQL <= DISPATCH_LEVEL.
-VOID NTAPI NSVFSendNBLs(FILTER_MODULE* module,
-                        PNET_BUFFER_LIST lists,
-                        NDIS_PORT_NUMBER portNumber,
-                        ULONG sendFlags);
+// Offers the chain to the hooks and sends what they let pass. The caller holds a reference on the
+// module and gives the chain away. IRQL <= DISPATCH_LEVEL.
+void FASTABI NSVFSendNBLs(FILTER_MODULE* module,
+                          PNET_BUFFER_LIST nbls,
+                          NDIS_PORT_NUMBER portNumber,
+                          ULONG sendFlags);
 
-// Settles the driver's lists and contexts in a chain that has been sent, and passes up what belongs
-// to others. The caller holds a reference on the module and gives the chain away.
+// Frees the driver's own NBLs of a chain that was sent, takes the driver's contexts off the others
+// and completes them. The caller holds a reference on the module and gives the chain away.
 // IRQL <= DISPATCH_LEVEL.
-VOID NTAPI NSVFSendNBLsComplete(FILTER_MODULE* module,
-                                PNET_BUFFER_LIST lists,
-                                ULONG sendCompleteFlags);
+void FASTABI NSVFSendNBLsComplete(FILTER_MODULE* module,
+                                  PNET_BUFFER_LIST nbls,
+                                  ULONG sendCompleteFlags);
