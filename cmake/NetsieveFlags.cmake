@@ -43,6 +43,9 @@ target_compile_options(netsieve_driver_flags INTERFACE
     -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics)
 target_include_directories(netsieve_driver_flags INTERFACE "${CMAKE_SOURCE_DIR}/src")
 target_link_libraries(netsieve_driver_flags INTERFACE netsieve_warnings)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(netsieve_driver_flags INTERFACE -Wthread-safety)
+endif()
 
 # The red zones of a sanitizer make frames larger than the driver's own.
 if(NOT NETSIEVE_SANITIZE)

@@ -74,7 +74,6 @@ void InitializeFilterModule(FILTER_MODULE* module) {
     InitializeNBLPool(module);
     InitializeListHead(&module->Link);
     InitializeNirpPool(module, ETHERNET_MTU);
-    module->ActiveCalls = 0;
     KeInitializeEvent(&module->IdleEvent, NotificationEvent, FALSE);
 }
 

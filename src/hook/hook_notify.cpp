@@ -12,17 +12,16 @@ HOOK_FILTER* HookOf(PLIST_ENTRY entry) {
     return CONTAINING_RECORD(entry, HOOK_FILTER, Link);
 }
 
-// ModuleListLock is held.
 template <typename Action>
-void ForEachModule(PLIST_ENTRY head, Action action) {
+void ForEachModule(PLIST_ENTRY head, Action action) REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     for (PLIST_ENTRY at = head->Flink; at != head; at = at->Flink) {
         action(CONTAINING_RECORD(at, FILTER_MODULE, Link));
     }
 }
 
-// The attached and the detaching modules. ModuleListLock is held.
+// The attached and the detaching modules.
 template <typename Action>
-void ForEveryModule(Action action) {
+void ForEveryModule(Action action) REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     ForEachModule(&g_DriverGlobals.ModuleList, action);
     ForEachModule(&g_DriverGlobals.DetachingList, action);
 }

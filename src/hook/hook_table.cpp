@@ -13,8 +13,7 @@ int NTAPI CompareHookPriority(const void* left, const void* right) {
     return leftPriority == rightPriority ? 0 : leftPriority < rightPriority ? -1 : 1;
 }
 
-// HookLock is held, as in all that follows here.
-void ClaimHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) {
+void ClaimHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) REQUIRES_LOCK(module->HookLock) {
     for (ULONG i = 0; i < MAX_MODULE_HOOKS; ++i) {
         if (module->HookSlots[i] == nullptr) {
             module->HookSlots[i] = hook;
@@ -24,7 +23,7 @@ void ClaimHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) {
     }
 }
 
-void ReleaseHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) {
+void ReleaseHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) REQUIRES_LOCK(module->HookLock) {
     for (ULONG i = 0; i < MAX_MODULE_HOOKS; ++i) {
         if (module->HookSlots[i] == hook) {
             module->HookSlots[i] = nullptr;
@@ -35,7 +34,8 @@ void ReleaseHookSlot(FILTER_MODULE* module, HOOK_FILTER* hook) {
 }
 
 // The index of the hook's first entry, or HookCount.
-LONG FindHook(const FILTER_MODULE* module, const HOOK_FILTER* hook) {
+LONG FindHook(const FILTER_MODULE* module, const HOOK_FILTER* hook)
+    REQUIRES_LOCK(module->HookLock) {
     LONG index = 0;
     while (index < module->HookCount && module->Hooks[index] != hook) {
         ++index;

@@ -9,7 +9,7 @@ bool IsDrained(DRAIN_COUNT* drain) {
 
 }  // namespace
 
-void InitializeDrainCount(DRAIN_COUNT* drain) {
+void InitializeDrainCount(DRAIN_COUNT* drain) BEFORE_OR_AFTER_SHARING {
     InitializeDriverSpinLock(&drain->Lock);
     drain->Count = 0;
     KeInitializeEvent(&drain->Event, NotificationEvent, TRUE);

@@ -6,7 +6,7 @@
 // The event is cleared as the count rises from 0 and signalled as it falls to 0, while the lock is
 // held.
 struct DRAIN_COUNT {
-    ULONG Count;            // under Lock
+    ULONG Count GUARDED_BY(Lock);
     DRIVER_SPIN_LOCK Lock;  // guards Count; a leaf
     KEVENT Event;
 };

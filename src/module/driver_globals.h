@@ -14,20 +14,21 @@ struct FILTER_DRIVER_GLOBALS {
     // OutstandingNbls lock, the lock of an NBL's context, and that of WorkItems. Never held
     // together with the lock of HookList.
     DRIVER_SPIN_LOCK ModuleListLock;
-    LIST_ENTRY ModuleList;  // the attached FILTER_MODULEs, in the order of their attach
+    LIST_ENTRY ModuleList
+        GUARDED_BY(ModuleListLock);  // the attached FILTER_MODULEs, in the order of their attach
 
     LOCKED_LIST HookList;  // the registered HOOK_FILTERs; inside its lock, a module's HookLock
 
     NDIS_HANDLE FilterDriverHandle;  // NULL while not registered; DriverEntry and unload only
-    PDEVICE_OBJECT DeviceObject;     // NULL while there is none; under ModuleListLock
+    PDEVICE_OBJECT DeviceObject GUARDED_BY(ModuleListLock);  // NULL while there is none
 
     // Modules that have left ModuleList and are not freed yet: NBLs that reach one of them are
     // completed or returned by its handle.
-    LIST_ENTRY DetachingList;
+    LIST_ENTRY DetachingList GUARDED_BY(ModuleListLock);
 
     // Numbers the modules as they join ModuleList and the hooks as they are announced to it, so
     // that the two ways in which a module and a hook can meet agree on who announces it.
-    ULONGLONG AnnounceSerial;  // under ModuleListLock
+    ULONGLONG AnnounceSerial GUARDED_BY(ModuleListLock);
 
     // Deregistrations in progress, and hooks that were taken down while handlers of them run.
     DRAIN_COUNT LeavingHooks;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "client/exports.h"
-#include "module/drain_count.h"
+#include "module/driver_globals.h"
 #include "module/spin_lock.h"
 #include "platform/ndis.h"
 
@@ -18,7 +18,8 @@ constexpr ULONG FILTER_STATE_RUNNING = 4;
 // Zeroed when it is allocated. Fields without a lock of their own are written before the module
 // joins ModuleList, and never again.
 struct FILTER_MODULE {
-    LIST_ENTRY Link;  // in ModuleList, later in DetachingList; under ModuleListLock
+    LIST_ENTRY Link
+        GUARDED_BY(g_DriverGlobals.ModuleListLock);  // in ModuleList, later in DetachingList
     ULONG AllocationSize;
     UCHAR MacAddress[6];
     NDIS_HANDLE FilterHandle;
@@ -33,17 +34,17 @@ struct FILTER_MODULE {
     DRIVER_SPIN_LOCK StateLock;  // guards changes of State; a leaf
 
     // Free NIRPs, in two sizes.
-    LIST_ENTRY SmallNirpList;        // under SmallNirpLock
+    LIST_ENTRY SmallNirpList GUARDED_BY(SmallNirpLock);
     DRIVER_SPIN_LOCK SmallNirpLock;  // guards SmallNirpList; a leaf
     ULONG SmallNirpCapacity;
-    LIST_ENTRY LargeNirpList;        // under LargeNirpLock
+    LIST_ENTRY LargeNirpList GUARDED_BY(LargeNirpLock);
     DRIVER_SPIN_LOCK LargeNirpLock;  // guards LargeNirpList; a leaf
     ULONG FreeNirpCount;             // on both lists; changed atomically, outside their locks
 
     // Requests that hooks have marked pending.
-    LIST_ENTRY PendingSendList;           // under PendingSendLock
-    DRIVER_SPIN_LOCK PendingSendLock;     // guards PendingSendList; a leaf
-    LIST_ENTRY PendingReceiveList;        // under PendingReceiveLock
+    LIST_ENTRY PendingSendList GUARDED_BY(PendingSendLock);
+    DRIVER_SPIN_LOCK PendingSendLock;  // guards PendingSendList; a leaf
+    LIST_ENTRY PendingReceiveList GUARDED_BY(PendingReceiveLock);
     DRIVER_SPIN_LOCK PendingReceiveLock;  // the same for PendingReceiveList
 
     NDIS_HANDLE NblPool;       // NULL when it could not be created
@@ -51,16 +52,16 @@ struct FILTER_MODULE {
 
     // The attached hooks. Hooks[0] to Hooks[HookCount - 1] are in ascending order of priority, what
     // lies behind them is stale.
-    HOOK_FILTER* Hooks[MAX_MODULE_HOOKS];      // under HookLock
-    LONG HookCount;                            // changed under HookLock, read by ReadAcquire
-    HOOK_FILTER* HookSlots[MAX_MODULE_HOOKS];  // under HookLock
-    DRIVER_SPIN_LOCK HookLock;                 // guards these and HookTableClosed; a leaf
+    HOOK_FILTER* Hooks[MAX_MODULE_HOOKS] GUARDED_BY(HookLock);
+    LONG HookCount GUARDED_BY(HookLock);  // also read by ReadAcquire
+    HOOK_FILTER* HookSlots[MAX_MODULE_HOOKS] GUARDED_BY(HookLock);
+    DRIVER_SPIN_LOCK HookLock;  // guards these and HookTableClosed; a leaf
 
     // The ring of trace lines; NULL when it could not be allocated.
     PUCHAR TraceBuffer;
     DRIVER_SPIN_LOCK TraceLock;  // guards the ring's bytes and the two below; a leaf
-    ULONG TraceSequence;
-    ULONG TraceOffset;
+    ULONG TraceSequence GUARDED_BY(TraceLock);
+    ULONG TraceOffset GUARDED_BY(TraceLock);
 
     // The protocols that have sent through the module. Entries are only appended, and an entry
     // below ProtocolCount never changes.
@@ -70,16 +71,16 @@ struct FILTER_MODULE {
 
     // Data-path calls in progress. The event is cleared as the count rises from 0 and signalled as
     // it falls to 0, while ModuleListLock is held.
-    ULONG ActiveCalls;  // under ModuleListLock
+    ULONG ActiveCalls GUARDED_BY(g_DriverGlobals.ModuleListLock);
     KEVENT IdleEvent;
 
-    DRIVER_SPIN_LOCK ProtocolLock;  // guards growth of the protocol table; a leaf
-    BOOLEAN HookTableClosed;        // under HookLock: nothing can be attached any more
-    ULONGLONG AttachSerial;         // of joining ModuleList
+    DRIVER_SPIN_LOCK ProtocolLock;                 // guards growth of the protocol table; a leaf
+    BOOLEAN HookTableClosed GUARDED_BY(HookLock);  // nothing can be attached any more
+    ULONGLONG AttachSerial;                        // of joining ModuleList
 
     // NIRPs whose request a pause has dropped and whose marks are not all completed yet.
-    LIST_ENTRY UnpaidSendList;     // under PendingSendLock
-    LIST_ENTRY UnpaidReceiveList;  // under PendingReceiveLock
+    LIST_ENTRY UnpaidSendList GUARDED_BY(PendingSendLock);
+    LIST_ENTRY UnpaidReceiveList GUARDED_BY(PendingReceiveLock);
 
     // NBLs of the driver's own that NDIS or a pending request holds.
     DRAIN_COUNT OutstandingNbls;

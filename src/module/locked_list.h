@@ -5,7 +5,7 @@
 
 // The list does not own its entries: removing one neither frees it nor clears its links.
 struct LOCKED_LIST {
-    LIST_ENTRY Head;  // entries are linked through a LIST_ENTRY at their start; under Lock
+    LIST_ENTRY Head GUARDED_BY(Lock);  // of entries that begin with their LIST_ENTRY
     // Changed atomically: raised after an insertion has released Lock, lowered before a removal
     // does. A reader without the lock may see it briefly ahead of or behind the list, even below 0.
     ULONG Count;

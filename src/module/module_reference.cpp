@@ -4,8 +4,8 @@
 
 namespace {
 
-// ModuleListLock is held.
-bool IsOnList(const LIST_ENTRY* head, const FILTER_MODULE* module) {
+bool IsOnList(const LIST_ENTRY* head, const FILTER_MODULE* module)
+    REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     const LIST_ENTRY* entry = head->Flink;
     while (entry != head && entry != &module->Link) {
         entry = entry->Flink;
@@ -13,8 +13,7 @@ bool IsOnList(const LIST_ENTRY* head, const FILTER_MODULE* module) {
     return entry != head;
 }
 
-// ModuleListLock is held.
-void RaiseActiveCalls(FILTER_MODULE* module) {
+void RaiseActiveCalls(FILTER_MODULE* module) REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     if (module->ActiveCalls++ == 0) {
         KeClearEvent(&module->IdleEvent);
     }

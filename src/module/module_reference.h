@@ -6,13 +6,14 @@
 // Takes a reference and returns NDIS_STATUS_SUCCESS, or NDIS_STATUS_INVALID_PARAMETER when `module`
 // is NULL, or NDIS_STATUS_CLOSING when it is not in ModuleList; the pointer is not followed before
 // it was found there. A module that is being detached is referenced too: the status stays
-// NDIS_STATUS_CLOSING then and *heldClosing becomes true, else false. IRQL <= DISPATCH_LEVEL,
-// ModuleListLock not held.
-NDIS_STATUS FASTABI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing);
+// NDIS_STATUS_CLOSING then and *heldClosing becomes true, else false. IRQL <= DISPATCH_LEVEL.
+NDIS_STATUS FASTABI ReferenceFilterModule(FILTER_MODULE* module, bool* heldClosing)
+    EXCLUDES_LOCK(g_DriverGlobals.ModuleListLock);
 
 // Drops a reference; the module may be gone when it returns. A NULL module is ignored.
-// IRQL <= DISPATCH_LEVEL, ModuleListLock not held.
-void FASTABI DereferenceFilterModule(FILTER_MODULE* module);
+// IRQL <= DISPATCH_LEVEL.
+void FASTABI DereferenceFilterModule(FILTER_MODULE* module)
+    EXCLUDES_LOCK(g_DriverGlobals.ModuleListLock);
 
 // References a module for a scope, if it can.
 class ModuleReference {

@@ -2,9 +2,10 @@
 #pragma once
 
 #include "platform/kernel.h"
+#include "platform/thread_safety.h"
 
 // Irql belongs to whoever acquired Lock by raising, and is meaningless while it is free.
-struct DRIVER_SPIN_LOCK {
+struct LOCK_TYPE DRIVER_SPIN_LOCK {
     KSPIN_LOCK Lock;
     KIRQL Irql;
 };
@@ -16,14 +17,15 @@ inline void InitializeDriverSpinLock(DRIVER_SPIN_LOCK* lock) {
 }
 
 // Holds a lock for a scope, and releases it in the form in which it was acquired.
-class SpinLockGuard {
+class LOCK_GUARD SpinLockGuard {
   public:
     // Raises to DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
-    explicit SpinLockGuard(DRIVER_SPIN_LOCK* lock) : SpinLockGuard(lock, FALSE) {}
+    explicit SpinLockGuard(DRIVER_SPIN_LOCK* lock) ACQUIRES_LOCK(lock)
+        : SpinLockGuard(lock, FALSE) {}
 
     // With `atDispatch` the caller promises that it runs at DISPATCH_LEVEL already; without it, as
     // above.
-    SpinLockGuard(DRIVER_SPIN_LOCK* lock, BOOLEAN atDispatch)
+    SpinLockGuard(DRIVER_SPIN_LOCK* lock, BOOLEAN atDispatch) ACQUIRES_LOCK(lock)
         : lock_(lock), atDispatch_(atDispatch) {
         if (atDispatch_) {
             KeAcquireSpinLockAtDpcLevel(&lock_->Lock);
@@ -32,7 +34,7 @@ class SpinLockGuard {
         }
     }
 
-    ~SpinLockGuard() {
+    ~SpinLockGuard() RELEASES_LOCK() {
         if (atDispatch_) {
             KeReleaseSpinLockFromDpcLevel(&lock_->Lock);
         } else {

@@ -4,10 +4,6 @@
 
 void InitializeTraceLog(FILTER_MODULE* module) {
     InitializeDriverSpinLock(&module->TraceLock);
-    module->TraceSequence = 0;
-    module->TraceOffset = 0;
-    module->TraceBuffer = nullptr;
-
     PVOID buffer = nullptr;
     if (NdisAllocateMemoryWithTag(&buffer, TRACE_BUFFER_SIZE, TRACE_BUFFER_TAG) ==
         NDIS_STATUS_SUCCESS) {

@@ -40,8 +40,8 @@ VOID NTAPI SendPacketWorkItem(PDEVICE_OBJECT, PVOID argument) {
     LowerDrainCount(&g_DriverGlobals.WorkItems, FALSE);
 }
 
-// ModuleListLock is held, as in all that follows up to the walk.
-bool CanSend(FILTER_MODULE* module, const UCHAR* frame) {
+bool CanSend(FILTER_MODULE* module, const UCHAR* frame)
+    REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     if (module->NblPool == nullptr) {
         TraceLog(module, LABEL, 2357, TRUE);
         return false;
@@ -54,7 +54,8 @@ bool CanSend(FILTER_MODULE* module, const UCHAR* frame) {
            0;
 }
 
-NBL_CONTEXT* MakeInjectedNbl(FILTER_MODULE* module, const INJECTION* injection) {
+NBL_CONTEXT* MakeInjectedNbl(FILTER_MODULE* module, const INJECTION* injection)
+    REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     NIRP* nirp = GetNirp(module, injection->Length, TRUE);
     if (nirp == nullptr) {
         return nullptr;
@@ -66,7 +67,8 @@ NBL_CONTEXT* MakeInjectedNbl(FILTER_MODULE* module, const INJECTION* injection) 
 
 // False when the NBL cannot be deferred and has been freed. The device object cannot go while
 // the lock is held.
-bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context) {
+bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context)
+    REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     if (g_DriverGlobals.DeviceObject != nullptr) {
         context->WorkItem = IoAllocateWorkItem(g_DriverGlobals.DeviceObject);
     }
@@ -79,7 +81,8 @@ bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context) {
     return true;
 }
 
-void InjectInto(FILTER_MODULE* module, INJECTION* injection) {
+void InjectInto(FILTER_MODULE* module, INJECTION* injection)
+    REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     if (!CanSend(module, injection->Frame)) {
         return;
     }

@@ -26,7 +26,7 @@ struct NBL_CONTEXT {
     FILTER_MODULE* Module;
     // Through their ContextLink: the NIRPs of the withheld NET_BUFFERs, in the order of these, or
     // the one NIRP whose bytes an NBL of the driver's own carries.
-    LIST_ENTRY Nirps;
+    LIST_ENTRY Nirps GUARDED_BY(Lock);
     NDIS_PORT_NUMBER PortNumber;  // of the call that brought the NBL; 0 for the driver's own
     PIO_WORKITEM WorkItem;        // from which an injected NBL is sent; NULL without one
 };

@@ -57,9 +57,9 @@ NIRP* NirpOf(const PENDING_LIST& list, PLIST_ENTRY link) {
     return reinterpret_cast<NIRP*>(reinterpret_cast<PUCHAR>(link) - list.LinkOffset);
 }
 
-// Tests which list a NIRP is on, under the lock of the list that `value` names: the NIRP may be in
-// use in the other direction at this moment, and only this list's own values hold still here.
-bool IsOnList(NIRP* nirp, ULONG value) {
+// `value` is one of the list's own. The NIRP may be in use in the other direction at this moment:
+// any other value may change.
+bool IsOnList(const PENDING_LIST& list, NIRP* nirp, ULONG value) REQUIRES_LOCK(list.Lock) {
     return ReadAcquire(&nirp->OnList) == value;
 }
 
@@ -92,18 +92,18 @@ NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
     return clone;
 }
 
-// The lock of the list is held. One more mark on a request that is pending already.
-bool JoinRequest(const PENDING_LIST& list, NIRP* nirp) {
-    if (!IsOnList(nirp, list.PendingValue)) {
+// One more mark on a request that is pending already.
+bool JoinRequest(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
+    if (!IsOnList(list, nirp, list.PendingValue)) {
         return false;
     }
     ++nirp->PendingCount;
     return true;
 }
 
-// The lock of the list is held; it is the one that the flush of a pause takes after it has changed
-// the module's state, so nothing becomes pending behind the flush.
-bool BeginRequest(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
+// The flush of a pause takes the same lock after it has changed the module's state, so nothing
+// becomes pending after the flush.
+bool BeginRequest(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) REQUIRES_LOCK(list.Lock) {
     if (ReadAcquire(&nirp->Module->State) != FILTER_STATE_RUNNING ||
         !PublishRequest(nirp, list.OfferedState)) {
         return false;
@@ -145,17 +145,17 @@ MARK_RESULT MarkClaimed(const PENDING_LIST& list, NIRP* nirp) {
     return result;
 }
 
-// The lock of the list is held, and the NIRP is on Pending: the caller owns the request from here
-// on, and the clone that this returns goes with it.
-NIRP* TakeRequest(const PENDING_LIST& list, NIRP* nirp) {
+// The NIRP is on Pending: the caller owns the request from here on, and with it the clone that this
+// returns.
+NIRP* TakeRequest(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
     RemoveEntryList(LinkOf(list, nirp));
     WriteRelease(&nirp->OnList, NIRP_LIST_NONE);
     return nirp->Clone;
 }
 
-// The lock of the list is held, and the NIRP is on Unpaid: a mark that was left after a flush is
-// completed now. True when it was the last.
-bool PayMark(const PENDING_LIST& list, NIRP* nirp) {
+// The NIRP is on Unpaid: a mark that was open at the flush is completed now. True when it was the
+// last.
+bool PayMark(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
     if (--nirp->PendingCount != 0) {
         return false;
     }
@@ -164,9 +164,9 @@ bool PayMark(const PENDING_LIST& list, NIRP* nirp) {
     return true;
 }
 
-// The lock of the list is held, which a pause takes for its flush after it has changed the module's
-// state: what the flush has not met yet is dropped all the same.
-ULONG StatusOfRequest(NIRP* nirp) {
+// The flush of a pause takes the same lock after it has changed the module's state: a request that
+// it has not come to yet is dropped all the same.
+ULONG StatusOfRequest(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
     bool running = ReadAcquire(&nirp->Module->State) == FILTER_STATE_RUNNING;
     return running ? nirp->CompletionStatus : static_cast<ULONG>(NDIS_STATUS_PAUSED);
 }
@@ -181,11 +181,11 @@ struct COMPLETION {
 COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
     COMPLETION completion = {};
     SpinLockGuard guard(list.Lock);
-    if (!IsOnList(nirp, list.PendingValue)) {
+    if (!IsOnList(list, nirp, list.PendingValue)) {
         completion.Late = true;
-        completion.LastMark = IsOnList(nirp, list.UnpaidValue) && PayMark(list, nirp);
+        completion.LastMark = IsOnList(list, nirp, list.UnpaidValue) && PayMark(list, nirp);
     } else if (DecrementNirpPending(nirp, status) == STATUS_SUCCESS) {
-        completion.Status = StatusOfRequest(nirp);
+        completion.Status = StatusOfRequest(list, nirp);
         completion.Clone = TakeRequest(list, nirp);
     }
     return completion;
