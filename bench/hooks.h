@@ -1,4 +1,4 @@
-// The hooks that a benchmark's frames pass.
+// The hooks that a benchmark's frames are offered to.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// The yardstick: the least that any driver does which shows a copy of each frame to somebody.
+// The reference: the least work of a driver that shows a copy of each frame to a hook.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// What interception costs: a frame's way past the hooks and back, by the frame's size, the NBLs in
-// a call, the number of hooks, and whether one of them withholds.
+// What interception costs: a send and its completion, or an indication and its return, by the
+// frame's size, the NBLs in a call, the number of hooks, and whether one of them withholds.
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -39,7 +39,7 @@ void FillHooks(Hooks& hooks, std::int64_t passing, bool withholding) {
 
 // range(0): bytes of a frame; range(1): NBLs in a call; range(2): hooks that pass; range(3): one
 // more that withholds.
-void CrossHooks(benchmark::State& state, Path path) {
+void MeasureHooks(benchmark::State& state, Path path) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const double ideal = IdealNanoseconds(size);
     Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
@@ -49,8 +49,7 @@ void CrossHooks(benchmark::State& state, Path path) {
             Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
             Hooks hooks;
             FillHooks(hooks, state.range(2), state.range(3) != 0);
-            // The first trip is not like the others: it brings the context space and the protocol's
-            // name.
+            // The first call allocates the context space and the protocol's name.
             traffic.Go();
             const std::uint64_t allocations = AllocationsOf(machine);
             const double start = ThreadNanoseconds();
@@ -71,10 +70,10 @@ void CrossHooks(benchmark::State& state, Path path) {
 }
 
 void BM_SendPastHooks(benchmark::State& state) {
-    CrossHooks(state, Path::kSend);
+    MeasureHooks(state, Path::kSend);
 }
 void BM_ReceivePastHooks(benchmark::State& state) {
-    CrossHooks(state, Path::kReceive);
+    MeasureHooks(state, Path::kReceive);
 }
 
 void EveryHookCount(benchmark::internal::Benchmark* benchmark) {
@@ -97,9 +96,9 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            std::vector<std::unique_ptr<Traffic>> traffics;
+            std::vector<std::unique_ptr<Traffic>> traffic;
             for (std::uint32_t i = 1; i <= state.range(1); ++i) {
-                traffics.push_back(
+                traffic.push_back(
                     std::make_unique<Traffic>(machine, machine.ndis().AddAdapter({.ifIndex = i}),
                                               Path::kSend, kFrameSize, state.range(0)));
             }
@@ -113,12 +112,12 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
             }
             for (auto _ : state) {
                 std::vector<std::uint32_t> threads;
-                for (unsigned i = 0; i < traffics.size(); ++i) {
+                for (unsigned i = 0; i < traffic.size(); ++i) {
                     threads.push_back(machine.scheduler().Start(
                         {.name = fmt::format("adapter {}", i), .processor = i},
-                        [&traffic = *traffics[i], rounds] {
+                        [&nbls = *traffic[i], rounds] {
                             for (std::int64_t round = 0; round < rounds; ++round) {
-                                traffic.Go();
+                                nbls.Go();
                             }
                         }));
                 }

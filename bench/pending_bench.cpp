@@ -1,4 +1,4 @@
-// What it costs to take a frame over and let it go on, and to send a frame of one's own.
+// What it costs to mark a frame pending, complete it and re-inject it, and to inject a frame.
 
 #include <benchmark/benchmark.h>
 
@@ -22,7 +22,7 @@ LONG NTAPI Pass(PVOID, NIRP*) {
     return HOOK_VERDICT_PASS;
 }
 
-LONG NTAPI TakeAndComplete(PVOID, NIRP* nirp) {
+LONG NTAPI MarkAndComplete(PVOID, NIRP* nirp) {
     if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
         return HOOK_VERDICT_PASS;
     }
@@ -58,9 +58,9 @@ void ReportTime(benchmark::State& state, double took, double frames, double idea
     state.counters["x_ideal"] = took / frames / ideal;
 }
 
-// range(0): bytes of a frame; range(1): NBLs in a call; range(2): whether the hook takes each
-// frame over. The row beside it, where the hook lets it pass, is interception alone.
-void TakeOver(benchmark::State& state, Path path) {
+// range(0): bytes of a frame; range(1): NBLs in a call; range(2): whether the hook marks each
+// frame pending. The row beside it, where the hook passes the frame, is interception alone.
+void MeasurePending(benchmark::State& state, Path path) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const double ideal = IdealNanoseconds(size);
     Machine machine({.scheduler = SchedulerKind::kThreaded, .verify = false});
@@ -69,8 +69,8 @@ void TakeOver(benchmark::State& state, Path path) {
         {
             Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
             Hooks hooks;
-            hooks.Add(state.range(2) != 0 ? TakeAndComplete : Pass);
-            traffic.Go();  // the first trip brings the context space and the protocol's name
+            hooks.Add(state.range(2) != 0 ? MarkAndComplete : Pass);
+            traffic.Go();  // allocates the context space and the protocol's name
             Allocated allocated(machine);
             allocated.Start();
             const double start = ThreadNanoseconds();
@@ -87,11 +87,11 @@ void TakeOver(benchmark::State& state, Path path) {
     });
 }
 
-void BM_TakeOverSent(benchmark::State& state) {
-    TakeOver(state, Path::kSend);
+void BM_PendingSent(benchmark::State& state) {
+    MeasurePending(state, Path::kSend);
 }
-void BM_TakeOverReceived(benchmark::State& state) {
-    TakeOver(state, Path::kReceive);
+void BM_PendingReceived(benchmark::State& state) {
+    MeasurePending(state, Path::kReceive);
 }
 
 void EveryShape(benchmark::internal::Benchmark* benchmark) {
@@ -99,8 +99,8 @@ void EveryShape(benchmark::internal::Benchmark* benchmark) {
         ->ArgsProduct({{60, 1514}, {1, 64}, {0, 1}})
         ->MinTime(0.1);
 }
-BENCHMARK(BM_TakeOverSent)->Apply(EveryShape);
-BENCHMARK(BM_TakeOverReceived)->Apply(EveryShape);
+BENCHMARK(BM_PendingSent)->Apply(EveryShape);
+BENCHMARK(BM_PendingReceived)->Apply(EveryShape);
 
 enum InjectFrom { kPassive, kDispatch, kBareWorkItem };
 

@@ -1,4 +1,4 @@
-// Chains of NBLs that cross a stack again and again.
+// Sends or indicates the same NBLs again and again.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@ namespace netsieve::bench {
 
 enum class Path { kSend, kReceive };
 
-/// A chain of NBLs of one frame each, and the stack that it crosses. The NBLs are back before the
-/// call returns, in one chain or several.
+/// A chain of NBLs with one frame each, for one stack. The NBLs are completed or returned before Go
+/// returns, in one chain or several.
 class Traffic {
   public:
     /// `length` NBLs with frames of `frameSize` bytes that every hook is shown: they are sent by
@@ -24,7 +24,7 @@ class Traffic {
             std::size_t frameSize,
             std::int64_t length);
 
-    /// Once down and completed, or up and returned.
+    /// Sends the chain and completes it, or indicates it and returns it.
     void Go();
 
   private:

@@ -3,12 +3,12 @@
 # netsieve_add_hook_filter(NAME SOURCES file... [VERSION a.b.c.d] [DESCRIPTION text] [OUTPUT dir])
 #
 # Declares the hook filter NAME, a C identifier. Built for this machine it makes two targets:
-#   NAME        the module NAME.so, which `netsieve replay --hook driver:` loads;
+#   NAME        the shared object NAME.so, which `netsieve replay --hook driver:` loads;
 #   NAME_host   a static library for tests, which brings the driver and its host along; the entry
 #               routine is called NAME_DriverEntry in it, since the driver has a DriverEntry too.
 # Built with the toolchain file for Windows it makes one:
 #   NAME        the driver NAME.sys. VERSION and DESCRIPTION are those of its version resource.
-# Modules and drivers are left in OUTPUT, by default the current binary directory.
+# Shared objects and drivers are left in OUTPUT, by default the current binary directory.
 function(netsieve_add_hook_filter name)
     cmake_parse_arguments(PARSE_ARGV 1 hook "" "VERSION;DESCRIPTION;OUTPUT" "SOURCES")
     if(hook_UNPARSED_ARGUMENTS OR NOT hook_SOURCES OR NOT name MATCHES "^[A-Za-z_][A-Za-z0-9_]*$")

@@ -15,10 +15,10 @@ struct Item {
 };
 constexpr Item kItems[] = {
     {&Accounting::poolBlocks, "pool block(s)"},
-    {&Accounting::nblsOutstanding, "NBL(s) away from home"},
+    {&Accounting::nblsOutstanding, "outstanding NBL(s)"},
     {&Accounting::driverNbls, "NBL(s) of drivers"},
     {&Accounting::nblPools, "NBL pool(s)"},
-    {&Accounting::mdls, "memory descriptor list(s)"},
+    {&Accounting::mdls, "MDL(s)"},
     {&Accounting::devices, "device(s)"},
     {&Accounting::workItems, "work item(s)"},
     {&Accounting::timers, "timer(s)"},

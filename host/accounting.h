@@ -8,14 +8,15 @@ namespace netsieve::host {
 
 class Machine;
 
-/// Counts of everything that someone has to give back. After the drivers are unloaded and the
-/// traffic has ended each of them is 0; whoever owns what is left was not done with it.
+/// Counts of everything that has to be freed, returned or completed. Each is 0 after the drivers
+/// are unloaded and the traffic has ended.
 struct Accounting {
-    std::uint64_t poolBlocks = 0;       ///< tagged memory
-    std::uint64_t nblsOutstanding = 0;  ///< NBLs given away and not home (needs the verifier)
-    std::uint64_t driverNbls = 0;       ///< NBLs allocated from drivers' pools and not freed
-    std::uint64_t nblPools = 0;         ///< pools of drivers
-    std::uint64_t mdls = 0;             ///< memory descriptor lists of drivers
+    std::uint64_t poolBlocks = 0;  ///< tagged memory
+    std::uint64_t nblsOutstanding =
+        0;  ///< not completed or returned to their owners (needs the verifier)
+    std::uint64_t driverNbls = 0;  ///< NBLs allocated from drivers' pools and not freed
+    std::uint64_t nblPools = 0;    ///< pools of drivers
+    std::uint64_t mdls = 0;        ///< MDLs that drivers allocated
     std::uint64_t devices = 0;
     std::uint64_t workItems = 0;
     std::uint64_t timers = 0;         ///< armed, or with a routine queued or running

@@ -54,7 +54,7 @@ struct ExploreAllOptions {
 
 /// As Explore, for every schedule with at most so many preemptions. They are tried in order of
 /// their preemptions, so that a finding has the fewest possible. `schedules` counts each once. The
-/// tree is for `body` to say when the moment of interest begins and ends.
+/// tree is for `body` to say when the part to explore begins and ends.
 ExploreResult ExploreAll(const ExploreAllOptions& options,
                          const std::function<void(Machine&, ScheduleTree&)>& body,
                          const std::function<std::string(Machine&)>& check = {});

@@ -19,13 +19,13 @@ struct DriverSource {
     std::string name;                    ///< service name: "NETSIEVE"
     PDRIVER_INITIALIZE entry = nullptr;  ///< the native driver's entry routine, or
     std::filesystem::path image{};       ///< the image to load when `entry` is null
-    /// Place in an adapter's stack among filter drivers: higher stands nearer to the protocols.
+    /// Order of filter modules in an adapter's stack: higher is nearer to the protocols.
     int altitude = 0;
-    /// Where an image's imports lead that the platform does not have; needed until it is loaded.
+    /// Resolves the image's imports that the platform does not have; needed until it is loaded.
     const ImportResolver* imports = nullptr;
 };
 
-/// The driver's side of the machine. Its address is stable while it is loaded.
+/// A driver that is loaded. Its address is stable while it is loaded.
 class LoadedDriver {
   public:
     explicit LoadedDriver(DriverSource source);
@@ -40,7 +40,7 @@ class LoadedDriver {
     const KernelImage* image() const { return image_.get(); }
     bool unloading() const { return unloading_; }
     void SetUnloading() { unloading_ = true; }
-    /// Unloaded: nothing of it may run but a routine's way out.
+    /// Unloaded: its routines may only return.
     bool gone() const { return gone_.load(std::memory_order_acquire); }
     void SetGone() { gone_.store(true, std::memory_order_release); }
 

@@ -169,7 +169,7 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
         {"device(s)", devices_->DevicesOf(&driver)},
         {"work item(s)", devices_->WorkItemsOf(&driver)},
         {"registry handle(s)", registry_->HandlesOf(&driver)},
-        {"memory descriptor list(s)", mdls_->AllocatedBy(&driver)},
+        {"MDL(s)", mdls_->AllocatedBy(&driver)},
         {"NBL pool(s)", ndis_->nblPools().PoolsOf(&driver)},
         {"filter registration", ndis_->IsRegistered(&driver) ? std::size_t{1} : 0},
     };
@@ -197,8 +197,8 @@ LoadedDriver* Machine::DriverOf(const DRIVER_OBJECT* object) {
 
 void Machine::EnterCallChecked(const char* routine) {
     verifier_.DemandUpToDispatch(routine);
-    // The last thing a routine does may be to let the unload go on. Its way out is the system's to
-    // wait for, but on it nothing of the driver may be used any more.
+    // A routine whose last act lets the unload continue may still be returning. It may call nothing
+    // any more.
     if (const auto* frame = CurrentContext().frame;
         frame != nullptr && frame->driver != nullptr &&
         static_cast<LoadedDriver*>(frame->driver)->gone()) {

@@ -130,8 +130,8 @@ class Machine {
     std::unique_ptr<Ndis> ndis_;
     HostMutex mutex_;
     std::vector<std::unique_ptr<LoadedDriver>> drivers_;
-    /// Unloaded ones. A call may still have to leave a driver's code when the driver has let go of
-    /// everything, so that an image stays mapped until nothing runs any more.
+    /// Unloaded drivers. Their images stay mapped until nothing runs any more, since a call may
+    /// still be returning through a driver's code.
     std::vector<std::unique_ptr<LoadedDriver>> goneDrivers_;
     std::vector<std::string> debugOutput_;
 };

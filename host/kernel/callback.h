@@ -9,8 +9,8 @@ namespace netsieve::host {
 
 class LoadedDriver;
 
-/// Surrounds one call of the host into a driver: reports and accounting learn who is inside, and
-/// the callback's manners are checked when it returns (same IRQL, no spin lock held, and so on).
+/// Surrounds one call of the host into a driver. Reports and accounting use it to name the driver
+/// and the routine; when the callback returns, its IRQL and its spin locks are checked.
 class CallbackScope {
   public:
     /// `routine` is the handler's published name. `module` may be null.

@@ -15,9 +15,9 @@ namespace netsieve::host {
 enum class FaultKind : std::uint8_t {
     kPool,                ///< tagged memory
     kNblPool,             ///< a NET_BUFFER_LIST pool
-    kNbl,                 ///< a list of such a pool
-    kNblContext,          ///< context space on a list
-    kMdl,                 ///< a memory descriptor list
+    kNbl,                 ///< an NBL of such a pool
+    kNblContext,          ///< context space on an NBL
+    kMdl,                 ///< an MDL
     kMapping,             ///< a system address for one
     kWorkItem,            ///< an IO work item
     kDevice,              ///< a device object
@@ -39,7 +39,7 @@ struct FaultPlan {
     std::uint64_t seed = 0;
 };
 
-/// The switchboard. With no plan armed nothing fails and nothing is counted.
+/// Decides which calls fail. With no plan armed nothing fails and nothing is counted.
 class Faults {
   public:
     /// From now on calls fail as `plan` says; the counts start at 0.

@@ -1,4 +1,4 @@
-// Memory descriptor lists.
+// MDLs.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ class Machine;
 /// in it; without, a reader has to ask MmMapLockedPagesSpecifyCache for one.
 void DescribeBuffer(MDL& mdl, void* buffer, std::uint32_t size, bool mapped);
 
-/// The descriptors that drivers allocated.
+/// The MDLs that drivers allocated.
 class Mdls {
   public:
     explicit Mdls(Machine& machine) : machine_(machine) {}

@@ -43,8 +43,8 @@ class Registry {
     std::size_t Handles();
     std::size_t HandlesOf(const LoadedDriver* driver);
 
-    /// At the start of every registry call: checks the caller's manners and is a scheduling point.
-    /// False when the call is to fail, with STATUS_INSUFFICIENT_RESOURCES.
+    /// At the start of every registry call: checks the caller's IRQL and spin locks, and is a
+    /// scheduling point. False when the call is to fail, with STATUS_INSUFFICIENT_RESOURCES.
     bool EnterCall(const char* routine);
 
   private:

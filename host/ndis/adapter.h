@@ -1,4 +1,4 @@
-// The lower end of a stack: a miniport.
+// The miniport at the bottom of a driver stack.
 #pragma once
 
 #include <atomic>
@@ -27,31 +27,32 @@ struct AdapterOptions {
     bool bindAnyway = false;
 };
 
-/// The adapter of a stack. It completes sends and takes returns as its pace says, and indicates
-/// what it is told to.
+/// The adapter of a stack. It completes sent NBLs when its queue releases them, and indicates what
+/// it is told to.
 class Adapter {
   public:
     Adapter(Machine& machine, Stack& stack, AdapterOptions options);
 
     const AdapterOptions& options() const { return options_; }
-    /// When sent NBLs are completed.
+    /// The NBLs that were sent to the adapter and that it has not completed.
     NblQueue& queue() { return queue_; }
     Component& component() { return component_; }
     AdapterObjects& objects() { return objects_; }
-    /// NBLs made from it are the adapter's own, to be indicated.
+    /// The pool of the NBLs that the adapter indicates.
     NblPool* pool() { return pool_; }
 
-    /// Indicates a chain of the adapter's NBLs. False when the stack does not take NBLs now: they
-    /// stay the caller's. Resources NBLs (NDIS_RECEIVE_FLAGS_RESOURCES) are the caller's again when
-    /// this returns, the others when onReturned has been called with them. Adds the dispatch flag
-    /// when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+    /// Indicates a chain of the adapter's NBLs. False when the stack is paused: the NBLs stay the
+    /// caller's. NBLs indicated with NDIS_RECEIVE_FLAGS_RESOURCES are the caller's again when this
+    /// returns, the others when onReturned has been called with them. Adds the dispatch flag when
+    /// the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
     bool Indicate(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
-    /// The same, with a count of NBLs that the caller vouches for.
+    /// The same, with the NumberOfNetBufferLists that the caller wants indicated, right or wrong.
     bool IndicateCounted(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags);
-    /// Starts a status indication up the stack.
+    /// Indicates a status to the stack.
     void IndicateStatus(PNDIS_STATUS_INDICATION status);
 
-    // What came down, before anything is done with it. Set them while the stack is quiet.
+    // Called with what the adapter receives from above, before it is queued. Set them while no NBL
+    // is outstanding.
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags)> onSend;
     std::function<void(PNET_BUFFER_LIST, ULONG flags)> onReturned;
     std::function<void(PVOID cancelId)> onCancel;

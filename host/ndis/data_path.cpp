@@ -35,7 +35,7 @@ FilterModule* NextUpper(Stack& stack, FilterModule* from) {
     return next;
 }
 
-/// A callback into a module, with the checks only when the verifier is on.
+/// Calls a module's handler; checks the call when the verifier is on.
 template <typename Handler, typename... Arguments>
 void CallDataPath(const char* routine,
                   FilterModule& module,
@@ -118,7 +118,7 @@ void CompleteToProtocols(Stack& stack, Component& from, PNET_BUFFER_LIST chain, 
         }
     }
     if (g_verifyMode && parts[count] != nullptr) {
-        // No protocol's: the tracker says what is wrong with each.
+        // No protocol sent these: the tracker reports what is wrong with each.
         Tracker(stack).Transfer(parts[count], from, stack.protocol().component(),
                                 NblTransfer::kSendComplete);
     }
@@ -128,7 +128,7 @@ struct Indication {
     NDIS_PORT_NUMBER port;
     ULONG count;
     ULONG flags;
-    bool Resources() const { return (flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0; }
+    bool HasResourcesFlag() const { return (flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0; }
 };
 
 std::vector<PNET_BUFFER_LIST> NblsOf(PNET_BUFFER_LIST chain) {
@@ -149,13 +149,13 @@ void DeliverToProtocol(Stack& stack,
         return;
     }
     chain = Tracker(stack).Transfer(chain, from, protocol.component(), NblTransfer::kIndicate,
-                                    indication.Resources());
+                                    indication.HasResourcesFlag());
     if (chain == nullptr) {
         return;
     }
     const std::vector<PNET_BUFFER_LIST> nbls = NblsOf(chain);
     protocol.Receive(chain, indication.port, indication.count, indication.flags);
-    if (indication.Resources()) {
+    if (indication.HasResourcesFlag()) {
         Tracker(stack).ResourcesCallEnded(nbls, from, protocol.component());
     }
 }
@@ -169,7 +169,7 @@ void IndicateToProtocols(Stack& stack,
         return;
     }
     const std::vector<PNET_BUFFER_LIST> nbls =
-        indication.Resources() ? NblsOf(chain) : std::vector<PNET_BUFFER_LIST>();
+        indication.HasResourcesFlag() ? NblsOf(chain) : std::vector<PNET_BUFFER_LIST>();
     const auto parts = Split(chain, stack.protocolCount(), stack.chooseReceiver);
     for (std::size_t i = 0; i < parts.size(); ++i) {
         if (parts[i] != nullptr) {
@@ -266,7 +266,7 @@ void NTAPI IndicateUp(Stack& stack,
         return;
     }
     chain = Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kIndicate,
-                                    indication.Resources());
+                                    indication.HasResourcesFlag());
     if (chain == nullptr) {
         return;
     }
@@ -277,7 +277,7 @@ void NTAPI IndicateUp(Stack& stack,
         scope.frame().countWasWrong = count != nbls.size();
         handler(next->context, chain, port, count, flags);
     }
-    if (indication.Resources()) {
+    if (indication.HasResourcesFlag()) {
         Tracker(stack).ResourcesCallEnded(nbls, component, next->component);
     }
 }
@@ -364,7 +364,7 @@ using namespace netsieve::host;
 
 namespace {
 
-/// The module that makes an NDIS call, for the length of the call.
+/// The module that makes an NDIS call, for the duration of the call.
 class ModuleCall {
   public:
     ModuleCall(NDIS_HANDLE handle, const char* routine) {

@@ -1,7 +1,7 @@
-// The way of NBLs and events through a stack.
+// Passes NBLs and events from one driver of a stack to the next.
 //
-// `from` is the module that hands on, or null for the stack's own end: a protocol above, the
-// adapter below. Each routine takes the next module that has the handler, or the other end.
+// `from` is the calling filter module, or null for the protocol or the adapter. Each routine calls
+// the next module that has the handler, or the protocol or adapter behind the last module.
 #pragma once
 
 #include "host/ndis/filter_module.h"
@@ -11,7 +11,7 @@ namespace netsieve::host {
 
 class Stack;
 
-/// Length of a chain.
+/// Number of NBLs in a chain.
 inline ULONG CountNbls(const NET_BUFFER_LIST* chain) {
     ULONG count = 0;
     for (; chain != nullptr; chain = chain->Next) {

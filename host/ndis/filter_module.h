@@ -18,12 +18,12 @@ struct FilterRegistration {
     LoadedDriver* driver = nullptr;
     NDIS_HANDLE context = nullptr;
     NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
-    std::atomic<bool> deregistering = false;  ///< no further attach
-    bool gone = false;  ///< deregistered; it lives on for an attach that met the deregistration
+    std::atomic<bool> deregistering = false;  ///< no more attaches
+    bool gone = false;            ///< deregistered; kept for an attach that runs meanwhile
     std::uint32_t pnpThread = 0;  ///< the context that attaches it to the adapters; 0 for none
 };
 
-/// Whether a module's handlers may be called for the first time.
+/// State of a filter module, as published for filter drivers.
 enum class ModuleState : std::uint8_t {
     kAttaching,
     kPaused,
@@ -33,11 +33,12 @@ enum class ModuleState : std::uint8_t {
     kGone
 };
 
-/// One filter module. It outlives its detach until the machine ends, so that a report can name it.
+/// One filter module. It is kept after its detach until the machine ends, so that a report can name
+/// it.
 struct FilterModule {
     FilterModule(FilterRegistration& itsRegistration, Stack& itsStack, std::string name);
 
-    /// What the driver knows the module by, and what SourceHandle of its own NBLs must be.
+    /// The NDIS filter handle, which is also the SourceHandle of the module's own NBLs.
     NDIS_HANDLE handle() { return object.address(); }
 
     InternalObject object{ObjectType::kFilter, this};

@@ -30,12 +30,12 @@ IntermediateDriver::IntermediateDriver(Stack& upper, Stack& lower) : upper_(uppe
 }
 
 void IntermediateDriver::SendThrough(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port) {
-    TakeOver(chain, upper_, lower_, true);
+    TakeOwnership(chain, upper_, lower_, true);
     lower_.protocol().Send(chain, port);
 }
 
 void IntermediateDriver::Completed(PNET_BUFFER_LIST chain) {
-    HandBack(chain);
+    RestoreOwnership(chain);
     upper_.adapter().queue().Release(chain, AtDispatch());
 }
 
@@ -43,10 +43,10 @@ void IntermediateDriver::IndicateThrough(PNET_BUFFER_LIST chain,
                                          NDIS_PORT_NUMBER port,
                                          ULONG flags) {
     const ULONG resources = flags & NDIS_RECEIVE_FLAGS_RESOURCES;
-    TakeOver(chain, lower_, upper_, false);
+    TakeOwnership(chain, lower_, upper_, false);
     const bool taken = upper_.adapter().Indicate(chain, port, resources);
     if (resources != 0 || !taken) {
-        HandBack(chain);
+        RestoreOwnership(chain);
     }
     if (resources == 0 && !taken) {
         lower_.protocol().queue().Release(chain, AtDispatch());
@@ -54,11 +54,11 @@ void IntermediateDriver::IndicateThrough(PNET_BUFFER_LIST chain,
 }
 
 void IntermediateDriver::Returned(PNET_BUFFER_LIST chain) {
-    HandBack(chain);
+    RestoreOwnership(chain);
     lower_.protocol().queue().Release(chain, AtDispatch());
 }
 
-void IntermediateDriver::TakeOver(PNET_BUFFER_LIST chain, Stack& from, Stack& to, bool send) {
+void IntermediateDriver::TakeOwnership(PNET_BUFFER_LIST chain, Stack& from, Stack& to, bool send) {
     Component& holder = send ? from.adapter().component() : from.protocol().component();
     Component& owner = send ? to.protocol().component() : to.adapter().component();
     const HostLock lock(mutex_);
@@ -71,7 +71,7 @@ void IntermediateDriver::TakeOver(PNET_BUFFER_LIST chain, Stack& from, Stack& to
     }
 }
 
-void IntermediateDriver::HandBack(PNET_BUFFER_LIST chain) {
+void IntermediateDriver::RestoreOwnership(PNET_BUFFER_LIST chain) {
     const HostLock lock(mutex_);
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
         const auto source = sources_.find(nbl);

@@ -1,4 +1,4 @@
-// A driver between two adapters, which hands the NBLs of the upper one on to the lower one.
+// An intermediate driver, which passes the NBLs of a virtual adapter to the adapter below it.
 #pragma once
 
 #include <map>
@@ -10,14 +10,14 @@ namespace netsieve::host {
 
 class Stack;
 
-/// An intermediate driver as teams and virtual switches use it: the adapter of `upper` is virtual,
-/// and what it is sent goes down through a protocol of `lower` in the very NBLs it came in; what
-/// that protocol receives goes up on the virtual adapter. So one NBL crosses the filters of both
-/// stacks. While it is in the lower stack (or, received, in the upper one) it is the driver's NBL
-/// there, with the driver's handle as its SourceHandle; on the way back it gets the former one.
+/// An intermediate driver, as in a NIC team or a virtual switch: the adapter of `upper` is virtual.
+/// NBLs that are sent to it are sent by the first protocol of `lower`; NBLs that this protocol
+/// receives are indicated by the virtual adapter. So one NBL passes the filters of both stacks. In
+/// the second stack the NBL is the intermediate driver's own, with its handle as the SourceHandle;
+/// before it is completed or returned in the first stack, the former SourceHandle is restored.
 ///
-/// Make it while both stacks are quiet, and keep it until all NBLs are home. It takes over what
-/// the virtual adapter and the first protocol of `lower` do with NBLs.
+/// Make it while no NBL is outstanding in either stack, and keep it until none is again. It sets
+/// the callbacks and the queue modes of the virtual adapter and of the first protocol of `lower`.
 class IntermediateDriver {
   public:
     IntermediateDriver(Stack& upper, Stack& lower);
@@ -29,13 +29,14 @@ class IntermediateDriver {
     void Completed(PNET_BUFFER_LIST chain);
     void IndicateThrough(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags);
     void Returned(PNET_BUFFER_LIST chain);
-    void TakeOver(PNET_BUFFER_LIST chain, Stack& from, Stack& to, bool send);
-    void HandBack(PNET_BUFFER_LIST chain);
+    void TakeOwnership(PNET_BUFFER_LIST chain, Stack& from, Stack& to, bool send);
+    void RestoreOwnership(PNET_BUFFER_LIST chain);
 
     Stack& upper_;
     Stack& lower_;
     HostMutex mutex_;
-    std::map<PNET_BUFFER_LIST, NDIS_HANDLE> sources_;  ///< of the NBLs that are its own now
+    std::map<PNET_BUFFER_LIST, NDIS_HANDLE>
+        sources_;  ///< former SourceHandle of each NBL it owns now
 };
 
 }  // namespace netsieve::host

@@ -1,4 +1,4 @@
-// NDIS's own objects, as far as a filter can see them: what an NBL's SourceHandle leads to.
+// NDIS's internal objects, as far as a filter reaches them through an NBL's SourceHandle.
 //
 // No published interface describes these layouts. They are what filters of this platform have found
 // there, for each NDIS version; a filter that reads them must find them here too.

@@ -9,7 +9,8 @@
 
 namespace netsieve::host {
 
-/// One frame's memory: its bytes, its MDLs, and a buffer for when it is not the first of its NBL.
+/// One frame's memory: its bytes, its MDLs, and a NET_BUFFER for a frame that is not the NBL's
+/// first.
 struct NblFactory::Frame {
     std::vector<std::uint8_t> bytes;
     MDL mdls[4];
@@ -19,7 +20,7 @@ struct NblFactory::Frame {
 
 namespace {
 
-// The first buffer's frame is found again through the NBL, as a protocol would keep it.
+// Index in ProtocolReserved of the frame of the first NET_BUFFER.
 constexpr std::size_t kFrameSlot = 0;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// NBLs full of frames, for protocols to send and adapters to indicate.
+// Makes NBLs with frames, for protocols to send and adapters to indicate.
 #pragma once
 
 #include <cstdint>
@@ -22,27 +22,27 @@ struct FrameLayout {
     bool mapped = true;               ///< whether the MDLs carry a system address
 };
 
-/// Makes NBLs from a pool of an edge and takes them back; buffers and NBLs are kept for the next
+/// Makes NBLs from the pool of a protocol or an adapter and frees them. Memory is kept for the next
 /// use, so that steady traffic allocates nothing. One context at a time.
 class NblFactory {
   public:
-    /// NBLs will be at home with the owner of `pool`.
+    /// The NBLs belong to the owner of `pool`.
     NblFactory(Machine& machine, NblPool* pool);
     ~NblFactory();
     NblFactory(const NblFactory&) = delete;
     NblFactory& operator=(const NblFactory&) = delete;
 
-    /// An NBL of one buffer for each frame, in order. SourceHandle is the owner's. The frames are
-    /// copied. Null when NDIS refuses an NBL (a fault).
+    /// An NBL with one NET_BUFFER for each frame, in order. SourceHandle is the owner's. The frames
+    /// are copied. Null when the allocation is made to fail.
     PNET_BUFFER_LIST Make(std::span<const std::span<const std::uint8_t>> frames,
                           const FrameLayout& layout = {});
     PNET_BUFFER_LIST Make(std::span<const std::uint8_t> frame, const FrameLayout& layout = {});
-    /// Takes back an NBL that this object made and that is home again.
+    /// Frees an NBL that this object made and that is completed or returned.
     void Free(PNET_BUFFER_LIST nbl);
-    /// Takes back every NBL of a chain.
+    /// Frees every NBL of a chain.
     void FreeChain(PNET_BUFFER_LIST chain);
 
-    /// The bytes of a buffer, gathered.
+    /// The frame that a NET_BUFFER describes.
     static std::vector<std::uint8_t> BytesOf(const NET_BUFFER& buffer);
 
   private:

@@ -13,7 +13,7 @@
 
 namespace netsieve::host {
 
-/// An NBL as it is allocated: with the info array of the newest NDIS and its one buffer.
+/// An NBL as it is allocated: with the info array of the newest NDIS and its NET_BUFFER.
 struct NblBlock {
     alignas(16) NET_BUFFER_LIST nbl;
     PVOID moreInfo[31];
@@ -30,7 +30,7 @@ constexpr USHORT kAllocationAlignment = 16;  // MEMORY_ALLOCATION_ALIGNMENT
 // the former: a block's head stands 8 bytes into its 16-byte aligned allocation.
 constexpr std::size_t kContextShift = 8;
 
-// Blocks that a data path gives back and takes again, kept by each thread.
+// Freed context blocks that each thread keeps for its next allocation.
 class ContextCache {
   public:
     ~ContextCache() {
@@ -118,14 +118,14 @@ void NblPools::FreePool(NblPool* pool) {
     HostLock lock(mutex_);
     if (!pools_.contains(pool)) {
         machine_.verifier().Report(Rule::kPoolDoubleFree,
-                                   "NdisFreeNetBufferListPool of what is no pool");
+                                   "NdisFreeNetBufferListPool with a handle that is no pool");
         return;
     }
     if (pool->live != 0) {
         machine_.verifier().Report(Rule::kNblPoolInUse,
-                                   fmt::format("{} NBL(s) of the pool of {} are not back",
+                                   fmt::format("{} NBL(s) of the pool of {} are not freed",
                                                pool->live.load(), pool->owner->name));
-        pool->driver = nullptr;  // given up, though its NBLs still need it
+        pool->driver = nullptr;  // no longer the driver's, but its NBLs still need the pool
         return;
     }
     pools_.erase(pool);
@@ -411,7 +411,8 @@ PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHan
     machine.EnterCall("NdisAllocateNetBufferAndNetBufferList");
     NblPools& nbls = machine.ndis().nblPools();
     if (!nbls.IsPool(PoolHandle)) {
-        machine.verifier().Report(Rule::kHandleNotOpen, "an NBL was asked of what is no pool");
+        machine.verifier().Report(Rule::kHandleNotOpen,
+                                  "an NBL was allocated from a handle that is no pool");
         return nullptr;
     }
     PNET_BUFFER_LIST const nbl =

@@ -1,4 +1,4 @@
-// NET_BUFFER_LIST pools, their NBLs, and the context space on NBLs.
+// NBL pools, their NBLs, and the context space on NBLs.
 #pragma once
 
 #include <atomic>
@@ -16,10 +16,10 @@ class LoadedDriver;
 class Machine;
 struct NblBlock;
 
-/// A pool of NBLs that belong to one party.
+/// A pool whose NBLs belong to one component.
 struct NblPool {
     Component* owner = nullptr;
-    const LoadedDriver* driver = nullptr;  ///< null for a pool of the host's own edges
+    const LoadedDriver* driver = nullptr;  ///< null for a pool of the host's own
     std::atomic<int> live = 0;             ///< NBLs that are allocated
     KSPIN_LOCK lock = 0;                   ///< guards `free`
     NblBlock* free = nullptr;              ///< kept for the next allocation (verifier off)
@@ -30,16 +30,17 @@ class NblPools {
     explicit NblPools(Machine& machine);
     ~NblPools();
 
-    /// A pool whose NBLs are at home with `home`; null on a fault, which only a driver meets.
+    /// A pool whose NBLs belong to `owner`. Null when the allocation is made to fail, which happens
+    /// to drivers only.
     NblPool* CreatePool(Component* owner, const LoadedDriver* driver);
     void FreePool(NblPool* pool);
-    /// Whether NBLs can be made from this handle; without the verifier only null is told apart.
+    /// Whether this is the handle of a pool; without the verifier, whether it is not null.
     bool IsPool(NDIS_HANDLE handle);
-    /// An NBL with one NET_BUFFER over the MDL chain; null on a fault.
+    /// An NBL with one NET_BUFFER for the MDL chain; null when the allocation is made to fail.
     PNET_BUFFER_LIST AllocateNbl(NblPool* pool, PMDL mdlChain, ULONG dataOffset, SIZE_T length);
     void FreeNbl(PNET_BUFFER_LIST nbl);
-    /// Puts `size` bytes of context space on top of the NBL's, with room for `backFill` more.
-    /// With `ofList` the space belongs to the NBL for its life.
+    /// Pushes `size` bytes of context space on the NBL, with room for `backFill` more. With `ofNbl`
+    /// the space is freed with the NBL.
     NDIS_STATUS AllocateContext(PNET_BUFFER_LIST nbl,
                                 USHORT size,
                                 USHORT backFill,
@@ -47,12 +48,12 @@ class NblPools {
                                 bool ofNbl = false);
     void FreeContext(PNET_BUFFER_LIST nbl, USHORT size);
 
-    /// Where the verifier follows the NBLs; only used when it is on.
+    /// Tracks the NBLs; used only when the verifier is on.
     NblTracker& tracker() { return tracker_; }
     std::size_t PoolsOf(const LoadedDriver* driver);
-    /// Pools whose NBLs are at home with `home`.
+    /// Number of pools whose NBLs belong to `owner`.
     std::size_t PoolsOwnedBy(const Component& owner);
-    /// Checks the freed NBLs and context space in quarantine and lets them go.
+    /// Checks the freed NBLs and context space in quarantine and releases them.
     void Settle() { quarantine_.Drain(); }
     /// Pools of drivers, and the NBLs allocated from them, that are not freed.
     std::size_t DriverPools();
@@ -65,7 +66,7 @@ class NblPools {
     struct Area {
         USHORT size;
         const void* module;  ///< in whose callback it was allocated
-        bool ofNbl;          ///< came with the NBL and goes with it
+        bool ofNbl;          ///< allocated and freed with the NBL
     };
     bool CheckContextFree(PNET_BUFFER_LIST nbl, USHORT size);
     NblBlock* TakeBlock(NblPool* pool);
@@ -77,7 +78,7 @@ class NblPools {
     Quarantine quarantine_;
     HostMutex mutex_;
     std::set<NblPool*> pools_;
-    std::map<PNET_BUFFER_LIST, std::vector<Area>> areas_;  ///< the stack on each NBL, top last
+    std::map<PNET_BUFFER_LIST, std::vector<Area>> areas_;  ///< the contexts of each NBL, top last
     std::atomic<std::uint64_t> allocations_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// When the ends of a stack give NBLs back.
+// NBLs that a protocol has not returned or an adapter has not completed.
 #pragma once
 
 #include <cstdint>
@@ -14,37 +14,39 @@ namespace netsieve::host {
 
 class Machine;
 
+/// When NBLs are completed or returned.
 enum class ReleaseMode : std::uint8_t {
-    kInline,     ///< before the call that brought the NBLs returns
+    kInline,     ///< before the call that passed the NBLs returns
     kDeferred,   ///< later, from DPCs and workers of any processor, out of order, chains split and
                  ///< mixed
-    kMixed,      ///< each NBL one way or the other
+    kMixed,      ///< each NBL inline or deferred, at random
     kHold,       ///< when ReleaseAll is called
-    kForwarded,  ///< whoever listens to what arrives keeps it, and calls Release
+    kForwarded,  ///< not queued: the owner of the callback keeps them and calls Release
 };
 
-/// The NBLs that an edge has in hand, and the moment it lets go of them.
+/// The NBLs that were passed to a protocol or an adapter, until it returns or completes them.
 class NblQueue {
   public:
-    /// Gives a chain back; `dispatch` says that the caller is at DISPATCH_LEVEL.
+    /// Completes or returns a chain; `dispatch` says that the caller is at DISPATCH_LEVEL.
     using ReleaseFunction = std::function<void(PNET_BUFFER_LIST chain, bool dispatch)>;
 
     NblQueue(Machine& machine, std::string name, std::uint64_t seed, ReleaseFunction release);
 
-    /// Set it while no NBL is in hand.
+    /// Set it while no NBL is queued.
     void SetMode(ReleaseMode mode) { mode_ = mode; }
     ReleaseMode mode() const { return mode_; }
 
-    /// Takes a chain in hand. `dispatch` as in the call that brought it.
+    /// Queues a chain, or releases it at once if the mode says so. `dispatch`: the dispatch flag of
+    /// the call that passed it.
     void Add(PNET_BUFFER_LIST chain, bool dispatch);
-    /// Lets go of everything in hand, in order, from the calling context.
+    /// Releases every queued NBL, in order, from the calling context.
     void ReleaseAll();
-    /// Gives back what was not taken in hand because it is forwarded.
+    /// Releases NBLs that were not queued because the mode is kForwarded.
     void Release(PNET_BUFFER_LIST chain, bool dispatch) { release_(chain, dispatch); }
-    /// While the stack is being emptied nothing is held back: what is in hand goes now, and what
-    /// comes later goes inline if it would have been held.
+    /// While the stack is pausing: releases every queued NBL, and later ones inline where the mode
+    /// is kHold.
     void SetDraining(bool draining);
-    /// NBLs in hand.
+    /// Number of queued NBLs.
     std::size_t Queued();
 
   private:

@@ -27,8 +27,8 @@ class Ndis {
     /// A new adapter with one protocol ("TCPIP") bound; every registered filter is attached and the
     /// stack restarted. Inside Machine::Run, at PASSIVE_LEVEL.
     Stack& AddAdapter(AdapterOptions options = {});
-    /// Takes the adapter away: pause, detach of every module. The stack object stays until the
-    /// machine ends.
+    /// Removes the adapter: pauses the stack and detaches every module. The stack object stays
+    /// until the machine ends.
     void RemoveAdapter(Stack& stack);
     std::vector<Stack*> Stacks();
 
@@ -49,10 +49,10 @@ class Ndis {
     FilterModule* ModuleOf(NDIS_HANDLE handle);
     void AddHandle(FilterModule& module);
     void RemoveHandle(FilterModule& module);
-    /// Memory is about to be freed: a module's context that a call still needs is a fault.
+    /// Memory is about to be freed: reports a module context in it that a call is still inside of.
     void ForgetRange(const void* start, std::size_t size);
 
-    /// Every NBL that is away from home now is lost: reports each. At the end of a run.
+    /// Reports every NBL that is still outstanding. At the end of a run.
     void ReportLostNbls();
 
   private:
@@ -64,7 +64,7 @@ class Ndis {
     AttachTiming attachTiming_ = AttachTiming::kConcurrent;
     HostMutex mutex_;
     std::vector<std::unique_ptr<Stack>> stacks_;
-    std::vector<Stack*> present_;  ///< those whose adapter is there
+    std::vector<Stack*> present_;  ///< those whose adapter is not removed
     std::vector<std::unique_ptr<FilterRegistration>> registrations_;
     std::map<NDIS_HANDLE, FilterModule*> handles_;
 };

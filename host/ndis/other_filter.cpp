@@ -10,12 +10,12 @@ namespace netsieve::host {
 
 namespace {
 
-constexpr ULONG kTag = 0x6E676966;  // "fign"
+constexpr ULONG kTag = 0x7268746F;  // "othr"
 constexpr USHORT kContextSize = 32;
 constexpr USHORT kBackFill = 96;  // room that filters below may take without an allocation
 
-/// Calls are counted, since one may still be on its way out when its NBLs are long home and the
-/// module is detached.
+/// Counts the calls inside the module: one may not have returned yet when all its NBLs are
+/// completed and the module is detached.
 struct Module {
     explicit Module(NDIS_HANDLE ndisHandle) : handle(ndisHandle) {
         KeInitializeSpinLock(&lock);
@@ -39,7 +39,7 @@ struct Module {
     void WaitUntilIdle() {
         for (bool busy = true; busy;) {
             KeWaitForSingleObject(&idle, Executive, KernelMode, FALSE, nullptr);
-            // Whoever set the event still holds the lock.
+            // The thread that set the event still holds the lock.
             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
             busy = calls != 0;
             KeReleaseSpinLock(&lock, irql);
@@ -67,7 +67,7 @@ class ModuleCall {
     Module* module_;
 };
 
-/// What stands on each NBL between this filter and the end it is going to.
+/// The context that this filter pushes on each NBL until it is completed or returned.
 struct Mark {
     std::uint64_t magic;
     Module* module;
@@ -76,7 +76,7 @@ struct Mark {
 };
 static_assert(sizeof(Mark) == kContextSize);
 
-// One of each kind: the registration's state has to be found from plain functions.
+// One of each kind, global because the handlers are plain functions.
 struct Driver {
     const char* name;
     std::uint64_t magic;
@@ -87,7 +87,7 @@ Driver g_below{"OTHERLO", 0x6265'6C6F'7762'656Cull};
 
 template <Driver* kDriver>
 struct Filter {
-    // The mark of this very module: an NBL that crosses two adapters may bear one of each.
+    // The context of this module: an NBL that passes two adapters has a context for each.
     static Mark* TopMark(const Module* module, PNET_BUFFER_LIST nbl) {
         NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
         if (block == nullptr || block->Offset + kContextSize > block->Size) {
@@ -97,7 +97,7 @@ struct Filter {
         return mark->magic == kDriver->magic && mark->module == module ? mark : nullptr;
     }
 
-    // An NBL that finds no context space goes on unmarked, which the way back has to allow for.
+    // An NBL without context space is passed on without a context, which Pop has to allow for.
     static void Push(Module* module, PNET_BUFFER_LIST chain) {
         for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
             if (NdisAllocateNetBufferListContext(nbl, kContextSize, kBackFill, kTag) ==
@@ -196,9 +196,9 @@ struct Filter {
         NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
         handlers.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(handlers)};
         handlers.MajorNdisVersion = 6;
-        RtlInitUnicodeString(&handlers.FriendlyName, u"Foreign filter");
+        RtlInitUnicodeString(&handlers.FriendlyName, u"Other filter");
         RtlInitUnicodeString(&handlers.UniqueName, u"{0B3F8E64-5D17-4C53-9B3C-7A6B2C9F0E11}");
-        RtlInitUnicodeString(&handlers.ServiceName, u"FOREIGN");
+        RtlInitUnicodeString(&handlers.ServiceName, u"OTHER");
         handlers.AttachHandler = &Attach;
         handlers.DetachHandler = &Detach;
         handlers.RestartHandler = &Restart;

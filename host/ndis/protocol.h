@@ -1,4 +1,4 @@
-// The upper end of a stack: a protocol bound to the adapter.
+// A protocol driver bound to an adapter.
 #pragma once
 
 #include <functional>
@@ -14,29 +14,30 @@ namespace netsieve::host {
 class Stack;
 
 /// A protocol driver's binding to one adapter. It sends what it is told to and returns received
-/// NBLs as its pace says.
+/// NBLs when its queue releases them.
 class Protocol {
   public:
     Protocol(Machine& machine, Stack& stack, std::u16string name, std::uint64_t seed);
 
-    /// When received NBLs are returned.
+    /// The NBLs that the protocol received and has not returned.
     NblQueue& queue() { return queue_; }
     Component& component() { return component_; }
     ProtocolObjects& objects() { return objects_; }
-    /// NBLs made from it are the protocol's own, to be sent.
+    /// The pool of the NBLs that the protocol sends.
     NblPool* pool() { return pool_; }
 
-    /// Sends a chain of the protocol's NBLs; onSendComplete is called with each when it is back.
-    /// While the stack does not take NBLs they come back at once, with NDIS_STATUS_PAUSED. Adds
-    /// the dispatch flag when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+    /// Sends a chain of the protocol's NBLs; onSendComplete is called with each that is completed.
+    /// While the stack is paused they are completed at once with NDIS_STATUS_PAUSED. Adds the
+    /// dispatch flag when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
     void Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
-    /// Asks the adapter to give up on the sends with this id.
+    /// Asks the adapter to cancel the sends with this id.
     void CancelSend(PVOID cancelId);
-    /// Tells the stack below of a PnP event; the status is what came back.
+    /// Passes a PnP event down the stack; returns the status of the drivers below.
     void DevicePnpEvent(PNET_DEVICE_PNP_EVENT event);
     NDIS_STATUS NetPnpEvent(PNET_PNP_EVENT_NOTIFICATION event);
 
-    // What came up, before anything is done with it. Set them while the stack is quiet.
+    // Called with what the protocol receives from below, before it is queued. Set them while no NBL
+    // is outstanding.
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG count, ULONG flags)> onReceive;
     std::function<void(PNET_BUFFER_LIST, ULONG flags)> onSendComplete;
     std::function<void(PNDIS_STATUS_INDICATION)> onStatus;

@@ -23,14 +23,14 @@ UNICODE_STRING Counted(const std::u16string& text) {
 
 FilterModule::FilterModule(FilterRegistration& itsRegistration, Stack& itsStack, std::string name)
     : registration(itsRegistration), handlers(itsRegistration.handlers), stack(itsStack) {
-    component.kind = ComponentKind::kModule;
+    component.kind = ComponentKind::kFilterModule;
     component.stack = &itsStack;
     component.name = std::move(name);
     component.handle = object.address();
     component.mayOriginate = false;
 }
 
-/// One life-cycle operation at a time on a stack.
+/// Admits one pause, restart, attach or detach at a time to a stack.
 class Stack::PnpTurn {
   public:
     explicit PnpTurn(Stack& stack) : stack_(stack) {
@@ -95,8 +95,8 @@ void Stack::Restart() {
     RestartStack();
 }
 
-// The filters are paused while NBLs are still under way: that is what their pause has to be ready
-// for. Only then is everything awaited.
+// The filter modules are paused while NBLs are outstanding, as NDIS does. Only then are the NBLs
+// waited for.
 void Stack::PauseStack() {
     open_.store(false, std::memory_order_seq_cst);
     for (FilterModule* module : modules_) {
@@ -128,7 +128,7 @@ void Stack::WaitUntilDrained() {
         if (!scheduler.Wait(drained_, lock, deadline) && scheduler.Now() >= deadline) {
             lock.unlock();
             machine_.ndis().nblPools().tracker().ReportOutstanding(
-                "not home 10 s after the stack's pause",
+                "outstanding 10 s after the stack was paused",
                 [this](const Component& owner, const Component&) { return owner.stack == this; });
             return;
         }
@@ -320,7 +320,7 @@ void Stack::CallDetach(FilterModule& module) {
     Remove(module);
     machine_.ndis().RemoveHandle(module);
     machine_.ndis().nblPools().tracker().ReportOutstanding(
-        "held by a module that is gone",
+        "held by a module that is detached",
         [&](const Component&, const Component& holder) { return &holder == &module.component; });
 }
 

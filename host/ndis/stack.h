@@ -1,4 +1,4 @@
-// What is bound to one adapter: protocols above, filter modules between, the adapter below.
+// The driver stack of one adapter: protocols, filter modules, and the adapter at the bottom.
 #pragma once
 
 #include <atomic>
@@ -15,49 +15,48 @@ namespace netsieve::host {
 class Machine;
 
 /// The stack of one adapter. Attach, pause, restart and detach run at PASSIVE_LEVEL and one at a
-/// time; NBLs cross it meanwhile from any context.
+/// time, while NBLs pass through the stack from any context.
 class Stack {
   public:
     Stack(Machine& machine, AdapterOptions options);
     ~Stack();
 
     Adapter& adapter() { return *adapter_; }
-    /// Binds one more protocol. While the stack is quiet. Received NBLs go to the first one unless
-    /// `chooseReceiver` says otherwise.
+    /// Binds one more protocol, while no NBL is outstanding. Received NBLs go to the first protocol
+    /// unless `chooseReceiver` says otherwise.
     Protocol& AddProtocol(std::u16string name);
     Protocol& protocol(std::size_t index = 0) { return *protocols_[index]; }
     std::size_t protocolCount() const { return protocols_.size(); }
     /// Index of the protocol that gets a received NBL.
     std::function<std::size_t(PNET_BUFFER_LIST)> chooseReceiver;
 
-    /// Pauses everything, top down: no NBL enters any more, the filters are paused, and everything
-    /// under way comes home. PASSIVE_LEVEL.
+    /// Pauses the stack, top down: refuses new NBLs, pauses the filter modules and waits until no
+    /// NBL is outstanding. PASSIVE_LEVEL.
     void Pause();
-    /// Restarts everything, bottom up.
+    /// Restarts the stack, bottom up.
     void Restart();
     bool running() const { return open_.load(); }
 
-    /// Attaches a module of the driver, with the stack paused for the time. Its status; a module
-    /// that was refused is gone.
+    /// Attaches a module of the driver, with the stack paused meanwhile. Returns the status of its
+    /// attach handler; a module that failed to attach is gone.
     NDIS_STATUS Attach(FilterRegistration& registration);
-    /// Takes a module out: pause, detach, restart of the rest.
+    /// Pauses the stack, detaches the module and restarts the others.
     void Detach(FilterModule& module);
-    /// Takes out every module of a driver that is deregistering.
+    /// Detaches every module of a driver that is deregistering.
     void DetachDriver(const LoadedDriver* driver);
-    /// Detaches a module while NBLs are still inside it and the stack goes on taking new ones.
-    /// Real NDIS waits for the NBLs first; this is for seeing what a driver does when calls
-    /// overlap its detach. The caller sees to it that a call stays inside until the handler has
-    /// begun to wait.
+    /// Detaches a module that has NBLs outstanding, in a stack that is not paused. Real NDIS waits
+    /// for the NBLs first; this tests a driver whose calls overlap its detach. The caller makes
+    /// sure that a call stays inside the module until the detach handler waits.
     void DetachUnderCalls(FilterModule& module);
     /// The driver's module on this stack, or null.
     FilterModule* FindModule(const LoadedDriver* driver);
     /// The modules, top first.
     const std::vector<FilterModule*>& modules() const { return modules_; }
 
-    // The data path's side.
-    /// Counts NBLs that enter at an end; false when the stack takes none now.
+    // Used by the data path.
+    /// Counts NBLs that a protocol sends or the adapter indicates; false when the stack is paused.
     bool Enter(ULONG nbls);
-    /// They are home.
+    /// Counts NBLs that are completed, returned or refused.
     void Leave(ULONG nbls);
     FilterModule* top() const { return top_.load(std::memory_order_acquire); }
     FilterModule* bottom() const { return bottom_.load(std::memory_order_acquire); }
@@ -81,11 +80,11 @@ class Stack {
     std::unique_ptr<Adapter> adapter_;
     std::vector<std::unique_ptr<Protocol>> protocols_;
     std::vector<FilterModule*> modules_;
-    std::vector<std::unique_ptr<FilterModule>> allModules_;  ///< those that are gone, too
+    std::vector<std::unique_ptr<FilterModule>> allModules_;  ///< detached ones too
     std::atomic<FilterModule*> top_ = nullptr;
     std::atomic<FilterModule*> bottom_ = nullptr;
     std::atomic<bool> open_ = false;
-    std::atomic<std::int64_t> outstanding_ = 0;  ///< NBLs that entered and are not home
+    std::atomic<std::int64_t> outstanding_ = 0;  ///< NBLs not completed or returned yet
     HostMutex mutex_;
     WaitQueue drained_;
     WaitQueue pnpFree_;

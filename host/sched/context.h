@@ -18,9 +18,9 @@ struct CallFrame {
     void* driver = nullptr;    ///< the LoadedDriver the callback belongs to
     void* module = nullptr;    ///< the FilterModule, when the callback is a module's
     KIRQL entryIrql = PASSIVE_LEVEL;
-    bool dataPath = false;         ///< one of a module's four list handlers
-    bool countWasWrong = false;    ///< an indication came with another count than lists
-    bool cancelForwarded = false;  ///< a cancel request has been passed on
+    bool dataPath = false;         ///< a module's send, send complete, receive or return handler
+    bool countWasWrong = false;    ///< NumberOfNetBufferLists of the indication was wrong
+    bool cancelForwarded = false;  ///< the cancel request was passed down
     std::size_t heldAtEntry = 0;
 };
 

@@ -23,8 +23,8 @@ class ScheduleTree {
     /// Runs the one schedule of this name instead.
     void Follow(const std::string& name);
 
-    /// While closed, nothing is tried but the choice of a run that is left alone: for what comes
-    /// before and after the moment of interest. Open at first.
+    /// While closed, only the choice of a run that is left alone is tried: before and after the
+    /// part to explore. Open at first.
     void SetOpen(bool open) { open_ = open; }
 
     /// As Strategy::Pick.

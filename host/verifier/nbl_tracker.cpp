@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kVerbs[] = {"sent", "completed", "indicated", "returned"};
 
-// What an NBL's Scratch field holds after a hand-over: nobody's value survives one.
+// The NBL's Scratch field after it was passed on: no driver may rely on its own value.
 void* ScratchAfterTransfer() {
     return reinterpret_cast<void*>(0xBAD5C4A7C4BAD5C4ull);
 }
@@ -89,11 +89,11 @@ bool NblTracker::Remove(PNET_BUFFER_LIST nbl) {
     HostLock lock(mutex_);
     const auto it = records_.find(nbl);
     if (it == records_.end()) {
-        verifier_.Report(Rule::kFreedNblUsed, "an NBL that is not alive was freed");
+        verifier_.Report(Rule::kFreedNblUsed, "an NBL that is not allocated was freed");
         return false;
     }
     if (it->second.outstanding || it->second.previous) {
-        Report(Rule::kNblNotOwned, it->second, "freed while it is given away");
+        Report(Rule::kNblNotOwned, it->second, "freed while it is outstanding");
         return false;
     }
     records_.erase(it);
@@ -110,7 +110,7 @@ void NblTracker::TakeOwnership(PNET_BUFFER_LIST nbl, const Component& holder, Co
     Record& record = records_.at(nbl);
     if (record.holder != &holder) {
         Report(Rule::kNblNotOwned, record,
-               fmt::format("adopted from {}, who does not hold it", holder.name));
+               fmt::format("ownership taken from {}, which does not hold it", holder.name));
     }
     auto before = std::make_unique<Record>(std::move(record));
     record = {};
@@ -124,7 +124,7 @@ void NblTracker::RestoreOwnership(PNET_BUFFER_LIST nbl) {
     HostLock lock(mutex_);
     Record& record = records_.at(nbl);
     if (record.outstanding) {
-        Report(Rule::kNblNotOwned, record, "surrendered while it is given away");
+        Report(Rule::kNblNotOwned, record, "ownership restored while it is outstanding");
     }
     const std::unique_ptr<Record> before = std::move(record.previous);
     record = std::move(*before);
@@ -154,9 +154,9 @@ void NblTracker::CheckRead(PNET_BUFFER_LIST nbl) {
     HostLock lock(mutex_);
     const auto it = records_.find(nbl);
     if (it == records_.end()) {
-        verifier_.Report(Rule::kFreedNblUsed, "what is read is no NBL");
-    } else if (it->second.holder->kind != ComponentKind::kModule) {
-        Report(Rule::kNblRead, it->second, "read while another holds it");
+        verifier_.Report(Rule::kFreedNblUsed, "an NBL that is not allocated was read");
+    } else if (it->second.holder->kind != ComponentKind::kFilterModule) {
+        Report(Rule::kNblRead, it->second, "read by a driver that does not hold it");
     }
 }
 
@@ -180,7 +180,7 @@ PNET_BUFFER_LIST NblTracker::Transfer(PNET_BUFFER_LIST chain,
         const PNET_BUFFER_LIST next = known ? nbl->Next : nullptr;
         if (!known) {
             verifier_.Report(Rule::kFreedNblUsed,
-                             fmt::format("an NBL that is not alive was {} by {}",
+                             fmt::format("an NBL that is not allocated was {} by {}",
                                          kVerbs[static_cast<int>(transfer)], from.name));
         } else if (TransferOne(nbl, from, to, transfer, resources)) {
             *tail = nbl;
@@ -202,7 +202,7 @@ bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
         return false;
     }
     if (!record.outstanding) {
-        GiveAway(nbl, record, from);
+        Originate(nbl, record, from);
         record.sent = transfer == NblTransfer::kSend;
     }
     record.resources = resources;
@@ -210,15 +210,15 @@ bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
     Note(record, kVerbs[static_cast<int>(transfer)], &from, &to);
     record.holder = &to;
     if (&to == record.owner) {
-        BackWithOwner(nbl, record);
+        EndAtOwner(nbl, record);
     } else if ((transfer == NblTransfer::kSendComplete && to.kind == ComponentKind::kProtocol) ||
                (transfer == NblTransfer::kReturn && to.kind == ComponentKind::kAdapter)) {
-        // Its owner is a module that the NBL has passed by.
-        Report(Rule::kOriginatedNblPassedOn, record, "it came to an end that is not its owner");
+        // Its owner is a filter module that did not get it back.
+        Report(Rule::kOriginatedNblPassedOn, record, "completed or returned past its owner");
         record.holder = record.owner;
-        BackWithOwner(nbl, record);
+        EndAtOwner(nbl, record);
         return false;
-    } else if (to.kind != ComponentKind::kModule) {
+    } else if (to.kind != ComponentKind::kFilterModule) {
         record.atEndpoint = true;
         record.endpointHash = HashOf(nbl);
     }
@@ -233,16 +233,17 @@ std::pair<Rule, const char*> NblTracker::Objection(const Record& record,
     const bool asSent = transfer == NblTransfer::kSend || transfer == NblTransfer::kSendComplete;
     if (record.holder != &from) {
         return record.lastResourcesHolder == &from
-                   ? std::pair{Rule::kResourcesNblKept, ", whose loan has ended"}
-                   : std::pair{Rule::kNblNotOwned, ", who does not hold it"};
+                   ? std::pair{Rule::kResourcesNblKept,
+                               ", whose call with the resources flag has returned"}
+                   : std::pair{Rule::kNblNotOwned, ", which does not hold it"};
     }
     if (!record.outstanding) {
-        return {Rule::kOriginatedNblPassedOn, outward ? "" : ", whose own it is"};
+        return {Rule::kOriginatedNblPassedOn, outward ? "" : ", which originated it"};
     }
     if (record.resources && transfer == NblTransfer::kReturn) {
-        return {Rule::kResourcesNblReturned, ", to whom it is lent"};
+        return {Rule::kResourcesNblReturned, ", which got it with the resources flag"};
     }
-    return {Rule::kNblDirection, asSent == record.sent ? "" : ", though it came the other way"};
+    return {Rule::kNblDirection, asSent == record.sent ? "" : ", though it is on the other path"};
 }
 
 bool NblTracker::MayTransfer(PNET_BUFFER_LIST nbl,
@@ -255,9 +256,8 @@ bool NblTracker::MayTransfer(PNET_BUFFER_LIST nbl,
         return false;
     }
     if (record.outstanding && nbl->SourceHandle != record.source) {
-        Report(
-            Rule::kSourceHandle, record,
-            fmt::format("{} by {} with another SourceHandle than it came with", verb, from.name));
+        Report(Rule::kSourceHandle, record,
+               fmt::format("{} by {} with a changed SourceHandle", verb, from.name));
         nbl->SourceHandle = record.source;
     }
     return true;
@@ -281,10 +281,10 @@ bool NblTracker::DropsResourcesFlag(PNET_BUFFER_LIST chain, const Component& fro
     return false;
 }
 
-void NblTracker::GiveAway(PNET_BUFFER_LIST nbl, Record& record, Component& from) {
+void NblTracker::Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from) {
     if (nbl->SourceHandle != from.handle) {
         Report(Rule::kSourceHandle, record,
-               fmt::format("originated by {} without its handle", from.name));
+               fmt::format("originated by {} without its SourceHandle", from.name));
         nbl->SourceHandle = from.handle;
     }
     if (!from.mayOriginate) {
@@ -300,7 +300,7 @@ void NblTracker::GiveAway(PNET_BUFFER_LIST nbl, Record& record, Component& from)
     ++from.originatedOutstanding;
 }
 
-void NblTracker::BackWithOwner(PNET_BUFFER_LIST nbl, Record& record) {
+void NblTracker::EndAtOwner(PNET_BUFFER_LIST nbl, Record& record) {
     record.outstanding = false;
     record.resources = false;
     record.atEndpoint = false;
@@ -316,10 +316,10 @@ void NblTracker::BackWithOwner(PNET_BUFFER_LIST nbl, Record& record) {
     }
 }
 
-// An edge hands an NBL on just as it got it, so a difference was made by someone who had given the
-// NBL away.
+// A protocol or an adapter passes an NBL on as it got it: a difference was made by a driver that no
+// longer held it.
 void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from) {
-    if (record.atEndpoint && from.kind != ComponentKind::kModule &&
+    if (record.atEndpoint && from.kind != ComponentKind::kFilterModule &&
         HashOf(nbl) != record.endpointHash) {
         Report(Rule::kNblWritten, record, fmt::format("written while {} held it", from.name));
     }
@@ -341,19 +341,20 @@ void NblTracker::ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
         if (record.holder != &to && record.holder != &from) {
             kept = true;
             Report(Rule::kResourcesNblKept, record,
-                   fmt::format("the call that lent it to {} has returned", to.name));
+                   fmt::format("the call of {} with the resources flag has returned", to.name));
         }
         Note(record, "taken back", &to, &from);
         record.holder = &from;
         record.lastResourcesHolder = &to;
         if (&from == record.owner && record.outstanding) {
-            BackWithOwner(chain[i], record);
+            EndAtOwner(chain[i], record);
         }
     }
     if (found != given && !kept) {
         Report(Rule::kResourcesChain, records_[chain.front()],
-               fmt::format("{} NBLs were lent to {}, {} are on the chain again", given.size(),
-                           to.name, found.size()));
+               fmt::format(
+                   "{} NBLs were indicated to {} with the resources flag, the chain has {} now",
+                   given.size(), to.name, found.size()));
     }
     if (found != given) {
         for (std::size_t i = 0; i < chain.size(); ++i) {
@@ -406,7 +407,7 @@ std::string NblTracker::Describe(const Record& record) {
                             at.from->name, at.to->name, at.context);
     }
     if (record.previous) {
-        text += "\n        before that it was " + Describe(*record.previous);
+        text += "\n        before that, " + Describe(*record.previous);
     }
     return text;
 }

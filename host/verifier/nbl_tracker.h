@@ -1,4 +1,4 @@
-// Who holds which NET_BUFFER_LIST, and how it got there.
+// Tracks which component holds each NBL, and its history.
 #pragma once
 
 #include <array>
@@ -13,75 +13,80 @@
 
 namespace netsieve::host {
 
-enum class ComponentKind : std::uint8_t { kProtocol, kModule, kAdapter };
+enum class ComponentKind : std::uint8_t { kProtocol, kFilterModule, kAdapter };
 
-/// Someone who can hold NBLs: a protocol, a filter module, an adapter.
+/// What can own and hold NBLs: a protocol, a filter module or an adapter.
 struct Component {
     ComponentKind kind = ComponentKind::kProtocol;
     std::string name;              ///< for reports: "protocol tcpip", "NETSIEVE on eth0"
     const void* stack = nullptr;   ///< the Stack it is part of
-    NDIS_HANDLE handle = nullptr;  ///< what SourceHandle of its own NBLs must be
+    NDIS_HANDLE handle = nullptr;  ///< the SourceHandle of its own NBLs
     bool mayOriginate = true;      ///< false for a module from pause until restart
-    std::atomic<int> originatedOutstanding = 0;  ///< own NBLs that are given away now
+    std::atomic<int> originatedOutstanding =
+        0;  ///< its own NBLs that are not completed or returned
 };
 
+/// A call that passes NBLs from one component to another.
 enum class NblTransfer : std::uint8_t { kSend, kSendComplete, kIndicate, kReturn };
 
-/// Follows every NBL of the machine from the moment its owner gives it away until it is home
-/// again, and judges each hand-over. Its checks run on the hand-over itself, in the context of the
-/// one who makes it.
+/// Tracks every NBL of the machine from the call in which its owner sends or indicates it until it
+/// is completed or returned to its owner, and checks each call that passes it on, in the context of
+/// the caller. An NBL is outstanding in that time.
 class NblTracker {
   public:
     explicit NblTracker(Verifier& verifier) : verifier_(verifier) {}
 
-    /// An NBL exists and is at home.
+    /// An NBL was allocated; `owner` holds it.
     void Add(PNET_BUFFER_LIST nbl, Component* owner);
-    /// The NBL is about to be freed. False when it may not be, because it is away or unknown.
+    /// The NBL is about to be freed. False when it must not be, because it is outstanding or
+    /// unknown.
     bool Remove(PNET_BUFFER_LIST nbl);
-    /// Whether this is an NBL of the machine that is alive.
+    /// Whether this is an allocated NBL of the machine.
     bool Contains(PNET_BUFFER_LIST nbl);
 
-    /// `holder`, an edge, makes an NBL that was given to it into one of `owner`'s own, which can
-    /// give it away again. What is known of its journey so far waits until RestoreOwnership.
+    /// `holder`, a protocol or an adapter, makes an NBL that was passed to it one of `owner`'s own,
+    /// which can send or indicate it. The NBL's former owner and history are kept until
+    /// RestoreOwnership.
     void TakeOwnership(PNET_BUFFER_LIST nbl, const Component& holder, Component& owner);
-    /// The NBL is home with the one who adopted it, and is again where it was before.
+    /// The NBL is back with the component that took ownership; restores its former owner and
+    /// holder.
     void RestoreOwnership(PNET_BUFFER_LIST nbl);
 
-    /// Every NBL of the machine that is alive.
+    /// Every allocated NBL of the machine.
     std::vector<PNET_BUFFER_LIST> All();
-    /// Length of a chain, as far as it can be followed over NBLs that are alive.
+    /// Number of NBLs in a chain, up to the first that is not allocated.
     ULONG Count(const NET_BUFFER_LIST* chain);
 
-    /// A driver reads the NBL: reports it while the NBL is with an edge, or dead.
+    /// A driver reads the NBL: reports that if a protocol or an adapter holds it, or it was freed.
     void CheckRead(PNET_BUFFER_LIST nbl);
 
-    /// Whose NBL it is; null for one that is not alive.
+    /// The owner of the NBL; null for one that is not allocated.
     const Component* OwnerOf(PNET_BUFFER_LIST nbl);
 
-    /// `from` hands a chain to `to`. Returns the chain without the NBLs that were not its to give;
-    /// `lent` says that it goes up under the resources flag.
+    /// `from` passes a chain to `to`. Returns the chain without the NBLs that `from` must not pass.
+    /// `resources`: it is indicated with NDIS_RECEIVE_FLAGS_RESOURCES.
     PNET_BUFFER_LIST Transfer(PNET_BUFFER_LIST chain,
                               Component& from,
                               Component& to,
                               NblTransfer transfer,
                               bool resources = false);
 
-    /// Whether `from` is about to pass a chain up as given though NBLs of it were only lent to it:
-    /// reports that.
+    /// Reports, and returns true, when `from` indicates NBLs without NDIS_RECEIVE_FLAGS_RESOURCES
+    /// that were indicated to it with that flag.
     bool DropsResourcesFlag(PNET_BUFFER_LIST chain, const Component& from);
 
-    /// A call that lent `chain` (as it was, in order) to `to` has returned to `from`: checks that
-    /// everything is there and takes it back. `first` is where the chain is found now.
+    /// An indication of `chain` (as it was, in order) with NDIS_RECEIVE_FLAGS_RESOURCES has
+    /// returned from `to` to `from`: checks that the chain is complete; `from` holds it again.
     void ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
                             Component& from,
                             Component& to);
 
-    /// Reports as lost every NBL that is away from home, or only those for which `which` holds.
+    /// Reports as lost every outstanding NBL, or only those for which `which` holds.
     using Which = std::function<bool(const Component& owner, const Component& holder)>;
     void ReportOutstanding(const std::string& when, const Which& which = {});
-    /// NBLs that are away from home now.
+    /// Number of outstanding NBLs.
     std::size_t Outstanding();
-    /// Where the NBL has been, one step a line.
+    /// The components that have held the NBL, one step a line.
     std::string History(PNET_BUFFER_LIST nbl);
 
   private:
@@ -102,22 +107,22 @@ class NblTracker {
         std::uint64_t id = 0;
         Component* owner = nullptr;
         const Component* holder = nullptr;
-        const Component* lastResourcesHolder = nullptr;  ///< whose loan of it ended last
+        const Component* lastResourcesHolder = nullptr;  ///< of the latest call with the flag
         bool outstanding = false;
-        bool resources = false;
-        bool sent = false;  ///< it left home by a send, not by an indication
-        // As the NBL was when it left home.
+        bool resources = false;  ///< indicated with NDIS_RECEIVE_FLAGS_RESOURCES
+        bool sent = false;       ///< by its owner; otherwise indicated
+        // The NBL as its owner sent or indicated it.
         NDIS_HANDLE source = nullptr;
         std::vector<Buffer> buffers;
         std::uint64_t bytes = 0;
         NET_BUFFER_LIST_CONTEXT* context = nullptr;
         USHORT contextOffset = 0;
-        // As it was when an edge got it; edges change nothing.
+        // The NBL as a protocol or an adapter got it, which changes nothing in it.
         bool atEndpoint = false;
         std::uint64_t endpointHash = 0;
         std::array<Step, 16> history;  ///< the latest steps
         std::uint64_t steps = 0;
-        std::unique_ptr<Record> previous;  ///< the journey that the present one interrupts
+        std::unique_ptr<Record> previous;  ///< its record before TakeOwnership
     };
 
     bool TransferOne(PNET_BUFFER_LIST nbl,
@@ -126,12 +131,12 @@ class NblTracker {
                      NblTransfer transfer,
                      bool resources);
     bool MayTransfer(PNET_BUFFER_LIST nbl, Record& record, Component& from, NblTransfer transfer);
-    /// What speaks against handing the NBL on at all; an empty text when nothing does.
+    /// The rule that passing the NBL on breaks, and why; an empty text when it breaks none.
     std::pair<Rule, const char*> Objection(const Record& record,
                                            const Component& from,
                                            NblTransfer transfer);
-    void GiveAway(PNET_BUFFER_LIST nbl, Record& record, Component& from);
-    void BackWithOwner(PNET_BUFFER_LIST nbl, Record& record);
+    void Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from);
+    void EndAtOwner(PNET_BUFFER_LIST nbl, Record& record);
     void CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from);
     void Note(Record& record, const char* verb, const Component* from, const Component* to);
     void Report(Rule rule, const Record& record, const std::string& what);

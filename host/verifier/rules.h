@@ -12,19 +12,19 @@ namespace netsieve::host {
     X(CallbackIrql, "a callback returns at the IRQL it was entered at")                    \
     X(CallbackHoldsLock, "a callback returns with no spin lock held")                      \
     X(DispatchFlag, "a DISPATCH_LEVEL flag is set only by a caller that is there")         \
-    X(NblWritten, "an NBL and its data are not written while they are given away")         \
-    X(NblRead, "an NBL is read by who holds it")                                           \
-    X(SourceHandle, "an NBL carries the handle of whoever originated it, and no other")    \
-    X(OriginatedNblPassedOn, "a filter's own NBLs go no further than its own handlers")    \
-    X(NblNotOwned, "an NBL is handed on only by who holds it, and once")                   \
+    X(NblWritten, "an NBL and its data are written by the driver that holds it")           \
+    X(NblRead, "an NBL is read by the driver that holds it")                               \
+    X(SourceHandle, "an NBL's SourceHandle is the handle of its originator")               \
+    X(OriginatedNblPassedOn, "a filter frees its own NBLs and does not pass them on")      \
+    X(NblNotOwned, "an NBL is passed on by the driver that holds it, and once")            \
     X(NblDirection, "a sent NBL is completed, an indicated one returned")                  \
-    X(NblNetBuffers, "an NBL goes back with the buffers and the order it came with")       \
-    X(NblData, "an NBL goes back with the bytes it came with")                             \
-    X(NblLost, "every NBL goes back to its owner")                                         \
-    X(ResourcesNblKept, "an NBL lent for the call is not kept past it")                    \
-    X(ResourcesChain, "a lent chain is whole again when the call returns")                 \
-    X(ResourcesNblReturned, "a lent NBL is never returned")                                \
-    X(ResourcesFlagDropped, "a lent NBL is not passed up as if it were given")             \
+    X(NblNetBuffers, "an NBL goes back with its NET_BUFFERs in their order")               \
+    X(NblData, "an NBL goes back with its data unchanged")                                 \
+    X(NblLost, "every NBL is completed or returned to its owner")                          \
+    X(ResourcesNblKept, "an NBL indicated with the resources flag is not kept")            \
+    X(ResourcesChain, "a chain indicated with the resources flag is left complete")        \
+    X(ResourcesNblReturned, "an NBL indicated with the resources flag is not returned")    \
+    X(ResourcesFlagDropped, "the resources flag is passed on with the NBLs")               \
     X(NblCount, "NumberOfNetBufferLists is the length of the chain")                       \
     X(PauseOutstanding, "a paused filter has none of its own NBLs outstanding")            \
     X(PauseFailed, "pause does not fail")                                                  \
@@ -34,9 +34,9 @@ namespace netsieve::host {
     X(DeregisteredElsewhere, "a filter driver is deregistered from its unload routine")    \
     X(CancelNotForwarded, "a cancel request is passed down")                               \
     X(ContextSize, "an NBL context's size is a multiple of MEMORY_ALLOCATION_ALIGNMENT")   \
-    X(ContextLeft, "an NBL goes to its owner without contexts of others on it")            \
+    X(ContextLeft, "an NBL goes back without contexts of others on it")                    \
     X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
-    X(NblPoolInUse, "an NBL pool is freed when all its NBLs are back")                     \
+    X(NblPoolInUse, "an NBL pool is freed when all its NBLs are freed")                    \
     X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \
     X(TimerInFreedMemory, "a timer is not armed in memory that is freed")                  \

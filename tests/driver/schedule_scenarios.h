@@ -35,12 +35,12 @@ class Scenario {
     void DemandAllReturned(const Traffic& traffic, int sent, int given, int resources) {
         Demand(traffic.onWire == traffic.completed && traffic.completed + traffic.refused == sent &&
                    traffic.returned == given && traffic.received <= given + resources,
-               fmt::format("of {} sent NBLs {} were on the wire, {} came back and {} were "
-                           "refused; of {} given and {} lent NBLs {} were received and {} "
-                           "returned",
-                           sent, traffic.onWire.load(), traffic.completed.load(),
-                           traffic.refused.load(), given, resources, traffic.received.load(),
-                           traffic.returned.load()));
+               fmt::format(
+                   "of {} sent NBLs {} were on the wire, {} came back and {} were "
+                   "refused; of {} NBLs and {} with the resources flag {} were received and {} "
+                   "returned",
+                   sent, traffic.onWire.load(), traffic.completed.load(), traffic.refused.load(),
+                   given, resources, traffic.received.load(), traffic.returned.load()));
         meetings_ += traffic.refused != 0 ? 1 : 0;
     }
     std::string verdict_;
@@ -81,7 +81,7 @@ class LifeUnderTraffic final : public Scenario {
         contexts.push_back(scheduler.Start({.name = "pause", .processor = 3}, pause));
         machine.UnloadDriver("NETSIEVE");
         scheduler.JoinAll(contexts);
-        stack.Pause();  // everything comes home
+        stack.Pause();  // waits until no NBL is outstanding
         DemandAllReturned(traffic, 3, given, resources);
     }
 };

@@ -76,7 +76,7 @@ class FailureSweep : public testing::TestWithParam<bool> {
         scene.Pass(true, frames);
     }
 
-    /// Every NBL is home as it left, the records are in the pool, and the next frame goes through.
+    /// Every NBL is back unchanged, the records are in the pool, and the next frame goes through.
     static void ExpectSettled(Scene& scene) {
         if (scene.module != nullptr) {
             // The frames that the latest call took over go with the pause.

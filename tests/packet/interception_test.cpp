@@ -68,7 +68,7 @@ class RandomTraffic {
         }
     }
 
-    /// Everything is home and every frame either arrived or was withheld, once.
+    /// No NBL is outstanding, and every frame either arrived or was withheld, once.
     void ExpectSettled() {
         EXPECT_EQ(back_, made_.size());
         std::map<std::string, int> seen = withheld_;
@@ -129,7 +129,7 @@ class RandomTraffic {
             for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
                 now.push_back({at, NblFactory::BytesOf(*at)});
             }
-            EXPECT_TRUE(now == made_.at(chain)) << "an NBL came home changed";
+            EXPECT_TRUE(now == made_.at(chain)) << "an NBL was completed or returned changed";
             ++back_;
         }
     }
@@ -260,7 +260,8 @@ TEST(InterceptionEdges, OffersReceivedFramesByTheirDestination) {
     });
 }
 
-// An NBL without context space goes down at once; lent NBLs come back in two parts.
+// An NBL without context space is sent on at once; NBLs with the resources flag come back in two
+// parts.
 TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
     OnScene([](Scene& scene) {
         TestHook hook([](NIRP* nirp) -> LONG { return ITarnHKGetBuffer(nirp)[6] == 2; });

@@ -8,7 +8,7 @@ constexpr NTSTATUS kRefused = STATUS_INSUFFICIENT_RESOURCES;
 constexpr ULONG kFailure = 0xC0000001;
 
 // Of three frames the middle one is taken over. Whatever comes first, the NBL's return or the
-// completion, the NBL comes home whole, and the frame goes on if every completion says so.
+// completion, the NBL goes back unchanged, and the frame goes on if every completion says so.
 TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
     struct Case {
         bool send;

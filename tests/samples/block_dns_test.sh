@@ -6,7 +6,7 @@
 # usage: block_dns_test.sh NETSIEVE BLOCK_DNS.so NETSIEVE.sys CAPTURE
 set -euo pipefail
 
-netsieve=$1 module=$2 image=$3 capture=$4
+netsieve=$1 object=$2 image=$3 capture=$4
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
@@ -34,7 +34,7 @@ with open(sys.argv[1], "rb") as source, open(sys.argv[2], "wb") as target:
 PYTHON
 
 for input in "$capture" "$scratch/tagged"; do
-    replay "$scratch/so" "$input" --hook "driver:$module"
+    replay "$scratch/so" "$input" --hook "driver:$object"
     replay "$scratch/sys" "$input" --driver "$image" --hook "driver:${image%/*}/block_dns.sys"
     replay "$scratch/drop" "$input" --hook 'drop:port 53 or (vlan and port 53)'
     cmp "$scratch/so" "$scratch/drop"
@@ -43,8 +43,8 @@ for input in "$capture" "$scratch/tagged"; do
         { echo "nothing was withheld from $input"; exit 1; }
 done
 
-# A module goes with the driver that it was built for.
+# A hook driver goes with the driver that it was built for.
 status=0
-"$netsieve" replay "$capture" --driver "$image" --hook "driver:$module" -o "$scratch/none" \
+"$netsieve" replay "$capture" --driver "$image" --hook "driver:$object" -o "$scratch/none" \
     >"$scratch/words" 2>&1 || status=$?
 [ "$status" = 2 ] || { echo "a shared object beside the image: exit status $status"; exit 1; }

@@ -37,7 +37,7 @@ void CompleteUnsent(SmallFilter& filter) {
     };
 }
 
-/// The first received NBL is never handed on.
+/// The first received NBL is never passed on.
 void KeepAnNbl(SmallFilter& filter) {
     filter.receive = [&filter, received = 0](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port,
                                              ULONG count, ULONG flags) mutable {
@@ -111,7 +111,7 @@ TEST(MisbehaviourTest, IsReportedForWhatItIs) {
          "not balance",
          3},
         {"keeps an NBL", &KeepAnNbl, ExitStatus::kRuleBroken,
-         "1 lost; not given back: 1 NBL(s) away from home", 3},
+         "1 lost; not given back: 1 outstanding NBL(s)", 3},
         {"miscounts", &Miscount, ExitStatus::kRuleBroken, "NblCount", 4},
         {"sends twice", &SendTwice, ExitStatus::kClean, "1 injected", 5},
     };

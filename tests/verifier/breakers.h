@@ -22,7 +22,7 @@ struct Scene {
     /// The protocol sends, the adapter indicates, chains of `count` NBLs of two frames each.
     void Send(int count = 1);
     void Receive(ULONG flags = 0, int count = 1);
-    /// Frees what came home and unloads the filter.
+    /// Frees the NBLs that were completed or returned and unloads the filter.
     void Finish();
 
     /// An NBL of the filter's own, and its end.

@@ -44,8 +44,9 @@ std::function<void(Scene&)> OnSendComplete(std::function<void(Scene&, PNET_BUFFE
     };
 }
 
-/// The same for a chain of two NBLs that the adapter lends.
-std::function<void(Scene&)> OnResources(std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
+/// The same for two NBLs that are indicated with the resources flag.
+std::function<void(Scene&)> OnResourcesReceive(
+    std::function<void(Scene&, PNET_BUFFER_LIST)> handler) {
     return [handler = std::move(handler)](Scene& scene) {
         scene.filter.receive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
             handler(scene, chain);
@@ -84,7 +85,7 @@ void SwapBuffers(PNET_BUFFER_LIST nbl) {
 }
 
 void KeepResourcesNbls(Scene& scene) {
-    OnResources([](Scene& inside, PNET_BUFFER_LIST chain) { inside.kept = chain; })(scene);
+    OnResourcesReceive([](Scene& inside, PNET_BUFFER_LIST chain) { inside.kept = chain; })(scene);
     IndicateOn(scene, scene.kept, 2, 0);
 }
 
@@ -141,7 +142,7 @@ std::vector<Breaker> HandOverBreakers() {
              scene.own->SourceHandle = nullptr;
              SendOn(scene, scene.own);
          }},
-        {Rule::kOriginatedNblPassedOn, "an own NBL is completed to those above",
+        {Rule::kOriginatedNblPassedOn, "an own NBL is completed to the drivers above",
          [](Scene& scene) {
              scene.Start();
              SendOn(scene, scene.MakeOwn());
@@ -167,18 +168,20 @@ std::vector<Breaker> HandOverBreakers() {
              SendOn(scene, chain);
          })},
         {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
-        {Rule::kNblCount, "one NBL too many", OnResources([](Scene& scene, PNET_BUFFER_LIST chain) {
+        {Rule::kNblCount, "one NBL too many",
+         OnResourcesReceive([](Scene& scene, PNET_BUFFER_LIST chain) {
              IndicateOn(scene, chain, 3, kResources);
          })},
-        {Rule::kResourcesNblKept, "indicated after the loan", &KeepResourcesNbls},
+        {Rule::kResourcesNblKept, "indicated after the call", &KeepResourcesNbls},
         {Rule::kResourcesChain, "the second NBL is gone from the chain",
-         OnResources([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
-        {Rule::kResourcesNblReturned, "returned during the loan",
-         OnResources([](Scene& scene, PNET_BUFFER_LIST chain) {
+         OnResourcesReceive([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
+        {Rule::kResourcesNblReturned, "returned during the call",
+         OnResourcesReceive([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
          })},
         {Rule::kResourcesFlagDropped, "passed up without the flag",
-         OnResources([](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 2, 0); })},
+         OnResourcesReceive(
+             [](Scene& scene, PNET_BUFFER_LIST chain) { IndicateOn(scene, chain, 2, 0); })},
     };
 }
 
@@ -196,7 +199,7 @@ std::vector<Breaker> ModuleBreakers() {
              KeInitializeSpinLock(&lock);
              KeAcquireSpinLockRaiseToDpc(&lock);
          })},
-        {Rule::kPauseOutstanding, "an own NBL is out when pause returns",
+        {Rule::kPauseOutstanding, "an own NBL is outstanding when pause returns",
          [](Scene& scene) {
              StartWithOwn(scene);
              scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
@@ -255,7 +258,7 @@ std::vector<Breaker> ContextAndPoolBreakers() {
              NdisFreeNetBufferListContext(chain, 32);
              SendOn(scene, chain);
          })},
-        {Rule::kNblPoolInUse, "freed with an NBL out",
+        {Rule::kNblPoolInUse, "freed with an NBL allocated",
          [](Scene& scene) {
              StartWithOwn(scene);
              NdisFreeNetBufferListPool(scene.own->NdisPoolHandle);

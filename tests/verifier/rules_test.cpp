@@ -87,7 +87,7 @@ TEST(Rules, ReportTellsWhatWhereAndTheNblsHistory) {
     }
     const std::string text = machine.verifier().Describe();
     for (const char* part :
-         {"NblNotOwned: an NBL is handed on only by who holds it, and once",
+         {"NblNotOwned: an NBL is passed on by the driver that holds it, and once",
           "seen: completed by SMALL on adapter 1", "of protocol TCPIP, held by protocol TCPIP",
           "1. sent by protocol TCPIP to SMALL on adapter 1",
           "2. sent by SMALL on adapter 1 to adapter 1",

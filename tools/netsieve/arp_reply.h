@@ -1,4 +1,4 @@
-// Answers to questions of the Address Resolution Protocol (RFC 826) about one address.
+// Replies to ARP requests (RFC 826) for one address.
 #pragma once
 
 #include <array>
@@ -15,7 +15,7 @@ using Ipv4Address = std::array<std::uint8_t, 4>;
 /// The address in "192.0.2.1", or nothing if it is none.
 std::optional<Ipv4Address> ParseIpv4(const std::string& text);
 
-/// Who is to be found where.
+/// The protocol address that is asked for and its hardware address.
 struct ArpAnswer {
     Ipv4Address protocol{};
     MacAddress hardware{};

@@ -14,7 +14,7 @@ constexpr std::uint32_t kPriorities[] = {HOOK_PRIORITY_CLASS_0, HOOK_PRIORITY_CL
                                          HOOK_PRIORITY_CLASS_2, HOOK_PRIORITY_CLASS_3,
                                          HOOK_PRIORITY_LAST};
 
-/// Protocols choose their names themselves; a line stays a line all the same.
+/// The name without characters that would break a log line.
 std::string Printable(const PROTOCOL_ENTRY* entry) {
     if (entry == nullptr || entry->Length == 0) {
         return "-";
@@ -30,7 +30,7 @@ std::string Printable(const PROTOCOL_ENTRY* entry) {
 
 BuiltInHook::BuiltInHook(SharedHookData& shared, HookOption spec, unsigned number)
     : shared_(shared), spec_(std::move(spec)), number_(number) {
-    // Of fixed width: a hook whose name contained another's would be taken for that one.
+    // Of fixed width: the driver treats hooks as one when the name of one contains the other's.
     const std::string name = fmt::format("netsieve-replay hook {:03}", number);
     name_.assign(name.begin(), name.end());
 }
@@ -80,45 +80,45 @@ VOID NTAPI BuiltInHook::OnDetach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID
     static_cast<BuiltInHook*>(context)->shared_.exports.detachFilter(module, hook);
 }
 
-template <Direction kWay>
+template <Direction kDirection>
 LONG NTAPI BuiltInHook::OnFrame(PVOID context, NIRP* nirp) {
     auto& self = *static_cast<BuiltInHook*>(context);
     if (self.countsOffers_) {
-        self.shared_.offers.Open(kWay);
+        self.shared_.offers.CountOffered(kDirection);
     }
     Answer answer = Answer::kPass;
     if (self.Selects(nirp)) {
         self.tally_.matched.Add();
-        answer = self.Treat(nirp, kWay);
+        answer = self.Treat(nirp, kDirection);
     }
     self.tally_.Count(answer);
     if (answer == Answer::kPass) {
         return HOOK_VERDICT_PASS;
     }
-    self.shared_.offers.Withhold(kWay, false);
+    self.shared_.offers.CountWithheld(kDirection, false);
     return answer == Answer::kMark ? HOOK_VERDICT_PENDING : HOOK_VERDICT_WITHHOLD;
 }
 
-Answer BuiltInHook::Treat(NIRP* nirp, Direction way) {
+Answer BuiltInHook::Treat(NIRP* nirp, Direction direction) {
     switch (spec_.kind) {
         case HookKind::kDrop:
             return Answer::kWithhold;
         case HookKind::kDelay:
         case HookKind::kHold:
-            return TakeOver(nirp, way);
+            return MarkPending(nirp, direction);
         case HookKind::kLog:
-            Log(nirp, way);
+            Log(nirp, direction);
             return Answer::kPass;
         case HookKind::kReplyArp:
-            ReplyToArp(nirp, way);
+            ReplyToArp(nirp, direction);
             return Answer::kPass;
         default:
             return Answer::kPass;
     }
 }
 
-Answer BuiltInHook::TakeOver(NIRP* nirp, Direction way) {
-    if (!shared_.held.HasRoomFor(nirp) || shared_.exports.markPending(nirp) != STATUS_SUCCESS) {
+Answer BuiltInHook::MarkPending(NIRP* nirp, Direction direction) {
+    if (!shared_.held.CanHold(nirp) || shared_.exports.markPending(nirp) != STATUS_SUCCESS) {
         tally_.overflow.Add();
         return spec_.overflowDrops ? Answer::kWithhold : Answer::kPass;
     }
@@ -126,15 +126,16 @@ Answer BuiltInHook::TakeOver(NIRP* nirp, Direction way) {
     if (spec_.kind == HookKind::kDelay) {
         due = shared_.clock->Now().After(std::chrono::milliseconds(spec_.delayMilliseconds));
     }
-    shared_.held.Add(nirp, way, due, spec_.releases);
+    shared_.held.Add(nirp, direction, due, spec_.releases);
     return Answer::kMark;
 }
 
-void BuiltInHook::ReplyToArp(NIRP* nirp, Direction way) {
+void BuiltInHook::ReplyToArp(NIRP* nirp, Direction direction) {
     const HookExports& exports = shared_.exports;
     HOOK_ADAPTER_INFO info{};
-    // The driver sends on the wire: a request of the adapter's own side gets no answer there.
-    if (way == Direction::kSent || exports.getAdapterInfo(nirp, &info) != STATUS_SUCCESS) {
+    // Injected frames are sent by the adapter, where the sender of a sent request would not see
+    // them.
+    if (direction == Direction::kSent || exports.getAdapterInfo(nirp, &info) != STATUS_SUCCESS) {
         return;
     }
     MacAddress sender{};
@@ -153,7 +154,7 @@ bool BuiltInHook::Selects(NIRP* nirp) const {
            spec_.filter->Matches(exports.getBuffer(nirp), exports.getBufferLength(nirp));
 }
 
-void BuiltInHook::Log(NIRP* nirp, Direction way) const {
+void BuiltInHook::Log(NIRP* nirp, Direction direction) const {
     const HookExports& exports = shared_.exports;
     PROTOCOL_ENTRY* protocol = nullptr;
     exports.getProtocolName(nirp, &protocol);
@@ -161,10 +162,10 @@ void BuiltInHook::Log(NIRP* nirp, Direction way) const {
     MacAddress address{};
     const bool known = exports.getAdapterInfo(nirp, &info) == STATUS_SUCCESS;
     std::copy(std::begin(info.MacAddress), std::end(info.MacAddress), address.begin());
-    // Nothing may be thrown through the driver. The stream remembers that a write has failed.
+    // No exception may leave a handler. The stream records that a write failed.
     const std::string line =
         fmt::format("hook={} direction={} protocol={} adapter={} length={}\n", number_,
-                    way == Direction::kSent ? "send" : "receive", Printable(protocol),
+                    direction == Direction::kSent ? "send" : "receive", Printable(protocol),
                     known ? FormatMac(address) : "-", exports.getBufferLength(nirp));
     std::fwrite(line.data(), 1, line.size(), shared_.log);
 }

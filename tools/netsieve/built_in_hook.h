@@ -1,4 +1,4 @@
-// The hooks that the program brings along: ordinary hook filters of the driver.
+// The program's own hooks, which register with the driver as any hook driver's do.
 #pragma once
 
 #include <cstdint>
@@ -14,51 +14,50 @@
 
 namespace netsieve::tool {
 
-/// What the hooks of a replay share. Outlives them, and the driver's last call of a handler.
+/// What the hooks of a replay share. Must outlive them and the driver's last call of a handler.
 struct SharedHookData {
     HookExports exports{};
     OfferCounts offers;
     HeldFrames held;
-    ReplayClock* clock = nullptr;  ///< for when a held frame is due
-    FILE* log = stdout;            ///< where lines for frames go
+    ReplayClock* clock = nullptr;  ///< the capture's time
+    FILE* log = stdout;            ///< output of log hooks
 };
 
-/// A registered hook filter of one of the program's kinds. Its address is its context in the
-/// driver.
+/// One of the program's own hooks. Its address is the context that the driver passes to its
+/// handlers.
 class BuiltInHook {
   public:
-    /// `number` tells it from the replay's other hooks, in its name and in log lines; number 0 is
-    /// the one that only watches.
+    /// `number` identifies it in its name and in log lines; 0 is the hook that only counts offers.
     BuiltInHook(SharedHookData& shared, HookOption spec, unsigned number);
     BuiltInHook(const BuiltInHook&) = delete;
     BuiltInHook& operator=(const BuiltInHook&) = delete;
 
-    /// Registers it, which attaches it to every adapter, and switches it on. `countsOffers` makes
-    /// it the ledger's opener. Returns what went wrong, or nothing. PASSIVE_LEVEL, with the driver
-    /// loaded and an adapter there.
+    /// Registers it, which attaches it to every adapter, and makes it active. With `countsOffers`
+    /// it counts the frames that hooks are offered. Returns what went wrong, or nothing.
+    /// PASSIVE_LEVEL, with the driver loaded and an adapter added.
     std::optional<std::string> Register(bool countsOffers);
     /// Deregisters it if it is registered. PASSIVE_LEVEL.
     void Deregister();
 
     const HookOption& spec() const { return spec_; }
     const HookTally& counts() const { return tally_; }
-    /// Smaller ones see a frame first; no two hooks of a replay have the same.
+    /// Hooks with a lower priority value see a frame first; no two hooks of a replay have the same.
     std::uint32_t Priority() const;
-    /// The driver's record of it; null when it is not registered.
+    /// The hook in the driver; null when it is not registered.
     const HOOK_FILTER* handle() const { return handle_; }
 
   private:
     static VOID NTAPI OnAttach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context);
     static VOID NTAPI OnDetach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context);
-    template <Direction kWay>
+    template <Direction kDirection>
     static LONG NTAPI OnFrame(PVOID context, NIRP* nirp);
 
     bool Selects(NIRP* nirp) const;
-    /// What the hook does with a frame that it selects.
-    Answer Treat(NIRP* nirp, Direction way);
-    Answer TakeOver(NIRP* nirp, Direction way);
-    void ReplyToArp(NIRP* nirp, Direction way);
-    void Log(NIRP* nirp, Direction way) const;
+    /// Handles a frame that the hook selects.
+    Answer Treat(NIRP* nirp, Direction direction);
+    Answer MarkPending(NIRP* nirp, Direction direction);
+    void ReplyToArp(NIRP* nirp, Direction direction);
+    void Log(NIRP* nirp, Direction direction) const;
 
     SharedHookData& shared_;
     HookOption spec_;

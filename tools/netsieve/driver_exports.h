@@ -1,4 +1,4 @@
-// Which driver is meant, and what it exports.
+// The driver that a command uses, and its exports.
 #pragma once
 
 #include <optional>
@@ -21,7 +21,7 @@ host::DriverSource SourceOf(const std::string& driver);
 /// The address of a loaded driver's export, or null.
 void* FindExport(const host::LoadedDriver& driver, const char* name);
 
-/// What hooks call, the same for the native driver and for an image.
+/// The exports that hooks call, of the native driver or of an image.
 struct HookExports {
     decltype(&ITarnHKRegisterFilterEx) registerFilter;
     decltype(&ITarnHKDeregisterFilter) deregisterFilter;

@@ -1,4 +1,4 @@
-// The driver, started to be asked something.
+// Runs the driver for one query.
 #pragma once
 
 #include <functional>
@@ -10,17 +10,17 @@
 
 namespace netsieve::tool {
 
-/// One life of the driver on a machine of its own. One at a time in a process.
+/// Loads and unloads the driver on a machine of its own. One at a time in a process.
 class DriverSession {
   public:
     /// `driver` is native, or the path of an image.
     explicit DriverSession(std::string driver) : driver_(std::move(driver)) {}
 
-    /// For what has to be in the registry before the driver starts.
+    /// The machine's registry, to be filled before the driver starts.
     host::Registry& registry() { return machine_.registry(); }
 
-    /// Starts the driver, calls `body` on the machine, and stops the driver. When that went wrong
-    /// or broke a rule of the platform, says so on standard error and returns the status for it.
+    /// Starts the driver, calls `body` on the machine, and stops the driver. Reports failures
+    /// and broken rules on standard error and returns the exit status.
     ExitStatus Run(const std::function<void()>& body);
 
     /// Calls the driver's export ITarnHKSystemInformationEx. Inside Run.

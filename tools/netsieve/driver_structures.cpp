@@ -9,7 +9,7 @@
 namespace netsieve::tool {
 namespace {
 
-/// The name that our driver registers by, whoever built it and under whatever file name.
+/// The unique name under which our driver registers, whatever its file is called.
 constexpr std::u16string_view kUniqueName = u"{7C1E5B39-2D84-4a6f-B0E2-9F31C6A8D547}";
 
 }  // namespace
@@ -21,11 +21,11 @@ FILTER_MODULE* DriverModuleOf(const host::FilterModule& module) {
     return ours ? static_cast<FILTER_MODULE*>(module.context) : nullptr;
 }
 
-std::uint64_t UnpaidRequests(FILTER_MODULE& record, Direction way) {
-    const bool sent = way == Direction::kSent;
-    LIST_ENTRY& head = sent ? record.UnpaidSendList : record.UnpaidReceiveList;
-    // A module may pay its marks from a timer meanwhile.
-    KSPIN_LOCK& lock = (sent ? record.PendingSendLock : record.PendingReceiveLock).Lock;
+std::uint64_t UnpaidRequests(FILTER_MODULE& module, Direction direction) {
+    const bool sent = direction == Direction::kSent;
+    LIST_ENTRY& head = sent ? module.UnpaidSendList : module.UnpaidReceiveList;
+    // A hook driver may complete its marks from a timer meanwhile.
+    KSPIN_LOCK& lock = (sent ? module.PendingSendLock : module.PendingReceiveLock).Lock;
     std::uint64_t count = 0;
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
     for (const LIST_ENTRY* at = head.Flink; at != &head; at = at->Flink) {

@@ -1,4 +1,4 @@
-// The driver's own record of an adapter, for what it does not tell in any other way.
+// Reads the driver's own structures, for what no export of the driver returns.
 #pragma once
 
 #include <cstdint>
@@ -10,22 +10,21 @@
 
 namespace netsieve::tool {
 
-/// The driver's record of `module`, in the native driver as in an image, or null when the module is
-/// not our driver's: another's context is its own affair.
+/// The FILTER_MODULE of our driver, native or image, for this filter module of the host; null when
+/// the module is another driver's.
 FILTER_MODULE* DriverModuleOf(const host::FilterModule& module);
 
-/// How many requests of one direction a pause has flushed whose marks are not all completed yet.
-/// Between a pause and the next restart. At or below DISPATCH_LEVEL.
-std::uint64_t UnpaidRequests(FILTER_MODULE& record, Direction way);
+/// Number of pending requests of one direction that a pause has flushed and whose marks are not all
+/// completed. Between a pause and the next restart. IRQL <= DISPATCH_LEVEL.
+std::uint64_t UnpaidRequests(FILTER_MODULE& module, Direction direction);
 
-/// An NBL that our driver has built itself, around a frame of its own.
+/// An NBL of our driver's own.
 struct DriverNbl {
-    const NIRP* record;  ///< which holds the frame
-    bool clone;          ///< it is the copy of a pending one
+    const NIRP* nirp;  ///< the record that holds its frame
+    bool clone;        ///< of a pending frame; otherwise an injected frame
 };
 
-/// What our driver says of the NBL, which is not the host's own; nothing when it was built by
-/// somebody else.
+/// Describes an NBL that is not the host's; nothing when it is not our driver's.
 std::optional<DriverNbl> ReadDriverNbl(PNET_BUFFER_LIST nbl);
 
 }  // namespace netsieve::tool

@@ -37,7 +37,7 @@ constexpr std::string_view kExitStatusHelp =
   5  frames have times that the output format has no room for; they were not written
   6  the output, the log or the summary could not be written
   7  the driver or a hook could not be loaded or did not bind to the adapter
-  8  frames, NBLs or memory were lost on the way through the driver
+  8  frames, NBLs or memory were lost in the driver
   9  the driver broke a rule of its platform
 When several apply, the highest number is the exit status.)";
 

@@ -13,12 +13,11 @@ namespace {
 
 constexpr std::uint32_t kLargestOffered = 65535;
 
-/// One frame after the other shows each of them alone; together they share the driver's cost per
-/// call.
-constexpr std::uint32_t kCarefulNblsPerCall = 1;
+/// One NBL in a call by default; with more of them the driver's cost of a call is shared.
+constexpr std::uint32_t kDefaultNblsPerCall = 1;
 constexpr std::uint32_t kFastNblsPerCall = 32;
 
-/// The frame's length, or what its descriptors hold where a driver made it longer than that.
+/// The frame's length, or the length of its MDL chain if that is less.
 ULONG DescribedLength(PNET_BUFFER buffer) {
     ULONG left = buffer->DataLength;
     ULONG offset = buffer->CurrentMdlOffset;
@@ -36,13 +35,13 @@ bool IsAddressedTo(const CaptureFrame& frame, const host::MacAddress& address) {
             std::memcmp(frame.bytes, kBroadcast, kMacLength) == 0);
 }
 
-/// Only what nobody can tell from frames that were handed in one by one: no line is printed for a
-/// frame, none is held or sent, and the user has not said which calls are to be made.
-bool MayMix(const ReplayOptions& options) {
-    const auto staysSilent = [](const HookOption& hook) {
+/// Whether frames of one direction may wait for those of the other: not if the user sees the order,
+/// as with log lines, held or injected frames, or has said which calls are to be made.
+bool MayMergeDirections(const ReplayOptions& options) {
+    const auto onlyDropsOrCounts = [](const HookOption& hook) {
         return hook.kind == HookKind::kDrop || hook.kind == HookKind::kCount;
     };
-    return std::all_of(options.hooks.begin(), options.hooks.end(), staysSilent) &&
+    return std::all_of(options.hooks.begin(), options.hooks.end(), onlyDropsOrCounts) &&
            options.inject.empty() && !options.pauseAt && !options.nblsPerCall &&
            options.framesPerNbl == 1;
 }
@@ -53,16 +52,16 @@ void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayCl
     stack_ = &stack;
     clock_ = &clock;
     nblsPerCall_ = options_.nblsPerCall.value_or(
-        machine.scheduler().simulated() ? kCarefulNblsPerCall : kFastNblsPerCall);
-    mixes_ = !machine.scheduler().simulated() && MayMix(options_);
+        machine.scheduler().simulated() ? kDefaultNblsPerCall : kFastNblsPerCall);
+    mergesDirections_ = !machine.scheduler().simulated() && MayMergeDirections(options_);
     host::Adapter& adapter = stack.adapter();
     host::Protocol& protocol = stack.protocol();
-    Way& sent = Of(Direction::kSent);
-    Way& received = Of(Direction::kReceived);
+    Path& sent = PathOf(Direction::kSent);
+    Path& received = PathOf(Direction::kReceived);
     sent.pool = protocol.pool();
     received.pool = adapter.pool();
-    for (Way& way : ways_) {
-        way.frames = std::make_unique<host::NblFactory>(machine, way.pool);
+    for (Path& path : paths_) {
+        path.frames = std::make_unique<host::NblFactory>(machine, path.pool);
     }
     adapter.onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) { Deliver(chain, sent); };
     protocol.onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
@@ -72,19 +71,19 @@ void FrameExchange::Connect(host::Machine& machine, host::Stack& stack, ReplayCl
     adapter.onReturned = [&](PNET_BUFFER_LIST chain, ULONG) { TakeBack(chain, received); };
 }
 
-void FrameExchange::Turn(Direction way) {
-    if (way != turn_ && !mixes_) {
+void FrameExchange::SetDirection(Direction direction) {
+    if (direction != direction_ && !mergesDirections_) {
         Flush();
     }
-    turn_ = way;
+    direction_ = direction;
 }
 
 void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::uint64_t number) {
-    Way& way = Of(direction);
+    Path& path = PathOf(direction);
     latestIn_ = number;
-    ++way.counts.frames;
+    ++path.counts.frames;
     if (!options_.hooks.empty()) {
-        CountFacts(way, frame);
+        CountFacts(path, frame);
     }
     const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number,
                        0};
@@ -100,18 +99,18 @@ void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::ui
             CloseNbl();
         }
     }
-    if (way.nbls >= nblsPerCall_) {
+    if (path.nbls >= nblsPerCall_) {
         Flush();
     }
 }
 
-void FrameExchange::CountFacts(Way& way, const CaptureFrame& frame) const {
-    UninspectedCounts& counts = way.counts.uninspected;
+void FrameExchange::CountFacts(Path& path, const CaptureFrame& frame) const {
+    UninspectedCounts& counts = path.counts.uninspected;
     if (frame.capturedLength > kLargestOffered) {
         ++counts.tooLarge;
     } else if (frame.capturedLength == 0) {
         ++counts.copyFailed;
-    } else if (way.direction == Direction::kReceived &&
+    } else if (path.direction == Direction::kReceived &&
                !IsAddressedTo(frame, stack_->adapter().options().mac)) {
         ++counts.notAddressed;
     }
@@ -136,40 +135,40 @@ void FrameExchange::CloseNbl() {
 
 void FrameExchange::AddNbl(std::span<const std::span<const std::uint8_t>> frames,
                            std::span<const FrameTag> tags) {
-    Way& way = Of(turn_);
+    Path& path = PathOf(direction_);
     const std::lock_guard<ExchangeLock> guard(lock_);
-    PNET_BUFFER_LIST const nbl = way.frames->Make(frames);
+    PNET_BUFFER_LIST const nbl = path.frames->Make(frames);
     if (nbl == nullptr) {
         return;
     }
     PNET_BUFFER buffer = nbl->FirstNetBuffer;
     for (const FrameTag& tag : tags) {
-        TagOf(*buffer, way.originator) = tag;
+        TagOf(*buffer, path.originator) = tag;
         buffer = buffer->Next;
     }
-    (way.head == nullptr ? way.head : way.tail->Next) = nbl;
-    way.tail = nbl;
-    ++way.nbls;
+    (path.head == nullptr ? path.head : path.tail->Next) = nbl;
+    path.tail = nbl;
+    ++path.nbls;
 }
 
 void FrameExchange::Flush() {
     CloseNbl();
-    for (Way& way : ways_) {
-        HandIn(way);
+    for (Path& path : paths_) {
+        Submit(path);
     }
-    if (mixes_ && writer_ != nullptr) {
+    if (mergesDirections_ && writer_ != nullptr) {
         const std::lock_guard<ExchangeLock> guard(lock_);
         merge_.WriteTo(*writer_);
     }
 }
 
-void FrameExchange::HandIn(Way& way) {
-    PNET_BUFFER_LIST const chain = std::exchange(way.head, nullptr);
-    way.nbls = 0;
+void FrameExchange::Submit(Path& path) {
+    PNET_BUFFER_LIST const chain = std::exchange(path.head, nullptr);
+    path.nbls = 0;
     if (chain == nullptr) {
         return;
     }
-    if (way.direction == Direction::kSent) {
+    if (path.direction == Direction::kSent) {
         stack_->protocol().Send(chain);
     } else {
         Indicate(chain);
@@ -180,36 +179,35 @@ void FrameExchange::Indicate(PNET_BUFFER_LIST chain) {
     const ULONG flags = options_.resourcesFlag ? NDIS_RECEIVE_FLAGS_RESOURCES : 0;
     const bool taken = stack_->adapter().Indicate(chain, 0, flags);
     if (!taken || options_.resourcesFlag) {
-        TakeBack(chain, Of(Direction::kReceived));
+        TakeBack(chain, PathOf(Direction::kReceived));
     }
 }
 
-/// NBLs have come out at the end opposite to their originator, or to where the driver wants them
-/// to seem to come from.
-void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Way& way) {
+/// NBLs have arrived at the other end of the stack.
+void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Path& path) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
-        if (nbl->NdisPoolHandle != way.pool) {
-            DeliverDriverNbl(nbl, way);
+        if (nbl->NdisPoolHandle != path.pool) {
+            DeliverDriverNbl(nbl, path);
             continue;
         }
         for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            DeliverTagged(buffer, TagOf(*buffer, way.originator), way);
+            DeliverTagged(buffer, TagOf(*buffer, path.originator), path);
         }
     }
 }
 
-/// An NBL that a driver built. Every buffer of it is a frame that nobody handed in, but for the
-/// copy of one that a hook had taken over.
-void FrameExchange::DeliverDriverNbl(PNET_BUFFER_LIST nbl, Way& way) {
+/// An NBL that a driver originated: each frame is injected, unless it is the clone of a pending
+/// one.
+void FrameExchange::DeliverDriverNbl(PNET_BUFFER_LIST nbl, Path& path) {
     const auto own = ReadDriverNbl(nbl);
-    const bool expected = own && release_ != nullptr && own->record == release_->clone;
+    const bool expected = own && release_ != nullptr && own->nirp == release_->clone;
     const bool again = expected && release_->deliveries++ != 0;
     for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
         const bool held = own && own->clone && !again;
-        ++(held ? way.counts.reinjected : way.counts.injected);
+        ++(held ? path.counts.reinjected : path.counts.injected);
         injectedNow_ += !held && injector_ == host::CurrentContext().id ? 1 : 0;
-        Write(buffer, way.direction, clock_->Now(),
+        Write(buffer, path.direction, clock_->Now(),
               expected ? release_->originalLength : buffer->DataLength,
               expected ? release_->number : latestIn_);
     }
@@ -231,27 +229,27 @@ bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame
     return begin(std::nullopt) != 0;
 }
 
-void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way) {
-    // The same frame once more is one that nobody handed in.
-    ++(++tag.deliveries == 1 ? way.counts.passed : way.counts.injected);
-    std::uint64_t& latest = mixes_ ? way.latestOut : latestOut_;
-    way.counts.reordered += tag.number < latest ? 1 : 0;
+void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Path& path) {
+    // A frame that arrives again counts as injected.
+    ++(++tag.deliveries == 1 ? path.counts.passed : path.counts.injected);
+    std::uint64_t& latest = mergesDirections_ ? path.latestOut : latestOut_;
+    path.counts.reordered += tag.number < latest ? 1 : 0;
     latest = std::max(latest, tag.number);
-    Write(buffer, way.direction, tag.Stamp(), tag.originalLength, tag.number);
+    Write(buffer, path.direction, tag.Stamp(), tag.originalLength, tag.number);
 }
 
-void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Way& way) {
+void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Path& path) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
         for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            way.counts.cameBack += TagOf(*buffer, way.originator).deliveries == 0 ? 1 : 0;
+            path.counts.cameBack += TagOf(*buffer, path.originator).deliveries == 0 ? 1 : 0;
         }
     }
-    way.frames->FreeChain(chain);
+    path.frames->FreeChain(chain);
 }
 
 void FrameExchange::Write(PNET_BUFFER buffer,
-                          Direction way,
+                          Direction direction,
                           const CaptureStamp& stamp,
                           std::uint32_t originalLength,
                           std::uint64_t number) {
@@ -265,23 +263,24 @@ void FrameExchange::Write(PNET_BUFFER buffer,
         return;
     }
     ULONG left = DescribedLength(buffer);
-    mixes_ ? merge_.Begin(way, number, stamp, left, originalLength)
-           : writer_->Begin(stamp, left, originalLength);
+    mergesDirections_ ? merge_.Begin(direction, number, stamp, left, originalLength)
+                      : writer_->Begin(stamp, left, originalLength);
     ULONG offset = buffer->CurrentMdlOffset;
     for (PMDL mdl = buffer->CurrentMdl; left > 0; mdl = mdl->Next) {
         const ULONG take = std::min(left, mdl->ByteCount - offset);
         const auto* bytes = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
-        mixes_ ? merge_.Append(bytes + offset, take) : writer_->Append(bytes + offset, take);
+        mergesDirections_ ? merge_.Append(bytes + offset, take)
+                          : writer_->Append(bytes + offset, take);
         left -= take;
         offset = 0;
     }
 }
 
 DirectionCounts FrameExchange::Counts(Direction direction, const OfferCounts* offers) const {
-    DirectionCounts counts = ways_[static_cast<std::size_t>(direction)].counts;
+    DirectionCounts counts = paths_[static_cast<std::size_t>(direction)].counts;
     if (offers != nullptr) {
         counts.keptByHooks = offers->Withheld(direction);
-        // What could have been shown and was not: the driver had nothing left to show it in.
+        // The frames that could have been offered and were not: the driver had no NIRP for them.
         const std::uint64_t accounted = offers->Offered(direction) + counts.uninspected.Total();
         counts.uninspected.poolEmpty = counts.frames - std::min(counts.frames, accounted);
     }
@@ -290,8 +289,8 @@ DirectionCounts FrameExchange::Counts(Direction direction, const OfferCounts* of
 
 int FrameExchange::NblsOutstanding() const {
     int away = 0;
-    for (const Way& way : ways_) {
-        away += way.pool->live;
+    for (const Path& path : paths_) {
+        away += path.pool->live;
     }
     return away;
 }

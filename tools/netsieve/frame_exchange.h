@@ -1,4 +1,4 @@
-// The two ends of the adapter's stack: where frames go in, come out, and come home.
+// Sends and indicates the frames of the capture, and counts what becomes of them.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,8 @@
 
 namespace netsieve::tool {
 
-/// A lock that costs a fraction of a mutex where nobody else wants it. Nothing is waited for inside
-/// it, so that a simulated machine, which has one thread, does without.
+/// A spin lock, cheaper than a mutex when it is free. No scheduling point lies inside it, so that a
+/// simulated machine, which has one thread, needs none.
 class ExchangeLock {
   public:
     void lock() {
@@ -38,50 +38,50 @@ class ExchangeLock {
     KSPIN_LOCK word_ = 0;
 };
 
-/// A frame that a hook lets go now. It comes out in an NBL of the driver's, with what is left in
-/// its record.
+/// A pending frame that is being completed. The driver sends or indicates its clone.
 struct Release {
-    const NIRP* clone;             ///< the record of that NBL; null when nothing may come out
+    const NIRP* clone;             ///< the clone's NIRP; null when no frame may arrive
     std::uint64_t number;          ///< of the frame, in the capture
     std::uint32_t originalLength;  ///< of the frame
-    unsigned deliveries = 0;       ///< how often it came out
+    unsigned deliveries = 0;       ///< how often it arrived
 };
 
-/// Gathers frames into NBLs and calls, hands them to the protocol or the adapter of a stack,
-/// writes what comes out at the other end, and keeps the account. Outlives the machine's run.
+/// Puts frames into NBLs and calls, has the protocol send or the adapter indicate them, writes the
+/// frames that arrive at the other end of the stack, and counts them. Must outlive the machine's
+/// run.
 class FrameExchange {
   public:
     /// Notes in `report` the frames that could not be written.
     FrameExchange(const ReplayOptions& options, ReplayReport& report)
         : options_(options), report_(report) {}
 
-    /// Takes the ends of `stack`. Once, before any frame.
+    /// Sets the callbacks of the protocol and the adapter of `stack`. Once, before any frame.
     void Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock);
-    /// Frames that come out go to `writer` from now on; null writes none.
+    /// Frames that arrive are written to `writer` from now on; null writes none.
     void SetWriter(CaptureWriter* writer) { writer_ = writer; }
 
-    /// The next frame goes `way`: makes the call for those before it if they go the other way,
-    /// unless both ways' calls are collected. At the time of the latest of them.
-    void Turn(Direction way);
-    /// Takes the frame, and makes the call when its last NBL is full. The bytes are copied.
-    void Push(Direction way, const CaptureFrame& frame, std::uint64_t number);
-    /// Makes the calls for the frames that wait for others.
+    /// Sets the direction of the next frame. Makes the call for the frames before it if their
+    /// direction differs, unless both directions' calls are collected. At the time of the latest of
+    /// them.
+    void SetDirection(Direction direction);
+    /// Adds the frame, and makes the call when its last NBL is full. The bytes are copied.
+    void Push(Direction direction, const CaptureFrame& frame, std::uint64_t number);
+    /// Makes the calls for the frames that were added and not sent or indicated yet.
     void Flush();
 
-    /// From now on this release is what comes out; null when it is done.
+    /// Sets the pending frame whose clone arrives from now on; null for none.
     void Expect(Release* release);
-    /// Has the driver send a frame of its own, from the calling context. True when it came out
-    /// meanwhile.
+    /// Has the driver inject a frame, from the calling context. True when it was sent meanwhile.
     bool Inject(const HookExports& exports, const CaptureFrame& frame);
 
-    /// What became of the frames. With hooks, `ledger` says what they were shown.
-    DirectionCounts Counts(Direction way, const OfferCounts* offers) const;
-    /// NBLs of both ends that are not home.
+    /// What became of the frames. With hooks, `offers` counts what they were offered.
+    DirectionCounts Counts(Direction direction, const OfferCounts* offers) const;
+    /// NBLs of the protocol and the adapter that are outstanding.
     int NblsOutstanding() const;
 
   private:
-    /// One of the two ways through the stack.
-    struct Way {
+    /// The send path or the receive path.
+    struct Path {
         Direction direction;
         Originator originator;
         host::NblPool* pool = nullptr;               ///< what the originator's NBLs are made from
@@ -89,7 +89,7 @@ class FrameExchange {
         DirectionCounts counts{};
         std::uint64_t latestOut = 0;
 
-        // What waits to be handed in, by the one thread that does so.
+        // The NBLs of the next call, used by the thread that makes the calls.
         PNET_BUFFER_LIST head = nullptr;
         PNET_BUFFER_LIST tail = nullptr;
         std::uint32_t nbls = 0;
@@ -101,19 +101,19 @@ class FrameExchange {
         std::vector<FrameTag> tags;
     };
 
-    Way& Of(Direction way) { return ways_[static_cast<std::size_t>(way)]; }
-    void CountFacts(Way& way, const CaptureFrame& frame) const;
+    Path& PathOf(Direction direction) { return paths_[static_cast<std::size_t>(direction)]; }
+    void CountFacts(Path& path, const CaptureFrame& frame) const;
     void CloseNbl();
     void AddNbl(std::span<const std::span<const std::uint8_t>> frames,
                 std::span<const FrameTag> tags);
-    void HandIn(Way& way);
+    void Submit(Path& path);
     void Indicate(PNET_BUFFER_LIST chain);
-    void Deliver(PNET_BUFFER_LIST chain, Way& way);
-    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Way& way);
-    void DeliverDriverNbl(PNET_BUFFER_LIST nbl, Way& way);
-    void TakeBack(PNET_BUFFER_LIST chain, Way& way);
+    void Deliver(PNET_BUFFER_LIST chain, Path& path);
+    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Path& path);
+    void DeliverDriverNbl(PNET_BUFFER_LIST nbl, Path& path);
+    void TakeBack(PNET_BUFFER_LIST chain, Path& path);
     void Write(PNET_BUFFER buffer,
-               Direction way,
+               Direction direction,
                const CaptureStamp& stamp,
                std::uint32_t originalLength,
                std::uint64_t number);
@@ -124,22 +124,22 @@ class FrameExchange {
     host::Stack* stack_ = nullptr;
     ReplayClock* clock_ = nullptr;
     CaptureWriter* writer_ = nullptr;
-    /// Guards the NBLs, the counts and the output: a driver may let go of a frame in any thread.
+    /// Guards the NBLs, the counts and the output: a driver may pass an NBL on in any thread.
     ExchangeLock lock_;
-    Way ways_[2] = {{.direction = Direction::kSent, .originator = Originator::kProtocol},
-                    {.direction = Direction::kReceived, .originator = Originator::kAdapter}};
-    /// Whether frames of one way wait while the other's come: the calls are fewer and longer, and
-    /// what comes out of them is put back into the capture's order.
-    bool mixes_ = false;
+    Path paths_[2] = {{.direction = Direction::kSent, .originator = Originator::kProtocol},
+                      {.direction = Direction::kReceived, .originator = Originator::kAdapter}};
+    /// Whether frames of one direction wait for those of the other: the calls are fewer and have
+    /// more NBLs, and the frames that arrive are put back into the capture's order.
+    bool mergesDirections_ = false;
     FrameMerge merge_;
     std::uint64_t latestIn_ = 0;
     std::uint64_t latestOut_ = 0;
     Release* release_ = nullptr;
     std::optional<std::uint32_t> injector_;  ///< the context that injects a frame now
-    std::uint64_t injectedNow_ = 0;          ///< what came out in it
+    std::uint64_t injectedNow_ = 0;          ///< frames that arrived in it
 
-    Direction turn_ = Direction::kSent;
-    Gathered gathered_;  ///< goes `turn_`
+    Direction direction_ = Direction::kSent;
+    Gathered gathered_;  ///< of `direction_`
 };
 
 }  // namespace netsieve::tool

@@ -2,12 +2,12 @@
 
 namespace netsieve::tool {
 
-void FrameMerge::Begin(Direction way,
+void FrameMerge::Begin(Direction direction,
                        std::uint64_t number,
                        const CaptureStamp& stamp,
                        std::uint32_t length,
                        std::uint32_t originalLength) {
-    frames_[static_cast<std::size_t>(way)].push_back(
+    frames_[static_cast<std::size_t>(direction)].push_back(
         {number, stamp, length, originalLength, bytes_.size()});
 }
 

@@ -1,4 +1,4 @@
-// Puts the frames of two directions back into one order.
+// Merges the frames of both directions into the capture's order.
 #pragma once
 
 #include <cstdint>
@@ -9,12 +9,12 @@
 
 namespace netsieve::tool {
 
-/// Frames that came out of calls made for one direction after the other. They are written by their
-/// numbers, but those of one direction as they came out.
+/// Frames of calls that were made for one direction after the other. They are written in the order
+/// of their numbers, those of one direction in the order in which they arrived.
 class FrameMerge {
   public:
-    /// Frame `number` of the capture has come out; `length` bytes of it follow.
-    void Begin(Direction way,
+    /// Frame `number` of the capture has arrived; `length` bytes of it follow.
+    void Begin(Direction direction,
                std::uint64_t number,
                const CaptureStamp& stamp,
                std::uint32_t length,
@@ -22,7 +22,7 @@ class FrameMerge {
     void Append(const std::uint8_t* bytes, std::size_t size) {
         bytes_.insert(bytes_.end(), bytes, bytes + size);
     }
-    /// Writes all that came out, and forgets it.
+    /// Writes all frames that arrived, and forgets them.
     void WriteTo(CaptureWriter& writer);
 
   private:

@@ -1,4 +1,4 @@
-// What a frame carries from the capture to the output.
+// The capture's data of a frame, kept in its NET_BUFFER.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +9,14 @@
 
 namespace netsieve::tool {
 
-/// Travels in those reserved fields of a NET_BUFFER that belong to the originator of its NBL:
-/// nobody on the way may touch them.
+/// Stored in the reserved fields of a NET_BUFFER that belong to the originator of its NBL, which no
+/// other driver may write.
 struct FrameTag {
     std::int64_t seconds;
     std::uint32_t nanoseconds;
     std::uint32_t originalLength;
     std::uint64_t number;      ///< in the capture, from 1
-    std::uint64_t deliveries;  ///< how often it came out at the other end
+    std::uint64_t deliveries;  ///< how often it arrived at the other end of the stack
 
     CaptureStamp Stamp() const { return {seconds, nanoseconds}; }
 };
@@ -25,12 +25,12 @@ static_assert(sizeof(FrameTag) <= sizeof(NET_BUFFER::MiniportReserved));
 
 enum class Originator { kProtocol, kAdapter };
 
-/// Whose frames go this way.
-constexpr Originator OriginatorOf(Direction way) {
-    return way == Direction::kSent ? Originator::kProtocol : Originator::kAdapter;
+/// The originator of the frames of a direction.
+constexpr Originator OriginatorOf(Direction direction) {
+    return direction == Direction::kSent ? Originator::kProtocol : Originator::kAdapter;
 }
 
-/// The tag's place in a buffer of the originator's.
+/// The tag in a NET_BUFFER of the originator's.
 inline FrameTag& TagOf(NET_BUFFER& buffer, Originator originator) {
     return *reinterpret_cast<FrameTag*>(
         originator == Originator::kProtocol ? buffer.ProtocolReserved : buffer.MiniportReserved);

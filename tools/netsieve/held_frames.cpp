@@ -21,12 +21,16 @@ CaptureStamp StampOf(std::int64_t nanoseconds) {
 
 }  // namespace
 
-void HeldFrames::Add(NIRP* record, Direction way, std::optional<CaptureStamp> due, bool success) {
-    const FrameTag& tag = TagOf(*record->NetBuffer, OriginatorOf(way));
+void HeldFrames::Add(NIRP* nirp,
+                     Direction direction,
+                     std::optional<CaptureStamp> due,
+                     bool success) {
+    const FrameTag& tag = TagOf(*nirp->NetBuffer, OriginatorOf(direction));
     Request& request =
-        requests_.try_emplace(record, Request{way, tag.number, tag.originalLength}).first->second;
+        requests_.try_emplace(nirp, Request{direction, tag.number, tag.originalLength})
+            .first->second;
     ++request.marks;
-    marks_.emplace(due ? due->TotalNanoseconds() : kAtTheEnd, Mark{record, success});
+    marks_.emplace(due ? due->TotalNanoseconds() : kAtTheEnd, Mark{nirp, success});
 }
 
 std::optional<CaptureStamp> HeldFrames::NextDue() const {
@@ -49,18 +53,18 @@ void HeldFrames::ReleaseAll(const HookExports& exports, FrameExchange& exchange)
 }
 
 void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange) {
-    const auto at = requests_.find(mark.record);
+    const auto at = requests_.find(mark.nirp);
     Request& request = at->second;
-    // Modules may have marked the frame too. Their marks are not known here, but what they leave in
-    // the record is.
-    const bool othersHold = ReadAcquire(&mark.record->PendingCount) > request.marks;
-    const bool othersFailed = !othersHold && mark.record->CompletionStatus != STATUS_SUCCESS;
+    // A hook driver may have marked the frame too. Its marks are not known here, but the NIRP
+    // counts them.
+    const bool othersHold = ReadAcquire(&mark.nirp->PendingCount) > request.marks;
+    const bool othersFailed = !othersHold && mark.nirp->CompletionStatus != STATUS_SUCCESS;
     --request.marks;
     request.failed = request.failed || othersFailed || !mark.success;
-    Release release{mark.record->Clone, request.number, request.originalLength};
+    Release release{mark.nirp->Clone, request.number, request.originalLength};
     exchange.Expect(&release);
     exports.completeRequest(
-        mark.record, static_cast<ULONG>(mark.success ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL));
+        mark.nirp, static_cast<ULONG>(mark.success ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL));
     exchange.Expect(nullptr);
     if (request.marks == 0) {
         Settle(request, release.deliveries != 0, othersHold);
@@ -69,7 +73,7 @@ void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExc
 }
 
 void HeldFrames::Settle(const Request& request, bool cameOut, bool othersHold) {
-    RequestCounts& counts = counts_[static_cast<std::size_t>(request.way)];
+    RequestCounts& counts = counts_[static_cast<std::size_t>(request.direction)];
     if (request.flushed) {
         ++counts.flushed;
     } else if (request.failed) {
@@ -80,21 +84,21 @@ void HeldFrames::Settle(const Request& request, bool cameOut, bool othersHold) {
     }
 }
 
-std::uint64_t HeldFrames::NotePause(FILTER_MODULE& record) {
+std::uint64_t HeldFrames::NotePause(FILTER_MODULE& module) {
     std::uint64_t flushed = 0;
-    for (const Direction way : {Direction::kSent, Direction::kReceived}) {
-        std::uint64_t others = UnpaidRequests(record, way);
+    for (const Direction direction : {Direction::kSent, Direction::kReceived}) {
+        std::uint64_t others = UnpaidRequests(module, direction);
         flushed += others;
         for (auto& [nirp, request] : requests_) {
-            // The driver has given the copy up: what comes now only pays the marks.
+            // The driver has freed the clone: later completions only count the marks down.
             const ULONG list = ReadAcquire(&nirp->OnList);
-            if (request.way == way &&
+            if (request.direction == direction &&
                 (list == NIRP_LIST_UNPAID_SEND || list == NIRP_LIST_UNPAID_RECEIVE)) {
                 request.flushed = true;
                 --others;
             }
         }
-        counts_[static_cast<std::size_t>(way)].flushed += others;
+        counts_[static_cast<std::size_t>(direction)].flushed += others;
     }
     return flushed;
 }

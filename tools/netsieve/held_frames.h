@@ -1,4 +1,4 @@
-// The frames that the program's own hooks hold back, until they let them go.
+// The frames that the program's own hooks have marked pending and not completed.
 #pragma once
 
 #include <cstdint>
@@ -16,48 +16,48 @@ namespace netsieve::tool {
 
 class FrameExchange;
 
-/// How the requests of one direction ended.
+/// How the pending requests of one direction ended.
 struct RequestCounts {
-    std::uint64_t reinjected = 0;  ///< every completion was a success
-    std::uint64_t dropped = 0;     ///< one was not
-    std::uint64_t flushed = 0;     ///< a pause came first
-    /// Of the re-injected ones: nothing came out when the last completion was made.
+    std::uint64_t reinjected = 0;  ///< every completion said success
+    std::uint64_t dropped = 0;     ///< a completion said failure
+    std::uint64_t flushed = 0;     ///< flushed by a pause before
+    /// Of the re-injected ones: nothing arrived when the last completion was made.
     std::uint64_t missing = 0;
 };
 
-/// Every mark that the built-in hooks have made and not completed. Used by the thread that hands
-/// the frames in, which is the one that the driver calls those hooks in.
+/// The marks that the program's own hooks have made and not completed. Used by the thread that
+/// sends and indicates the frames, in which the driver calls those hooks.
 class HeldFrames {
   public:
-    /// How many frames may be held at once. Each occupies two of the driver's records, and without
-    /// one to spare the next frame would pass without being shown to anyone.
-    void SetRoom(std::size_t frames) { room_ = frames; }
-    /// Whether the frame of `record` can be held, as far as that is known here.
-    bool HasRoomFor(const NIRP* record) const {
-        return requests_.size() < room_ || requests_.contains(record);
+    /// How many frames may be held at once. Each takes two NIRPs, and without a free one the next
+    /// frame would pass uninspected.
+    void SetLimit(std::size_t frames) { limit_ = frames; }
+    /// Whether the frame of `nirp` can be held within that limit.
+    bool CanHold(const NIRP* nirp) const {
+        return requests_.size() < limit_ || requests_.contains(nirp);
     }
 
-    /// Notes a mark that the driver has taken, from inside the handler. It is completed with
-    /// success or failure at `due` of the capture's time, or at the end of the capture.
-    void Add(NIRP* record, Direction way, std::optional<CaptureStamp> due, bool success);
+    /// Notes a mark that the driver has accepted, from inside the handler. It is completed with
+    /// success or failure at the capture's time `due`, or at the end of the capture.
+    void Add(NIRP* nirp, Direction direction, std::optional<CaptureStamp> due, bool success);
 
     /// When the next mark is due; nothing when none is due before the end.
     std::optional<CaptureStamp> NextDue() const;
-    /// Completes the mark that is due next; its frame comes out of `exchange`. PASSIVE_LEVEL.
+    /// Completes the mark that is due next; `exchange` gets its frame. PASSIVE_LEVEL.
     void ReleaseNext(const HookExports& exports, FrameExchange& exchange);
-    /// Completes everything that waits for the end, in the order in which it was marked.
+    /// Completes the marks that wait for the end, in the order in which they were made.
     void ReleaseAll(const HookExports& exports, FrameExchange& exchange);
-    /// The adapter of `record` was paused: notes which requests went with that, those of hook
-    /// modules too, and gives how many they are. Their marks stay to be completed.
-    std::uint64_t NotePause(FILTER_MODULE& record);
+    /// The adapter of `module` was paused: notes which requests were flushed, those of hook drivers
+    /// too, and returns their number. Their marks stay to be completed.
+    std::uint64_t NotePause(FILTER_MODULE& module);
 
-    const RequestCounts& Counts(Direction way) const {
-        return counts_[static_cast<std::size_t>(way)];
+    const RequestCounts& Counts(Direction direction) const {
+        return counts_[static_cast<std::size_t>(direction)];
     }
 
   private:
     struct Request {
-        Direction way;
+        Direction direction;
         std::uint64_t number;  ///< of the frame, in the capture
         std::uint32_t originalLength;
         unsigned marks = 0;
@@ -65,7 +65,7 @@ class HeldFrames {
         bool flushed = false;
     };
     struct Mark {
-        NIRP* record;
+        NIRP* nirp;
         bool success;
     };
     /// Nanoseconds of the capture's time; the largest one is the end.
@@ -74,7 +74,7 @@ class HeldFrames {
     void Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange);
     void Settle(const Request& request, bool cameOut, bool othersHold);
 
-    std::size_t room_ = 0;
+    std::size_t limit_ = 0;
     std::multimap<Due, Mark> marks_;  ///< equal ones in the order in which they were made
     std::map<const NIRP*, Request> requests_;
     RequestCounts counts_[2];

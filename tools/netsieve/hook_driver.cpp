@@ -10,7 +10,7 @@
 namespace netsieve::tool {
 namespace {
 
-constexpr const char* kDriverImageName = "NETSIEVE.SYS";  // what a module imports from
+constexpr const char* kDriverImageName = "NETSIEVE.SYS";  // what a hook driver imports from
 constexpr const char* kEntryName = "DriverEntry";
 
 }  // namespace
@@ -31,7 +31,7 @@ std::optional<std::string> HookDriver::Load(host::Machine& machine,
     host::DriverSource source{.name = name_};
     if (driver.image() == nullptr) {
         if (const auto failure = FindEntry(source)) {
-            return fmt::format("the hook module {} cannot be loaded: {}", spec_.driverPath,
+            return fmt::format("the hook driver {} cannot be loaded: {}", spec_.driverPath,
                                *failure);
         }
         return Start(machine, source);
@@ -43,7 +43,7 @@ std::optional<std::string> HookDriver::Load(host::Machine& machine,
 }
 
 std::optional<std::string> HookDriver::FindEntry(host::DriverSource& source) {
-    // Without a slash the loader would look for it in the system's own directories.
+    // A path without a slash would be searched for in the system's directories.
     const std::string path = std::filesystem::absolute(spec_.driverPath);
     object_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (object_ == nullptr) {
@@ -67,7 +67,7 @@ std::optional<std::string> HookDriver::Start(host::Machine& machine,
         loaded_ = true;
         return std::nullopt;
     }
-    std::string failure = fmt::format("the hook module {} did not start, status 0x{:08X}",
+    std::string failure = fmt::format("the hook driver {} did not start, status 0x{:08X}",
                                       spec_.driverPath, static_cast<std::uint32_t>(status));
     for (std::size_t i = linesBefore; i < machine.debugOutput().size(); ++i) {
         std::string line = machine.debugOutput()[i];

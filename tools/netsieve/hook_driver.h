@@ -1,4 +1,4 @@
-// A hook filter that someone else wrote, loaded into the machine as the driver that it is.
+// A hook driver that is loaded into the machine.
 #pragma once
 
 #include <optional>
@@ -9,8 +9,8 @@
 
 namespace netsieve::tool {
 
-/// One loaded hook filter: a shared object beside the native driver, a .sys beside an image. Its
-/// code stays in the process as long as this object, which has to outlive the machine's run.
+/// One hook driver: a shared object beside the native driver, a .sys beside an image. Its code
+/// stays in the process as long as this object, which must outlive the machine's run.
 class HookDriver {
   public:
     /// `number` makes its service name unique.

@@ -9,15 +9,15 @@
 namespace netsieve::tool {
 namespace {
 
-/// A handler gets its client's context and nothing that says which hook it is called for, so that
-/// every meter needs handlers of its own.
+/// A handler gets only its client's context, which does not identify the hook, so that every meter
+/// needs handlers of its own.
 HookMeter* g_meters[HOOK_MODULE_LIMIT];
 
-template <std::size_t kMeter, Direction kWay>
+template <std::size_t kMeter, Direction kDirection>
 LONG NTAPI CallMetered(PVOID context, NIRP* nirp) {
     HookMeter& meter = *g_meters[kMeter];
     const ULONG marksBefore = ReadAcquire(&nirp->PendingCount);
-    const LONG verdict = meter.handlers[static_cast<std::size_t>(kWay)](context, nirp);
+    const LONG verdict = meter.handlers[static_cast<std::size_t>(kDirection)](context, nirp);
     // A request that is finished within the handler leaves no mark, but its state.
     const ULONG state = ReadAcquire(&nirp->State);
     const bool marked = ReadAcquire(&nirp->PendingCount) > marksBefore ||
@@ -27,7 +27,7 @@ LONG NTAPI CallMetered(PVOID context, NIRP* nirp) {
                                                          : Answer::kPass;
     meter.tally.Count(answer);
     if (answer != Answer::kPass) {
-        meter.offers->Withhold(kWay, meter.beforeCountingHook);
+        meter.offers->CountWithheld(kDirection, meter.beforeCountingHook);
     }
     return verdict;
 }

@@ -1,4 +1,4 @@
-// Counts what the hooks of hook modules are shown and answer.
+// Counts the verdicts of the hooks that hook drivers register.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +23,9 @@ struct HookMeter {
     HookTally tally{};
 };
 
-/// Puts a meter in front of the handlers of hooks that the program did not register itself, in the
-/// driver's records of them: nothing else sees their single verdicts. Outlives the driver's last
-/// call of a handler. One at a time in a process.
+/// Replaces the handlers of hooks that the program did not register itself by counting ones, in the
+/// driver's structures: no export tells a hook's verdicts. Must outlive the driver's last call of a
+/// handler. One at a time in a process.
 class HookMeters {
   public:
     HookMeters() = default;
@@ -33,9 +33,9 @@ class HookMeters {
     HookMeters(const HookMeters&) = delete;
     HookMeters& operator=(const HookMeters&) = delete;
 
-    /// Meters every hook in the adapter's table that is neither metered yet nor among `own`, and
-    /// returns the new meters in the table's order. `opener` is the ledger's. While nothing crosses
-    /// the adapter.
+    /// Meters every hook in the adapter's hook table that is neither metered yet nor in `own`, and
+    /// returns the new meters in the table's order. `countingHook` counts the offers. While no
+    /// frame is sent or received on the adapter.
     std::vector<const HookMeter*> Attach(const FILTER_MODULE& module,
                                          const std::vector<const HOOK_FILTER*>& own,
                                          const HOOK_FILTER* countingHook,

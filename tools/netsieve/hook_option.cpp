@@ -46,7 +46,7 @@ HookKind ParseKind(std::string_view word, const std::string& text) {
 
 unsigned ParseClass(std::string_view digits, const HookOption& spec) {
     if (spec.kind == HookKind::kDriver) {
-        Refuse("{}: a module chooses its own priority; leave out @{}", spec.text, digits);
+        Refuse("{}: a hook driver chooses its own priority; leave out @{}", spec.text, digits);
     }
     if (digits.size() != 1 || digits[0] < '0' || digits[0] > '0' + static_cast<int>(kLastClass)) {
         Refuse("{}: '{}' is no priority class; use 0 (first) to {} (last)", spec.text, digits,
@@ -63,7 +63,7 @@ void Compile(const std::string& expression, HookOption& spec) {
     spec.filter = std::move(filter);
 }
 
-/// What stands before the last colon, and behind it; an expression may have colons of its own.
+/// The text before and after the last colon; an expression may have colons of its own.
 std::pair<std::string, std::string> SplitAtLast(const std::string& text) {
     const std::size_t colon = text.rfind(':');
     return colon == text.npos ? std::pair(text, std::string())
@@ -154,7 +154,7 @@ std::string ReadMagic(const HookOption& spec) {
     std::array<char, 4> magic{};
     if (!file || std::filesystem::is_directory(spec.driverPath)) {
         const int error = errno;
-        Refuse("{}: cannot read the module: {}", spec.text,
+        Refuse("{}: cannot read the hook driver: {}", spec.text,
                file ? "it is a directory" : std::strerror(error));
     }
     file.read(magic.data(), magic.size());
@@ -168,18 +168,18 @@ void CheckHookDriver(const HookOption& spec, const std::string& driver) {
                           "ELF";
     const bool isImage = magic.starts_with("MZ");
     if (!isObject && !isImage) {
-        Refuse("{}: the module is neither a shared object (.so) nor a driver image (.sys)",
+        Refuse("{}: the file is neither a shared object (.so) nor a driver image (.sys)",
                spec.text);
     }
     if (isImage && IsNative(driver)) {
         Refuse(
-            "{}: the native driver cannot take a driver image; give it the module's shared "
+            "{}: the native driver cannot load a driver image; use the hook driver's shared "
             "object, or load the driver as an image with --driver",
             spec.text);
     }
     if (isObject && !IsNative(driver)) {
         Refuse(
-            "{}: the driver image {} cannot take a shared object; give it the module's .sys, or "
+            "{}: the driver image {} cannot load a shared object; use the hook driver's .sys, or "
             "use the native driver",
             spec.text, driver);
     }
@@ -199,7 +199,7 @@ HookOption ParseHookOption(const std::string& text) {
     }
     if (argument.empty() && (spec.kind != HookKind::kLog || colon != text.npos)) {
         Refuse("{}: {} is missing after '{}:'", text,
-               spec.kind == HookKind::kDriver     ? "the module's path"
+               spec.kind == HookKind::kDriver     ? "the hook driver's path"
                : spec.kind == HookKind::kReplyArp ? "IP=MAC"
                                                   : "the expression",
                head);
@@ -211,7 +211,7 @@ HookOption ParseHookOption(const std::string& text) {
 }
 
 void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver) {
-    // One place stays free for the hook that watches on the program's own account.
+    // One place stays free for the program's counting hook.
     if (hooks.size() >= HOOK_MODULE_LIMIT) {
         Refuse(
             "{} hooks are too many; of the {} that an adapter takes, one place is needed to count",
@@ -225,7 +225,7 @@ void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver)
         for (auto other = hooks.begin(); other != hook; ++other) {
             if (other->kind == HookKind::kDriver &&
                 std::filesystem::equivalent(other->driverPath, hook->driverPath)) {
-                Refuse("{}: the module is given twice; it can be loaded once", hook->text);
+                Refuse("{}: the hook driver is given twice; it can be loaded once", hook->text);
             }
         }
     }

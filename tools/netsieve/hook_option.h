@@ -15,10 +15,10 @@ enum class HookKind : std::uint8_t {
     kDrop,      ///< withholds what its expression selects
     kCount,     ///< counts it
     kLog,       ///< prints a line for it
-    kDelay,     ///< holds it for a time
-    kHold,      ///< holds it to the end of the capture
+    kDelay,     ///< marks it pending for a time
+    kHold,      ///< marks it pending to the end of the capture
     kReplyArp,  ///< answers requests for one address
-    kDriver,    ///< a hook filter of someone else
+    kDriver,    ///< a hook driver
 };
 
 struct HookOption {
@@ -26,13 +26,13 @@ struct HookOption {
     HookKind kind = HookKind::kCount;
     unsigned priorityClass = 0;                   ///< HOOK_CLASS_0 to 3, and 4 for the last
     std::shared_ptr<const FrameFilter> filter{};  ///< null selects every frame
-    std::string driverPath{};                     ///< of a module
+    std::string driverPath{};                     ///< of kDriver
     std::uint32_t delayMilliseconds = 0;          ///< of kDelay
-    bool releases = true;        ///< whether a held frame goes on its way in the end
-    bool overflowDrops = false;  ///< whether one that the driver cannot hold is withheld instead
+    bool releases = true;        ///< whether a held frame is completed with success
+    bool overflowDrops = false;  ///< whether a frame that cannot be held is withheld instead
     ArpAnswer answer{};          ///< of kReplyArp
 
-    /// Whether it takes frames over, to decide about them later.
+    /// Whether it marks frames pending.
     bool Holds() const { return kind == HookKind::kDelay || kind == HookKind::kHold; }
 };
 
@@ -41,7 +41,7 @@ struct HookOption {
 HookOption ParseHookOption(const std::string& text);
 
 /// Throws std::invalid_argument when the hooks cannot go together or not with `driver`: too many,
-/// the same module twice, or a module that is no file of the kind the driver needs.
+/// the same hook driver twice, or a hook driver of another kind than the driver needs.
 void CheckHooks(const std::vector<HookOption>& hooks, const std::string& driver);
 
 }  // namespace netsieve::tool

@@ -1,4 +1,4 @@
-// The second capture of a replay, whose frames the driver is asked to send as its own.
+// The second capture of a replay, whose frames are injected.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +13,10 @@ namespace netsieve::tool {
 /// What became of the frames of that capture.
 struct InjectionCounts {
     std::uint64_t frames = 0;
-    std::uint64_t sent = 0;         ///< came out of the adapter
-    std::uint64_t otherSource = 0;  ///< belongs to no adapter of the replay
-    std::uint64_t badLength = 0;    ///< too short to have a source, or too long for any record
-    std::uint64_t refused = 0;      ///< the driver had nothing left to send it in
+    std::uint64_t sent = 0;         ///< sent by the adapter
+    std::uint64_t otherSource = 0;  ///< the source is no adapter of the replay
+    std::uint64_t badLength = 0;    ///< too short to have a source, or too long for any NIRP
+    std::uint64_t refused = 0;      ///< the driver had no NIRP or NBL for it
 };
 
 /// Reads one frame ahead, so that its time is known before its turn comes.
@@ -29,7 +29,7 @@ class InjectionFeed {
     std::optional<CaptureStamp> NextDue() const;
     /// That frame. Its bytes are good until Advance.
     const CaptureFrame& Next() const { return next_; }
-    /// Counts what became of it, with `sent` saying whether it came out, and reads on.
+    /// Counts what became of it, with `sent` saying whether it was sent, and reads on.
     void Advance(const MacAddress& adapter, bool sent);
 
     const InjectionCounts& counts() const { return counts_; }

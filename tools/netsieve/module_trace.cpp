@@ -34,16 +34,17 @@ std::optional<TraceLine> ParseLine(std::string_view text) {
 }  // namespace
 
 std::vector<std::string> ReadModuleTrace(const host::FilterModule& module) {
-    const FILTER_MODULE* const record = DriverModuleOf(module);
-    if (record == nullptr || record->TraceBuffer == nullptr) {
+    const FILTER_MODULE* const driverModule = DriverModuleOf(module);
+    if (driverModule == nullptr || driverModule->TraceBuffer == nullptr) {
         return {};
     }
-    std::string_view ring(reinterpret_cast<const char*>(record->TraceBuffer), TRACE_BUFFER_SIZE);
+    std::string_view ring(reinterpret_cast<const char*>(driverModule->TraceBuffer),
+                          TRACE_BUFFER_SIZE);
     std::vector<TraceLine> lines;
     for (std::size_t end = 0; (end = ring.find('\0')) != ring.npos; ring.remove_prefix(end + 1)) {
         std::string_view piece = ring.substr(0, end);
         piece.remove_prefix(std::min(piece.size(), piece.rfind('[')));
-        if (auto line = ParseLine(piece); line && line->number < record->TraceSequence) {
+        if (auto line = ParseLine(piece); line && line->number < driverModule->TraceSequence) {
             lines.push_back(std::move(*line));
         }
     }

@@ -8,9 +8,9 @@
 
 namespace netsieve::tool {
 
-/// The lines that are still whole in the module's trace ring, oldest first; none for a module of
-/// some other driver. The ring is short, so the latest line's number tells how many there have
-/// been. The module must be attached and quiet.
+/// The complete lines in the trace ring of the module, oldest first; none for a module of another
+/// driver. The ring is short: the number of the latest line tells how many lines there were. The
+/// module must be attached, and nothing may run in it.
 std::vector<std::string> ReadModuleTrace(const host::FilterModule& module);
 
 }  // namespace netsieve::tool

@@ -11,7 +11,7 @@ namespace netsieve::tool {
 PDRIVER_INITIALIZE NativeEntry();
 
 /// The address of the export with this name, or null. Naming them all here is also what keeps them
-/// in the program for hook modules to be bound to.
+/// in the program for hook drivers to be bound to.
 void* NativeExport(std::string_view name);
 
 }  // namespace netsieve::tool

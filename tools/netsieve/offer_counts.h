@@ -1,4 +1,4 @@
-// Keeps count of the frames that hooks are shown and of their verdicts.
+// Counts the frames that hooks are offered, and their verdicts.
 #pragma once
 
 #include <atomic>
@@ -21,17 +21,17 @@ class Tally {
     std::atomic<std::uint64_t> value_ = 0;
 };
 
-/// What a hook does with a frame.
+/// A hook's verdict on a frame.
 enum class Answer : std::uint8_t { kPass, kWithhold, kMark };
 
-/// What one hook was shown and answered.
+/// The frames that one hook was offered, by its verdict.
 struct HookTally {
     Tally passed;
     Tally withheld;
-    Tally marked;    ///< taken over, to be decided about later
-    Tally matched;   ///< selected by the expression
-    Tally overflow;  ///< were to be taken over, and the driver could not
-    Tally injected;  ///< frames of its own that it gave the driver
+    Tally marked;    ///< marked pending
+    Tally matched;   ///< selected by its expression
+    Tally overflow;  ///< could not be marked pending
+    Tally injected;  ///< frames that it injected
 
     std::uint64_t Offered() const { return passed.value() + withheld.value() + marked.value(); }
     void Count(Answer answer) {
@@ -39,27 +39,32 @@ struct HookTally {
     }
 };
 
-/// The frames that were offered, and those of them that at least one hook kept from passing.
-/// Several hooks may withhold one frame. One of them, the opener, sees every frame that is offered.
+/// Counts the frames that were offered, and those that at least one hook withheld or marked
+/// pending. Several hooks may do so with one frame. One of the hooks is the counting hook, which is
+/// offered every frame.
 class OfferCounts {
   public:
-    /// The opener is shown the next frame.
-    void Open(Direction way) {
+    /// The counting hook is offered the next frame.
+    void CountOffered(Direction direction) {
         frames_.Add();
-        Of(way).offered.Add();
+        Of(direction).offered.Add();
     }
-    /// A hook withholds or takes over the frame that is being offered; `beforeCountingHook` when it
-    /// sees frames before the opener does.
-    void Withhold(Direction way, bool beforeCountingHook) {
+    /// A hook withholds the frame that is being offered or marks it pending. `beforeCountingHook`:
+    /// it sees each frame before the counting hook does.
+    void CountWithheld(Direction direction, bool beforeCountingHook) {
         const std::uint64_t frame = frames_.value() + (beforeCountingHook ? 1 : 0);
         if (frame != latestWithheld_.load(std::memory_order_relaxed)) {
             latestWithheld_.store(frame, std::memory_order_relaxed);
-            Of(way).withheld.Add();
+            Of(direction).withheld.Add();
         }
     }
 
-    std::uint64_t Offered(Direction way) const { return counts_[Index(way)].offered.value(); }
-    std::uint64_t Withheld(Direction way) const { return counts_[Index(way)].withheld.value(); }
+    std::uint64_t Offered(Direction direction) const {
+        return counts_[Index(direction)].offered.value();
+    }
+    std::uint64_t Withheld(Direction direction) const {
+        return counts_[Index(direction)].withheld.value();
+    }
 
   private:
     struct Counts {
@@ -67,8 +72,8 @@ class OfferCounts {
         Tally withheld;
     };
 
-    static std::size_t Index(Direction way) { return static_cast<std::size_t>(way); }
-    Counts& Of(Direction way) { return counts_[Index(way)]; }
+    static std::size_t Index(Direction direction) { return static_cast<std::size_t>(direction); }
+    Counts& Of(Direction direction) { return counts_[Index(direction)]; }
 
     Tally frames_;
     std::atomic<std::uint64_t> latestWithheld_ = 0;

@@ -28,7 +28,7 @@ namespace {
 /// Locally administered, so it is nobody's.
 constexpr MacAddress kFallbackAddress = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 
-/// Of the frames in an NBL, and of the NBLs in a call.
+/// The most frames in an NBL, and NBLs in a call.
 constexpr std::uint32_t kMostPerUnit = 4096;
 
 void PrintMessage(const std::string& message) {
@@ -90,7 +90,7 @@ class ReplayCommand {
             return;
         }
         Progress progress("replaying", reader_.source().size());
-        // Lines of frames would run through the bar.
+        // Log lines would mix with the progress bar.
         progress.SetEnabled(!LogsFrames());
         FILE* const log = LogStream();
         Replay(options_, adapter,
@@ -136,7 +136,7 @@ class ReplayCommand {
                            [](const HookOption& hook) { return hook.kind == HookKind::kLog; });
     }
 
-    /// What standard output is wanted for by a program keeps it for itself.
+    /// Standard output stays free for the JSON summary or the frames.
     FILE* LogStream() const { return options_.json || options_.output == "-" ? stderr : stdout; }
 
     CaptureWriter* OpenOutput() {
@@ -246,12 +246,12 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
                 });
             },
             "Register a hook: drop:EXPR withholds what the expression (as tcpdump's) selects, "
-            "count:EXPR counts it, log or log:EXPR prints a line for it, delay:MS:EXPR holds it "
-            "for "
-            "MS milliseconds of the capture's time, hold:EXPR:success and hold:EXPR:failure hold "
-            "it "
-            "to the end and let it go or drop it then, reply-arp:IP=MAC answers received requests "
-            "for an address, driver:PATH loads a hook filter. What delay and hold find no room for "
+            "count:EXPR counts it, log or log:EXPR prints a line for it, delay:MS:EXPR marks it "
+            "pending for MS milliseconds of the capture's time, hold:EXPR:success and "
+            "hold:EXPR:failure "
+            "until the end, with that completion, reply-arp:IP=MAC answers received requests "
+            "for an address, driver:PATH loads a hook driver. What delay and hold cannot mark "
+            "pending "
             "passes, or is withheld with :overflow=drop at the end. drop@N:EXPR and so on give the "
             "priority class, 0 (first, the default) to 4. May be repeated, for at most 63 hooks")
         ->type_name("SPEC")
@@ -279,7 +279,7 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
         ->type_name("N")
         ->check(WholeNumber(1, kMostPerUnit));
     command.add_flag("--resources", options.resourcesFlag,
-                     "Lend received NBLs: the adapter has them back when the call returns");
+                     "Indicate received NBLs with NDIS_RECEIVE_FLAGS_RESOURCES");
 }
 
 void AddOptions(CLI::App& command, ReplayOptions& options) {

@@ -20,8 +20,8 @@
 namespace netsieve::tool {
 namespace {
 
-/// Without the verifier and without a seed nothing but speed is wanted: real threads. Everything
-/// else runs under the simulated scheduler, in the capture's time.
+/// Without the verifier and without a seed the machine has real threads, for speed. Otherwise it
+/// runs under the simulated scheduler, in the capture's time.
 bool WantsPlainMachine(const ReplayOptions& options) {
     return !options.verify && !options.seed;
 }
@@ -43,8 +43,8 @@ std::string WithoutLineFeed(std::string text) {
     return text;
 }
 
-/// One replay. Everything the run touches is a member, because a run that is abandoned drops its
-/// threads where they stand.
+/// One replay. Everything the run uses is a member, because an abandoned run drops its threads
+/// without unwinding them.
 class ReplayRun {
   public:
     ReplayRun(const ReplayOptions& options,
@@ -144,10 +144,10 @@ class ReplayRun {
             report_.framesRead = job_.reader.framesRead();
             report_.bytesRead += frame.capturedLength;
             CatchUpTo(frame.stamp);
-            const Direction way = WayOf(frame);
-            exchange_.Turn(way);
+            const Direction direction = DirectionOf(frame);
+            exchange_.SetDirection(direction);
             clock_.Reach(frame.stamp);
-            exchange_.Push(way, frame, report_.framesRead);
+            exchange_.Push(direction, frame, report_.framesRead);
             if (report_.framesRead == options_.pauseAt) {
                 PauseAdapter();
             }
@@ -161,7 +161,7 @@ class ReplayRun {
         }
     }
 
-    /// Does what is due until a time of the capture, or everything that has a time.
+    /// Makes the completions and injections that are due by a time of the capture, or all of them.
     void CatchUpTo(const std::optional<CaptureStamp>& limit) {
         constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
         const auto when = [](const std::optional<CaptureStamp>& stamp) {
@@ -175,7 +175,7 @@ class ReplayRun {
             if (!next || (limit && when(next) > when(limit))) {
                 return;
             }
-            // What was handed in before it goes before it.
+            // Frames before it are sent and indicated first.
             exchange_.Flush();
             clock_.Reach(*next);
             if (releasesFirst) {
@@ -203,14 +203,14 @@ class ReplayRun {
     void PauseAdapter() {
         exchange_.Flush();
         stack_->Pause();
-        FILTER_MODULE* const record = DriverModuleOf(*stack_->FindModule(driver_));
-        report_.flushedByPause = record != nullptr ? hooks_.held().NotePause(*record) : 0;
+        FILTER_MODULE* const module = DriverModuleOf(*stack_->FindModule(driver_));
+        report_.flushedByPause = module != nullptr ? hooks_.held().NotePause(*module) : 0;
         stack_->Restart();
     }
 
     bool OutputFailed() const { return writer_ != nullptr && writer_->HasFailed(); }
 
-    Direction WayOf(const CaptureFrame& frame) const {
+    Direction DirectionOf(const CaptureFrame& frame) const {
         switch (options_.direction) {
             case DirectionChoice::kSend:
                 return Direction::kSent;
@@ -225,7 +225,7 @@ class ReplayRun {
         return ours ? Direction::kSent : Direction::kReceived;
     }
 
-    /// While the modules are attached, because each takes its trace with it.
+    /// While the modules are attached, because a trace is freed with its module.
     void CollectModuleTraces() {
         if (traceCollected_ || !report_.ran) {
             return;
@@ -249,7 +249,7 @@ class ReplayRun {
         for (const std::string& text : machine_.debugOutput()) {
             report_.trace.push_back(WithoutLineFeed(text));
         }
-        const OfferCounts* const offers = hooks_.Any() ? &hooks_.Ledger() : nullptr;
+        const OfferCounts* const offers = hooks_.Any() ? &hooks_.offers() : nullptr;
         adapter_.sent = CountsOf(Direction::kSent, offers);
         adapter_.received = CountsOf(Direction::kReceived, offers);
         report_.adapters = {adapter_};
@@ -259,7 +259,8 @@ class ReplayRun {
             report_.injectFailure = job_.feed->failure();
         }
         host::Accounting stock = host::TakeStock(machine_);
-        // Without the verifier nobody follows the NBLs; the ends' own are known all the same.
+        // Without the verifier no NBL is tracked, but those of the protocol and the adapter are
+        // known.
         stock.nblsOutstanding = std::max(stock.nblsOutstanding,
                                          static_cast<std::uint64_t>(exchange_.NblsOutstanding()));
         if (!stock.Balanced()) {
@@ -267,13 +268,13 @@ class ReplayRun {
         }
     }
 
-    DirectionCounts CountsOf(Direction way, const OfferCounts* offers) const {
-        DirectionCounts counts = exchange_.Counts(way, offers);
-        const RequestCounts& requests = hooks_.held().Counts(way);
+    DirectionCounts CountsOf(Direction direction, const OfferCounts* offers) const {
+        DirectionCounts counts = exchange_.Counts(direction, offers);
+        const RequestCounts& requests = hooks_.held().Counts(direction);
         counts.dropped = requests.dropped;
         counts.flushed = requests.flushed;
         counts.missing = requests.missing;
-        // What modules release is known by what comes out alone.
+        // What hook drivers complete with success is known only by the frames that arrive.
         counts.reinjectedByHooks = hooks_.AllKnown() ? requests.reinjected : counts.reinjected;
         return counts;
     }
@@ -282,7 +283,7 @@ class ReplayRun {
     const ReplayJob& job_;
     ReplayReport& report_;
     AdapterReport adapter_;
-    // Drivers call these and hold their NBLs until the machine is gone.
+    // Drivers call these and hold their NBLs until the machine is destroyed.
     ReplayHooks hooks_;
     FrameExchange exchange_;
     host::Machine machine_;

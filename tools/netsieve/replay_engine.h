@@ -20,7 +20,7 @@ struct ReplayJob {
     /// output overwritten. Returns the writer, or null when the frames are not to be written.
     std::function<CaptureWriter*()> openOutput;
     Progress& progress;
-    FILE* log = stdout;             ///< where the lines of log hooks go
+    FILE* log = stdout;             ///< output of log hooks
     InjectionFeed* feed = nullptr;  ///< open; null when nothing is injected
 };
 

@@ -23,18 +23,18 @@ void Enter(const HookTally& tally, HookReport& report) {
 ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log) {
     shared_.log = log;
     shared_.clock = &clock;
-    bool modules = false;
+    bool hookDrivers = false;
     for (const HookOption& spec : specs) {
         const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
         Hook& hook = hooks_.emplace_back();
         if (spec.kind == HookKind::kDriver) {
             hook.driver = std::make_unique<HookDriver>(spec, number);
-            modules = true;
+            hookDrivers = true;
         } else {
             hook.builtIn = std::make_unique<BuiltInHook>(shared_, spec, number);
         }
     }
-    if (modules) {
+    if (hookDrivers) {
         HookOption watching{.text = "that counts for the summary"};
         observer_ = std::make_unique<BuiltInHook>(shared_, std::move(watching), 0);
     }
@@ -49,14 +49,14 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
     if (!Any()) {
         return std::nullopt;
     }
-    const FILTER_MODULE* const record = DriverModuleOf(module);
-    if (record == nullptr) {
+    const FILTER_MODULE* const driverModule = DriverModuleOf(module);
+    if (driverModule == nullptr) {
         return "the driver is not the one that hooks are made for";
     }
-    shared_.held.SetRoom(static_cast<std::size_t>(std::max<LONG>(record->FreeNirpCount, 1) - 1) /
-                         2);
-    // Ahead of the modules, whose names are their own: a name that contained in ours would make the
-    // driver take our hook for theirs.
+    shared_.held.SetLimit(
+        static_cast<std::size_t>(std::max<LONG>(driverModule->FreeNirpCount, 1) - 1) / 2);
+    // Before the hook drivers: if one's hook had a name that is contained in ours, the driver would
+    // join our hook with it.
     for (BuiltInHook* hook : BuiltIn()) {
         const host::CallbackScope scope("ITarnHKRegisterFilterEx", &driver, nullptr);
         if (auto failure = Register(*hook)) {
@@ -67,7 +67,7 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
         if (hook.driver == nullptr) {
             continue;
         }
-        if (auto failure = LoadHookDriver(hook, machine, driver, *record)) {
+        if (auto failure = LoadHookDriver(hook, machine, driver, *driverModule)) {
             return failure;
         }
     }
@@ -81,7 +81,7 @@ std::optional<std::string> ReplayHooks::Register(BuiltInHook& hook) {
 std::optional<std::string> ReplayHooks::LoadHookDriver(Hook& hook,
                                                        host::Machine& machine,
                                                        const host::LoadedDriver& driver,
-                                                       const FILTER_MODULE& record) {
+                                                       const FILTER_MODULE& driverModule) {
     if (auto failure = hook.driver->Load(machine, driver)) {
         return failure;
     }
@@ -89,7 +89,7 @@ std::optional<std::string> ReplayHooks::LoadHookDriver(Hook& hook,
     for (const BuiltInHook* builtIn : BuiltIn()) {
         own.push_back(builtIn->handle());
     }
-    hook.meters = meters_.Attach(record, own, CountingHook().handle(), shared_.offers);
+    hook.meters = meters_.Attach(driverModule, own, CountingHook().handle(), shared_.offers);
     return std::nullopt;
 }
 

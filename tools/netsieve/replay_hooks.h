@@ -1,4 +1,4 @@
-// The hooks of one replay, from their registration to what they did.
+// The hooks of one replay, from their registration to their counts.
 #pragma once
 
 #include <cstdio>
@@ -16,7 +16,7 @@
 
 namespace netsieve::tool {
 
-/// Outlives the machine's run: drivers call into it.
+/// Must outlive the machine's run: drivers call into it.
 class ReplayHooks {
   public:
     /// Lines of log hooks go to `log`.
@@ -24,45 +24,46 @@ class ReplayHooks {
 
     bool Any() const { return !hooks_.empty(); }
 
-    /// Registers the built-in hooks and loads the modules, which are to register theirs. Returns
-    /// what went wrong, or nothing. Inside Run at PASSIVE_LEVEL, with the driver bound to the
-    /// adapter by `module` and no traffic.
+    /// Registers the program's hooks and loads the hook drivers, which register theirs. Returns
+    /// what went wrong, or nothing. Inside Run at PASSIVE_LEVEL, with the driver attached to the
+    /// adapter as `module` and no traffic.
     std::optional<std::string> Start(host::Machine& machine,
                                      host::LoadedDriver& driver,
                                      const host::FilterModule& module);
-    /// Takes down whatever Start put up. Inside Run at PASSIVE_LEVEL, before the driver unloads.
+    /// Deregisters and unloads what Start registered and loaded. Inside Run at PASSIVE_LEVEL,
+    /// before the driver unloads.
     void Stop(host::Machine& machine, host::LoadedDriver& driver);
 
-    const OfferCounts& Ledger() const { return shared_.offers; }
+    const OfferCounts& offers() const { return shared_.offers; }
     const HookExports& exports() const { return shared_.exports; }
     HeldFrames& held() { return shared_.held; }
     const HeldFrames& held() const { return shared_.held; }
-    /// Whether every hook is the program's own, so that all requests are known.
+    /// Whether every hook is the program's own, so that all pending requests are known.
     bool AllKnown() const { return observer_ == nullptr; }
     /// One entry for each hook, in the order of the command line.
     std::vector<HookReport> Report() const;
 
   private:
-    /// One --hook: the program's own, or a module with the hooks that it registered.
+    /// One --hook: the program's own hook, or a hook driver with the hooks that it registered.
     struct Hook {
         std::unique_ptr<BuiltInHook> builtIn{};
         std::unique_ptr<HookDriver> driver{};
         std::vector<const HookMeter*> meters{};
     };
 
-    /// The built-in hook that sees a frame before the others: it opens the ledger for each.
+    /// The program's hook that sees a frame before its others; it counts the offered frames.
     BuiltInHook& CountingHook();
     std::optional<std::string> Register(BuiltInHook& hook);
     std::optional<std::string> LoadHookDriver(Hook& hook,
                                               host::Machine& machine,
                                               const host::LoadedDriver& driver,
-                                              const FILTER_MODULE& record);
+                                              const FILTER_MODULE& driverModule);
     std::vector<BuiltInHook*> BuiltIn();
 
     SharedHookData shared_;
     HookMeters meters_;
     std::vector<Hook> hooks_;
-    /// Watches when only modules are there; no hook of the user's.
+    /// Only counts offers, when there are hook drivers.
     std::unique_ptr<BuiltInHook> observer_;
 };
 

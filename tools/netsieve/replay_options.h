@@ -24,7 +24,7 @@ struct ReplayOptions {
     std::optional<std::uint64_t> pauseAt;  ///< pause the adapter after so many frames
     std::uint32_t framesPerNbl = 1;
     std::optional<std::uint32_t> nblsPerCall;  ///< nothing: as many as suit the machine
-    bool resourcesFlag = false;  ///< received NBLs stay the adapter's and go back with the call
+    bool resourcesFlag = false;  ///< NBLs are indicated with NDIS_RECEIVE_FLAGS_RESOURCES
     std::optional<std::uint64_t> seed;
     bool verify = true;
     bool json = false;

@@ -145,7 +145,7 @@ void AddHooks(SummaryText& text, const ReplayReport& report) {
                   hook.matched ? std::to_string(*hook.matched) : "-", hook.passed, hook.withheld,
                   hook.number, hook.spec, hook.name.empty() ? "" : " (" + hook.name + ")");
     }
-    const char* label = "taken over";
+    const char* label = "pending";
     for (const HookReport& hook : report.hooks) {
         if (hook.marked + hook.overflow > 0) {
             text.Line(label, "{:>12} marked{:>12} refused  {} {}", hook.marked, hook.overflow,
@@ -153,7 +153,7 @@ void AddHooks(SummaryText& text, const ReplayReport& report) {
             label = "";
         }
     }
-    label = "made";
+    label = "injected";
     for (const HookReport& hook : report.hooks) {
         if (hook.injected > 0) {
             text.Line(label, "{:>12} injected  {} {}", hook.injected, hook.number, hook.spec);

@@ -1,4 +1,4 @@
-// What a replay found out, and how it is told.
+// The result of a replay, and its summary.
 #pragma once
 
 #include <algorithm>
@@ -14,11 +14,11 @@
 
 namespace netsieve::tool {
 
-/// Frames that crossed the driver without being shown to its hooks, by the reason.
+/// Frames that passed the driver without being offered to its hooks, by the reason.
 struct UninspectedCounts {
-    std::uint64_t poolEmpty = 0;     ///< the driver had no record or no context left for it
-    std::uint64_t tooLarge = 0;      ///< longer than any record
-    std::uint64_t copyFailed = 0;    ///< there was nothing to copy
+    std::uint64_t poolEmpty = 0;     ///< the driver had no NIRP or no context for it
+    std::uint64_t tooLarge = 0;      ///< longer than any NIRP's buffer
+    std::uint64_t copyFailed = 0;    ///< the frame could not be copied
     std::uint64_t notAddressed = 0;  ///< received, and not for the adapter
 
     std::uint64_t Total() const { return poolEmpty + tooLarge + copyFailed + notAddressed; }
@@ -26,20 +26,20 @@ struct UninspectedCounts {
 
 /// What became of the frames of one direction.
 struct DirectionCounts {
-    std::uint64_t frames = 0;     ///< handed to the driver
-    std::uint64_t passed = 0;     ///< came out at the other end
-    std::uint64_t cameBack = 0;   ///< came back to their owner without having been there
-    std::uint64_t injected = 0;   ///< came out without having been handed in
-    std::uint64_t reordered = 0;  ///< of the passed ones: came out before an earlier frame
+    std::uint64_t frames = 0;     ///< sent by the protocol or indicated by the adapter
+    std::uint64_t passed = 0;     ///< arrived at the other end of the stack
+    std::uint64_t cameBack = 0;   ///< came back to their owner without having arrived
+    std::uint64_t injected = 0;   ///< arrived, and are not of the capture
+    std::uint64_t reordered = 0;  ///< of the passed ones: arrived before an earlier frame
 
-    // Of those that came back, the ones that a hook had taken over.
-    std::uint64_t reinjected = 0;  ///< came out later, as the driver's copy
+    // Of those that came back, the ones that a hook had marked pending.
+    std::uint64_t reinjected = 0;  ///< arrived later, as the driver's clone
     std::uint64_t dropped = 0;     ///< completed with a failure
     std::uint64_t flushed = 0;     ///< dropped because the adapter was paused
-    std::uint64_t missing = 0;     ///< completed with success, and nothing came out
+    std::uint64_t missing = 0;     ///< completed with success, and nothing arrived
 
-    /// What the hooks withheld or took over. Where it differs from `cameBack`, the driver kept what
-    /// it should not have, or let go what it should have kept.
+    /// What the hooks withheld or marked pending. Where it differs from `cameBack`, the driver did
+    /// not do what the hooks decided.
     std::uint64_t keptByHooks = 0;
     /// What the hooks completed with success, in the same relation to `reinjected`.
     std::uint64_t reinjectedByHooks = 0;
@@ -49,9 +49,9 @@ struct DirectionCounts {
     std::uint64_t Withheld() const {
         return cameBack - std::min(cameBack, reinjected + dropped + flushed + missing);
     }
-    /// Neither came out nor came back, or did not come out when it was due.
+    /// Neither arrived nor came back, or did not arrive when it was due.
     std::uint64_t Lost() const { return frames - passed - cameBack + missing; }
-    /// The driver did with every frame what the hooks had decided.
+    /// Whether the driver did with every frame what the hooks decided.
     bool AsOrdered() const {
         return cameBack == keptByHooks && reinjected + missing == reinjectedByHooks;
     }
@@ -72,14 +72,14 @@ struct AdapterReport {
 struct HookReport {
     unsigned number = 0;         ///< its place on the command line, from 1
     std::string spec{};          ///< as the user gave it
-    std::string name{};          ///< what a module registered it as
+    std::string name{};          ///< as the hook driver registered it
     std::uint32_t priority = 0;  ///< smaller ones saw a frame first
     std::uint64_t offered = 0;
     std::uint64_t passed = 0;
     std::uint64_t withheld = 0;
-    std::uint64_t marked = 0;    ///< taken over, to be decided about later
-    std::uint64_t overflow = 0;  ///< to be taken over, which the driver could not
-    std::uint64_t injected = 0;  ///< frames that it made itself
+    std::uint64_t marked = 0;    ///< marked pending
+    std::uint64_t overflow = 0;  ///< could not be marked pending
+    std::uint64_t injected = 0;  ///< frames that it injected
     /// Frames that the expression selects; of the program's own hooks only.
     std::optional<std::uint64_t> matched{};
 };
