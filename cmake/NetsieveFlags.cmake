@@ -3,6 +3,7 @@
 option(NETSIEVE_TESTS "Build the test suite" ON)
 option(NETSIEVE_BENCH "Build the benchmarks" ON)
 option(NETSIEVE_SEARCH "Make every plain load and store of the driver a scheduling point (clang)" OFF)
+option(NETSIEVE_LOCK_ANALYSIS "Check which lock guards what (clang); off where locks are removed on purpose" ON)
 set(NETSIEVE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 set(NETSIEVE_IMAGE "${CMAKE_SOURCE_DIR}/build/image/NETSIEVE.sys" CACHE FILEPATH
     "The cross-built driver image that the tests run")
@@ -43,9 +44,6 @@ target_compile_options(netsieve_driver_flags INTERFACE
     -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics)
 target_include_directories(netsieve_driver_flags INTERFACE "${CMAKE_SOURCE_DIR}/src")
 target_link_libraries(netsieve_driver_flags INTERFACE netsieve_warnings)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-    target_compile_options(netsieve_driver_flags INTERFACE -Wthread-safety)
-endif()
 
 # The red zones of a sanitizer make frames larger than the driver's own.
 if(NOT NETSIEVE_SANITIZE)

@@ -39,7 +39,7 @@ update_tree() {
 
 build() { # PRESET
     (cd "$tree" &&
-        { [ -f "build/$1/build.ninja" ] || cmake --preset "$1" -DNETSIEVE_BENCH=OFF; } &&
+        { [ -f "build/$1/build.ninja" ] || cmake --preset "$1" -DNETSIEVE_BENCH=OFF -DNETSIEVE_LOCK_ANALYSIS=OFF; } &&
         cmake --build --preset "$1" --parallel "$(nproc)" --target "${programs[@]##*/}") >"$log" 2>&1
 }
 

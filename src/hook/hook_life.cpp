@@ -52,7 +52,7 @@ void EndTakenDown(HOOK_FILTER* hook) {
     if (InterlockedAdd(&hook->Holds, 0 - HOOK_HOLD_TAKEN_DOWN) == 0) {
         FreeHookFilter(hook);
     }
-    LowerDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
+    LowerDrainCount(&g_DriverGlobals.LeavingHooks);
 }
 
 }  // namespace

@@ -164,7 +164,7 @@ NTSTATUS NTAPI ITarnHKDeregisterFilter(HOOK_FILTER* hook) {
     if (hook == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    RaiseDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
+    RaiseDrainCount(&g_DriverGlobals.LeavingHooks);
     if (BeginLeaving(hook)) {
         TakeDownHook(hook);
         FinishLeaving(hook);
@@ -173,7 +173,7 @@ NTSTATUS NTAPI ITarnHKDeregisterFilter(HOOK_FILTER* hook) {
     // The routines that are still being called may be those of the caller.
     WaitUntilTakenDown(hook);
     ReleaseHook(hook);
-    LowerDrainCount(&g_DriverGlobals.LeavingHooks, FALSE);
+    LowerDrainCount(&g_DriverGlobals.LeavingHooks);
     return STATUS_SUCCESS;
 }
 

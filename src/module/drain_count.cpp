@@ -1,39 +1,63 @@
 #include "module/drain_count.h"
 
+#include "platform/atomics.h"
+
 namespace {
 
+// Whoever finds 0 here, under the lock, is the last to touch the count.
 bool IsDrained(DRAIN_COUNT* drain) {
     SpinLockGuard guard(&drain->Lock);
-    return drain->Count == 0;
-}
-
-}  // namespace
-
-void InitializeDrainCount(DRAIN_COUNT* drain) BEFORE_OR_AFTER_SHARING {
-    InitializeDriverSpinLock(&drain->Lock);
-    drain->Count = 0;
-    KeInitializeEvent(&drain->Event, NotificationEvent, TRUE);
-}
-
-void FASTABI RaiseDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
-    SpinLockGuard guard(&drain->Lock, atDispatch);
-    if (drain->Count++ == 0) {
-        KeClearEvent(&drain->Event);
+    if (ReadAcquire(&drain->Count) == DRAIN_WAITED) {
+        return true;
     }
+    KeClearEvent(&drain->Event);
+    return false;
 }
 
-void FASTABI LowerDrainCount(DRAIN_COUNT* drain, BOOLEAN atDispatch) {
-    SpinLockGuard guard(&drain->Lock, atDispatch);
-    if (--drain->Count == 0) {
-        // Inside the lock: whoever sees 0 there may free it.
+// False when somebody waits.
+bool TryLowerUnwaited(DRAIN_COUNT* drain) {
+    ULONG seen = ReadAcquire(&drain->Count);
+    while ((seen & DRAIN_WAITED) == 0) {
+        ULONG found = InterlockedCompareExchange(&drain->Count, seen - 1, seen);
+        if (found == seen) {
+            return true;
+        }
+        seen = found;
+    }
+    return false;
+}
+
+// Lowered inside the lock: the waiter, who reads the count under it, cannot see 0 and free the
+// count before the lock has been released.
+void LowerWaited(DRAIN_COUNT* drain) {
+    SpinLockGuard guard(&drain->Lock);
+    if (InterlockedDecrement(&drain->Count) == DRAIN_WAITED) {
         KeSetEvent(&drain->Event, 0, FALSE);
     }
 }
 
-// The count is read under its lock even after the event was signalled, so that this returns only
-// when the signaller has let go of the lock.
+}  // namespace
+
+void InitializeDrainCount(DRAIN_COUNT* drain) {
+    InitializeDriverSpinLock(&drain->Lock);
+    drain->Count = 0;
+    KeInitializeEvent(&drain->Event, NotificationEvent, FALSE);
+}
+
+void FASTABI RaiseDrainCount(DRAIN_COUNT* drain) {
+    InterlockedIncrement(&drain->Count);
+}
+
+void FASTABI LowerDrainCount(DRAIN_COUNT* drain) {
+    if (!TryLowerUnwaited(drain)) {
+        LowerWaited(drain);
+    }
+}
+
 void WaitForDrain(DRAIN_COUNT* drain) {
+    InterlockedAdd(&drain->Count, DRAIN_WAITED);
     while (!IsDrained(drain)) {
         KeWaitForSingleObject(&drain->Event, Executive, KernelMode, FALSE, nullptr);
     }
+    InterlockedAdd(&drain->Count, 0 - DRAIN_WAITED);
 }

@@ -37,7 +37,7 @@ VOID NTAPI SendPacketWorkItem(PDEVICE_OBJECT, PVOID argument) {
     } else {
         FreeOwnNbl(module, context, FALSE);
     }
-    LowerDrainCount(&g_DriverGlobals.WorkItems, FALSE);
+    LowerDrainCount(&g_DriverGlobals.WorkItems);
 }
 
 bool CanSend(FILTER_MODULE* module, const UCHAR* frame)
@@ -77,7 +77,7 @@ bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context)
         FreeOwnNbl(module, context, TRUE);
         return false;
     }
-    RaiseDrainCount(&g_DriverGlobals.WorkItems, TRUE);
+    RaiseDrainCount(&g_DriverGlobals.WorkItems);
     return true;
 }
 

@@ -53,16 +53,10 @@ void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispa
     InsertTailList(&context->Nirps, &nirp->ContextLink);
 }
 
-NIRP* FASTABI RemoveFirstContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
+void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, BOOLEAN atDispatch) {
+    InitializeListHead(nirps);
     SpinLockGuard guard(&context->Lock, atDispatch);
-    return IsListEmpty(&context->Nirps)
-               ? nullptr
-               : CONTAINING_RECORD(RemoveHeadList(&context->Nirps), NIRP, ContextLink);
-}
-
-NIRP* FASTABI RemoveLastContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch) {
-    SpinLockGuard guard(&context->Lock, atDispatch);
-    return IsListEmpty(&context->Nirps)
-               ? nullptr
-               : CONTAINING_RECORD(RemoveTailList(&context->Nirps), NIRP, ContextLink);
+    while (!IsListEmpty(&context->Nirps)) {
+        InsertTailList(nirps, RemoveHeadList(&context->Nirps));
+    }
 }

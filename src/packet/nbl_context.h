@@ -53,6 +53,5 @@ void FASTABI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST nbl);
 // DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
 void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch);
 
-// Removes and returns the NIRP that was added first, or last; NULL when there is none. Same terms.
-NIRP* FASTABI RemoveFirstContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch);
-NIRP* FASTABI RemoveLastContextNirp(NBL_CONTEXT* context, BOOLEAN atDispatch);
+// Moves the NIRPs of the context to the list `nirps`, in their order. Same terms.
+void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, BOOLEAN atDispatch);

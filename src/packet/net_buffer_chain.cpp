@@ -3,6 +3,7 @@
 #include "module/trace_log.h"
 #include "packet/nirp_life.h"
 #include "platform/atomics.h"
+#include "platform/list.h"
 
 namespace {
 
@@ -53,9 +54,12 @@ void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOL
     if (ReadAcquire(&context->Nirps.Flink) == &context->Nirps) {
         return;
     }
+    LIST_ENTRY nirps;
+    RemoveContextNirps(context, &nirps, atDispatch);
     // Those without their predecessor, collected from the last to the first too.
     PNET_BUFFER strays = nullptr;
-    while (NIRP* nirp = RemoveLastContextNirp(context, atDispatch)) {
+    while (!IsListEmpty(&nirps)) {
+        NIRP* nirp = CONTAINING_RECORD(RemoveTailList(&nirps), NIRP, ContextLink);
         if (!InsertBehindPredecessor(context->NetBufferList, nirp)) {
             nirp->NetBuffer->Next = strays;
             strays = nirp->NetBuffer;

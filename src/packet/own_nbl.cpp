@@ -2,6 +2,7 @@
 
 #include "module/trace_log.h"
 #include "packet/nirp_pool.h"
+#include "platform/list.h"
 
 namespace {
 
@@ -29,6 +30,17 @@ NBL_CONTEXT* AllocateNblAndContext(FILTER_MODULE* module,
     return context;
 }
 
+// The NIRP is in the context from before anyone else knows the NBL until the NBL is freed, so
+// neither of these needs the context's lock.
+void SetNirp(NBL_CONTEXT* context, NIRP* nirp) BEFORE_OR_AFTER_SHARING {
+    nirp->Context = context;
+    InsertTailList(&context->Nirps, &nirp->ContextLink);
+}
+
+NIRP* NirpOf(const NBL_CONTEXT* context) BEFORE_OR_AFTER_SHARING {
+    return CONTAINING_RECORD(context->Nirps.Flink, NIRP, ContextLink);
+}
+
 }  // namespace
 
 NBL_CONTEXT* FASTABI MakeOwnNbl(FILTER_MODULE* module,
@@ -36,18 +48,17 @@ NBL_CONTEXT* FASTABI MakeOwnNbl(FILTER_MODULE* module,
                                 ULONG type,
                                 const OWN_NBL_SITES* sites,
                                 BOOLEAN atDispatch) {
-    RaiseDrainCount(&module->OutstandingNbls, atDispatch);
+    RaiseDrainCount(&module->OutstandingNbls);
     NBL_CONTEXT* context = AllocateNblAndContext(module, nirp, sites, atDispatch);
     if (context == nullptr) {
         ReturnNirp(module, nirp, atDispatch);
-        LowerDrainCount(&module->OutstandingNbls, atDispatch);
+        LowerDrainCount(&module->OutstandingNbls);
         return nullptr;
     }
     context->Type = type;
     // A filter is the source of what it originates; NDIS brings the NBL back by it.
     context->NetBufferList->SourceHandle = module->FilterHandle;
-    nirp->Context = context;
-    AppendContextNirp(context, nirp, atDispatch);
+    SetNirp(context, nirp);
     return context;
 }
 
@@ -56,8 +67,8 @@ void FASTABI FreeOwnNbl(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atD
         IoFreeWorkItem(context->WorkItem);
         context->WorkItem = nullptr;
     }
-    NIRP* nirp = RemoveFirstContextNirp(context, atDispatch);
+    NIRP* nirp = NirpOf(context);
     FreeNblAndContext(context, context->NetBufferList);
     ReturnNirp(module, nirp, atDispatch);
-    LowerDrainCount(&module->OutstandingNbls, atDispatch);
+    LowerDrainCount(&module->OutstandingNbls);
 }

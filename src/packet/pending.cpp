@@ -57,10 +57,14 @@ NIRP* NirpOf(const PENDING_LIST& list, PLIST_ENTRY link) {
     return reinterpret_cast<NIRP*>(reinterpret_cast<PUCHAR>(link) - list.LinkOffset);
 }
 
-// `value` is one of the list's own. The NIRP may be in use in the other direction at this moment:
-// any other value may change.
-bool IsOnList(const PENDING_LIST& list, NIRP* nirp, ULONG value) REQUIRES_LOCK(list.Lock) {
-    return ReadAcquire(&nirp->OnList) == value;
+// Whether the NIRP is on one of the list's two, which only the list's lock says: the NIRP may be in
+// use in the other direction at this moment.
+bool IsPending(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
+    return ReadAcquire(&nirp->OnList) == list.PendingValue;
+}
+
+bool IsUnpaid(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
+    return ReadAcquire(&nirp->OnList) == list.UnpaidValue;
 }
 
 // What the frame's NBL asks of the adapter, or says of the frame, holds for the clone: without it
@@ -94,7 +98,7 @@ NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
 
 // One more mark on a request that is pending already.
 bool JoinRequest(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
-    if (!IsOnList(list, nirp, list.PendingValue)) {
+    if (!IsPending(list, nirp)) {
         return false;
     }
     ++nirp->PendingCount;
@@ -166,7 +170,8 @@ bool PayMark(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
 
 // The flush of a pause takes the same lock after it has changed the module's state: a request that
 // it has not come to yet is dropped all the same.
-ULONG StatusOfRequest(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
+ULONG StatusOfRequest([[maybe_unused]] const PENDING_LIST& list, NIRP* nirp)
+    REQUIRES_LOCK(list.Lock) {
     bool running = ReadAcquire(&nirp->Module->State) == FILTER_STATE_RUNNING;
     return running ? nirp->CompletionStatus : static_cast<ULONG>(NDIS_STATUS_PAUSED);
 }
@@ -181,9 +186,9 @@ struct COMPLETION {
 COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
     COMPLETION completion = {};
     SpinLockGuard guard(list.Lock);
-    if (!IsOnList(list, nirp, list.PendingValue)) {
+    if (!IsPending(list, nirp)) {
         completion.Late = true;
-        completion.LastMark = IsOnList(list, nirp, list.UnpaidValue) && PayMark(list, nirp);
+        completion.LastMark = IsUnpaid(list, nirp) && PayMark(list, nirp);
     } else if (DecrementNirpPending(nirp, status) == STATUS_SUCCESS) {
         completion.Status = StatusOfRequest(list, nirp);
         completion.Clone = TakeRequest(list, nirp);
