@@ -1,7 +1,7 @@
 // A hook filter that delays: every frame of one adapter is held for a while and then goes on its
 // way. When as many are held as there is room for, frames pass at once.
 //
-// A record does not tell which adapter its frame crosses, and what is held of an adapter is void
+// A NIRP does not tell which adapter its frame crosses, and what is held of an adapter is void
 // when that goes. So this hook watches one adapter only, and everything it holds is of that one.
 
 // The client header takes the types of the kernel's headers if they came before it.
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr UINT kDelayMilliseconds = 20;
-// A held frame keeps two of the adapter's few records, so more would only be refused.
+// A held frame keeps two of the adapter's few NIRPs, so more would only be refused.
 constexpr ULONG kSlots = 8;
 
 // A frame that is held. The timer is armed while Nirp is set.
@@ -45,7 +45,7 @@ class Guard {
     KIRQL irql_;
 };
 
-// Whoever takes the record out of its slot is the one who completes it, and has counted that in the
+// Whoever takes the NIRP out of its slot is the one who completes it, and has counted that in the
 // same act: whoever finds the slot empty knows from the count whether a completion is under way.
 NIRP* BeginCompletion(Slot* slot) {
     Guard guard(&g_lock);
@@ -110,7 +110,7 @@ VOID NTAPI AdapterCame(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {
 
 // What is held is void from here on: it may not even be completed here, and not any more when this
 // has returned. So a timer that cannot be cancelled any more finds its slot empty, and a completion
-// that has its record already ends first. This waits at DISPATCH_LEVEL under a lock of the driver;
+// that has its NIRP already ends first. This waits at DISPATCH_LEVEL under a lock of the driver;
 // a completion never needs that one: the adapter that goes is paused and has its frames back, and
 // before we deregister, which calls this too, the last completion has ended.
 VOID NTAPI AdapterGoes(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID) {

@@ -10,7 +10,10 @@
  *
  * Unless a function says otherwise, a missing pointer is refused with 0xC000000D
  * (STATUS_INVALID_PARAMETER) and nothing happens, and a pointer that is not missing must be good.
+ * What a pointer leads to is resident memory wherever a function may be called at DISPATCH_LEVEL.
  */
+/* Laid out by hand: this is the one file that every client reads. */
+/* clang-format off */
 #pragma once
 
 #include <stddef.h>
@@ -67,7 +70,8 @@ extern "C" {
 typedef struct FILTER_MODULE FILTER_MODULE;
 /* A registered hook. Valid until its deregistration. */
 typedef struct HOOK_FILTER HOOK_FILTER;
-/* The copy of one frame. Valid while the handler that got it runs. */
+/* The copy of one frame. Valid while the handler that got it runs, and for a hook that has marked
+ * it pending until the hook has completed its last mark. */
 typedef struct NIRP NIRP;
 
 /* ---- Constants ----------------------------------------------------------------------------- */
@@ -76,9 +80,7 @@ typedef struct NIRP NIRP;
  * active hook is shown it all the same, and the last such answer in their order stands. */
 #define HOOK_VERDICT_PASS 0
 #define HOOK_VERDICT_WITHHOLD 1
-#define HOOK_VERDICT_PENDING                                             \
-    2 /* has the same effect; for a frame that the hook decides on later \
-       */
+#define HOOK_VERDICT_PENDING 2 /* withheld too; for a frame that the hook has marked pending */
 
 /* The state of a hook. It is shown frames in HOOK_STATE_ACTIVE and HOOK_STATE_RESUMED, and in no
  * other. A new hook is HOOK_STATE_STOPPED. */
@@ -118,7 +120,10 @@ typedef VOID(NTAPI* HOOK_ATTACH_NOTIFY)(FILTER_MODULE* module, HOOK_FILTER* hook
 
 /* The adapter goes, or the hook is being deregistered: one call for each adapter that the hook is
  * attached to, however often. No handler is called for this adapter any more. What the hook leaves
- * attached is detached when the call returns. */
+ * attached is detached when the call returns.
+ *
+ * Marks that the hook still holds on frames of this adapter are void from here on: nothing may
+ * complete them once the call has returned, so it waits for a completion that is under way. */
 typedef VOID(NTAPI* HOOK_DETACH_NOTIFY)(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context);
 
 /* The driver unloads. Runs at PASSIVE_LEVEL with no lock held. The hook is stopped; it still has
@@ -126,7 +131,11 @@ typedef VOID(NTAPI* HOOK_DETACH_NOTIFY)(FILTER_MODULE* module, HOOK_FILTER* hook
 typedef VOID(NTAPI* HOOK_UNLOAD_NOTIFY)(PVOID context);
 
 /* Judges one frame: returns a HOOK_VERDICT_ value. Runs at IRQL <= DISPATCH_LEVEL with no lock
- * held, on several processors at once. It must not deregister its own hook. */
+ * held, on several processors at once. It must not deregister its own hook.
+ *
+ * The frame is shown as the stack hands it over. With checksum offload the checksums of a sent
+ * frame are not finished, with large-send offload it can be far longer than the MTU, and a VLAN
+ * tag can be out-of-band data and not in the frame. */
 typedef LONG(NTAPI* HOOK_PACKET_HANDLER)(PVOID context, NIRP* nirp);
 
 /* ---- Registration blocks ------------------------------------------------------------------- */
@@ -230,9 +239,9 @@ NETSIEVE_LAYOUT(offsetof(HOOK_ADAPTER_INFO, MacAddress) == 24);
  * to the driver.
  *
  * When the text of the new name contains the whole name of a registered hook (an empty name is
- * contained in every other), that hook is returned instead: the block's callbacks, priority and
- * `context` then count for nothing, nothing is announced, and the hook lives until each of its
- * registrations has been deregistered.
+ * contained in every other), that hook is joined: its handle is returned, the block's callbacks,
+ * priority and `context` count for nothing, and nothing is announced. The first of its
+ * registrations that ends takes the hook down for all of them.
  *
  * Returns 0; 0xC000000D for a missing pointer other than `context`, for a name without a buffer or
  * without room for a NUL, and in the extended block for a name without that NUL; 0xC000009A when
@@ -254,15 +263,18 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKRegisterFilter(const HOOK_FILTER_REGISTR
                                                        HOOK_FILTER** hook);
 
 /*
- * Ends one registration, always with status 0 for a hook that is there. While others share the
- * hook, that is all.
+ * Ends the caller's registration, always with status 0, and makes the caller's handle invalid.
  *
- * The last one takes the hook down: it is shown nothing more, its running handlers are waited for,
- * 10 seconds at most, and it gets its DetachNotify for every adapter it is attached to. No callback
- * is made after the return, but a handler that did not end within the wait still runs. The handle
- * is no longer valid. Takes 100 milliseconds at least. A hook that the driver's unload has passed
- * already without an UnloadNotify to call gets no notifications, and returns at once unless a
- * handler of it runs.
+ * The first call takes the hook down, whoever else has joined it: it is shown nothing more, its
+ * running handlers are waited for, 10 seconds at most, and it gets its DetachNotify for every
+ * adapter it is attached to. No callback is made after the return, but a handler that did not end
+ * within the wait still runs. Takes 100 milliseconds at least. A hook that the driver's unload has
+ * passed already without an UnloadNotify to call gets no notifications, and this returns at once
+ * unless a handler of it runs.
+ *
+ * The handles of others who have joined the hook stay valid until they end their registrations
+ * too: attaching is refused, ITarnHKFlowControl does nothing, and this function returns once the
+ * hook has been taken down.
  *
  * A hook that has an UnloadNotify and is deregistered by another thread while the driver unloads
  * may still get that call, or be in it, after the return: only when UnloadNotify has been, too, may
@@ -289,17 +301,19 @@ NETSIEVE_HOOK_API VOID NTAPI ITarnHKFlowControl(HOOK_FILTER* hook, ULONG state);
  */
 NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKAttachFilter(FILTER_MODULE* module, HOOK_FILTER* hook);
 
-/* Undoes one attachment; returns 0 also when there is none. A handler that is running goes on.
+/* Undoes one attachment; returns 0 also when there is none. A handler that is running goes on. A
+ * hook that detaches itself outside DetachNotify has completed its marks on frames of the adapter
+ * before: it is not told any more when the adapter goes, and its marks go with it.
  * IRQL <= DISPATCH_LEVEL, from everywhere. */
 NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKDettachFilter(FILTER_MODULE* module, HOOK_FILTER* hook);
 
-/* ---- Queries: from the handler that was given the record, at its IRQL ------------------------ */
+/* ---- Queries: from the handler that was given the NIRP, at its IRQL -------------------------- */
 
 /* The bytes of the frame, from its Ethernet header on. They are a copy that belongs to the driver:
- * the frame itself cannot be changed through it. NULL for a missing record. */
+ * the frame itself cannot be changed through it. NULL for a missing NIRP. */
 NETSIEVE_HOOK_API UCHAR* NTAPI ITarnHKGetBuffer(NIRP* nirp);
 
-/* The length of the frame in bytes; 0 for a missing record. */
+/* The length of the frame in bytes; 0 for a missing NIRP. */
 NETSIEVE_HOOK_API ULONG NTAPI ITarnHKGetBufferLength(NIRP* nirp);
 
 /* Gives the name of the protocol that sent the frame, or NULL when none did or none is known. The
@@ -322,22 +336,25 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKGetAdapterInfo(NIRP* nirp, HOOK_ADAPTER_
 /* ---- Pending requests ------------------------------------------------------------------------ */
 
 /*
- * Takes the frame over, to decide about it later: from the handler that was given the record, which
- * then returns HOOK_VERDICT_PENDING. The driver keeps a copy. Several hooks may mark one frame, and
- * one hook several times; each mark has to be completed once, with ITarnHKCompleteRequest.
+ * Marks the frame pending, to be decided later: from the handler that was given the NIRP, which
+ * then returns HOOK_VERDICT_PENDING. The driver makes a clone of the frame, which takes the
+ * out-of-band data of the frame's NET_BUFFER_LIST with it. Several hooks may mark one frame, and
+ * one hook several times; each mark has to be completed exactly once, with
+ * ITarnHKCompleteRequest.
  *
- * Returns 0, or 0xC000009A when there is no memory or no record for the copy (a pending frame
- * occupies two of the adapter's few records), when the adapter is paused, and when the record is
- * not being offered any more. The frame is not pending then, and must not be completed; a hook that
- * has nothing else in mind lets it pass. IRQL <= DISPATCH_LEVEL.
+ * Returns 0, or 0xC000009A when there is no memory or no NIRP for the clone (a pending frame
+ * occupies two of the adapter's few NIRPs), when the adapter is paused, and when the frame is not
+ * being offered any more. The frame is not pending then, and nothing is to be completed; a hook
+ * that has nothing else in mind lets it pass. IRQL <= DISPATCH_LEVEL.
  */
 NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKMarkPending(NIRP* nirp);
 
 /*
- * Completes one mark. With the last one the frame goes on its way when every completion had status
- * 0, else it is dropped. When the adapter is paused its pending frames are dropped; their marks
- * must be completed all the same, and have no other effect. Marks that are not completed when the
- * adapter's DetachNotify comes are void, and must not be completed after it has returned.
+ * Completes one mark. With the last one the clone is sent, or indicated, when every completion had
+ * status 0, else it is dropped. When the adapter is paused its pending frames are dropped, which a
+ * hook is not told: the marks are completed all the same, with no other effect. Marks that are not
+ * completed when the adapter's DetachNotify comes are void, and must not be completed after it has
+ * returned. More completions than marks meet a later frame in the same NIRP: never make one.
  *
  * Returns 0. IRQL <= DISPATCH_LEVEL, from everywhere but AttachNotify and DetachNotify.
  */
@@ -348,7 +365,9 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKCompleteRequest(NIRP* nirp, ULONG status
 /*
  * Sends a copy of an Ethernet frame of `length` bytes out of every running adapter whose address is
  * the frame's source address (bytes 6 to 11): within the call at PASSIVE_LEVEL, from a worker
- * thread above it. Hooks are not shown it. The first argument is ignored.
+ * thread above it. Hooks are not shown it. No offload is asked for: the frame has its checksums
+ * finished, is no longer than the adapter takes, and carries its VLAN tag. `frame` is resident
+ * memory, whatever the caller's IRQL. The first argument is ignored.
  *
  * Returns 0 whatever becomes of the frame, also when it is missing, shorter than 12 bytes or longer
  * than 65535, and goes nowhere. IRQL <= DISPATCH_LEVEL, but not from a notification.
@@ -364,11 +383,15 @@ NETSIEVE_HOOK_API NTSTATUS NTAPI ITarnHKSendPacket(PVOID reserved, const VOID* f
 /*
  * Does what `informationClass` says:
  *
- *   SYSINFO_CLASS_VERSION             copies the driver's version to `buffer`, as 8-bit text with
- * its NUL. *bufferSize must exceed its 8 bytes, else 0xC0000004. Any IRQL.
- *   SYSINFO_CLASS_ADD_BOOT_FILTER     `buffer` is a NUL-terminated name of WCHARs, to be added to
- * the boot filter list unless it is there in any case of letters. SYSINFO_CLASS_REMOVE_BOOT_FILTER
- * the same; if the name is there, every name that contains it in exactly this case is removed.
+ *   SYSINFO_CLASS_VERSION
+ *       copies the driver's version to `buffer`, as 8-bit text with its NUL. *bufferSize must
+ *       exceed its 8 bytes, else 0xC0000004. Any IRQL.
+ *   SYSINFO_CLASS_ADD_BOOT_FILTER
+ *       `buffer` is a NUL-terminated name of WCHARs, to be added to the boot filter list unless it
+ *       is there in any case of letters. PASSIVE_LEVEL.
+ *   SYSINFO_CLASS_REMOVE_BOOT_FILTER
+ *       the same; if the name is there, every name that contains it in exactly this case is
+ *       removed.
  *
  * Returns 0; 0xC000000D for a missing pointer or an empty name; 0xC00000BB for any other class. Of
  * the list: 0xC0000148 above PASSIVE_LEVEL; 0xC0000106 when the name does not fit; 0xC0000034 when

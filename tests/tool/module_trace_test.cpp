@@ -1,4 +1,4 @@
-#include "tools/netsieve/module_trace.h"
+#include "tools/netsieve/records/module_trace.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

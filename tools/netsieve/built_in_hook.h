@@ -7,9 +7,9 @@
 #include <string>
 
 #include "tools/netsieve/driver_exports.h"
-#include "tools/netsieve/held_frames.h"
 #include "tools/netsieve/hook_option.h"
 #include "tools/netsieve/offer_counts.h"
+#include "tools/netsieve/records/held_frames.h"
 #include "tools/netsieve/replay_clock.h"
 
 namespace netsieve::tool {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "host/ndis/data_path.h"
-#include "tools/netsieve/driver_structures.h"
+#include "tools/netsieve/records/driver_structures.h"
 
 namespace netsieve::tool {
 namespace {

@@ -7,11 +7,11 @@
 #include <span>
 #include <vector>
 
+#include "client/exports.h"
 #include "host/machine.h"
 #include "host/ndis/nbl_factory.h"
 #include "host/ndis/stack.h"
 #include "host/sched/threaded_scheduler.h"
-#include "packet/nirp.h"
 #include "tools/netsieve/capture_writer.h"
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_merge.h"

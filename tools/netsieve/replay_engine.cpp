@@ -13,7 +13,7 @@
 #include "host/ndis/stack.h"
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_exchange.h"
-#include "tools/netsieve/module_trace.h"
+#include "tools/netsieve/records/module_trace.h"
 #include "tools/netsieve/replay_clock.h"
 #include "tools/netsieve/replay_hooks.h"
 

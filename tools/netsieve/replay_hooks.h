@@ -11,7 +11,7 @@
 #include "host/ndis/filter_module.h"
 #include "tools/netsieve/built_in_hook.h"
 #include "tools/netsieve/hook_driver.h"
-#include "tools/netsieve/hook_meters.h"
+#include "tools/netsieve/records/hook_meters.h"
 #include "tools/netsieve/replay_report.h"
 
 namespace netsieve::tool {

@@ -1,4 +1,4 @@
-#include "tools/netsieve/hook_meters.h"
+#include "tools/netsieve/records/hook_meters.h"
 
 #include <algorithm>
 #include <utility>

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "hook/hook_filter.h"
-#include "tools/netsieve/driver_structures.h"
 #include "tools/netsieve/offer_counts.h"
+#include "tools/netsieve/records/driver_structures.h"
 
 namespace netsieve::tool {
 

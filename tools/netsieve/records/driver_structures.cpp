@@ -1,4 +1,4 @@
-#include "tools/netsieve/driver_structures.h"
+#include "tools/netsieve/records/driver_structures.h"
 
 #include <string_view>
 

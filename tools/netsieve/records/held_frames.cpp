@@ -1,11 +1,11 @@
-#include "tools/netsieve/held_frames.h"
+#include "tools/netsieve/records/held_frames.h"
 
 #include <limits>
 
 #include "platform/atomics.h"
-#include "tools/netsieve/driver_structures.h"
 #include "tools/netsieve/frame_exchange.h"
 #include "tools/netsieve/frame_tag.h"
+#include "tools/netsieve/records/driver_structures.h"
 
 namespace netsieve::tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/netsieve/module_trace.h"
+#include "tools/netsieve/records/module_trace.h"
 
 #include <algorithm>
 #include <charconv>
@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "module/trace_log.h"
-#include "tools/netsieve/driver_structures.h"
+#include "tools/netsieve/records/driver_structures.h"
 
 namespace netsieve::tool {
 namespace {
