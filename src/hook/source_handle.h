@@ -1,10 +1,10 @@
-// What the driver reads out of NDIS's own objects, which it reaches through the SourceHandle of a
-// list. No published interface describes them: the layouts here are known for the NDIS versions in
+// What the driver reads out of NDIS's own objects, which it reaches through the SourceHandle of an
+// NBL. No published interface describes them: the layouts here are known for the NDIS versions in
 // the table of the source file and for no other.
 //
-// A sent list's handle is an open object, which leads to the protocol and to the adapter; a
-// received list's handle is the adapter object itself. Everything here may be called at any IRQL
-// while the list that the handle came with is held.
+// A sent NBL's handle is an open object, which leads to the protocol and to the adapter; a
+// received NBL's handle is the adapter object itself. Everything here may be called at any IRQL
+// while the NBL that the handle came with is held.
 #pragma once
 
 #include "platform/ndis.h"
@@ -26,10 +26,10 @@ struct NDIS_OBJECT_LAYOUT {
 NDIS_OBJECT_LAYOUT CurrentNdisLayout();
 
 // SOURCE_KIND_FILTER, SOURCE_KIND_ADAPTER or SOURCE_KIND_OTHER when the handle is an object of that
-// type, else 0. A list whose source is a filter or an adapter was sent by no protocol.
+// type, else 0. An NBL whose source is a filter or an adapter was sent by no protocol.
 UCHAR FASTABI GetSourceHandleKind(NDIS_HANDLE sourceHandle);
 
-// Whether the list that the handle came with was sent through an open object. The objects of
+// Whether the NBL that the handle came with was sent through an open object. The objects of
 // filters and adapters have other fields where an open object has its pointers.
 bool IsOpenObject(NDIS_HANDLE sourceHandle);
 

@@ -69,7 +69,7 @@ bool IsUnpaid(const PENDING_LIST& list, NIRP* nirp) REQUIRES_LOCK(list.Lock) {
 
 // What the frame's NBL asks of the adapter, or says of the frame, holds for the clone: without it
 // the adapter would send an unfinished checksum, an oversized frame or an untagged one. Once the
-// offer has ended the NBL may be elsewhere, and nothing becomes of the clone anyway.
+// offer has ended the NBL may be elsewhere, and the mark is refused anyway.
 void CopyOutOfBandData(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
     PNET_BUFFER_LIST copy = clone->Context->NetBufferList;
     SpinLockGuard guard(&nirp->Lock);
@@ -196,8 +196,8 @@ COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
     return completion;
 }
 
-// Completes one mark. Returns the context of the clone when that is to go on its way, else NULL.
-// The NIRP's holds end before the clone goes: giving up the clone lets go of the module.
+// Completes one mark. Returns the context of the clone when that is to be sent or indicated, else
+// NULL. The NIRP's holds end before that: freeing the clone ends the hold on the module.
 NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label, ULONG site) {
     FILTER_MODULE* module = nirp->Module;
     COMPLETION completion = CountCompletion(PendingListOf(module, direction), nirp, status);

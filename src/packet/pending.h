@@ -19,8 +19,8 @@ void InitializePendingLists(FILTER_MODULE* module);
 NTSTATUS DecrementNirpPending(NIRP* nirp, ULONG status);
 
 // Complete one mark on a sent or a received frame. The last one finishes the request: with every
-// status 0 the clone goes on its way, unless the module is no longer running; else it is dropped. A
-// NIRP that no request is pending on, in this direction, writes a trace line. IRQL <=
+// status 0 the clone is sent or indicated, unless the module is no longer running; else it is
+// dropped. A NIRP that no request is pending on, in this direction, writes a trace line. IRQL <=
 // DISPATCH_LEVEL, none of the driver's locks held.
 void FASTABI NSVFSendPendingComplete(NIRP* nirp, ULONG status);
 void FASTABI NSVFReceivePendingComplete(NIRP* nirp, ULONG status);
