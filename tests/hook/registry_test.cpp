@@ -162,10 +162,13 @@ TEST(HookRegistryTest, AnAdapterThatGoesDuringTheUnloadIsNotedOnce) {
         int told = 0;
         clients[0].unload = clients[1].unload = [&] { ++told; };
         clients[3].unload = [&] {
+            // One entry or two, a pair has one end.
+            EXPECT_EQ(ITarnHKAttachFilter(scene.module, clients[1].hook), STATUS_SUCCESS);
             scene.stack.Detach(*scene.stack.FindModule(machine.FindDriver("NETSIEVE")));
             for (Client& client : clients) {
                 EXPECT_EQ(client.detached.size(), &client == &clients[2] ? 0u : 1u);
                 EXPECT_EQ(client.hook->AttachCount, 0u);
+                EXPECT_EQ(client.hook->State, HOOK_STATE_STOPPED);
                 client.Stop();
             }
         };
@@ -354,73 +357,115 @@ TEST(HookTableTest, RefusesTheSixtyFifthAndForgetsWhoLeavesEntriesBehind) {
     });
 }
 
+/// Two more objects behind the adapter's own. The last one has the values, each different.
+struct AdapterChain {
+    AdapterChain(InternalObject& head, std::size_t macAddress, bool endsInItself) {
+        head.Put(16, middle.Address());
+        middle.Put(16, last.Address());
+        last.Put(16, endsInItself ? last.Address() : nullptr);
+        last.Put(56, std::uint64_t{0x5655545352515049});
+        last.Put(120, std::uint32_t{120});
+        last.Put(124, std::uint32_t{124});
+        last.Put(400, address.Address());
+        last.Put(464, std::uint32_t{464});
+        last.Put(476, std::uint32_t{476});
+        if (macAddress != 0) {
+            address.Put(macAddress, kMac);
+        }
+    }
+    void ExpectIn(const HOOK_ADAPTER_INFO& info, bool macKnown) const {
+        EXPECT_EQ(info.Value56, 0x5655545352515049u);
+        EXPECT_THAT((std::array{info.Value120, info.Value124, info.Value464, info.Value476}),
+                    testing::ElementsAre(120, 124, 464, 476));
+        EXPECT_THAT(info.MacAddress, testing::ElementsAreArray(macKnown ? kMac : MacAddress{}));
+    }
+
+    static constexpr MacAddress kMac{2, 3, 5, 7, 11, 13};
+    InternalObject middle{ObjectType::kAdapter}, last{ObjectType::kAdapter};
+    InternalObject address{ObjectType::kAddress};
+};
+
 // What the platform says of the sender and the adapter, where each version keeps it.
 TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
     struct Case {
         std::uint32_t version;
-        NTSTATUS adapter;
+        std::size_t protocolBytes;
+        std::size_t macAddress;  ///< 0 where its place is not known
     };
-    const Case cases[] = {{0x60000, 0}, {0x60001, 0}, {0x60014, 0},
-                          {0x6001E, 0}, {0x60028, 0}, {0x60032, STATUS_UNSUCCESSFUL}};
+    const Case cases[] = {{0x60000, 48, 1376}, {0x60001, 48, 1376}, {0x60002, 48, 0},
+                          {0x60014, 48, 344},  {0x6001D, 48, 0},    {0x6001E, 56, 336},
+                          {0x60028, 56, 336},  {0x60032, 56, 0}};
     for (const Case& c : cases) {
-        OnScene(
-            [&](Scene& scene) {
-                Client client(u"asks");
-                client.handler = [&](NIRP* nirp) -> LONG {
-                    const bool sent = nirp->Direction == NIRP_DIRECTION_SEND;
-                    PROTOCOL_ENTRY* entry = nullptr;
-                    EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
-                    EXPECT_EQ(entry != nullptr, sent);
-                    WCHAR name[4] = {};
-                    HOOK_PROTOCOL_INFO protocol{};
-                    protocol.ProtocolName = {0, sizeof(name), name};
-                    EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol),
-                              sent ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
-                    if (sent) {
-                        EXPECT_EQ(std::string(entry->Buffer), "TCPIP");
-                        EXPECT_EQ(std::u16string(name, protocol.ProtocolName.Length / 2), u"TCPI");
-                    }
-                    HOOK_ADAPTER_INFO info{};
-                    EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &info), c.adapter);
-                    EXPECT_EQ(info.MacAddress[5], c.adapter == 0 ? 1 : 0);
-                    EXPECT_EQ(ITarnHKQueryProtocolName(nullptr, nullptr), STATUS_SUCCESS);
-                    return HOOK_VERDICT_PASS;
-                };
-                client.Start();
-                scene.Pass(true, {MakeFrame(1)});
-                scene.Pass(false, {MakeFrame(1)});
-                EXPECT_EQ(client.calls, 2);
-                EXPECT_EQ(scene.module->ProtocolCount, 1u);
-                client.Stop();
-            },
-            {.ndisVersion = c.version});
+        SCOPED_TRACE(testing::Message() << "NDIS " << std::hex << c.version);
+        const auto body = [&](Scene& scene) {
+            const AdapterChain chain(scene.stack.adapter().objects().adapter, c.macAddress,
+                                     c.version % 2 == 0);
+            InternalObject& object = scene.stack.protocol().objects().protocol;
+            object.Put(24, std::uint64_t{0x2423222120191817});
+            object.Put(c.protocolBytes, std::array<UCHAR, 2>{48, 49});
+            Client client(u"asks");
+            client.handler = [&](NIRP* nirp) -> LONG {
+                const bool sent = nirp->Direction == NIRP_DIRECTION_SEND;
+                PROTOCOL_ENTRY* entry = nullptr;
+                EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
+                EXPECT_EQ(entry == nullptr ? "" : std::string(entry->Buffer), sent ? "TCPIP" : "");
+                WCHAR name[4] = {};
+                HOOK_PROTOCOL_INFO protocol{};
+                protocol.ProtocolName = {0, sizeof(name), name};
+                EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol),
+                          sent ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+                if (sent) {
+                    EXPECT_EQ(protocol.ProtocolHandle, object.Address());
+                    EXPECT_EQ(protocol.ProtocolValue, 0x2423222120191817u);
+                    EXPECT_EQ(protocol.ProtocolBytes[0] * 100 + protocol.ProtocolBytes[1], 4849);
+                    EXPECT_EQ(std::u16string(name, protocol.ProtocolName.Length / 2), u"TCPI");
+                }
+                HOOK_ADAPTER_INFO info{};
+                EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &info),
+                          c.macAddress != 0 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+                chain.ExpectIn(info, c.macAddress != 0);
+                EXPECT_EQ(ITarnHKQueryProtocolName(nullptr, nullptr), STATUS_SUCCESS);
+                return HOOK_VERDICT_PASS;
+            };
+            client.Start();
+            scene.Pass(true, {MakeFrame(1)});
+            scene.Pass(false, {MakeFrame(1)});
+            EXPECT_EQ(client.calls, 2);
+            EXPECT_EQ(scene.module->ProtocolCount, 1u);
+            client.Stop();
+        };
+        OnScene(body, {.ndisVersion = c.version});
     }
 }
 
-// A filter above or an adapter has no pointers where an open object keeps them.
+// A filter above, or an adapter, sends an NBL. Where an open object has its pointers, what it has
+// here looks just like them.
 TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
-    OnScene([](Scene& scene) {
-        Client client(u"asks");
-        client.handler = [&](NIRP* nirp) -> LONG {
-            NDIS_HANDLE const open = nirp->SendSourceHandle;
-            for (const UCHAR kind : {SOURCE_KIND_FILTER, SOURCE_KIND_ADAPTER}) {
-                std::uint64_t source[4];
-                std::memcpy(source, open, sizeof(source));
-                std::memcpy(source, &kind, sizeof(kind));
-                nirp->SendSourceHandle = source;
+    for (const ObjectType kind : {ObjectType::kFilter, ObjectType::kAdapter}) {
+        OnScene([&](Scene& scene) {
+            InternalObject source(kind);
+            source.Put(16, scene.stack.adapter().objects().adapter.Address());
+            source.Put(24, scene.stack.protocol().objects().protocol.Address());
+            scene.stack.protocol().party().handle = source.Address();
+            Client client(u"asks");
+            client.handler = [&](NIRP* nirp) -> LONG {
+                EXPECT_EQ(nirp->SendSourceHandle, source.Address());
                 HOOK_PROTOCOL_INFO protocol{};
                 HOOK_ADAPTER_INFO adapter{};
+                PROTOCOL_ENTRY* entry = nullptr;
                 EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), STATUS_UNSUCCESSFUL);
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), STATUS_UNSUCCESSFUL);
-            }
-            nirp->SendSourceHandle = open;
-            return HOOK_VERDICT_PASS;
-        };
-        client.Start();
-        scene.Pass(true, {MakeFrame(1)});
-        EXPECT_EQ(client.calls, 1);
-        client.Stop();
-    });
+                EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
+                EXPECT_EQ(entry, nullptr);
+                return HOOK_VERDICT_PASS;
+            };
+            client.Start();
+            scene.Pass(true, {MakeFrame(1)});
+            EXPECT_EQ(client.calls, 1);
+            EXPECT_EQ(scene.module->ProtocolCount, 0u);
+            client.Stop();
+        });
+    }
 }
 
 TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
