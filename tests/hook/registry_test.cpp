@@ -360,13 +360,13 @@ TEST(HookTableTest, RefusesTheSixtyFifthAndForgetsWhoLeavesEntriesBehind) {
 /// Two more objects behind the adapter's own. The last one has the values, each different.
 struct AdapterChain {
     AdapterChain(InternalObject& head, std::size_t macAddress, bool endsInItself) {
-        head.Put(16, middle.Address());
-        middle.Put(16, last.Address());
-        last.Put(16, endsInItself ? last.Address() : nullptr);
+        head.Put(16, middle.address());
+        middle.Put(16, last.address());
+        last.Put(16, endsInItself ? last.address() : nullptr);
         last.Put(56, std::uint64_t{0x5655545352515049});
         last.Put(120, std::uint32_t{120});
         last.Put(124, std::uint32_t{124});
-        last.Put(400, address.Address());
+        last.Put(400, address.address());
         last.Put(464, std::uint32_t{464});
         last.Put(476, std::uint32_t{476});
         if (macAddress != 0) {
@@ -415,7 +415,7 @@ TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
                 EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol),
                           sent ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
                 if (sent) {
-                    EXPECT_EQ(protocol.ProtocolHandle, object.Address());
+                    EXPECT_EQ(protocol.ProtocolHandle, object.address());
                     EXPECT_EQ(protocol.ProtocolValue, 0x2423222120191817u);
                     EXPECT_EQ(protocol.ProtocolBytes[0] * 100 + protocol.ProtocolBytes[1], 4849);
                     EXPECT_EQ(std::u16string(name, protocol.ProtocolName.Length / 2), u"TCPI");
@@ -444,12 +444,12 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
     for (const ObjectType kind : {ObjectType::kFilter, ObjectType::kAdapter}) {
         OnScene([&](Scene& scene) {
             InternalObject source(kind);
-            source.Put(16, scene.stack.adapter().objects().adapter.Address());
-            source.Put(24, scene.stack.protocol().objects().protocol.Address());
-            scene.stack.protocol().party().handle = source.Address();
+            source.Put(16, scene.stack.adapter().objects().adapter.address());
+            source.Put(24, scene.stack.protocol().objects().protocol.address());
+            scene.stack.protocol().component().handle = source.address();
             Client client(u"asks");
             client.handler = [&](NIRP* nirp) -> LONG {
-                EXPECT_EQ(nirp->SendSourceHandle, source.Address());
+                EXPECT_EQ(nirp->SendSourceHandle, source.address());
                 HOOK_PROTOCOL_INFO protocol{};
                 HOOK_ADAPTER_INFO adapter{};
                 PROTOCOL_ENTRY* entry = nullptr;

@@ -302,7 +302,8 @@ TEST(InterceptionEdges, BuffersWithoutTheirPredecessorKeepTheirOrder) {
             withheld.push_back(nirp);
             return HOOK_VERDICT_WITHHOLD;
         });
-        const std::vector<Frame> frames = {MakeFrame(1), MakeFrame(2), MakeFrame(3), MakeFrame(4)};
+        const std::vector<Frame> frames = {MakeFrame(1), MakeFrame(1, 61), MakeFrame(2),
+                                           MakeFrame(3), MakeFrame(4)};
         scene.stack.adapter().queue().SetMode(ReleaseMode::kHold);
         scene.Pass(true, frames);
         NET_BUFFER gone{};
@@ -396,11 +397,17 @@ TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
 TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
     struct Case {
         MM_SYSTEMSIZE system;
-        ULONG records;
+        ULONG small;
+        ULONG large;
     };
-    for (const Case& c : {Case{MmSmallSystem, 19}, {MmMediumSystem, 26}, {MmLargeSystem, 48}}) {
-        OnScene([&](Scene& scene) { EXPECT_EQ(scene.records, c.records); },
-                {.systemSize = c.system});
+    for (const Case& c :
+         {Case{MmSmallSystem, 16, 3}, {MmMediumSystem, 21, 5}, {MmLargeSystem, 32, 16}}) {
+        OnScene(
+            [&](Scene& scene) {
+                EXPECT_EQ(LengthOf(scene.module->SmallNirpList), c.small);
+                EXPECT_EQ(LengthOf(scene.module->LargeNirpList), c.large);
+            },
+            {.systemSize = c.system});
     }
     RunClean({}, [](Machine& machine) {
         machine.faults().Arm({.kind = FaultKind::kMdl, .nth = 9, .persistent = true});

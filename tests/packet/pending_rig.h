@@ -74,14 +74,16 @@ inline std::string TracesOf(const FILTER_MODULE* module) {
     return traces;
 }
 
-inline ULONG FreeRecordsOf(FILTER_MODULE* module) {
-    ULONG records = 0;
-    for (PLIST_ENTRY head : {&module->SmallNirpList, &module->LargeNirpList}) {
-        for (PLIST_ENTRY at = head->Flink; at != head; at = at->Flink) {
-            ++records;
-        }
+inline ULONG LengthOf(const LIST_ENTRY& head) {
+    ULONG entries = 0;
+    for (PLIST_ENTRY at = head.Flink; at != &head; at = at->Flink) {
+        ++entries;
     }
-    return records;
+    return entries;
+}
+
+inline ULONG FreeRecordsOf(const FILTER_MODULE* module) {
+    return LengthOf(module->SmallNirpList) + LengthOf(module->LargeNirpList);
 }
 
 using Frame = std::vector<std::uint8_t>;
