@@ -10,14 +10,6 @@ std::unique_ptr<Scenario> Make() {
     return std::make_unique<Kind>();
 }
 
-// The image can be interrupted only where it calls out, so that it has fewer schedules; that it
-// keeps to the same calls is what there is to see.
-#if defined(NETSIEVE_TEST_IMAGE)
-constexpr std::uint64_t kShare = 10;
-#else
-constexpr std::uint64_t kShare = 1;
-#endif
-
 const Search kSearches[] = {
     {"life under traffic", Make<LifeUnderTraffic>, StrategyKind::kPct, 25'000 / kShare},
     {"life under traffic, uniform", Make<LifeUnderTraffic>, StrategyKind::kUniform, 5'000 / kShare},

@@ -206,7 +206,7 @@ class ProtocolsFillTheTable final : public Scenario {
 
 using Change = HooksComeAndGo::Change;
 
-Search Hooks(const char* name, Change change, std::uint64_t realRuns = 20) {
+Search Hooks(const char* name, Change change, std::uint64_t realRuns = 20 / kShare) {
     return {.name = name,
             .make = [change] { return std::make_unique<HooksComeAndGo>(change); },
             .realRuns = realRuns};
