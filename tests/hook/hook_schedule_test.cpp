@@ -1,4 +1,5 @@
 // Searches through the ways in which hooks come and go while frames are offered to them.
+#include "hook/hook_notify.h"
 #include "tests/driver/model.h"
 #include "tests/hook/hook_rig.h"
 
@@ -349,6 +350,29 @@ std::string RunClaimAgainstLeaver(Machine& machine, ScheduleTree& tree) {
                                       : "";
 }
 
+#if !defined(NETSIEVE_TEST_IMAGE)
+/// A hook attaches itself while the table is emptied for the last time: it is told of the end, or
+/// refused.
+std::string RunLateAttachment(Machine& machine, ScheduleTree& tree) {
+    Model model(machine, tree);
+    FILTER_MODULE* const module = DriverModuleOf(machine, model.stack);
+    Client client(u"late");
+    client.attach = false;
+    client.Start();
+    NTSTATUS status = STATUS_SUCCESS;
+    model.Explore([&] {
+        model.Start(ContextKind::kThread, 1,
+                    [&] { status = ITarnHKAttachFilter(module, client.hook); });
+        NotifyHooksAdapterDetach(module);
+    });
+    const std::size_t attached = status == STATUS_SUCCESS ? 1 : 0;
+    const bool told = client.detached.size() == attached && module->HookCount == 0;
+    client.Stop();
+    machine.UnloadDriver("NETSIEVE");
+    return told ? "" : "attached to a module that goes, and not told";
+}
+#endif
+
 /// An adapter comes while one hook registers and another leaves: each pair is announced once.
 std::string RunAdapterComes(Machine& machine, ScheduleTree& tree) {
     Model model(machine, tree);
@@ -397,6 +421,9 @@ INSTANTIATE_TEST_SUITE_P(
                     HookModel{"adapter that goes against leaver", &RunAdapterAgainstLeaver},
                     HookModel{"adapter that goes against unload", &RunAdapterAgainstUnload},
                     HookModel{"claim against leaver", &RunClaimAgainstLeaver},
+#if !defined(NETSIEVE_TEST_IMAGE)
+                    HookModel{"late attachment against the end of the table", &RunLateAttachment},
+#endif
                     HookModel{"adapter that comes", &RunAdapterComes, 1}));
 
 }  // namespace
