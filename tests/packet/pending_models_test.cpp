@@ -42,9 +42,13 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
         taken = nirp;
         marked += ITarnHKMarkPending(nirp) == STATUS_SUCCESS ? 1 : 0;
     };
+    bool paused = false;  // before a completion began
     const auto complete = [&](unsigned processor) {
         --marked;
-        model.Start(ContextKind::kThread, processor, [&] { ITarnHKCompleteRequest(taken, 0); });
+        model.Start(ContextKind::kThread, processor, [&] {
+            paused = paused || module->State == FILTER_STATE_PAUSED;
+            ITarnHKCompleteRequest(taken, 0);
+        });
     };
     const auto takesOver = [](NIRP* nirp) { return ITarnHKGetBuffer(nirp)[6] == 1; };
     {
@@ -113,7 +117,7 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     }
     machine.UnloadDriver("NETSIEVE");
     // The frame that nobody takes over, and the other one unless a pause drops it.
-    if (arrived > 2 || (arrived < 2 && !request.pause)) {
+    if (arrived > (paused ? 1 : 2) || (arrived < 2 && !request.pause)) {
         model.wrong += fmt::format("{} of 2 frames arrived", arrived);
     }
     return model.wrong;
@@ -155,8 +159,9 @@ std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
 }
 
 /// A request is completed once more than it was marked, while its NIRP carries a frame in the other
-/// direction that is pending too. Every other NIRP is kept by frames that are withheld.
-std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree) {
+/// direction that is pending too. Every other NIRP is kept by frames that are withheld. `waits`:
+/// the second frame stays pending until the completions have ended.
+std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree, bool waits) {
     Model model(machine, tree);
     Scene scene(machine, model.stack);
     constexpr std::uint8_t kSent = 1, kReceived = 2, kWithheld = 3, kPassed = 4;
@@ -171,6 +176,9 @@ std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree) {
                 case kReceived:
                     if (ITarnHKMarkPending(nirp) != STATUS_SUCCESS) {
                         return HOOK_VERDICT_PASS;  // no NIRP is left for the clone
+                    }
+                    if (waits) {
+                        model.JoinAll();
                     }
                     ITarnHKCompleteRequest(nirp, 0);
                     return HOOK_VERDICT_PENDING;
@@ -264,6 +272,12 @@ Case OfInjection(const char* name,
             }};
 }
 
+Case OfSecondCompletion(const char* name, bool waits) {
+    return {name, 2, [waits](Machine& machine, ScheduleTree& tree) {
+                return RunSecondCompletion(machine, tree, waits);
+            }};
+}
+
 // Five contexts that meet all at once have too many schedules of two preemptions.
 const Case kCases[] = {
     OfRequest("completion against restore", {.restore = true}),
@@ -275,7 +289,8 @@ const Case kCases[] = {
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
     {"late mark against the next frame", 2, RunLateMark},
-    {"second completion against the other direction", 2, RunSecondCompletion},
+    OfSecondCompletion("second completion against the other direction", false),
+    OfSecondCompletion("second completion against a pending frame", true),
     OfInjection("injection against pause", Against::kPause, false),
     OfInjection("injection against detach", Against::kDetach, false),
 #if !defined(NETSIEVE_TEST_IMAGE)  // there is no export to call once the image has gone
