@@ -1,7 +1,7 @@
 #!/bin/bash
-# Builds the driver with one fault put into it, for each patch in tests/mutants, and demands that
-# the tests find it. Prints what found each fault and how long that took. Fails when a fault
-# survives, when a patch no longer fits, and when the tests fail without any fault.
+# Builds the driver, or a sample, with one fault put into it, for each patch in tests/mutants, and
+# demands that the tests find it. Prints what found each fault and how long that took. Fails when a
+# fault survives, when a patch no longer fits, and when the tests fail without any fault.
 #
 # A patch begins with two lines of text: what it breaks, and `build: release`, or `build: search`
 # for a fault that shows only where every load and store is a scheduling point. The work is done in
@@ -17,10 +17,12 @@ readonly log=$tree/build/check.log
 readonly time_limit=120 # seconds for one program; a fault may make it hang
 readonly programs=(
     hook/hook_tests driver/driver_tests packet/packet_tests
-    hook/hook_schedule_tests driver/driver_schedule_tests packet/packet_schedule_tests)
-# What real threads meet is another thing each time. Small models run whole, searches are cut short.
+    hook/hook_schedule_tests driver/driver_schedule_tests packet/packet_schedule_tests
+    samples/sample_schedule_tests)
+# What real threads meet is another thing each time, and the image has no fault put into it. Small
+# models run whole, searches are cut short.
 readonly models='*Models*'
-readonly others='-*RealThreads*:*Models*'
+readonly others='-*RealThreads*:*Models*:*/Image*'
 
 # Enough to find every fault several times over, and far below what `make test` spends.
 export NETSIEVE_SCHEDULES=${NETSIEVE_SCHEDULES:-2500}
