@@ -130,6 +130,10 @@ ExploreResult ExploreAll(const ExploreAllOptions& options,
     ExploreResult result;
     for (unsigned preemptions = 0; preemptions <= most && !result.finding && result.complete;
          ++preemptions) {
+        if (preemptions != 0 && budget == 0) {
+            result.complete = false;
+            break;
+        }
         ScheduleTree tree(preemptions);
         result = WalkTree(options, tree, budget, body, check);
         result.preemptions = preemptions;

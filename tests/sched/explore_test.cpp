@@ -140,6 +140,13 @@ TEST_F(Explored, ARaceOfTwoPreemptionsIsFoundWithTwoAndReplayedByName) {
             [&](Machine&) { return seen ? "the flag went up" : ""; });
     };
     EXPECT_FALSE(explore(1).finding);
+    // What the fewest preemptions leave of the budget may be nothing.
+    const ExploreResult fewest = explore(0);
+    setenv("NETSIEVE_SCHEDULES", std::to_string(fewest.schedules).c_str(), 1);
+    const ExploreResult cut = explore(1);
+    unsetenv("NETSIEVE_SCHEDULES");
+    EXPECT_EQ(cut.schedules, fewest.schedules);
+    EXPECT_TRUE(fewest.complete && !cut.complete);
     const ExploreResult found = explore(2);
     ASSERT_TRUE(found.finding);
     const std::string choices =
