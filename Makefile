@@ -15,10 +15,10 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
 .PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz \
-    search nightly mutants clean
+    search nightly mutants mutants-generated clean
 
 help: ## print this list
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-17s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
 
 # The first configuration leaves out tests and benchmarks, so that building the command does not
 # need their libraries. A tree that has them keeps them.
@@ -104,9 +104,18 @@ nightly: image ## run every schedule search with NIGHTLY_SCHEDULES schedules (10
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SCHEDULES); $(call NIGHTLY_RUN,build/release)
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SEARCH_SCHEDULES); $(call NIGHTLY_RUN,build/search)
 
-mutants: ## put faults into the driver, one at a time, and see that the tests find each
+mutants: ## put the hand-made faults into the driver, one at a time, and see that the tests find each
 	@scripts/bootstrap.sh build test checks
-	@scripts/check-mutants.sh
+	@scripts/mutants.py --jobs $(JOBS)
+
+# What was found is kept, and an interrupted run goes on. MUTANTS takes what else the script knows.
+SEED ?= 1
+COUNT ?= 300
+SET ?= driver
+
+mutants-generated: ## the same with COUNT (300) faults that SEED (1) draws from SET (driver)
+	@scripts/bootstrap.sh build test checks
+	@scripts/mutants.py --generated --seed $(SEED) --count $(COUNT) --set $(SET) --jobs $(JOBS) $(MUTANTS)
 
 format: ## format the sources in place
 	@scripts/bootstrap.sh checks
