@@ -346,7 +346,7 @@ class _File:
             self._cut_loop(start, start + 1)
         elif word in ("return", "break", "continue") and self._text(start + 1) == ";":
             self._replace("remove", start, start, "")
-        elif word not in _NO_EXPRESSION and word not in ("{", "}", ";"):
+        elif word in ("const", "auto") or word not in _NO_EXPRESSION and word not in ("{", "}", ";"):
             self._remove_statement(start)
 
     def _at_control(self, start, word):
@@ -386,10 +386,18 @@ class _File:
             self._replace("remove", start, end - 1, "")
         elif self._declares_guard(start, end):
             self._replace("guard", start, end - 1, "")
+        else:
+            self._leave_empty(start, end)
 
     def _declares_guard(self, start, end):
-        opening = next((at for at in range(start, end) if self._text(at) in ("(", "{", "=")), start)
+        opening = next((at for at in range(start, end) if self._text(at) in ("(", "{", "=")), end)
         return any(_GUARD.match(self._text(at)) for at in range(start, opening - 1))
+
+    def _leave_empty(self, start, end):
+        """A variable that should begin with a value."""
+        opening = next((at for at in range(start, end) if self._text(at) in ("(", "{", "=")), end)
+        if self._text(opening) == "=" and self._text(opening + 1) not in ("nullptr", "0", "{", "["):
+            self._replace("remove", opening + 1, end - 1, "{}")
 
     def _declares(self, start, end):
         """Two names in a row, perhaps with `*` or `&` at the first, before any bracket."""

@@ -33,7 +33,9 @@ FAULTS = [
     ("++module->Calls;", "remove", ";"),
     ("*result = first;", "remove", ";"),
     ("return;", "remove", ";"),
+    ("const SIZE_T size = SizeOf(list);", "remove", "const SIZE_T size = {};"),
     ("SpinLockGuard guard(&module->Lock);", "guard", ";"),
+    ("ListGuard guard;", "guard", ";"),
     ("std::lock_guard<std::mutex> lock(mutex_);", "guard", ";"),
     ("if (a < b) {", "compare", "if (a <= b) {"),
     ("if (a >= b) {", "compare", "if (a > b) {"),
@@ -70,9 +72,8 @@ struct POLICY {
 };
 void Prints() {
     RECORD* record;
-    const char* text = "a == b; f(1, 2); // 'x'";
-    const char* raw = R"(if (a) { return 1; })";
-    std::vector<int> list{text, text};
+    const char* texts[] = {"a == b; f(1, 2); // 'x'", R"(if (a) { return 1; })"};
+    std::vector<const char*> list{texts, texts};
 }
 """
 
