@@ -29,7 +29,8 @@ test    libgtest-dev                the test framework
 test    libgmock-dev                the test framework's matchers
 test    libbenchmark-dev            the benchmark framework
 test    patch                       puts faults into copies of the driver
-test    lld-14                      links with the import library for Microsoft's linker
+test    python3                     draws faults, and runs mutants
+test    lld-14                      links with the import library for Microsoft's linker, and mutants
 test    openssl                     makes a certificate to test-sign with
 test    osslsigncode                signs the images and verifies it
 demo    tcpdump                     shows what was withheld

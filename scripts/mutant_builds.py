@@ -19,7 +19,8 @@ import threading
 import time
 from dataclasses import dataclass
 
-LINKER = "-fuse-ld=lld"  # quick, and takes objects between --start-lib and --end-lib as an archive
+# Quick, and takes objects between --start-lib and --end-lib as an archive. Looked up where lld-14 is.
+LINKER = ("-B/usr/lib/llvm-14/bin", "-fuse-ld=lld")
 MEMORY_LIMIT = 8 << 20  # KiB of address space; a fault may allocate without end
 SCHEDULES = os.environ.get("NETSIEVE_SCHEDULES", "2500")  # finds a fault several times over
 FEW_SCHEDULES = "100"
@@ -78,7 +79,9 @@ class Finding:
 
 def run_stage(stage, binary, log, limit):
     """Runs a part of a test program until its first failure, for `limit` seconds at most."""
-    command = ["sh", "-c", f'ulimit -c 0 -v {MEMORY_LIMIT}; exec "$@"', "sh", str(binary),
+    # The command timeout is for a program that outlives this one.
+    command = ["timeout", "-s", "KILL", str(limit + 10), "sh", "-c",
+               f'ulimit -c 0 -v {MEMORY_LIMIT}; exec "$@"', "sh", str(binary),
                f"--gtest_filter={stage.filter}", "--gtest_fail_fast", "--gtest_color=no"]
     started = time.monotonic()
     outcome = "passed"
@@ -287,7 +290,7 @@ class Bench:
             else:
                 command.append(word)
         command[command.index("-o") + 1] = str(target)
-        done = subprocess.run(command + [LINKER], cwd=self.build.folder, stdout=subprocess.DEVNULL,
+        done = subprocess.run([*command, *LINKER], cwd=self.build.folder, stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL)
         return target if done.returncode == 0 else None
 
