@@ -24,9 +24,10 @@ LINKER = ("-B/usr/lib/llvm-14/bin", "-fuse-ld=lld")
 MEMORY_LIMIT = 8 << 20  # KiB of address space; a fault may allocate without end
 SCHEDULES = os.environ.get("NETSIEVE_SCHEDULES", "2500")  # finds a fault several times over
 FEW_SCHEDULES = "100"
+# A model runs whole, but for the search build, in which it would take minutes.
+MODEL_SCHEDULES = {"search": str(4 * int(SCHEDULES))}
 
-# What real threads meet is another thing each time. Small models run whole, searches are cut short.
-# The image that some tests load has no fault in it.
+# What real threads meet is another thing each time. The image that some tests load has no fault in it.
 MODELS = "*Models*"
 OTHERS = "-*RealThreads*:*Models*:*/Image*"
 
@@ -181,7 +182,7 @@ class Build:
                 others.append(Stage(program, OTHERS, FEW_SCHEDULES))
             others.append(Stage(program, OTHERS, SCHEDULES))
             if self._has_tests(program, MODELS):
-                models.append(Stage(program, MODELS, None))
+                models.append(Stage(program, MODELS, MODEL_SCHEDULES.get(self.preset)))
         self.seconds = self._known_times()
         for stage in others + models:
             if stage in self.seconds:
@@ -226,14 +227,15 @@ class Bench:
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
 
-    def place(self, build, files):
-        """Begins with a mutant: `files` are the paths that it changes and their texts."""
+    def place(self, build, files, folders=("",)):
+        """Begins with a mutant: `files` are the paths that it changes and their texts, `folders`
+        hold the sources that are to see it."""
         shutil.rmtree(self.folder, ignore_errors=True)
         self.overlay = self.folder / "overlay"
         for path, text in files.items():
             (self.overlay / path).parent.mkdir(parents=True, exist_ok=True)
             (self.overlay / path).write_text(text)
-        self.build, self.paths, self.objects = build, set(files), {}
+        self.build, self.paths, self.folders, self.objects = build, set(files), tuple(folders), {}
 
     def compile(self, unit):
         """Compiles an object of the mutant, once. False when it does not compile."""
@@ -266,14 +268,17 @@ class Bench:
 
     def units(self, folders=("",)):
         """The objects of all programs that see the fault and have their source below `folders`."""
-        seen = set().union(*(self.build.units_that_see(self.paths, program)
-                             for program in self.build.programs))
+        seen = set().union(*(self._units_in(program) for program in self.build.programs))
         return {unit for unit in seen if self.build.sources[unit].startswith(tuple(folders))}
+
+    def _units_in(self, program):
+        return {unit for unit in self.build.units_that_see(self.paths, program)
+                if self.build.sources[unit].startswith(self.folders)}
 
     def link(self, program):
         """The program with the fault in it; None when it cannot be linked, and the tree's own when
         nothing of the fault is in it."""
-        units = self.build.units_that_see(self.paths, program)
+        units = self._units_in(program)
         if not units:
             return self.build.binary(program)
         if not self.compile_all(units):

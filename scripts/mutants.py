@@ -26,6 +26,7 @@ Which folders are broken, and which programs test them, is in tests/mutants/sets
 import argparse
 import collections
 import concurrent.futures
+import fcntl
 import hashlib
 import itertools
 import json
@@ -38,6 +39,7 @@ import threading
 import time
 from dataclasses import dataclass
 
+sys.dont_write_bytecode = True
 import mutator
 from mutant_builds import Bench, Build, MutantError, References, snapshot
 
@@ -54,13 +56,12 @@ class Fault:
     title: str
     files: dict  # path and text
     diff: str
-    kind: str
-    generated: bool
+    inside: bool  # in the body of a function
 
 
 def fault_of(mutant, sources):
     return Fault(mutant.id, mutant.describe(), {mutant.path: mutant.text},
-                 mutant.diff(sources[mutant.path]), mutant.kind, True)
+                 mutant.diff(sources[mutant.path]), mutant.inside)
 
 
 def read_patch(name, scratch):
@@ -85,7 +86,7 @@ def read_patch(name, scratch):
     if done.returncode != 0:
         return None, preset.group(1)
     files = {path: target.read_text() for path, target in files.items()}
-    return Fault(name, text.split("\n")[0], files, text, "hand-made", False), preset.group(1)
+    return Fault(name, text.split("\n")[0], files, text, False), preset.group(1)
 
 
 class Records:
@@ -167,17 +168,18 @@ class Runner:
 
     def _run_on(self, bench, fault, preset):
         build = self.builds[preset]
-        bench.place(build, fault.files)
-        core = bench.units(self.folders)
+        # What only the body of an inline function says is in the objects of the broken folders; on a
+        # declaration all objects have to agree.
+        bench.place(build, fault.files, self.folders if fault.inside else ("",))
         if not bench.units():
             return "not built", ""
-        if not bench.compile_all(core):
-            return "does not compile", ""
-        if self.references.is_same(bench):
-            if not bench.compile_all(bench.units()):
+        for units in (bench.units(self.folders), bench.units()):
+            if not bench.compile_all(units):
                 return "does not compile", ""
-            if self.references.is_same(bench):
-                return "same object", ""
+            if not self.references.is_same(bench):
+                break
+        else:
+            return "same object", ""
         path = next(iter(fault.files))
         with self.lock:
             likely = [killer for killer, _ in self.killers[path, preset].most_common(LIKELY)]
@@ -396,6 +398,17 @@ def parse_options():
     return parser.parse_args()
 
 
+def lock_work():
+    """The copy of the tree and the benches belong to one run at a time, until it lets go of this."""
+    WORK.mkdir(parents=True, exist_ok=True)
+    lock = open(WORK / "lock", "w")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        raise MutantError(f"another run is going on in {WORK}") from None
+    return lock
+
+
 def run(options):
     settings = json.loads((PATCHES / "sets.json").read_text())[options.set]
     generated = options.generated or options.only or options.show or options.report
@@ -406,16 +419,17 @@ def run(options):
         return True
     if options.report:
         return report(drawn)
-    snapshot(TOP, WORK / "tree")
-    runner = Runner(WORK / "tree", settings, options.jobs)
-    if options.only:
-        return test_named(runner, drawn, options.only)
-    if options.generated:
+    with lock_work():
+        snapshot(TOP, WORK / "tree")
+        runner = Runner(WORK / "tree", settings, options.jobs)
+        if options.only:
+            return test_named(runner, drawn, options.only)
+        if not options.generated:
+            return run_hand_made(options.names, runner)
         if options.retry:
             drawn.records.forget_survivors()
         test_drawn(runner, drawn)
         return report(drawn)
-    return run_hand_made(options.names, runner)
 
 
 def main():

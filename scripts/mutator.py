@@ -60,6 +60,7 @@ class Mutant:
     before: str  # the lines that change, stripped and joined
     after: str
     text: str  # the whole file with the fault in it
+    inside: bool  # in the body of a function, and so in no declaration that other files agree on
 
     def describe(self):
         return f"{self.path}:{self.line}: {self.kind}: `{self.before}` -> `{self.after}`"
@@ -105,6 +106,7 @@ class _File:
         self.names = set().union(*families.values()) if families else set()
         self.tokens = tokenize(text)
         self.line_starts = [0] + [match.end() for match in re.finditer("\n", text)]
+        self.token_starts = [token.start for token in self.tokens]
         self.partner = self._match_brackets()
         self.in_body = self._find_bodies()
         self.skipped = self._find_skipped()
@@ -444,7 +446,11 @@ class _File:
         if len(changed) > 1 or before in ("}", "};"):
             name += f"\n{changed}"
         identity = hashlib.sha256((name + text).encode()).hexdigest()[:10]
-        self.found.setdefault(text, Mutant(identity, kind, self.path, line, before, after, text))
+        self.found.setdefault(text, Mutant(identity, kind, self.path, line, before, after, text,
+                                             self._is_inside(edits[0][0])))
+
+    def _is_inside(self, offset):
+        return self.in_body[bisect.bisect_right(self.token_starts, offset) - 1]
 
 
 def find_sources(tree, folders, exclude=()):
