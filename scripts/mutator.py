@@ -169,13 +169,15 @@ class _File:
         """Tokens of what is checked by the compiler alone, or only declares."""
         skipped = [False] * len(self.tokens)
         for index, token in enumerate(self.tokens):
-            layout_macro = not self.in_body[index] and self._text(index + 1) == "(" and \
-                re.fullmatch(r"[A-Z_0-9]+", token.text)
-            if layout_macro or token.text in ("static_assert", "using", "typedef", "friend"):
-                at = index
-                while at < len(self.tokens) and self._text(at) != ";":
-                    skipped[at] = True
-                    at += 1
+            ends = None
+            if token.text in ("static_assert", "using", "typedef", "friend"):
+                ends = (at for at in range(index, len(self.tokens)) if self._text(at) == ";")
+            elif not self.in_body[index] and re.fullmatch(r"[A-Z_0-9]+", token.text) and \
+                    self._text(index + 1) == "(":
+                ends = iter([self.partner.get(index + 1, index)])  # layouts, and which lock guards what
+            if ends is not None:
+                last = next(ends, index)
+                skipped[index:last + 1] = [True] * (last + 1 - index)
             if token.text == "=" and self._text(index + 1) in ("delete", "default", "0"):
                 skipped[index + 1] = skipped[index + 1] or not self.in_body[index] and \
                     self._text(index - 1) in (")", "const", "noexcept", "override")

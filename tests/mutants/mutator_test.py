@@ -112,6 +112,12 @@ class Mutator(unittest.TestCase):
     def test_leaves_alone_what_is_no_code(self):
         self.assertEqual([mutant.describe() for mutant in mutants_of(LEFT_ALONE)], [])
 
+    def test_sees_the_body_behind_an_annotation(self):
+        text = "class CAPABILITY(1) LOCK {\nint Size[2];\n};\n"
+        self.assertEqual({mutant.kind for mutant in mutants_of(text)}, {"constant"})
+        text = "void Function() REQUIRES(g_Locks[1]) {\nFree(list);\n}\n"
+        self.assertEqual([mutant.after for mutant in mutants_of(text)], [";"])
+
     def test_leaves_the_values_of_the_platform_alone(self):
         value = "constexpr ULONG LIMIT = 7;\n"
         self.assertEqual(len(mutants_of(value)), 2)
