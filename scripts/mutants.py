@@ -17,8 +17,9 @@ One that survives the release build is tried in the search build. What was found
 build/mutants, and a run that was interrupted goes on where it was; after a change of the tests
 --retry runs the survivors again, and --fresh forgets everything. tests/mutants/equivalent.json
 lists those that were judged to change nothing, as objects with the members file, before, after (the
-line without and with the fault, as they are printed) and reason. The run fails when fewer than
---rate percent of the others are found, or when a removed guard is not.
+line without and with the fault, as they are printed), reason, and where that names several, follows
+(the line ahead). The run fails when fewer than --rate percent of the others are found, when a removed
+guard is not, and when an entry of the list names no mutant, several, or one that is found.
 
 Which folders are broken, and which programs test them, is in tests/mutants/sets.json (--set).
 """
@@ -322,43 +323,45 @@ def note(records, preset, fault, outcome, test, seconds):
 
 
 def read_equivalent(drawn):
-    """The judged equivalents, by file and text; those that fit no mutant of the tree are stale."""
-    path = PATCHES / "equivalent.json"
-    judged = {(entry["file"], entry["before"], entry["after"]): entry["reason"]
-              for entry in json.loads(path.read_text())}
-    exists = {(mutant.path, mutant.before, mutant.after) for mutant in drawn.mutants}
+    """The reasons of the judged equivalents by id, and what is wrong with the others: an entry has
+    to name one mutant of the tree."""
+    judged, wrong = {}, []
     mine = tuple(folder + "/" for folder in drawn.settings["folders"])
-    stale = [entry for entry in judged if entry[0].startswith(mine) and entry not in exists]
-    return judged, stale
+    for entry in json.loads((PATCHES / "equivalent.json").read_text()):
+        named = [mutant for mutant in drawn.mutants
+                 if (mutant.path, mutant.before, mutant.after) ==
+                 (entry["file"], entry["before"], entry["after"])
+                 and mutant.follows == entry.get("follows", mutant.follows)]
+        if len(named) == 1:
+            judged[named[0].id] = entry["reason"]
+        elif entry["file"].startswith(mine):
+            wrong.append(f"{entry['file']}: `{entry['before']}` -> `{entry['after']}` is {len(named)} mutants")
+    return judged, wrong
 
 
 def report(drawn):
     records, mutants = drawn.records, drawn.counted()
-    judged, stale = read_equivalent(drawn)
+    judged, unclear = read_equivalent(drawn)
     tried = collections.Counter(records.outcome(mutant.id, "release") for mutant in drawn.in_order())
     found = [mutant for mutant in mutants if records.finder(mutant.id)]
     survivors = [mutant for mutant in mutants if not records.finder(mutant.id)]
-    equivalent = [mutant for mutant in survivors if key_of(mutant) in judged]
-    survivors = [mutant for mutant in survivors if key_of(mutant) not in judged]
+    equivalent = [mutant for mutant in survivors if mutant.id in judged]
+    survivors = [mutant for mutant in survivors if mutant.id not in judged]
     for mutant in survivors:
         missing = "" if records.outcome(mutant.id, "search") else " (not tried in the search build yet)"
         print(f"\n{mutant.id} survives{missing}: {mutant.describe()}\n{mutant.diff(drawn.sources[mutant.path])}")
     for mutant in equivalent:
-        print(f"{mutant.id} is equivalent: {mutant.describe()}\n    {judged[key_of(mutant)]}")
-    wrong = [mutant for mutant in found if key_of(mutant) in judged]
+        print(f"{mutant.id} is equivalent: {mutant.describe()}\n    {judged[mutant.id]}")
+    wrong = [mutant for mutant in found if mutant.id in judged]
     for mutant in wrong:
         print(f"{mutant.id} was judged equivalent, and {records.finder(mutant.id)['test']} finds it")
-    for path, before, after in stale:
-        print(f"equivalent.json: no mutant of {path} makes `{after}` of `{before}`")
+    for entry in unclear:
+        print(f"equivalent.json: {entry}")
     print_figures(drawn, found, survivors, equivalent, tried)
     rate = 100 * len(found) / max(len(found) + len(survivors), 1)
     guards = [mutant for mutant in survivors if mutant.kind == "guard"]
     complete = len(mutants) == drawn.options.count
-    return complete and rate >= drawn.options.rate and not (guards or wrong or stale)
-
-
-def key_of(mutant):
-    return mutant.path, mutant.before, mutant.after
+    return complete and rate >= drawn.options.rate and not (guards or wrong or unclear)
 
 
 def print_figures(drawn, found, survivors, equivalent, tried):

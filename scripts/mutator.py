@@ -59,6 +59,7 @@ class Mutant:
     line: int  # where the change begins, from 1
     before: str  # the lines that change, stripped and joined
     after: str
+    follows: str  # the line ahead of them that is not blank, which tells equal lines apart
     text: str  # the whole file with the fault in it
     inside: bool  # in the body of a function, and so in no declaration that other files agree on
 
@@ -444,11 +445,12 @@ class _File:
         span = range(changed[0], changed[-1] + 1)
         before = " ".join(" ".join(old[at] for at in span).split())
         after = " ".join(" ".join(new[at] for at in span).split())
+        follows = next((old[at].strip() for at in range(changed[0] - 1, -1, -1) if old[at].strip()), "")
         name = f"{self.path}\n{line}\n{kind}\n{before}\n{after}"
         if len(changed) > 1 or before in ("}", "};"):
             name += f"\n{changed}"
         identity = hashlib.sha256((name + text).encode()).hexdigest()[:10]
-        self.found.setdefault(text, Mutant(identity, kind, self.path, line, before, after, text,
+        self.found.setdefault(text, Mutant(identity, kind, self.path, line, before, after, follows, text,
                                              self._is_inside(edits[0][0])))
 
     def _is_inside(self, offset):
