@@ -82,6 +82,6 @@ VOID NTAPI NSVFilterReturnNetBufferLists(NDIS_HANDLE FilterModuleContext,
     auto* module = static_cast<FILTER_MODULE*>(FilterModuleContext);
     ModuleReference reference(module);
     if (reference.Held()) {
-        NSVFReturnNBLs(module, NetBufferLists, ReturnFlags, TRUE);
+        NSVFReturnNBLs(module, NetBufferLists, ReturnFlags, true);
     }
 }

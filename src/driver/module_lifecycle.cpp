@@ -148,7 +148,7 @@ NDIS_STATUS NTAPI NSVFilterAttach(NDIS_HANDLE NdisFilterHandle,
     module->FilterHandle = NdisFilterHandle;
     status = SetFilterAttributes(module);
     if (status != NDIS_STATUS_SUCCESS) {
-        TraceLog(module, "NSVFilterAttach", 651, FALSE);
+        TraceLog(module, "NSVFilterAttach", 651, false);
         return status;
     }
     // No way back from here: NDIS knows the module now, and setting attributes has no inverse.

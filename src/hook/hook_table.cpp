@@ -49,7 +49,7 @@ void InitializeHookTable(FILTER_MODULE* module) {
     InitializeDriverSpinLock(&module->HookLock);
 }
 
-BOOLEAN IsHookAttached(FILTER_MODULE* module, const HOOK_FILTER* hook) {
+bool IsHookAttached(FILTER_MODULE* module, const HOOK_FILTER* hook) {
     SpinLockGuard guard(&module->HookLock);
     return FindHook(module, hook) != module->HookCount;
 }
@@ -75,7 +75,7 @@ HOOK_FILTER* FirstHookOrCloseTable(FILTER_MODULE* module) {
     if (module->HookCount != 0) {
         return module->Hooks[0];
     }
-    module->HookTableClosed = TRUE;
+    module->HookTableClosed = true;
     return nullptr;
 }
 

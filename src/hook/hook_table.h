@@ -10,7 +10,7 @@ void InitializeHookTable(FILTER_MODULE* module);
 // lock of HookList may be.
 
 // Whether the hook has an entry.
-BOOLEAN IsHookAttached(FILTER_MODULE* module, const HOOK_FILTER* hook);
+bool IsHookAttached(FILTER_MODULE* module, const HOOK_FILTER* hook);
 
 // Takes out the first entry of the hook, and says whether there was one.
 bool RemoveHookFromModule(FILTER_MODULE* module, HOOK_FILTER* hook);

@@ -74,9 +74,9 @@ struct FILTER_MODULE {
     ULONG ActiveCalls GUARDED_BY(g_DriverGlobals.ModuleListLock);
     KEVENT IdleEvent;
 
-    DRIVER_SPIN_LOCK ProtocolLock;                 // guards growth of the protocol table; a leaf
-    BOOLEAN HookTableClosed GUARDED_BY(HookLock);  // nothing can be attached any more
-    ULONGLONG AttachSerial;                        // of joining ModuleList
+    DRIVER_SPIN_LOCK ProtocolLock;              // guards growth of the protocol table; a leaf
+    bool HookTableClosed GUARDED_BY(HookLock);  // nothing can be attached any more
+    ULONGLONG AttachSerial;                     // of joining ModuleList
 
     // NIRPs whose request a pause has dropped and whose marks are not all completed yet.
     LIST_ENTRY UnpaidSendList GUARDED_BY(PendingSendLock);

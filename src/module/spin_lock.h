@@ -21,11 +21,11 @@ class LOCK_GUARD SpinLockGuard {
   public:
     // Raises to DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
     explicit SpinLockGuard(DRIVER_SPIN_LOCK* lock) ACQUIRES_LOCK(lock)
-        : SpinLockGuard(lock, FALSE) {}
+        : SpinLockGuard(lock, false) {}
 
     // With `atDispatch` the caller promises that it runs at DISPATCH_LEVEL already; without it, as
     // above.
-    SpinLockGuard(DRIVER_SPIN_LOCK* lock, BOOLEAN atDispatch) ACQUIRES_LOCK(lock)
+    SpinLockGuard(DRIVER_SPIN_LOCK* lock, bool atDispatch) ACQUIRES_LOCK(lock)
         : lock_(lock), atDispatch_(atDispatch) {
         if (atDispatch_) {
             KeAcquireSpinLockAtDpcLevel(&lock_->Lock);
@@ -47,5 +47,5 @@ class LOCK_GUARD SpinLockGuard {
 
   private:
     DRIVER_SPIN_LOCK* lock_;
-    BOOLEAN atDispatch_;
+    bool atDispatch_;
 };

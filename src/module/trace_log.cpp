@@ -20,7 +20,7 @@ void FreeTraceLog(FILTER_MODULE* module) {
     }
 }
 
-void FASTABI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, BOOLEAN atDispatch) {
+void FASTABI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, bool atDispatch) {
     if (label == nullptr || module->TraceBuffer == nullptr) {
         return;
     }

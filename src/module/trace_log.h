@@ -17,4 +17,4 @@ void FreeTraceLog(FILTER_MODULE* module);
 // Appends the line "[number label->site]\n" and its NUL; without a label or a ring, nothing.
 // `label` is a literal, far shorter than a line. `atDispatch` says that the caller runs at
 // DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL; TraceLock must not be held.
-void FASTABI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, BOOLEAN atDispatch);
+void FASTABI TraceLog(FILTER_MODULE* module, PCSTR label, ULONG site, bool atDispatch);

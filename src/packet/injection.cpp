@@ -35,7 +35,7 @@ VOID NTAPI SendPacketWorkItem(PDEVICE_OBJECT, PVOID argument) {
     if (ReadAcquire(&module->State) == FILTER_STATE_RUNNING) {
         SendInjectedNbl(module, context->NetBufferList);
     } else {
-        FreeOwnNbl(module, context, FALSE);
+        FreeOwnNbl(module, context, false);
     }
     LowerDrainCount(&g_DriverGlobals.WorkItems);
 }
@@ -43,11 +43,11 @@ VOID NTAPI SendPacketWorkItem(PDEVICE_OBJECT, PVOID argument) {
 bool CanSend(FILTER_MODULE* module, const UCHAR* frame)
     REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
     if (module->NblPool == nullptr) {
-        TraceLog(module, LABEL, 2357, TRUE);
+        TraceLog(module, LABEL, 2357, true);
         return false;
     }
     if (ReadAcquire(&module->State) != FILTER_STATE_RUNNING) {
-        TraceLog(module, LABEL, 2363, TRUE);
+        TraceLog(module, LABEL, 2363, true);
         return false;
     }
     return memcmp(frame + SOURCE_ADDRESS_OFFSET, module->MacAddress, sizeof(module->MacAddress)) ==
@@ -56,13 +56,13 @@ bool CanSend(FILTER_MODULE* module, const UCHAR* frame)
 
 NBL_CONTEXT* MakeInjectedNbl(FILTER_MODULE* module, const INJECTION* injection)
     REQUIRES_LOCK(g_DriverGlobals.ModuleListLock) {
-    NIRP* nirp = GetNirp(module, injection->Length, TRUE);
+    NIRP* nirp = GetNirp(module, injection->Length, true);
     if (nirp == nullptr) {
         return nullptr;
     }
     nirp->DataLength = injection->Length;
     memcpy(nirp->Buffer, injection->Frame, injection->Length);
-    return MakeOwnNbl(module, nirp, NBL_TYPE_INJECTED, &INJECTED_SITES, TRUE);
+    return MakeOwnNbl(module, nirp, NBL_TYPE_INJECTED, &INJECTED_SITES, true);
 }
 
 // False when the NBL cannot be deferred and has been freed. The device object cannot go while
@@ -73,8 +73,8 @@ bool AttachWorkItem(FILTER_MODULE* module, NBL_CONTEXT* context)
         context->WorkItem = IoAllocateWorkItem(g_DriverGlobals.DeviceObject);
     }
     if (context->WorkItem == nullptr) {
-        TraceLog(module, LABEL, 2412, TRUE);
-        FreeOwnNbl(module, context, TRUE);
+        TraceLog(module, LABEL, 2412, true);
+        FreeOwnNbl(module, context, true);
         return false;
     }
     RaiseDrainCount(&g_DriverGlobals.WorkItems);

@@ -136,7 +136,7 @@ void OfferNetBuffers(INTERCEPTION* interception) {
 }
 
 // True when the NBL is not the driver's own: it goes on to its owner.
-bool SettleNbl(FILTER_MODULE* module, PNET_BUFFER_LIST nbl, ULONG direction, BOOLEAN atDispatch) {
+bool SettleNbl(FILTER_MODULE* module, PNET_BUFFER_LIST nbl, ULONG direction, bool atDispatch) {
     NBL_CONTEXT* context = FindNblContext(module, nbl);
     if (context == nullptr) {
         return true;
@@ -186,7 +186,7 @@ void FASTABI EndInterception(INTERCEPTION* interception) {
 PNET_BUFFER_LIST FASTABI SettleNbls(FILTER_MODULE* module,
                                     PNET_BUFFER_LIST nbls,
                                     ULONG direction,
-                                    BOOLEAN atDispatch) {
+                                    bool atDispatch) {
     PNET_BUFFER_LIST head = nullptr;
     PNET_BUFFER_LIST previous = nullptr;
     PNET_BUFFER_LIST successor = nullptr;

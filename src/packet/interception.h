@@ -14,7 +14,7 @@ struct INTERCEPTION {
     FILTER_MODULE* Module;
     ULONG Direction;  // NIRP_DIRECTION_SEND or NIRP_DIRECTION_RECEIVE
     NDIS_PORT_NUMBER PortNumber;
-    BOOLEAN AtDispatch;
+    bool AtDispatch;
 
     // The NIRP of the latest frame that passed. Most frames pass and most calls bring many: the
     // next frame takes it without the locks of the pool.
@@ -46,4 +46,4 @@ void FASTABI EndInterception(INTERCEPTION* interception);
 PNET_BUFFER_LIST FASTABI SettleNbls(FILTER_MODULE* module,
                                     PNET_BUFFER_LIST nbls,
                                     ULONG direction,
-                                    BOOLEAN atDispatch);
+                                    bool atDispatch);

@@ -48,12 +48,12 @@ void FASTABI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST nbl) {
     NdisFreeNetBufferList(nbl);
 }
 
-void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, bool atDispatch) {
     SpinLockGuard guard(&context->Lock, atDispatch);
     InsertTailList(&context->Nirps, &nirp->ContextLink);
 }
 
-void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, BOOLEAN atDispatch) {
+void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, bool atDispatch) {
     InitializeListHead(nirps);
     SpinLockGuard guard(&context->Lock, atDispatch);
     while (!IsListEmpty(&context->Nirps)) {

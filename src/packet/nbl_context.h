@@ -51,7 +51,7 @@ void FASTABI FreeNblAndContext(NBL_CONTEXT* context, PNET_BUFFER_LIST nbl);
 
 // Adds a NIRP behind the others of the context. `atDispatch` says that the caller runs at
 // DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
-void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, BOOLEAN atDispatch);
+void FASTABI AppendContextNirp(NBL_CONTEXT* context, NIRP* nirp, bool atDispatch);
 
 // Moves the NIRPs of the context to the list `nirps`, in their order. Same terms.
-void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, BOOLEAN atDispatch);
+void FASTABI RemoveContextNirps(NBL_CONTEXT* context, PLIST_ENTRY nirps, bool atDispatch);

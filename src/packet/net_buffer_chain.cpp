@@ -48,7 +48,7 @@ void FASTABI JoinNetBufferListChains(PNET_BUFFER_LIST first,
 
 // From the last NIRP to the first: NET_BUFFERs that were withheld in a row have one predecessor,
 // and each goes directly behind it, in front of those that are back already.
-void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch) {
+void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, bool atDispatch) {
     // Only who has the NBL adds a NIRP, and that is the caller: no lock is needed to see that there
     // is none, as in most NBLs.
     if (ReadAcquire(&context->Nirps.Flink) == &context->Nirps) {

@@ -45,4 +45,4 @@ void FASTABI JoinNetBufferListChains(PNET_BUFFER_LIST first,
 // goes to the end, with a trace line; several keep their order. The caller has the NBL; neither the
 // context's lock nor a NIRP's may be held. `atDispatch` says that the caller runs at
 // DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
-void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch);
+void FASTABI RestoreNetBuffers(FILTER_MODULE* module, NBL_CONTEXT* context, bool atDispatch);

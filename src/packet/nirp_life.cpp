@@ -37,7 +37,7 @@ bool IsOffered(LIFE life, ULONG offered) {
 
 // The NBL may leave from here on, and a mark may be reading its out-of-band data under the lock.
 // Marks that come to the lock later find that the offer has ended.
-void WaitForReader(NIRP* nirp, BOOLEAN atDispatch) {
+void WaitForReader(NIRP* nirp, bool atDispatch) {
     SpinLockGuard guard(&nirp->Lock, atDispatch);
 }
 
@@ -82,7 +82,7 @@ void OfferNirp(NIRP* nirp, ULONG offered) {
     WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER}));
 }
 
-PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
+PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, bool atDispatch) {
     LIFE seen = {offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER};
     if (Exchange(nirp, &seen, {NIRP_STATE_IDLE, 0})) {
         return PASS_OWNED;
@@ -100,7 +100,7 @@ PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch) {
     return PASS_MARKED;
 }
 
-void FASTABI WithholdNirp(NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI WithholdNirp(NIRP* nirp, bool atDispatch) {
     LIFE seen = ReadLife(nirp);
     while ((seen.Holds & NIRP_HOLD_OFFER) != 0 &&
            !Exchange(nirp, &seen, {seen.State, seen.Holds - NIRP_HOLD_OFFER})) {
@@ -138,11 +138,11 @@ bool PublishRequest(NIRP* nirp, ULONG offered) {
 
 void EndClaim(NIRP* nirp) {
     if (EndHolds(nirp, NIRP_HOLD_CLAIM).Holds == 0) {
-        ReturnNirp(nirp->Module, nirp, FALSE);
+        ReturnNirp(nirp->Module, nirp, false);
     }
 }
 
-void FASTABI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI EndNblHold(NIRP* nirp, bool atDispatch) {
     if (EndHolds(nirp, NIRP_HOLD_NBL).Holds == 0) {
         ReturnNirp(nirp->Module, nirp, atDispatch);
     }
@@ -150,6 +150,6 @@ void FASTABI EndNblHold(NIRP* nirp, BOOLEAN atDispatch) {
 
 void EndRequest(NIRP* nirp, ULONG holds) {
     if (EndHolds(nirp, holds).Holds == 0) {
-        ReturnNirp(nirp->Module, nirp, FALSE);
+        ReturnNirp(nirp->Module, nirp, false);
     }
 }

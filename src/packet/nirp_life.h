@@ -36,9 +36,9 @@ enum PASS_RESULT {
     PASS_CLAIMED,  // it may, and the NIRP goes back to the pool when the claims of late marks end
     PASS_MARKED,   // it may not: a hook has taken the frame over
 };
-PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, BOOLEAN atDispatch);
+PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, bool atDispatch);
 // WithholdNirp: the frame is to be withheld from its NBL, whether it was marked or not.
-void FASTABI WithholdNirp(NIRP* nirp, BOOLEAN atDispatch);
+void FASTABI WithholdNirp(NIRP* nirp, bool atDispatch);
 
 // Keeps a NIRP that is on offer, in the state `offered`, from being let go or used again, until
 // EndClaim or PublishRequest. False when it is not on offer, or no longer.
@@ -55,7 +55,7 @@ bool PublishRequest(NIRP* nirp, ULONG offered);
 // Each ends a hold of the caller, who must not touch the NIRP any more: with the last one it is
 // back in its pool.
 void EndClaim(NIRP* nirp);
-void FASTABI EndNblHold(NIRP* nirp, BOOLEAN atDispatch);
+void FASTABI EndNblHold(NIRP* nirp, bool atDispatch);
 
 // Ends NIRP_HOLD_REQUEST, NIRP_HOLD_MARKS or both.
 void EndRequest(NIRP* nirp, ULONG holds);

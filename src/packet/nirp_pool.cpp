@@ -49,11 +49,11 @@ void FillFreeList(FILTER_MODULE* module, ULONG count, ULONG capacity) {
         if (AllocateNirp(module, capacity, &nirp) != STATUS_SUCCESS) {
             return;
         }
-        ReturnNirp(module, nirp, FALSE);
+        ReturnNirp(module, nirp, false);
     }
 }
 
-NIRP* FASTABI TakeNirp(FILTER_MODULE* module, bool small, BOOLEAN atDispatch) {
+NIRP* FASTABI TakeNirp(FILTER_MODULE* module, bool small, bool atDispatch) {
     FREE_LIST list = FreeListOf(module, small);
     NIRP* nirp = nullptr;
     {
@@ -99,13 +99,13 @@ NTSTATUS AllocateNirpBuffer(NIRP* nirp, ULONG capacity, ULONG tag, const BUFFER_
     PVOID buffer = nullptr;
     NTSTATUS status = NdisAllocateMemoryWithTag(&buffer, capacity, tag);
     if (status != NDIS_STATUS_SUCCESS) {
-        TraceLog(module, sites.Label, sites.NoBuffer, FALSE);
+        TraceLog(module, sites.Label, sites.NoBuffer, false);
         return status;
     }
     nirp->Buffer = static_cast<PUCHAR>(buffer);
     nirp->Mdl = NdisAllocateMdl(module->FilterHandle, buffer, capacity);
     if (nirp->Mdl == nullptr) {
-        TraceLog(module, sites.Label, sites.NoMdl, FALSE);
+        TraceLog(module, sites.Label, sites.NoMdl, false);
         FreeNirpBuffer(nirp);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -114,7 +114,7 @@ NTSTATUS AllocateNirpBuffer(NIRP* nirp, ULONG capacity, ULONG tag, const BUFFER_
 }
 
 void FreeNirps(FILTER_MODULE* module, bool small) {
-    while (NIRP* nirp = TakeNirp(module, small, FALSE)) {
+    while (NIRP* nirp = TakeNirp(module, small, false)) {
         FreeNirp(nirp);
     }
 }
@@ -133,7 +133,7 @@ NTSTATUS InitializeNBLPool(FILTER_MODULE* module) {
     parameters.PoolTag = NBL_POOL_TAG;
     module->NblPool = NdisAllocateNetBufferListPool(module->FilterHandle, &parameters);
     if (module->NblPool == nullptr) {
-        TraceLog(module, "InitializeNBLPool", 52, FALSE);
+        TraceLog(module, "InitializeNBLPool", 52, false);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return STATUS_SUCCESS;
@@ -170,7 +170,7 @@ NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     PVOID memory = nullptr;
     NTSTATUS status = NdisAllocateMemoryWithTag(&memory, sizeof(NIRP), NIRP_TAG);
     if (status != NDIS_STATUS_SUCCESS) {
-        TraceLog(module, "AllocateNirp", 126, FALSE);
+        TraceLog(module, "AllocateNirp", 126, false);
         return status;
     }
     RtlZeroMemory(memory, sizeof(NIRP));
@@ -198,7 +198,7 @@ NTSTATUS FASTABI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG s
     return AllocateNirpBuffer(nirp, capacity, NIRP_REALLOCATED_BUFFER_TAG, NEXT_BUFFER_SITES);
 }
 
-NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
+NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, bool atDispatch) {
     if (size > LARGE_NIRP_CAPACITY) {
         return nullptr;
     }
@@ -221,7 +221,7 @@ NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch) {
     return nirp;
 }
 
-void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch) {
+void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, bool atDispatch) {
     FREE_LIST list = FreeListOf(module, nirp->BufferCapacity <= module->SmallNirpCapacity);
     {
         SpinLockGuard guard(list.Lock, atDispatch);

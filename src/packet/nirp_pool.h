@@ -47,10 +47,10 @@ NTSTATUS FASTABI ReAllocateNirpBuffer(FILTER_MODULE* module, NIRP* nirp, ULONG s
 // use are still in it, and the NIRP that was returned first is handed out first. `atDispatch` says
 // that the caller runs at DISPATCH_LEVEL. Of the driver's locks only ModuleListLock may be held.
 // IRQL <= DISPATCH_LEVEL.
-NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, BOOLEAN atDispatch);
+NIRP* FASTABI GetNirp(FILTER_MODULE* module, ULONG size, bool atDispatch);
 
 // Takes back a NIRP without holds. Same terms as GetNirp.
-void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, BOOLEAN atDispatch);
+void FASTABI ReturnNirp(FILTER_MODULE* module, NIRP* nirp, bool atDispatch);
 
 // Whether GetNirp would look for `size` bytes among the NIRPs of this one's capacity.
 inline bool IsNirpForSize(const FILTER_MODULE* module, const NIRP* nirp, ULONG size) {

@@ -10,7 +10,7 @@ namespace {
 NBL_CONTEXT* AllocateNblAndContext(FILTER_MODULE* module,
                                    NIRP* nirp,
                                    const OWN_NBL_SITES* sites,
-                                   BOOLEAN atDispatch) {
+                                   bool atDispatch) {
     // A module whose pool could not be made works without NBLs of its own.
     PNET_BUFFER_LIST nbl = module->NblPool == nullptr
                                ? nullptr
@@ -47,7 +47,7 @@ NBL_CONTEXT* FASTABI MakeOwnNbl(FILTER_MODULE* module,
                                 NIRP* nirp,
                                 ULONG type,
                                 const OWN_NBL_SITES* sites,
-                                BOOLEAN atDispatch) {
+                                bool atDispatch) {
     RaiseDrainCount(&module->OutstandingNbls);
     NBL_CONTEXT* context = AllocateNblAndContext(module, nirp, sites, atDispatch);
     if (context == nullptr) {
@@ -62,7 +62,7 @@ NBL_CONTEXT* FASTABI MakeOwnNbl(FILTER_MODULE* module,
     return context;
 }
 
-void FASTABI FreeOwnNbl(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch) {
+void FASTABI FreeOwnNbl(FILTER_MODULE* module, NBL_CONTEXT* context, bool atDispatch) {
     if (context->WorkItem != nullptr) {
         IoFreeWorkItem(context->WorkItem);
         context->WorkItem = nullptr;

@@ -23,9 +23,9 @@ NBL_CONTEXT* FASTABI MakeOwnNbl(FILTER_MODULE* module,
                                 NIRP* nirp,
                                 ULONG type,
                                 const OWN_NBL_SITES* sites,
-                                BOOLEAN atDispatch);
+                                bool atDispatch);
 
 // Frees an NBL of the driver's own with its NIRP, its context and its work item. A pause or a
 // detach may have waited for exactly this, so the module must not be touched any more unless
 // something else holds it. Same terms; ModuleListLock, where it is held, is such a hold.
-void FASTABI FreeOwnNbl(FILTER_MODULE* module, NBL_CONTEXT* context, BOOLEAN atDispatch);
+void FASTABI FreeOwnNbl(FILTER_MODULE* module, NBL_CONTEXT* context, bool atDispatch);

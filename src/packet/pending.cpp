@@ -83,13 +83,13 @@ void CopyOutOfBandData(const PENDING_LIST& list, NIRP* nirp, NIRP* clone) {
 // A copy of the NIRP in an NBL that the driver originates, or NULL. The caller has a claim.
 NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
     FILTER_MODULE* module = nirp->Module;
-    NIRP* clone = GetNirp(module, nirp->BufferCapacity, FALSE);
+    NIRP* clone = GetNirp(module, nirp->BufferCapacity, false);
     if (clone == nullptr) {
         return nullptr;
     }
     clone->DataLength = nirp->DataLength;
     memcpy(clone->Buffer, nirp->Buffer, nirp->DataLength);
-    if (MakeOwnNbl(module, clone, list.CloneType, &CLONE_SITES, FALSE) == nullptr) {
+    if (MakeOwnNbl(module, clone, list.CloneType, &CLONE_SITES, false) == nullptr) {
         return nullptr;
     }
     CopyOutOfBandData(list, nirp, clone);
@@ -144,7 +144,7 @@ MARK_RESULT MarkClaimed(const PENDING_LIST& list, NIRP* nirp) {
     }
     EndClaim(nirp);
     if (clone != nullptr) {
-        FreeOwnNbl(clone->Module, clone->Context, FALSE);
+        FreeOwnNbl(clone->Module, clone->Context, false);
     }
     return result;
 }
@@ -202,7 +202,7 @@ NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label
     FILTER_MODULE* module = nirp->Module;
     COMPLETION completion = CountCompletion(PendingListOf(module, direction), nirp, status);
     if (completion.Late) {
-        TraceLog(module, label, site, FALSE);
+        TraceLog(module, label, site, false);
     }
     if (completion.LastMark) {
         EndRequest(nirp, NIRP_HOLD_MARKS);
@@ -213,7 +213,7 @@ NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label
     NBL_CONTEXT* context = completion.Clone->Context;
     EndRequest(nirp, NIRP_HOLD_REQUEST | NIRP_HOLD_MARKS);
     if (completion.Status != STATUS_SUCCESS) {
-        FreeOwnNbl(module, context, FALSE);
+        FreeOwnNbl(module, context, false);
         return nullptr;
     }
     return context;
@@ -238,7 +238,7 @@ void FlushPending(FILTER_MODULE* module, ULONG direction) {
     NIRP* clone = nullptr;
     while (NIRP* nirp = TakeFirstForFlush(list, &clone)) {
         EndRequest(nirp, NIRP_HOLD_REQUEST);
-        FreeOwnNbl(module, clone->Context, FALSE);
+        FreeOwnNbl(module, clone->Context, false);
     }
 }
 

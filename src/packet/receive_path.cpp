@@ -26,11 +26,11 @@ void SortReceivedNbl(INDICATION* indication, PNET_BUFFER_LIST nbl) {
         AppendNetBufferList(&indication->Retained, nbl);
     } else if (indication->Resources) {
         EndInterception(&indication->Interception);
-        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, FALSE);
+        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, false);
         AppendNetBufferList(&indication->Completed, nbl);
     } else {
         EndInterception(&indication->Interception);
-        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, TRUE);
+        NSVFReturnNBLs(module, nbl, indication->ReturnFlags, true);
     }
 }
 
@@ -41,7 +41,7 @@ void FASTABI NSVFReceiveNBLs(FILTER_MODULE* module,
                              NDIS_PORT_NUMBER portNumber,
                              ULONG,
                              ULONG receiveFlags) {
-    BOOLEAN atDispatch = (receiveFlags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) != 0;
+    bool atDispatch = (receiveFlags & NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL) != 0;
     INDICATION indication = {.Interception = {.Module = module,
                                               .Direction = NIRP_DIRECTION_RECEIVE,
                                               .PortNumber = portNumber,
@@ -64,7 +64,7 @@ void FASTABI NSVFReceiveNBLs(FILTER_MODULE* module,
                                        retained.Count, receiveFlags);
     if (indication.Resources) {
         // The NBLs are the driver's again until this call returns: restore them as they were.
-        NSVFReturnNBLs(module, retained.Head, indication.ReturnFlags, FALSE);
+        NSVFReturnNBLs(module, retained.Head, indication.ReturnFlags, false);
         JoinNetBufferListChains(nbls, retained.Head, indication.Completed.Head);
     }
 }
@@ -72,8 +72,8 @@ void FASTABI NSVFReceiveNBLs(FILTER_MODULE* module,
 void FASTABI NSVFReturnNBLs(FILTER_MODULE* module,
                             PNET_BUFFER_LIST nbls,
                             ULONG returnFlags,
-                            BOOLEAN returnToMiniport) {
-    BOOLEAN atDispatch = (returnFlags & NDIS_RETURN_FLAGS_DISPATCH_LEVEL) != 0;
+                            bool returnToMiniport) {
+    bool atDispatch = (returnFlags & NDIS_RETURN_FLAGS_DISPATCH_LEVEL) != 0;
     PNET_BUFFER_LIST others = SettleNbls(module, nbls, NIRP_DIRECTION_RECEIVE, atDispatch);
     if (returnToMiniport && others != nullptr) {
         NdisFReturnNetBufferLists(module->FilterHandle, others, returnFlags);

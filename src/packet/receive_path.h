@@ -18,4 +18,4 @@ void FASTABI NSVFReceiveNBLs(FILTER_MODULE* module,
 void FASTABI NSVFReturnNBLs(FILTER_MODULE* module,
                             PNET_BUFFER_LIST nbls,
                             ULONG returnFlags,
-                            BOOLEAN returnToMiniport);
+                            bool returnToMiniport);

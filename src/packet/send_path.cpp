@@ -35,7 +35,7 @@ void FASTABI NSVFSendNBLs(FILTER_MODULE* module,
                           PNET_BUFFER_LIST nbls,
                           NDIS_PORT_NUMBER portNumber,
                           ULONG sendFlags) {
-    BOOLEAN atDispatch = (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0;
+    bool atDispatch = (sendFlags & NDIS_SEND_FLAGS_DISPATCH_LEVEL) != 0;
     INTERCEPTION interception = {.Module = module,
                                  .Direction = NIRP_DIRECTION_SEND,
                                  .PortNumber = portNumber,
@@ -68,7 +68,7 @@ void FASTABI NSVFSendNBLs(FILTER_MODULE* module,
 void FASTABI NSVFSendNBLsComplete(FILTER_MODULE* module,
                                   PNET_BUFFER_LIST nbls,
                                   ULONG sendCompleteFlags) {
-    BOOLEAN atDispatch = (sendCompleteFlags & NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL) != 0;
+    bool atDispatch = (sendCompleteFlags & NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL) != 0;
     PNET_BUFFER_LIST others = SettleNbls(module, nbls, NIRP_DIRECTION_SEND, atDispatch);
     if (others != nullptr) {
         NdisFSendNetBufferListsComplete(module->FilterHandle, others, sendCompleteFlags);
