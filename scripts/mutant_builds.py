@@ -90,7 +90,10 @@ def run_stage(stage, binary, log, limit):
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
                                    env=stage.environment(), start_new_session=True, cwd=log.parent)
         try:
-            if process.wait(limit) != 0:
+            status = process.wait(limit)
+            if _ended_from_outside(status):
+                raise MutantError(f"{stage.program} was ended by somebody else")
+            if status != 0:
                 outcome = "failed"
         except subprocess.TimeoutExpired:
             outcome = "hung"
@@ -98,6 +101,14 @@ def run_stage(stage, binary, log, limit):
             process.wait()
     seconds = time.monotonic() - started
     return Finding(outcome, "" if outcome == "passed" else _first_failure(log), seconds)
+
+
+def _ended_from_outside(status):
+    """Whether a program had a signal that no fault sends, as seen by us or said by timeout."""
+    if status == 124:
+        return True
+    number = -status if status < 0 else status - 128
+    return number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGKILL)
 
 
 def _first_failure(log):
