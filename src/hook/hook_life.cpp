@@ -20,22 +20,17 @@ ULONG LifeAfter(ULONG life) {
 // touch of the record: the waiter may free it at once.
 VOID NTAPI HookIdleTimerRoutine(PVOID, PVOID functionContext, PVOID, PVOID) {
     auto* hook = static_cast<HOOK_FILTER*>(functionContext);
-    bool busy = ReadAcquire(&hook->BusyCount) != 0;
-    if (busy && !ReadAcquire(&hook->TimerStopped)) {
+    if (ReadAcquire(&hook->BusyCount) != 0) {
         NdisSetTimer(&hook->HookIdleTimer, IDLE_POLL_MILLISECONDS);
         return;
     }
-    if (!busy) {
-        NdisSetEvent(&hook->HookIdleEvent);
-    }
+    NdisSetEvent(&hook->HookIdleEvent);
     WriteRelease<UCHAR>(&hook->TimerRunning, FALSE);
 }
 
-// Cancelling does not wait for a routine that has begun, and that one may arm the timer once more
-// if it read the flag before it was set. So: cancel, else let the routine end, until one of the two
-// has made sure that nothing comes any more.
+// Cancelling does not wait for a routine that has begun, and that one may arm the timer once more.
+// So: cancel, else let the routine end, until the timer was cancelled or its routine is through.
 void StopIdleTimer(HOOK_FILTER* hook) {
-    WriteRelease<UCHAR>(&hook->TimerStopped, TRUE);
     do {
         BOOLEAN cancelled = FALSE;
         NdisCancelTimer(&hook->HookIdleTimer, &cancelled);

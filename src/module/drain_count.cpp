@@ -14,22 +14,16 @@ bool IsDrained(DRAIN_COUNT* drain) {
     return false;
 }
 
-// False when somebody waits.
+// False when somebody waits, or the count has just changed.
 bool TryLowerUnwaited(DRAIN_COUNT* drain) {
     ULONG seen = ReadAcquire(&drain->Count);
-    while ((seen & DRAIN_WAITED) == 0) {
-        ULONG found = InterlockedCompareExchange(&drain->Count, seen - 1, seen);
-        if (found == seen) {
-            return true;
-        }
-        seen = found;
-    }
-    return false;
+    return (seen & DRAIN_WAITED) == 0 &&
+           InterlockedCompareExchange(&drain->Count, seen - 1, seen) == seen;
 }
 
 // Lowered inside the lock: the waiter, who reads the count under it, cannot see 0 and free the
 // count before the lock has been released.
-void LowerWaited(DRAIN_COUNT* drain) {
+void LowerUnderLock(DRAIN_COUNT* drain) {
     SpinLockGuard guard(&drain->Lock);
     if (InterlockedDecrement(&drain->Count) == DRAIN_WAITED) {
         KeSetEvent(&drain->Event, 0, FALSE);
@@ -50,7 +44,7 @@ void FASTABI RaiseDrainCount(DRAIN_COUNT* drain) {
 
 void FASTABI LowerDrainCount(DRAIN_COUNT* drain) {
     if (!TryLowerUnwaited(drain)) {
-        LowerWaited(drain);
+        LowerUnderLock(drain);
     }
 }
 

@@ -41,18 +41,6 @@ void WaitForReader(NIRP* nirp, bool atDispatch) {
     SpinLockGuard guard(&nirp->Lock, atDispatch);
 }
 
-ULONG StateWithoutNbl(ULONG state) {
-    switch (state) {
-        case NIRP_STATE_PENDING:
-            return NIRP_STATE_RELEASED;
-        case NIRP_STATE_SEND:
-        case NIRP_STATE_RECEIVE:
-            return NIRP_STATE_IDLE;
-        default:
-            return state;
-    }
-}
-
 // The holds are the caller's, so they are all set.
 LIFE Without(LIFE life, ULONG holds) {
     LIFE next = {life.State, life.Holds - holds};
@@ -60,8 +48,8 @@ LIFE Without(LIFE life, ULONG holds) {
         next.State = NIRP_STATE_IDLE;
     } else if ((holds & NIRP_HOLD_REQUEST) != 0) {
         next.State = NIRP_STATE_COMPLETED;
-    } else if ((holds & NIRP_HOLD_NBL) != 0) {
-        next.State = StateWithoutNbl(life.State);
+    } else if ((holds & NIRP_HOLD_NBL) != 0 && life.State == NIRP_STATE_PENDING) {
+        next.State = NIRP_STATE_RELEASED;
     }
     return next;
 }

@@ -1,6 +1,7 @@
 // How modules come to be: their records, what attach refuses, and what it leaves when it fails.
 #include "host/kernel/callback.h"
 #include "module/trace_log.h"
+#include "packet/nirp_pool.h"
 #include "tests/driver/driver_scenario.h"
 
 namespace netsieve::host {
@@ -81,6 +82,9 @@ const Failure kFailures[] = {
     {FaultKind::kPool, TRACE_BUFFER_TAG, STATUS_SUCCESS, true, "none",
      "dbglog memory allocate failed\n"},
     {FaultKind::kNblPool, {}, STATUS_SUCCESS, true, "[0 InitializeNBLPool->52]\n"},
+    {FaultKind::kPool, NIRP_TAG, STATUS_SUCCESS, true, "[0 AllocateNirp->126]\n"},
+    {FaultKind::kPool, NIRP_BUFFER_TAG, STATUS_SUCCESS, true, "[0 AllocateNirp->142]\n"},
+    {FaultKind::kMdl, {}, STATUS_SUCCESS, true, "[0 AllocateNirp->150]\n"},
 };
 
 TEST(AttachFailureTest, FailsWhatItMustAndGoesOnWithoutTheRest) {

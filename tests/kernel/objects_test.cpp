@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/machine.h"
+#include "platform/atomics.h"
 
 namespace netsieve::host {
 namespace {
@@ -137,6 +138,27 @@ TEST_F(DriverObjects, ADescriptorIsMappedWhenSomeoneAsks) {
         machine_.faults().Arm({.kind = FaultKind::kMapping, .nth = 1});
         EXPECT_EQ(map(unmapped), bytes.data() + 7);
     });
+}
+
+int g_atomicPoints = 0;
+
+// Without its point an operation would hide every race that it is part of from the searches.
+TEST(Atomics, EachOperationIsASchedulingPoint) {
+    PlatformAtomicHook = [](const volatile void*) NTAPI { ++g_atomicPoints; };
+    ULONG word = 5;
+    int points = 0;
+    const auto expect = [&](ULONG result, ULONG expected) {
+        EXPECT_EQ(result, expected);
+        EXPECT_EQ(g_atomicPoints, ++points);
+    };
+    expect(InterlockedIncrement(&word), 6);
+    expect(InterlockedDecrement(&word), 5);
+    expect(InterlockedAdd(&word, 3U), 8);
+    expect(InterlockedCompareExchange(&word, 9U, 8U), 8);
+    expect(ReadAcquire(&word), 9);
+    WriteRelease(&word, 1U);
+    expect(word, 1);
+    PlatformAtomicHook = nullptr;
 }
 
 }  // namespace

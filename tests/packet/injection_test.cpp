@@ -109,5 +109,20 @@ TEST(InjectionTest, EachFailureIsTracedAndLeavesNothingBehind) {
     }
 }
 
+TEST(InjectionTest, AModuleWithoutAPoolSendsNothing) {
+    RunClean({}, [](Machine& machine) {
+        machine.faults().Arm({.kind = FaultKind::kNblPool, .nth = 1});
+        {
+            Scene scene(machine, Scene::Load::kMayFail);
+            machine.faults().Disarm();
+            Inject(FromAdapter(1));
+            EXPECT_TRUE(scene.wire.empty());
+            EXPECT_EQ(TracesOf(scene.module),
+                      "[0 InitializeNBLPool->52]\n[1 NSVFSendPacket->2357]\n");
+        }
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host

@@ -5,6 +5,7 @@
 
 #include "host/ndis/intermediate_driver.h"
 #include "host/sched/random.h"
+#include "packet/nbl_context.h"
 #include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {
@@ -276,7 +277,9 @@ TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
             return nbls;
         };
         auto sent = chain(scene.sends, {MakeFrame(1), MakeFrame(3), MakeFrame(4)});
-        scene.machine_.faults().Arm({.kind = FaultKind::kNblContext, .nth = 2});
+        const FaultPlan secondContext = {
+            .kind = FaultKind::kNblContext, .tag = NBL_CONTEXT_TAG, .nth = 2};
+        scene.machine_.faults().Arm(secondContext);
         scene.stack.protocol().Send(sent[0]);
         scene.machine_.faults().Disarm();
         EXPECT_EQ(scene.wire, (std::vector<Frame>{MakeFrame(3), MakeFrame(1), MakeFrame(4)}));
@@ -285,6 +288,12 @@ TEST(InterceptionEdges, KeepsTheOrderThatTheAdapterAndTheSenderMayExpect) {
         auto middle = chain(scene.receives, {MakeFrame(1), MakeFrame(2), MakeFrame(3)});
         scene.stack.adapter().Indicate(middle[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
         EXPECT_EQ(NblsOf(middle[0]), (Nbls{middle[0], middle[2], middle[1]}));
+        scene.machine_.faults().Arm(secondContext);
+        scene.stack.adapter().Indicate(chain(scene.receives, {MakeFrame(1), MakeFrame(2)})[0], 0,
+                                       NDIS_RECEIVE_FLAGS_RESOURCES);
+        scene.machine_.faults().Disarm();
+        EXPECT_EQ(scene.up.back(), MakeFrame(2));
+        EXPECT_EQ(TracesOf(scene.module), "[0 NSVFSendNBLs->1517]\n[1 NSVFReceiveNBLs->1818]\n");
         auto first = chain(scene.receives, {MakeFrame(2), MakeFrame(2), MakeFrame(3)});
         scene.stack.adapter().Indicate(first[0], 0, NDIS_RECEIVE_FLAGS_RESOURCES);
         EXPECT_EQ(NblsOf(first[0]), (Nbls{first[0], first[1], first[2]}));
@@ -369,7 +378,11 @@ TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
         EXPECT_EQ(GetNirp(module, 65536, FALSE), nullptr);
         for (const ULONG size : {60u, 1514u, 1515u, 65535u}) {
             std::vector<NIRP*> taken;
-            scene.machine_.faults().Arm({.tag = NIRP_REALLOCATED_BUFFER_TAG, .nth = 1});
+            FaultPlan plan = {.tag = NIRP_REALLOCATED_BUFFER_TAG, .nth = 1};
+            if (size % 2 != 0) {
+                plan = {.kind = FaultKind::kMdl, .nth = 1};
+            }
+            scene.machine_.faults().Arm(plan);
             // The one refusal costs a call, not a record.
             for (int refusals = 0; refusals < 2;) {
                 NIRP* const nirp = GetNirp(module, size, FALSE);
@@ -390,6 +403,8 @@ TEST(NirpPoolTest, BorrowsBothWaysAndSurvivesWhatItCannotGet) {
             EXPECT_EQ(IsListEmpty(&module->LargeNirpList), size <= 1514);
             scene.ExpectPoolWhole();
         }
+        EXPECT_EQ(TracesOf(module),
+                  "[0 ReAllocateNirpBuffer->398]\n[1 ReAllocateNirpBuffer->406]\n");
     });
 }
 

@@ -42,6 +42,9 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
                 if (ITarnHKGetBuffer(nirp)[6] != 2) {
                     return HOOK_VERDICT_PASS;
                 }
+                // In numbers, as dumps show them.
+                EXPECT_EQ(nirp->Direction, c.send ? 1u : 2u);
+                EXPECT_EQ(ReadAcquire(&nirp->State), c.send ? 1u : 3u);
                 for (int i = 0; i < c.marks; ++i) {
                     EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
                 }
@@ -57,8 +60,7 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
             queue.SetMode(c.nblFirst ? ReleaseMode::kInline : ReleaseMode::kHold);
             scene.Pass(c.send, frames);
             if (!c.inHandler) {
-                EXPECT_EQ(ReadAcquire(&taken->State),
-                          c.nblFirst ? NIRP_STATE_RELEASED : NIRP_STATE_PENDING);
+                EXPECT_EQ(ReadAcquire(&taken->State), c.nblFirst ? 6u : 4u);
                 complete();
             }
             queue.ReleaseAll();
