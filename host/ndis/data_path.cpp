@@ -367,7 +367,8 @@ namespace {
 /// The module that makes an NDIS call, for the duration of the call.
 class ModuleCall {
   public:
-    ModuleCall(NDIS_HANDLE handle, const char* routine) {
+    /// `given`: whether there is something to pass on.
+    ModuleCall(NDIS_HANDLE handle, const char* routine, bool given = true) {
         if (!g_verifyMode) {
             module_ = static_cast<FilterModule*>(InternalObject::OwnerOf(handle));
             Machine::Current().EnterCall(routine);
@@ -379,6 +380,11 @@ class ModuleCall {
         if (module_ == nullptr) {
             machine.verifier().Report(Rule::kModuleFreedInUse,
                                       fmt::format("{} with a handle that is no module's", routine));
+            return;
+        }
+        if (!given) {
+            machine.verifier().Report(Rule::kNblChainEmpty, routine);
+            module_ = nullptr;
             return;
         }
         frame_ = CurrentContext().frame;
@@ -411,7 +417,7 @@ VOID NTAPI NdisFSendNetBufferLists(NDIS_HANDLE NdisFilterHandle,
                                    PNET_BUFFER_LIST NetBufferLists,
                                    NDIS_PORT_NUMBER PortNumber,
                                    ULONG SendFlags) {
-    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferLists");
+    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferLists", NetBufferLists != nullptr);
     if (call) {
         SendDown(call->stack, call.Get(), call->component, NetBufferLists, PortNumber, SendFlags);
     }
@@ -420,7 +426,8 @@ VOID NTAPI NdisFSendNetBufferLists(NDIS_HANDLE NdisFilterHandle,
 VOID NTAPI NdisFSendNetBufferListsComplete(NDIS_HANDLE NdisFilterHandle,
                                            PNET_BUFFER_LIST NetBufferLists,
                                            ULONG SendCompleteFlags) {
-    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferListsComplete");
+    const ModuleCall call(NdisFilterHandle, "NdisFSendNetBufferListsComplete",
+                          NetBufferLists != nullptr);
     if (call) {
         CompleteUp(call->stack, call.Get(), NetBufferLists, SendCompleteFlags);
     }
@@ -431,7 +438,8 @@ VOID NTAPI NdisFIndicateReceiveNetBufferLists(NDIS_HANDLE NdisFilterHandle,
                                               NDIS_PORT_NUMBER PortNumber,
                                               ULONG NumberOfNetBufferLists,
                                               ULONG ReceiveFlags) {
-    const ModuleCall call(NdisFilterHandle, "NdisFIndicateReceiveNetBufferLists");
+    const ModuleCall call(NdisFilterHandle, "NdisFIndicateReceiveNetBufferLists",
+                          NetBufferLists != nullptr);
     if (call) {
         IndicateUp(call->stack, call.Get(), NetBufferLists, PortNumber, NumberOfNetBufferLists,
                    ReceiveFlags);
@@ -441,7 +449,7 @@ VOID NTAPI NdisFIndicateReceiveNetBufferLists(NDIS_HANDLE NdisFilterHandle,
 VOID NTAPI NdisFReturnNetBufferLists(NDIS_HANDLE NdisFilterHandle,
                                      PNET_BUFFER_LIST NetBufferLists,
                                      ULONG ReturnFlags) {
-    const ModuleCall call(NdisFilterHandle, "NdisFReturnNetBufferLists");
+    const ModuleCall call(NdisFilterHandle, "NdisFReturnNetBufferLists", NetBufferLists != nullptr);
     if (call) {
         ReturnDown(call->stack, call.Get(), call->component, NetBufferLists, ReturnFlags);
     }

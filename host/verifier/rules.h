@@ -26,6 +26,7 @@ namespace netsieve::host {
     X(ResourcesNblReturned, "an NBL indicated with the resources flag is not returned")    \
     X(ResourcesFlagDropped, "the resources flag is passed on with the NBLs")               \
     X(NblCount, "NumberOfNetBufferLists is the length of the chain")                       \
+    X(NblChainEmpty, "a chain that is handed on has at least one NBL")                     \
     X(PauseOutstanding, "a paused filter has none of its own NBLs outstanding")            \
     X(PauseFailed, "pause does not fail")                                                  \
     X(PauseTooLong, "pause ends within 10 seconds")                                        \

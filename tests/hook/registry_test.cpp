@@ -439,22 +439,29 @@ TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
 }
 
 // A filter above, or an adapter, sends an NBL. Where an open object has its pointers, what it has
-// here looks just like them.
+// here looks just like them. Or the NBL has no source.
 TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
-    for (const ObjectType kind : {ObjectType::kFilter, ObjectType::kAdapter}) {
+    struct Case {
+        std::optional<ObjectType> kind;
+        NTSTATUS status;
+    };
+    for (const Case& c : {Case{ObjectType::kFilter, STATUS_UNSUCCESSFUL},
+                          Case{ObjectType::kAdapter, STATUS_UNSUCCESSFUL},
+                          Case{std::nullopt, STATUS_INVALID_PARAMETER}}) {
         OnScene([&](Scene& scene) {
-            InternalObject source(kind);
-            source.Put(16, scene.stack.adapter().objects().adapter.address());
-            source.Put(24, scene.stack.protocol().objects().protocol.address());
-            scene.stack.protocol().component().handle = source.address();
+            InternalObject object(c.kind.value_or(ObjectType::kFilter));
+            object.Put(16, scene.stack.adapter().objects().adapter.address());
+            object.Put(24, scene.stack.protocol().objects().protocol.address());
+            const NDIS_HANDLE source = c.kind ? object.address() : nullptr;
+            scene.stack.protocol().component().handle = source;
             Client client(u"asks");
             client.handler = [&](NIRP* nirp) -> LONG {
-                EXPECT_EQ(nirp->SendSourceHandle, source.address());
+                EXPECT_EQ(nirp->SendSourceHandle, source);
                 HOOK_PROTOCOL_INFO protocol{};
                 HOOK_ADAPTER_INFO adapter{};
                 PROTOCOL_ENTRY* entry = nullptr;
-                EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), STATUS_UNSUCCESSFUL);
-                EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), STATUS_UNSUCCESSFUL);
+                EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), c.status);
+                EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), c.status);
                 EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
                 EXPECT_EQ(entry, nullptr);
                 return HOOK_VERDICT_PASS;

@@ -168,6 +168,26 @@ std::vector<Breaker> HandOverBreakers() {
              SendOn(scene, chain);
          })},
         {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
+        {Rule::kNblChainEmpty, "an empty chain is sent",
+         [](Scene& scene) {
+             scene.Start();
+             SendOn(scene, nullptr);
+         }},
+        {Rule::kNblChainEmpty, "an empty chain is completed",
+         [](Scene& scene) {
+             scene.Start();
+             CompleteOn(scene, nullptr);
+         }},
+        {Rule::kNblChainEmpty, "an empty chain is indicated",
+         [](Scene& scene) {
+             scene.Start();
+             IndicateOn(scene, nullptr, 0, 0);
+         }},
+        {Rule::kNblChainEmpty, "an empty chain is returned",
+         [](Scene& scene) {
+             scene.Start();
+             NdisFReturnNetBufferLists(scene.filter.handle, nullptr, 0);
+         }},
         {Rule::kNblCount, "one NBL too many",
          OnResourcesReceive([](Scene& scene, PNET_BUFFER_LIST chain) {
              IndicateOn(scene, chain, 3, kResources);
