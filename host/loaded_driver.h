@@ -4,8 +4,10 @@
 #include <atomic>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "host/image/code_place.h"
 #include "host/sched/context.h"
 #include "platform/kernel.h"
 
@@ -53,6 +55,7 @@ class LoadedDriver {
     DRIVER_OBJECT object_{};
     PDRIVER_INITIALIZE entry_ = nullptr;
     std::unique_ptr<KernelImage> image_;
+    std::optional<ImageRange> range_;
     bool unloading_ = false;
     std::atomic<bool> gone_ = false;
 };

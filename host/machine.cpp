@@ -4,8 +4,11 @@
 
 #include <algorithm>
 
+#include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
+#include "host/sched/signal_stack.h"
 #include "host/sched/threaded_scheduler.h"
+#include "host/verifier/fault_signals.h"
 #include "platform/atomics.h"
 
 // The native driver's atomic operations call this when it is set.
@@ -48,6 +51,7 @@ Machine::Machine(MachineOptions options) : options_(options), verifier_(options.
     current_ = this;
     const bool simulated = options.scheduler == SchedulerKind::kSimulated;
     HostMutex::SetThreaded(!simulated);
+    InstallFaultSignals();
     g_verifyMode = options.verify;
     g_plainMode = !options.verify && !simulated;
     scheduler_ = MakeScheduler(options);
@@ -80,7 +84,11 @@ Machine::~Machine() {
 }
 
 RunResult Machine::Run(const std::function<void()>& body) {
-    RunResult result = scheduler_->Run(body);
+    UseSignalStack();
+    RunResult result = scheduler_->Run([&] {
+        body();
+        CollectTouch(*this);
+    });
     if (!result.completed && result.abandonReason.starts_with("deadlock")) {
         verifier_.Report(Rule::kDeadlock, result.abandonReason);
     }
@@ -196,6 +204,7 @@ LoadedDriver* Machine::DriverOf(const DRIVER_OBJECT* object) {
 }
 
 void Machine::EnterCallChecked(const char* routine) {
+    CollectTouch(*this);
     verifier_.DemandUpToDispatch(routine);
     // A routine whose last act lets the unload continue may still be returning. It may call nothing
     // any more.

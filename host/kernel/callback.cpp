@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "host/kernel/memory_faults.h"
 #include "host/machine.h"
 
 namespace netsieve::host {
@@ -20,6 +21,7 @@ CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* mo
 CallbackScope::~CallbackScope() {
     Context& context = CurrentContext();
     Machine& machine = Machine::Current();
+    CollectTouch(machine);
     if (machine.verifier().enabled()) {
         if (context.held.size() > frame_.heldAtEntry) {
             machine.verifier().Report(

@@ -1,7 +1,11 @@
 #include "host/kernel/mdls.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
+#include "host/kernel/paged_memory.h"
+#include "host/kernel/unmapped_memory.h"
 #include "host/machine.h"
 #include "platform/ndis.h"
 
@@ -18,8 +22,17 @@ void DescribeBuffer(MDL& mdl, void* buffer, std::uint32_t size, bool mapped) {
     mdl.MdlFlags = mapped ? MDL_SOURCE_IS_NONPAGED_POOL : MDL_PAGES_LOCKED;
     mdl.MappedSystemVa = mapped ? buffer : nullptr;
     mdl.StartVa = reinterpret_cast<void*>(address & ~kPageMask);
+    if (!mapped && g_verifyMode) {
+        // The pages are someone else's: here they have no address until they are mapped.
+        mdl.Process = buffer;
+        mdl.StartVa = UnmappedMemory::Start();
+    }
     mdl.ByteOffset = static_cast<ULONG>(address & kPageMask);
     mdl.ByteCount = size;
+}
+
+void* DescribedBuffer(const MDL& mdl) {
+    return mdl.Process != nullptr ? mdl.Process : static_cast<char*>(mdl.StartVa) + mdl.ByteOffset;
 }
 
 Mdls::~Mdls() {
@@ -31,6 +44,11 @@ Mdls::~Mdls() {
 PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
     if (machine_.faults().Fails(FaultKind::kMdl)) {
         return nullptr;
+    }
+    if (PagedMemory::Contains(buffer)) {
+        machine_.verifier().Report(
+            Rule::kMdlPagedMemory,
+            fmt::format("NdisAllocateMdl for {}", machine_.pool().Describe(buffer)));
     }
     auto* mdl = new MDL;
     DescribeBuffer(*mdl, buffer, size, true);
@@ -56,7 +74,7 @@ void* Mdls::Map(PMDL mdl) {
     if (machine_.faults().Fails(FaultKind::kMapping)) {
         return nullptr;
     }
-    mdl->MappedSystemVa = static_cast<char*>(mdl->StartVa) + mdl->ByteOffset;
+    mdl->MappedSystemVa = DescribedBuffer(*mdl);
     mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
     return mdl->MappedSystemVa;
 }

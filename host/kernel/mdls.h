@@ -13,8 +13,11 @@ class LoadedDriver;
 class Machine;
 
 /// Fills an MDL of the caller's for a buffer of `size` bytes. With `mapped` the system address is
-/// in it; without, a reader has to ask MmMapLockedPagesSpecifyCache for one.
+/// in it; without, a reader has to ask MmMapLockedPagesSpecifyCache for one: with the verifier on,
+/// StartVa then leads nowhere.
 void DescribeBuffer(MDL& mdl, void* buffer, std::uint32_t size, bool mapped);
+/// The buffer that an MDL describes, mapped or not. For the host, which made all of them.
+void* DescribedBuffer(const MDL& mdl);
 
 /// The MDLs that drivers allocated.
 class Mdls {

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/kernel/paged_memory.h"
 #include "host/machine.h"
 #include "platform/ndis.h"
 
@@ -17,6 +18,20 @@ namespace {
 constexpr std::size_t kEndSize = 16;  // keeps the block aligned, and guards it on both sides
 constexpr unsigned char kEndPattern = 0xBD;
 constexpr unsigned char kNewPattern = 0xCD;
+
+void RetirePages(PoolKind kind) {
+    if (kind == PoolKind::kPaged) {
+        PagedMemory::Retire();
+    }
+}
+
+void Release(void* allocation) {
+    if (PagedMemory::Contains(allocation)) {
+        PagedMemory::Free(allocation);
+    } else {
+        std::free(allocation);
+    }
+}
 
 }  // namespace
 
@@ -32,13 +47,17 @@ std::string TagText(std::uint32_t tag) {
 MemoryPool::MemoryPool(Verifier& verifier, std::function<void(const void*, std::size_t)> onFree)
     : verifier_(verifier),
       onFree_(std::move(onFree)),
-      quarantine_([&verifier](const std::string& what) {
-          verifier.Report(Rule::kPoolUseAfterFree, what + " was written after it was freed");
-      }) {}
+      quarantine_(
+          [&verifier](const std::string& what) {
+              verifier.Report(Rule::kPoolUseAfterFree, what + " was written after it was freed");
+          },
+          &Release) {}
 
 MemoryPool::~MemoryPool() {
+    const PagedMemory::HostAccess access;
     for (const auto& [address, info] : blocks_) {
-        std::free(reinterpret_cast<void*>(address - kEndSize));
+        RetirePages(info.kind);
+        Release(reinterpret_cast<void*>(address - kEndSize));
     }
 }
 
@@ -53,7 +72,14 @@ void* MemoryPool::AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind 
     if (size == 0) {
         verifier_.Report(Rule::kPoolZeroSize, fmt::format("tag '{}'", TagText(tag)));
     }
-    auto* allocation = static_cast<unsigned char*>(std::malloc(size + 2 * kEndSize));
+    const PagedMemory::HostAccess access;
+    const std::size_t whole = size + 2 * kEndSize;
+    auto* allocation = static_cast<unsigned char*>(
+        kind == PoolKind::kPaged ? PagedMemory::Allocate(whole) : std::malloc(whole));
+    if (allocation == nullptr) {
+        live_.fetch_sub(1, std::memory_order_relaxed);
+        return nullptr;
+    }
     unsigned char* const block = allocation + kEndSize;
     std::memset(allocation, kEndPattern, kEndSize);
     std::memset(block, kNewPattern, size);
@@ -88,6 +114,7 @@ void MemoryPool::DemandPageable(PoolKind kind, const char* what) {
 }
 
 void MemoryPool::FreeChecked(void* block, std::uint32_t tag) {
+    const PagedMemory::HostAccess access;
     const auto address = reinterpret_cast<std::uintptr_t>(block);
     HostLock lock(mutex_);
     const auto it = blocks_.find(address);
@@ -119,9 +146,15 @@ void MemoryPool::FreeChecked(void* block, std::uint32_t tag) {
                                      TagText(info.tag), info.size));
     }
     onFree_(block, info.size);
+    RetirePages(info.kind);
     live_.fetch_sub(1, std::memory_order_relaxed);
     quarantine_.Add(static_cast<unsigned char*>(block) - kEndSize, block, info.size,
                     fmt::format("block '{}' of {} bytes", TagText(info.tag), info.size));
+}
+
+void MemoryPool::Settle() {
+    const PagedMemory::HostAccess access;
+    quarantine_.Drain();
 }
 
 bool MemoryPool::EndsIntact(const void* block, const PoolBlock& info) const {

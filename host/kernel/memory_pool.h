@@ -51,7 +51,7 @@ class MemoryPool {
     /// Which live block an address lies in: "block 'nsvf' of 3000 bytes, offset 88", or where else.
     std::string Describe(const void* address);
     /// Checks what is in quarantine and lets it go.
-    void Settle() { quarantine_.Drain(); }
+    void Settle();
 
   private:
     void* AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind kind);

@@ -1,7 +1,6 @@
 #include "host/kernel/quarantine.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "host/sanitizers.h"
@@ -32,8 +31,8 @@ void Unpoison([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t si
 
 }  // namespace
 
-Quarantine::Quarantine(std::function<void(const std::string&)> onWrite)
-    : onWrite_(std::move(onWrite)) {}
+Quarantine::Quarantine(std::function<void(const std::string&)> onWrite, void (*release)(void*))
+    : onWrite_(std::move(onWrite)), release_(release) {}
 
 Quarantine::~Quarantine() {
     Drain();
@@ -68,7 +67,7 @@ void Quarantine::Release(const Entry& entry) {
                     [](unsigned char byte) { return byte != kFreedPattern; })) {
         onWrite_(entry.what);
     }
-    std::free(entry.allocation);
+    release_(entry.allocation);
 }
 
 }  // namespace netsieve::host

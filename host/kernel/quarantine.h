@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <string>
@@ -14,11 +15,12 @@ namespace netsieve::host {
 /// meantime shows as a broken pattern; under AddressSanitizer any access stops the program.
 class Quarantine {
   public:
-    /// `onWrite` is told what a block was when its pattern is found broken.
-    explicit Quarantine(std::function<void(const std::string& what)> onWrite);
+    /// `onWrite` is told what a block was when its pattern is found broken; `release` frees one.
+    explicit Quarantine(std::function<void(const std::string& what)> onWrite,
+                        void (*release)(void* allocation) = &std::free);
     ~Quarantine();
 
-    /// Takes a block that came from malloc. `data`..`size` is the part that its user knew.
+    /// Takes a block that `release` can free. `data`..`size` is the part that its user knew.
     void Add(void* allocation, void* data, std::size_t size, std::string what);
     /// Checks and releases everything.
     void Drain();
@@ -33,6 +35,7 @@ class Quarantine {
     void Release(const Entry& entry);
 
     std::function<void(const std::string&)> onWrite_;
+    void (*release_)(void*);
     HostMutex mutex_;
     std::deque<Entry> entries_;
     std::size_t bytes_ = 0;

@@ -131,7 +131,7 @@ std::vector<std::uint8_t> NblFactory::BytesOf(const NET_BUFFER& buffer) {
     std::size_t skip = buffer.CurrentMdlOffset;
     for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && bytes.size() < buffer.DataLength;
          mdl = mdl->Next) {
-        const auto* start = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
+        const auto* start = static_cast<const std::uint8_t*>(DescribedBuffer(*mdl));
         const std::size_t size =
             std::min<std::size_t>(mdl->ByteCount - skip, buffer.DataLength - bytes.size());
         bytes.insert(bytes.end(), start + skip, start + skip + size);

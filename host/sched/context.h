@@ -34,6 +34,16 @@ struct HeldLock {
     bool freed = false;  ///< its memory was freed: nothing may be written there
 };
 
+enum class TouchKind : std::uint8_t { kNone, kPaged, kUnmapped };
+
+/// An access to memory that the context may not touch. Written by a signal handler.
+struct MemoryTouch {
+    TouchKind kind = TouchKind::kNone;
+    KIRQL irql = PASSIVE_LEVEL;
+    const void* address = nullptr;
+    const void* code = nullptr;  ///< the instruction
+};
+
 /// One thread, DPC or system worker. Its processor is an attribute: at DISPATCH_LEVEL and above it
 /// keeps the processor to itself.
 struct Context {
@@ -44,6 +54,7 @@ struct Context {
     std::string name;
     std::vector<HeldLock> held;
     CallFrame* frame = nullptr;
+    MemoryTouch touch;                 ///< the first one that is not reported yet
     const void* timedOutOn = nullptr;  ///< object of the last wait, if it timed out
     unsigned timeouts = 0;             ///< such waits in a row on that object
 

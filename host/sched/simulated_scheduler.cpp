@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "host/sched/raise_hook.h"
+
 namespace netsieve::host {
 
 SimulatedScheduler::SimulatedScheduler(Options options)
@@ -134,6 +136,7 @@ void SimulatedScheduler::SwitchTo(Task& next, bool final) {
     t_context = &next.context;
     if (next.context.irql >= DISPATCH_LEVEL) {
         holders_[next.context.processor] = &next;
+        CallRaiseHook();
     }
     Fiber::Switch(from, *next.fiber, final);
     // Here again, some time later: whoever switched back has set current_ to this task.
@@ -181,6 +184,7 @@ void SimulatedScheduler::SetIrql(KIRQL irql) {
     context.irql = irql;
     if (irql >= DISPATCH_LEVEL) {
         holders_[context.processor] = current_;
+        CallRaiseHook();
     } else if (kept) {
         holders_[context.processor] = nullptr;
         Point(PointKind::kIrql);

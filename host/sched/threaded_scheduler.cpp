@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+#include "host/sched/raise_hook.h"
+#include "host/sched/signal_stack.h"
+
 namespace netsieve::host {
 
 ThreadedScheduler::ThreadedScheduler(unsigned processors) : start_(Clock::now()) {
@@ -87,6 +90,8 @@ void ThreadedScheduler::RunContext(std::uint32_t id,
     context.irql = options.kind == ContextKind::kDpc ? DISPATCH_LEVEL : PASSIVE_LEVEL;
     Context* const outside = t_context;
     t_context = &context;
+    UseSignalStack();
+    SetIrql(context.irql);
     body();
     t_context = outside;
     Ended(id);
@@ -152,6 +157,13 @@ void ThreadedScheduler::WaitUntilIdle() {
         Wait(ended_, lock, kForever);
     }
     --idleWaiters_;
+}
+
+void ThreadedScheduler::SetIrql(KIRQL irql) {
+    CurrentContext().irql = irql;
+    if (irql >= DISPATCH_LEVEL) {
+        CallRaiseHook();
+    }
 }
 
 bool ThreadedScheduler::Wait(WaitQueue& queue, HostLock& lock, Ticks deadline) {

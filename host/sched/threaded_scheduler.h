@@ -34,7 +34,7 @@ class ThreadedScheduler final : public Scheduler {
     void Point(PointKind) override {}
     void AcquireSpin(PKSPIN_LOCK lock) override { SpinUntilAcquired(lock); }
     void ReleaseSpin(PKSPIN_LOCK lock) override { ReleaseWord(lock); }
-    void SetIrql(KIRQL irql) override { CurrentContext().irql = irql; }
+    void SetIrql(KIRQL irql) override;
     bool Wait(WaitQueue& queue, HostLock& lock, Ticks deadline) override;
     void Wake(WaitQueue& queue) override { queue.condition_.notify_all(); }
     Ticks Now() override;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <set>
 
+#include "host/kernel/mdls.h"
+
 namespace netsieve::host {
 
 namespace {
@@ -34,13 +36,12 @@ std::uint64_t HashBytes(std::uint64_t hash, const unsigned char* bytes, std::siz
     return hash;
 }
 
-// The host made every MDL of its own NBLs, so that StartVa always leads to the bytes.
 std::uint64_t HashBuffer(std::uint64_t hash, const NET_BUFFER& buffer) {
     std::size_t left = buffer.DataLength;
     std::size_t skip = buffer.CurrentMdlOffset;
     for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && left > 0; mdl = mdl->Next) {
         const std::size_t size = std::min<std::size_t>(mdl->ByteCount - skip, left);
-        const auto* start = static_cast<const unsigned char*>(mdl->StartVa) + mdl->ByteOffset;
+        const auto* start = static_cast<const unsigned char*>(DescribedBuffer(*mdl));
         hash = HashBytes(hash, start + skip, size);
         left -= size;
         skip = 0;

@@ -43,6 +43,9 @@ namespace netsieve::host {
     X(TimerInFreedMemory, "a timer is not armed in memory that is freed")                  \
     X(PoolZeroSize, "no allocation has size zero")                                         \
     X(PagedPoolLevel, "paged pool is used below DISPATCH_LEVEL only")                      \
+    X(PagedPoolTouched, "paged pool is not touched at DISPATCH_LEVEL")                     \
+    X(MdlPagedMemory, "NdisAllocateMdl describes memory that is not paged")                \
+    X(MdlUnmapped, "an MDL is read where it is mapped, not at its StartVa")                \
     X(PoolOverrun, "nothing is written outside a block")                                   \
     X(PoolDoubleFree, "a block is freed once")                                             \
     X(PoolInvalidPointer, "only what was allocated is freed, by its first byte")           \

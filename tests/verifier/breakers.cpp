@@ -85,6 +85,38 @@ void FreeBlockWithQueuedTimer(Scene& scene) {
     scheduler.Join(other);
 }
 
+/// Allocates a paged block, fills it, and lets `touch` have it at DISPATCH_LEVEL.
+void TouchPaged(const std::function<void(volatile UCHAR*)>& touch) {
+    auto* const block = static_cast<UCHAR*>(ExAllocatePoolWithTag(PagedPool, 64, kTag));
+    std::fill_n(block, 64, UCHAR{7});
+    AtDispatch([&] { touch(block); });
+    ExFreePoolWithTag(block, kTag);
+}
+
+// The other processor's context, which may, touches the block between two touches of the raised
+// one: the first is no fault, and the second is one.
+void TouchPagedInTurns(Scene& scene) {
+    auto* const block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(PagedPool, 64, kTag));
+    Scheduler& scheduler = scene.machine.scheduler();
+    const std::uint32_t other = scheduler.Start({.name = "other", .processor = 1}, [&] {
+        scheduler.Sleep(kTicksPerMillisecond);
+        block[0] = 1;
+    });
+    AtDispatch([&] {
+        scheduler.Sleep(2 * kTicksPerMillisecond);
+        block[1] = 1;
+    });
+    scheduler.Join(other);
+    ExFreePoolWithTag(const_cast<UCHAR*>(block), kTag);
+}
+
+void ReadUnmapped(Scene&) {
+    UCHAR frame[64] = {};
+    MDL mdl;
+    DescribeBuffer(mdl, frame, sizeof(frame), false);
+    static_cast<void>(static_cast<volatile UCHAR*>(mdl.StartVa)[mdl.ByteOffset]);
+}
+
 void TakeInBothOrders() {
     Lock a;
     Lock b;
@@ -171,6 +203,19 @@ std::vector<Breaker> PoolBreakers() {
              AtDispatch([&] { block = pool.Allocate(8, kTag, PoolKind::kPaged); });
              pool.Free(block, kTag);
          }},
+        {Rule::kPagedPoolTouched, "read at DISPATCH_LEVEL",
+         [](Scene&) { TouchPaged([](volatile UCHAR* block) { static_cast<void>(block[8]); }); }},
+        {Rule::kPagedPoolTouched, "written at DISPATCH_LEVEL, once it was written below it",
+         [](Scene&) { TouchPaged([](volatile UCHAR* block) { block[63] = 1; }); }},
+        {Rule::kPagedPoolTouched, "touched by another while the pages are back",
+         &TouchPagedInTurns},
+        {Rule::kMdlPagedMemory, "described as if it were not paged",
+         [](Scene&) {
+             void* const block = ExAllocatePoolWithTag(PagedPool, 64, kTag);
+             NdisFreeMdl(NdisAllocateMdl(nullptr, block, 64));
+             ExFreePoolWithTag(block, kTag);
+         }},
+        {Rule::kMdlUnmapped, "the bytes read through StartVa", &ReadUnmapped},
         {Rule::kPoolOverrun, "one byte behind",
          [](Scene&) {
              UCHAR* const block = Block();

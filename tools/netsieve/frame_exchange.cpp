@@ -5,6 +5,7 @@
 #include <mutex>
 #include <utility>
 
+#include "host/kernel/mdls.h"
 #include "host/ndis/data_path.h"
 #include "tools/netsieve/records/driver_structures.h"
 
@@ -268,7 +269,7 @@ void FrameExchange::Write(PNET_BUFFER buffer,
     ULONG offset = buffer->CurrentMdlOffset;
     for (PMDL mdl = buffer->CurrentMdl; left > 0; mdl = mdl->Next) {
         const ULONG take = std::min(left, mdl->ByteCount - offset);
-        const auto* bytes = static_cast<const std::uint8_t*>(mdl->StartVa) + mdl->ByteOffset;
+        const auto* bytes = static_cast<const std::uint8_t*>(host::DescribedBuffer(*mdl));
         mergesDirections_ ? merge_.Append(bytes + offset, take)
                           : writer_->Append(bytes + offset, take);
         left -= take;
