@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "host/ndis/ndis.h"
+#include "host/verifier/run_notes.h"
 
 namespace netsieve::host {
 
@@ -40,6 +41,10 @@ std::uint64_t MeasurePoints(MachineOptions options, const std::function<void(Mac
     return RunOnce(options, body, {}).result.points;
 }
 
+std::string ReplayOf(std::uint64_t seed, const std::string& name) {
+    return fmt::format("NETSIEVE_SEED={} with the scenario '{}'", seed, name);
+}
+
 // One walk of the tree, or of the schedule that it follows, cut off when `budget` is spent.
 ExploreResult WalkTree(const ExploreAllOptions& options,
                        ScheduleTree& tree,
@@ -48,6 +53,7 @@ ExploreResult WalkTree(const ExploreAllOptions& options,
                        const std::function<std::string(Machine&)>& check) {
     MachineOptions machine = options.machine;
     machine.tree = &tree;
+    NoteReplay(fmt::format("NETSIEVE_CHOICES=(choices) with the scenario '{}'", options.name));
     ExploreResult result;
     for (bool more = true; more && !result.finding; more = tree.Advance()) {
         if (budget == 0) {
@@ -103,13 +109,12 @@ ExploreResult Explore(const ExploreOptions& options,
     ExploreResult result;
     for (std::uint64_t seed = first; seed < first + count; ++seed) {
         machine.seed = seed;
+        NoteReplay(ReplayOf(seed, options.name));
         OneRun run = RunOnce(machine, body, check);
         ++result.schedules;
         result.points += run.result.points;
         if (!run.what.empty()) {
-            result.finding = {
-                seed, std::move(run.what),
-                fmt::format("replay: NETSIEVE_SEED={} with the scenario '{}'", seed, options.name)};
+            result.finding = {seed, std::move(run.what), "replay: " + ReplayOf(seed, options.name)};
             break;
         }
     }

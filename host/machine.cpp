@@ -6,9 +6,10 @@
 
 #include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
-#include "host/sched/signal_stack.h"
 #include "host/sched/threaded_scheduler.h"
 #include "host/verifier/fault_signals.h"
+#include "host/verifier/signal_stack.h"
+#include "host/verifier/watchdog.h"
 #include "platform/atomics.h"
 
 // The native driver's atomic operations call this when it is set.
@@ -29,11 +30,22 @@ void NTAPI AtomicPointHook(const volatile void*) {
     }
 }
 
+// Where nothing is checked nothing counts points.
+std::chrono::milliseconds LimitOf(const MachineOptions& options) {
+    const bool counts = options.verify || options.scheduler == SchedulerKind::kSimulated;
+    return counts ? options.stuckAfter : std::chrono::milliseconds::zero();
+}
+
 std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
     if (options.scheduler == SchedulerKind::kThreaded) {
-        return std::make_unique<ThreadedScheduler>(options.processors);
+        return std::make_unique<ThreadedScheduler>(options.processors, [limit = LimitOf(options)] {
+            UseSignalStack();
+            thread_local const Watchdog watchdog(limit);
+        });
     }
-    SimulatedScheduler::Options simulated{.processors = options.processors, .clock = options.clock};
+    SimulatedScheduler::Options simulated{.processors = options.processors,
+                                          .clock = options.clock,
+                                          .pointsWithoutProgress = options.pointsWithoutProgress};
     if (options.tree != nullptr) {
         simulated.strategy = std::make_unique<TreeStrategy>(*options.tree);
     } else if (options.strategy == StrategyKind::kPct) {
@@ -85,12 +97,16 @@ Machine::~Machine() {
 
 RunResult Machine::Run(const std::function<void()>& body) {
     UseSignalStack();
+    const Watchdog watchdog(LimitOf(options_));
     RunResult result = scheduler_->Run([&] {
         body();
         CollectTouch(*this);
     });
     if (!result.completed && result.abandonReason.starts_with("deadlock")) {
         verifier_.Report(Rule::kDeadlock, result.abandonReason);
+    }
+    if (!result.completed && result.abandonReason.starts_with("no progress")) {
+        verifier_.Report(Rule::kHang, result.abandonReason);
     }
     pool_->Settle();
     ndis_->nblPools().Settle();

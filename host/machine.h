@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,6 +43,12 @@ struct MachineOptions {
     ClockMode clock = ClockMode::kIdle;
     unsigned processors = 2;  ///< 1 to 4 are tried
     bool verify = true;
+    /// How long a routine of a driver may run without a scheduling point before the process ends
+    /// with a crash report; zero for ever. On real threads only with the verifier.
+    std::chrono::milliseconds stuckAfter = std::chrono::seconds(30);
+    /// How many points a simulated run may pass while no callback begins or ends before it is
+    /// abandoned and reported as a hang.
+    std::uint64_t pointsWithoutProgress = 10'000'000;
     MM_SYSTEMSIZE systemSize = MmSmallSystem;
     std::uint32_t ndisVersion = 0x60000;  ///< as NdisGetVersion gives it
     std::uint32_t osMajorVersion = 6;     ///< as PsGetVersion gives it

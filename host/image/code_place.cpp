@@ -1,11 +1,13 @@
 #include "host/image/code_place.h"
 
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fmt/format.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 namespace netsieve::host {
 
@@ -20,6 +22,16 @@ struct Slot {
     std::atomic<std::uintptr_t> start = 0;
 };
 Slot g_slots[kMost];
+
+const Slot* SlotOf(const void* code) {
+    const auto address = reinterpret_cast<std::uintptr_t>(code);
+    for (const Slot& slot : g_slots) {
+        if (slot.start != 0 && address - slot.start < slot.size) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
 
 }  // namespace
 
@@ -43,12 +55,14 @@ ImageRange::~ImageRange() {
     }
 }
 
+bool LiesInImage(const void* code) {
+    return SlotOf(code) != nullptr;
+}
+
 CodeLocation LocateCode(const void* code) {
     const auto address = reinterpret_cast<std::uintptr_t>(code);
-    for (const Slot& slot : g_slots) {
-        if (slot.start != 0 && address - slot.start < slot.size) {
-            return {.name = slot.name, .offset = address - slot.start};
-        }
+    if (const Slot* const slot = SlotOf(code)) {
+        return {.name = slot->name, .offset = address - slot->start};
     }
     // Neither allocates nor formats; its lock is one that a thread may take again.
     Dl_info info{};
@@ -73,6 +87,16 @@ std::string CodePlace(const void* code) {
     std::string text = fmt::format("{}+{:#x}", location.name, location.offset);
     if (location.symbol != nullptr) {
         text += fmt::format(" ({}+{:#x})", location.symbol, location.symbolOffset);
+    }
+    return text;
+}
+
+std::string CallStack() {
+    void* frames[64];
+    const int count = backtrace(frames, static_cast<int>(std::size(frames)));
+    std::string text;
+    for (int i = 1; i < count; ++i) {
+        text += CodePlace(frames[i]) + "\n";
     }
     return text;
 }

@@ -19,17 +19,23 @@ class ImageRange {
     std::size_t slot_;
 };
 
-/// What holds an address of code, as a signal handler can find it out: `name` is null when nothing
-/// is known there, `symbol` when the place has no name of its own.
+/// What holds an address: `name` is null when nothing is known there, `symbol` when the place has
+/// no name of its own.
 struct CodeLocation {
     const char* name = nullptr;
     std::size_t offset = 0;
     const char* symbol = nullptr;
     std::size_t symbolOffset = 0;
 };
+/// Safe in a signal handler.
 CodeLocation LocateCode(const void* code);
+
+/// Whether the address lies in an image that an ImageRange announced. Safe in a signal handler.
+bool LiesInImage(const void* code);
 
 /// As text: "hook.so+0x1139 (DriverEntry+0x20)".
 std::string CodePlace(const void* code);
+/// The calls that the caller stands in, innermost first, one place a line.
+std::string CallStack();
 
 }  // namespace netsieve::host

@@ -16,6 +16,7 @@ CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* mo
     frame_.entryIrql = context.irql;
     frame_.heldAtEntry = context.held.size();
     context.frame = &frame_;
+    Machine::Current().scheduler().NoteProgress();
 }
 
 CallbackScope::~CallbackScope() {
@@ -42,6 +43,7 @@ CallbackScope::~CallbackScope() {
         machine.scheduler().SetIrql(frame_.entryIrql);
     }
     context.frame = frame_.outer;
+    machine.scheduler().NoteProgress();
 }
 
 }  // namespace netsieve::host

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "host/signal_text.h"
+
 namespace netsieve::host {
 
 void ScheduleTree::Follow(const std::string& name) {
@@ -78,6 +80,19 @@ std::string ScheduleTree::name() const {
         }
     }
     return name.empty() ? "-" : name;
+}
+
+void ScheduleTree::AppendName(SignalText& text) const {
+    const char* between = "";
+    for (std::size_t pick = 0; pick < depth_; ++pick) {
+        if (nodes_[pick].choice != 0) {
+            text << between << std::uint64_t{pick} << ":" << std::uint64_t{nodes_[pick].taken};
+            between = ",";
+        }
+    }
+    if (*between == '\0') {
+        text << "-";
+    }
 }
 
 }  // namespace netsieve::host

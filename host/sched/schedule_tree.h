@@ -11,6 +11,8 @@
 
 namespace netsieve::host {
 
+class SignalText;
+
 /// Walks the tree of choices depth first, one run for each leaf. A choice is a preemption when the
 /// context that is running could go on; when it cannot, all others are equal. Left alone, a run
 /// goes on with whoever is running, else with the oldest.
@@ -36,6 +38,8 @@ class ScheduleTree {
     /// Of the schedule that is being run, for Follow: which context was chosen at which pick, where
     /// that is not the one that a run which is left alone would choose. "-" for that run.
     std::string name() const;
+    /// Appends the name. Safe in a signal handler.
+    void AppendName(SignalText& text) const;
 
     /// The scenario came to a choice other than before.
     bool diverged() const { return diverged_; }

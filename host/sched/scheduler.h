@@ -123,6 +123,10 @@ class Scheduler {
     /// A scheduling point: another context may run before this returns.
     virtual void Point(PointKind kind) = 0;
 
+    /// The machine has got on: a callback began or ended. A simulated run that passes very many
+    /// points without this is abandoned.
+    virtual void NoteProgress() {}
+
     /// Spins until bit 0 of the word was clear and has been set by this caller.
     virtual void AcquireSpin(PKSPIN_LOCK lock) = 0;
     virtual void ReleaseSpin(PKSPIN_LOCK lock) = 0;

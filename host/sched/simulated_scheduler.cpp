@@ -4,12 +4,17 @@
 
 #include <algorithm>
 
+#include "host/image/code_place.h"
 #include "host/sched/raise_hook.h"
 
 namespace netsieve::host {
 
 SimulatedScheduler::SimulatedScheduler(Options options)
-    : strategy_(std::move(options.strategy)), clock_(options.clock), holders_(options.processors) {
+    : strategy_(std::move(options.strategy)),
+      clock_(options.clock),
+      holders_(options.processors),
+      pointsWithoutProgress_(options.pointsWithoutProgress),
+      pointsLimit_(options.pointsWithoutProgress) {
     strategy_->OnStart(Strategy::kClock);
 }
 
@@ -66,6 +71,7 @@ void SimulatedScheduler::End(Task& task) {
     task.body = nullptr;
     SetIrql(PASSIVE_LEVEL);
     task.state = State::kEnded;
+    NoteProgress();
     const auto it =
         std::find_if(tasks_.begin(), tasks_.end(), [&](const auto& t) { return t.get() == &task; });
     ended_.push_back(std::move(*it));
@@ -103,8 +109,15 @@ std::size_t SimulatedScheduler::CollectChoices() {
     return current;
 }
 
+void SimulatedScheduler::CountPoint() {
+    ++current_->context.points;
+    if (++points_ > pointsLimit_) [[unlikely]] {
+        GiveUpWithoutProgress();
+    }
+}
+
 void SimulatedScheduler::Reschedule(PointKind kind) {
-    ++points_;
+    CountPoint();
     for (;;) {
         const std::size_t current = CollectChoices();
         const bool onlyClock = enabled_.size() == 1 && enabled_[0] == nullptr;
@@ -147,7 +160,7 @@ void SimulatedScheduler::SwitchTo(Task& next, bool final) {
 
 void SimulatedScheduler::Point(PointKind kind) {
     if (tasks_.size() == 1 && clock_ == ClockMode::kIdle) {
-        ++points_;
+        CountPoint();
         return;
     }
     Reschedule(kind);
@@ -334,6 +347,21 @@ std::string SimulatedScheduler::DescribeStuck() const {
         text += task->context.DescribeCalls();
     }
     return text;
+}
+
+void SimulatedScheduler::GiveUpWithoutProgress() {
+    std::string text =
+        fmt::format("no progress: nothing began or ended while {} scheduling points were passed",
+                    pointsWithoutProgress_);
+    for (const auto& task : tasks_) {
+        if (task->state == State::kReady) {
+            text += fmt::format("\n  {} at IRQL {}{}", task->context.Describe(), task->context.irql,
+                                task->context.DescribeCalls());
+        }
+    }
+    text += fmt::format("\n  {} stands in\n{}", current_->context.Describe(), CallStack());
+    Abandon(text);
+    __builtin_unreachable();
 }
 
 void SimulatedScheduler::Abandon(const std::string& reason) {

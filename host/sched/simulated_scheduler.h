@@ -25,6 +25,7 @@ class SimulatedScheduler final : public Scheduler {
         unsigned processors = 2;
         std::unique_ptr<Strategy> strategy = nullptr;
         ClockMode clock = ClockMode::kIdle;
+        std::uint64_t pointsWithoutProgress = 10'000'000;  ///< the most, before a run is abandoned
     };
 
     explicit SimulatedScheduler(Options options);
@@ -37,6 +38,7 @@ class SimulatedScheduler final : public Scheduler {
     void Join(std::uint32_t id) override;
     void WaitUntilIdle() override;
     void Point(PointKind kind) override;
+    void NoteProgress() override { pointsLimit_ = points_ + pointsWithoutProgress_; }
     void AcquireSpin(PKSPIN_LOCK lock) override;
     void ReleaseSpin(PKSPIN_LOCK lock) override;
     void SetIrql(KIRQL irql) override;
@@ -73,6 +75,8 @@ class SimulatedScheduler final : public Scheduler {
     bool Enabled(const Task& task) const;
     /// Fills enabled_ and choices_; returns the index of the running task or Strategy::kNone.
     std::size_t CollectChoices();
+    void CountPoint();
+    [[noreturn]] void GiveUpWithoutProgress();
     void Reschedule(PointKind kind);
     void SwitchTo(Task& next, bool final);
     bool HasDeadline() const;
@@ -101,6 +105,8 @@ class SimulatedScheduler final : public Scheduler {
     std::uint32_t nextId_ = 1;  // id 0 is the clock's
     std::uint64_t nextCall_ = 1;
     std::uint64_t points_ = 0;
+    std::uint64_t pointsWithoutProgress_;
+    std::uint64_t pointsLimit_;  // of points_
     std::uint64_t traceHash_ = 0xCBF29CE484222325ull;
     std::string abandonReason_;
 };

@@ -5,11 +5,11 @@
 #include <algorithm>
 
 #include "host/sched/raise_hook.h"
-#include "host/sched/signal_stack.h"
 
 namespace netsieve::host {
 
-ThreadedScheduler::ThreadedScheduler(unsigned processors) : start_(Clock::now()) {
+ThreadedScheduler::ThreadedScheduler(unsigned processors, std::function<void()> onThread)
+    : onThread_(std::move(onThread)), start_(Clock::now()) {
     for (unsigned i = 0; i < processors; ++i) {
         processors_.push_back(std::make_unique<Processor>());
     }
@@ -65,6 +65,9 @@ std::uint32_t ThreadedScheduler::Start(StartOptions options, std::function<void(
     live_.insert(id);
     lock.unlock();
     std::thread([this, id, options = std::move(options), body = std::move(body)]() mutable {
+        if (onThread_) {
+            onThread_();
+        }
         RunContext(id, options, body);
     }).detach();
     return id;
@@ -90,7 +93,6 @@ void ThreadedScheduler::RunContext(std::uint32_t id,
     context.irql = options.kind == ContextKind::kDpc ? DISPATCH_LEVEL : PASSIVE_LEVEL;
     Context* const outside = t_context;
     t_context = &context;
-    UseSignalStack();
     SetIrql(context.irql);
     body();
     t_context = outside;
@@ -104,6 +106,9 @@ void ThreadedScheduler::Ended(std::uint32_t id) {
 }
 
 void ThreadedScheduler::RunProcessor(unsigned index) {
+    if (onThread_) {
+        onThread_();
+    }
     Processor& processor = *processors_[index];
     HostLock lock(mutex_);
     for (;;) {

@@ -22,7 +22,8 @@ namespace netsieve::host {
 /// when it does is for the simulated scheduler to find.
 class ThreadedScheduler final : public Scheduler {
   public:
-    explicit ThreadedScheduler(unsigned processors);
+    /// Each thread that it makes calls `onThread` first.
+    explicit ThreadedScheduler(unsigned processors, std::function<void()> onThread = {});
     ~ThreadedScheduler() override;
 
     bool simulated() const override { return false; }
@@ -31,7 +32,7 @@ class ThreadedScheduler final : public Scheduler {
     std::uint32_t Start(StartOptions options, std::function<void()> body) override;
     void Join(std::uint32_t id) override;
     void WaitUntilIdle() override;
-    void Point(PointKind) override {}
+    void Point(PointKind) override { ++CurrentContext().points; }
     void AcquireSpin(PKSPIN_LOCK lock) override { SpinUntilAcquired(lock); }
     void ReleaseSpin(PKSPIN_LOCK lock) override { ReleaseWord(lock); }
     void SetIrql(KIRQL irql) override;
@@ -84,6 +85,7 @@ class ThreadedScheduler final : public Scheduler {
     std::uint32_t QueueDpc(StartOptions options, std::function<void()> body);
     void Ended(std::uint32_t id);
 
+    std::function<void()> onThread_;
     HostMutex mutex_;  // guards everything below
     std::vector<std::unique_ptr<Processor>> processors_;
     std::set<std::uint32_t> live_;

@@ -127,6 +127,17 @@ TEST(MisbehaviourTest, IsReportedForWhatItIs) {
     }
 }
 
+TEST(MisbehaviourTest, ACrashSaysAtWhichFrame) {
+    const auto crash = [](SmallFilter& filter) {
+        filter.receive = [](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG, ULONG) {
+            std::uintptr_t address = 0x40;
+            asm("" : "+r"(address));  // or the compiler would know better
+            static_cast<void>(*reinterpret_cast<volatile UCHAR*>(address));
+        };
+    };
+    EXPECT_DEATH(RunFourFrames(crash), "NETSIEVE read from address 0x40\n.*step:   frame 2\n");
+}
+
 TEST(MisbehaviourTest, AnInjectedFrameHasTheCapturesTime) {
     const ReplayRunner run = RunFourFrames(&SendTwice);
     // The second sent frame is the third of the capture, at one second; its copy comes before it.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "host/verifier/crash_report.h"
+
 namespace netsieve::tool {
 
 /// The exit statuses in the order of their weight: when several apply, the highest is the one.
@@ -19,7 +21,9 @@ enum class ExitStatus : int {
     kDriverNotLoaded = 7,
     kFramesLost = 8,
     kRuleBroken = 9,
+    kDriverCrashed = 10,  ///< the host ends the process with it
 };
+static_assert(static_cast<int>(ExitStatus::kDriverCrashed) == host::kCrashStatus);
 
 /// The graver of two.
 constexpr ExitStatus Graver(ExitStatus left, ExitStatus right) {
@@ -39,6 +43,7 @@ constexpr std::string_view kExitStatusHelp =
   7  the driver or a hook could not be loaded or did not bind to the adapter
   8  frames, NBLs or memory were lost in the driver
   9  the driver broke a rule of its platform
+  10 the driver or a hook crashed or never came back; the run ended there
 When several apply, the highest number is the exit status.)";
 
 }  // namespace netsieve::tool

@@ -7,8 +7,10 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "host/verifier/run_notes.h"
 #include "tools/netsieve/boot_filters_command.h"
 #include "tools/netsieve/exit_status.h"
 #include "tools/netsieve/image_command.h"
@@ -53,6 +55,25 @@ ExitStatus RunCommandLine(int argc, char** argv) {
     return status;
 }
 
+/// The command line in a form that a shell takes.
+std::string CommandLine(int argc, char** argv) {
+    std::string line;
+    for (int i = 0; i < argc; ++i) {
+        std::string_view argument(argv[i]);
+        line += i == 0 ? "" : " ";
+        if (argument.find_first_of(" \t\n\"'\\$&|;<>()*?[]#~`!{}") == argument.npos) {
+            line += argument;
+            continue;
+        }
+        line += '\'';
+        for (const char character : argument) {
+            line += character == '\'' ? std::string("'\\''") : std::string(1, character);
+        }
+        line += '\'';
+    }
+    return line;
+}
+
 /// Whether something that was to be read on standard output has not got there, which is said.
 bool OutputFailed() {
     const bool failsNow = std::fflush(stdout) != 0;
@@ -71,6 +92,7 @@ int main(int argc, char** argv) {
     // failures like any other.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    netsieve::host::NoteReplay(CommandLine(argc, argv));
     ExitStatus status = ExitStatus::kClean;
     try {
         status = RunCommandLine(argc, argv);

@@ -11,6 +11,7 @@
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
+#include "host/verifier/run_notes.h"
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_exchange.h"
 #include "tools/netsieve/records/module_trace.h"
@@ -143,6 +144,7 @@ class ReplayRun {
         while (!OutputFailed() && (outcome = job_.reader.Next(frame)) == ReadOutcome::kFrame) {
             report_.framesRead = job_.reader.framesRead();
             report_.bytesRead += frame.capturedLength;
+            host::NoteStep("frame", report_.framesRead);
             CatchUpTo(frame.stamp);
             const Direction direction = DirectionOf(frame);
             exchange_.SetDirection(direction);

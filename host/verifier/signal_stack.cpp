@@ -1,4 +1,4 @@
-#include "host/sched/signal_stack.h"
+#include "host/verifier/signal_stack.h"
 
 #include <signal.h>
 #include <sys/mman.h>

@@ -1,0 +1,121 @@
+// What goes wrong beyond repair ends the process with a report that names who did it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/sanitizers.h"
+#include "host/verifier/crash_report.h"
+#include "host/verifier/run_notes.h"
+#include "tests/verifier/breakers.h"
+
+namespace netsieve::host {
+namespace {
+
+using Routine = void (*)();
+
+struct Crash {
+    const char* name;
+    Routine act;
+    const char* report;  ///< a regular expression
+};
+
+/// The byte at an address that the compiler does not know.
+volatile UCHAR& At(std::uintptr_t address) {
+    asm("" : "+r"(address));
+    return *reinterpret_cast<volatile UCHAR*>(address);
+}
+
+volatile int g_zero = 0;
+volatile int g_result = 0;
+
+// NOLINTNEXTLINE(misc-no-recursion)
+[[gnu::noinline]] int Recurse(volatile int* outer) {
+    volatile int inner[64] = {*outer};
+    return *outer != 0 ? 0 : Recurse(inner) + inner[1];
+}
+
+void SpinForEver() {
+    while (g_zero == 0) {
+    }
+}
+
+const Crash kCrashes[] = {
+    {"Read", [] { g_result = At(0x18); }, "SMALL read from address 0x18\n"},
+    {"Write", [] { At(0x1234560) = 1; }, "SMALL wrote to address 0x1234560\n"},
+    {"Jump", [] { reinterpret_cast<Routine>(0x4560)(); }, "SMALL jumped to address 0x4560\n"},
+    {"NoAddress", [] { g_result = At(0xCDCDCDCDCDCDCDCD); }, "used a pointer that is no address"},
+    {"Division", [] { g_result = 7 / g_zero; }, "divided by zero"},
+    {"NoInstruction", [] { asm volatile("ud2"); }, "executed what is no instruction"},
+    {"Stack", [] { g_result = Recurse(&g_zero); }, "used up its kernel stack of 24 KiB\n"},
+    {"Stuck", &SpinForEver, "SMALL has not come back for 200 ms, nor passed a scheduling point"},
+};
+
+class CrashedRun : public testing::TestWithParam<Crash> {
+  protected:
+    /// Sends an NBL to a filter that crashes over it, at DISPATCH_LEVEL with a lock held.
+    static void Run(const Crash& crash) {
+        Machine machine({.seed = 7, .stuckAfter = std::chrono::milliseconds(200)});
+        Scene scene(machine);
+        KSPIN_LOCK lock;
+        NoteReplay("run it again");
+        NoteStep("frame", 17);
+        scene.filter.send = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
+            KeInitializeSpinLock(&lock);
+            KeAcquireSpinLockRaiseToDpc(&lock);
+            crash.act();
+        };
+        machine.Run([&] {
+            scene.Start();
+            scene.Send();
+        });
+    }
+    static bool EndedSo(int status) {
+#if defined(NETSIEVE_ASAN) || defined(NETSIEVE_TSAN)
+        return status != 0;
+#else
+        return testing::ExitedWithCode(kCrashStatus)(status);
+#endif
+    }
+};
+
+TEST_P(CrashedRun, EndsWithAReport) {
+#ifdef NETSIEVE_TSAN
+    if (GetParam().act == &SpinForEver) {
+        GTEST_SKIP() << "ThreadSanitizer delivers no signal to a loop without calls";
+    }
+#endif
+    const std::string report = std::string(GetParam().report) +
+                               ".*    code:   .*    by:     thread 1 .main. on processor 0 at IRQL "
+                               "2, in FilterSendNetBufferLists of SMALL\n"
+                               "    holds:  spin lock #[0-9]+ in .*"
+                               "    step:   frame 17\n    replay: run it again\n    seed:   7\n"
+                               "    stack:  .*verifier_test.0x";
+    EXPECT_EXIT(Run(GetParam()), EndedSo, report);
+}
+
+INSTANTIATE_TEST_SUITE_P(, CrashedRun, testing::ValuesIn(kCrashes), [](const auto& crash) {
+    return crash.param.name;
+});
+
+// A context at its own work is no hang however long it takes, only one that goes round and round.
+TEST(Progress, IsMissedWhenPointsArePassedAndNothingBeginsOrEnds) {
+    Machine machine({.pointsWithoutProgress = 1000});
+    Scene scene(machine);
+    const RunResult result = machine.Run([&] {
+        scene.filter.send = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
+            for (;;) {
+                KeStallExecutionProcessor(1);
+            }
+        };
+        scene.Start();
+        scene.Send();
+    });
+    EXPECT_FALSE(result.completed);
+    ASSERT_EQ(machine.verifier().violations().size(), 1u) << machine.verifier().Describe();
+    EXPECT_EQ(machine.verifier().violations()[0].rule, Rule::kHang);
+    EXPECT_THAT(result.abandonReason, testing::HasSubstr(", in FilterSendNetBufferLists"));
+    EXPECT_THAT(result.abandonReason, testing::HasSubstr("verifier_test+0x"));
+}
+
+}  // namespace
+}  // namespace netsieve::host
