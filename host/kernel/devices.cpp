@@ -8,43 +8,85 @@
 
 namespace netsieve::host {
 
+namespace {
+constexpr CSHORT kDeviceObjectType = 3;  // IO_TYPE_DEVICE
+}
+
 Devices::~Devices() {
     for (const PIO_WORKITEM item : items_) {
         delete item;
     }
 }
 
-NTSTATUS Devices::Create(PDRIVER_OBJECT driverObject, std::u16string name, PDEVICE_OBJECT* device) {
+Devices::DeviceList::iterator Devices::Find(PDEVICE_OBJECT object) {
+    return std::find_if(devices_.begin(), devices_.end(),
+                        [&](const Device& device) { return device.object.get() == object; });
+}
+
+Devices::Device Devices::Make(const Wanted& wanted) {
+    const std::size_t size = sizeof(DEVICE_OBJECT) + wanted.extensionSize;
+    auto* const object = static_cast<PDEVICE_OBJECT>(std::calloc(1, size));
+    object->Type = kDeviceObjectType;
+    object->Size = static_cast<USHORT>(size);
+    object->Flags = DO_DEVICE_INITIALIZING;
+    object->Characteristics = wanted.characteristics;
+    object->DeviceExtension = wanted.extensionSize == 0 ? nullptr : object + 1;
+    object->DeviceType = wanted.type;
+    object->StackSize = 1;
+    Device device;
+    device.object.reset(object);
+    device.name = wanted.name;
+    return device;
+}
+
+void Devices::Link(PDRIVER_OBJECT driver, PDEVICE_OBJECT object) {
+    object->DriverObject = driver;
+    object->NextDevice = driver->DeviceObject;
+    driver->DeviceObject = object;
+}
+
+void Devices::Unlink(PDEVICE_OBJECT object) {
+    PDEVICE_OBJECT* link = &object->DriverObject->DeviceObject;
+    while (*link != nullptr && *link != object) {
+        link = &(*link)->NextDevice;
+    }
+    if (*link != nullptr) {
+        *link = object->NextDevice;
+    }
+}
+
+NTSTATUS Devices::Create(PDRIVER_OBJECT driverObject,
+                         const Wanted& wanted,
+                         PDEVICE_OBJECT* device) {
     if (machine_.faults().Fails(FaultKind::kDevice)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostLock lock(mutex_);
-    if (std::any_of(devices_.begin(), devices_.end(),
-                    [&](const auto& other) { return !name.empty() && other->name == name; })) {
+    if (std::any_of(devices_.begin(), devices_.end(), [&](const Device& other) {
+            return !other.deleted && !wanted.name.empty() && other.name == wanted.name;
+        })) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
-    devices_.push_back(std::make_unique<DEVICE_OBJECT>());
-    devices_.back()->name = std::move(name);
-    devices_.back()->driver = machine_.DriverOf(driverObject);
-    driverObject->DeviceObject = devices_.back().get();
-    *device = devices_.back().get();
+    devices_.push_back(Make(wanted));
+    devices_.back().driver = machine_.DriverOf(driverObject);
+    *device = devices_.back().object.get();
+    Link(driverObject, *device);
     return STATUS_SUCCESS;
 }
 
 void Devices::Delete(PDEVICE_OBJECT device) {
     HostLock lock(mutex_);
-    const auto it = std::find_if(devices_.begin(), devices_.end(),
-                                 [&](const auto& other) { return other.get() == device; });
-    if (it == devices_.end()) {
+    const auto it = Find(device);
+    if (it == devices_.end() || it->deleted) {
         machine_.verifier().Report(Rule::kPoolInvalidPointer,
                                    "IoDeleteDevice of what is no device of this machine");
         return;
     }
-    if (LoadedDriver* const driver = device->driver;
-        driver != nullptr && driver->object().DeviceObject == device) {
-        driver->object().DeviceObject = nullptr;
+    Unlink(device);
+    it->deleted = true;
+    if (it->queued == 0) {
+        devices_.erase(it);
     }
-    devices_.erase(it);
 }
 
 PIO_WORKITEM Devices::AllocateWorkItem(PDEVICE_OBJECT device) {
@@ -52,7 +94,13 @@ PIO_WORKITEM Devices::AllocateWorkItem(PDEVICE_OBJECT device) {
         return nullptr;
     }
     HostLock lock(mutex_);
-    auto* item = new IO_WORKITEM{.device = device, .driver = device->driver};
+    const auto it = Find(device);
+    if (it == devices_.end()) {
+        machine_.verifier().Report(Rule::kPoolInvalidPointer,
+                                   "IoAllocateWorkItem for what is no device of this machine");
+        return nullptr;
+    }
+    auto* item = new IO_WORKITEM{.device = device, .driver = it->driver};
     items_.insert(item);
     return item;
 }
@@ -73,11 +121,21 @@ void Devices::FreeWorkItem(PIO_WORKITEM item) {
     delete item;
 }
 
-void Devices::RequireDevice(const IO_WORKITEM& item, const char* what) {
-    if (std::none_of(devices_.begin(), devices_.end(),
-                     [&](const auto& device) { return device.get() == item.device; })) {
+bool Devices::Hold(const IO_WORKITEM& item) {
+    const auto it = Find(item.device);
+    if (it == devices_.end() || (it->deleted && it->queued == 0)) {
         machine_.verifier().Report(Rule::kPoolUseAfterFree,
-                                   fmt::format("{} against a device that was deleted", what));
+                                   "IoQueueWorkItem against a device that was deleted");
+        return false;
+    }
+    ++it->queued;
+    return true;
+}
+
+void Devices::LetGo(PDEVICE_OBJECT object) {
+    const auto it = Find(object);
+    if (--it->queued == 0 && it->deleted) {
+        devices_.erase(it);
     }
 }
 
@@ -93,37 +151,45 @@ void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID conte
             machine_.verifier().Report(Rule::kWorkItemQueued, "IoQueueWorkItem while it is queued");
             return;
         }
-        RequireDevice(*item, "IoQueueWorkItem");
+        if (!Hold(*item)) {
+            return;
+        }
         item->queued = true;
         routines_.insert(item->driver);
     }
-    const unsigned processor = CurrentContext().processor;
-    machine_.scheduler().Start(
-        {.name = "work item", .kind = ContextKind::kWorker, .processor = processor},
-        [this, item, routine, context] {
-            PDEVICE_OBJECT device = nullptr;
-            LoadedDriver* driver = nullptr;
-            {
-                // Dequeued: from here on the routine itself may free the item.
-                HostLock lock(mutex_);
-                RequireDevice(*item, "a work item routine");
-                item->queued = false;
-                device = item->device;
-                driver = item->driver;
-                routines_.erase(routines_.find(driver));
-                if (item->freedEarly) {
-                    items_.erase(item);
-                    delete item;
-                }
-            }
-            const CallbackScope scope("work item routine", driver, nullptr);
-            routine(device, context);
-        });
+    machine_.scheduler().Start({.name = "work item",
+                                .kind = ContextKind::kWorker,
+                                .processor = CurrentContext().processor},
+                               [this, item, routine, context] { Run(item, routine, context); });
+}
+
+void Devices::Run(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID context) {
+    PDEVICE_OBJECT device = nullptr;
+    LoadedDriver* driver = nullptr;
+    {
+        // Dequeued: from here on the routine itself may free the item.
+        HostLock lock(mutex_);
+        item->queued = false;
+        device = item->device;
+        driver = item->driver;
+        routines_.erase(routines_.find(driver));
+        if (item->freedEarly) {
+            items_.erase(item);
+            delete item;
+        }
+    }
+    {
+        const CallbackScope scope("work item routine", driver, nullptr);
+        routine(device, context);
+    }
+    HostLock lock(mutex_);
+    LetGo(device);
 }
 
 std::size_t Devices::Live() {
     HostLock lock(mutex_);
-    return devices_.size();
+    return static_cast<std::size_t>(std::count_if(
+        devices_.begin(), devices_.end(), [](const Device& device) { return !device.deleted; }));
 }
 
 std::size_t Devices::LiveWorkItems() {
@@ -133,9 +199,9 @@ std::size_t Devices::LiveWorkItems() {
 
 std::size_t Devices::DevicesOf(const LoadedDriver* driver) {
     HostLock lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(devices_.begin(), devices_.end(),
-                      [&](const auto& device) { return device->driver == driver; }));
+    return static_cast<std::size_t>(std::count_if(
+        devices_.begin(), devices_.end(),
+        [&](const Device& device) { return device.driver == driver && !device.deleted; }));
 }
 
 std::size_t Devices::WorkItemsOf(const LoadedDriver* driver) {
@@ -157,20 +223,22 @@ using namespace netsieve::host;
 extern "C" {
 
 NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject,
-                              ULONG,
+                              ULONG DeviceExtensionSize,
                               PUNICODE_STRING DeviceName,
-                              DEVICE_TYPE,
-                              ULONG,
+                              DEVICE_TYPE DeviceType,
+                              ULONG DeviceCharacteristics,
                               BOOLEAN,
                               PDEVICE_OBJECT* DeviceObject) {
     Machine& machine = Machine::Current();
     machine.verifier().DemandPassive("IoCreateDevice");
     machine.EnterCall("IoCreateDevice");
-    std::u16string name;
+    Devices::Wanted wanted{.extensionSize = DeviceExtensionSize,
+                           .type = DeviceType,
+                           .characteristics = DeviceCharacteristics};
     if (DeviceName != nullptr) {
-        name.assign(DeviceName->Buffer, DeviceName->Length / sizeof(WCHAR));
+        wanted.name.assign(DeviceName->Buffer, DeviceName->Length / sizeof(WCHAR));
     }
-    return machine.devices().Create(DriverObject, std::move(name), DeviceObject);
+    return machine.devices().Create(DriverObject, wanted, DeviceObject);
 }
 
 VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {

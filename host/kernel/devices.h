@@ -1,12 +1,14 @@
 // Device objects and the work items that hang on them.
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/verifier/verifier.h"
+#include "platform/kernel.h"
 
 namespace netsieve::host {
 
@@ -14,12 +16,6 @@ class LoadedDriver;
 class Machine;
 
 }  // namespace netsieve::host
-
-/// A device as the host keeps it; drivers only hold the pointer.
-struct DEVICE_OBJECT {
-    std::u16string name;
-    netsieve::host::LoadedDriver* driver = nullptr;
-};
 
 /// A work item as the host keeps it.
 struct IO_WORKITEM {
@@ -37,9 +33,17 @@ class Devices {
     explicit Devices(Machine& machine) : machine_(machine) {}
     ~Devices();
 
+    /// What a driver says of a device that it wants.
+    struct Wanted {
+        std::u16string name{};  ///< may be empty
+        ULONG extensionSize = 0;
+        DEVICE_TYPE type = 0;
+        ULONG characteristics = 0;
+    };
     /// STATUS_OBJECT_NAME_COLLISION when the name is taken, STATUS_INSUFFICIENT_RESOURCES on a
     /// fault.
-    NTSTATUS Create(PDRIVER_OBJECT driverObject, std::u16string name, PDEVICE_OBJECT* device);
+    NTSTATUS Create(PDRIVER_OBJECT driverObject, const Wanted& wanted, PDEVICE_OBJECT* device);
+    /// A device that work items are queued against goes with the last of their routines.
     void Delete(PDEVICE_OBJECT device);
     PIO_WORKITEM AllocateWorkItem(PDEVICE_OBJECT device);
     void FreeWorkItem(PIO_WORKITEM item);
@@ -55,13 +59,34 @@ class Devices {
     std::size_t RoutinesOf(const LoadedDriver* driver);
 
   private:
-    /// Reports an item whose device is gone: the device has to outlive the item's routine. `mutex_`
-    /// is held.
-    void RequireDevice(const IO_WORKITEM& item, const char* what);
+    /// A device and its extension, which lie in one stretch of memory as the system lays them out.
+    struct Device {
+        struct Free {
+            void operator()(PDEVICE_OBJECT memory) const { std::free(memory); }
+        };
+        std::unique_ptr<DEVICE_OBJECT, Free> object;
+        std::u16string name;
+        LoadedDriver* driver = nullptr;
+        unsigned queued = 0;  ///< work items against it whose routine has not returned
+        bool deleted = false;
+    };
+    using DeviceList = std::vector<Device>;
+
+    // All with `mutex_` held.
+    DeviceList::iterator Find(PDEVICE_OBJECT object);
+    static Device Make(const Wanted& wanted);
+    static void Link(PDRIVER_OBJECT driver, PDEVICE_OBJECT object);
+    static void Unlink(PDEVICE_OBJECT object);
+    /// The item's routine will run, or has returned; false when its device is gone.
+    bool Hold(const IO_WORKITEM& item);
+    void LetGo(PDEVICE_OBJECT object);
+
+    /// The life of a queued item: in a worker.
+    void Run(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID context);
 
     Machine& machine_;
     HostMutex mutex_;
-    std::vector<std::unique_ptr<DEVICE_OBJECT>> devices_;
+    DeviceList devices_;
     std::set<PIO_WORKITEM> items_;
     std::multiset<const LoadedDriver*> routines_;
 };

@@ -76,13 +76,35 @@ enum MEMORY_CACHING_TYPE : std::int32_t { MmNonCached = 0, MmCached = 1 };
 constexpr ULONG NormalPagePriority = 16;
 enum MM_SYSTEMSIZE : std::int32_t { MmSmallSystem = 0, MmMediumSystem = 1, MmLargeSystem = 2 };
 
-struct DEVICE_OBJECT;  // opaque: the driver only passes the pointer on
-using PDEVICE_OBJECT = DEVICE_OBJECT*;
 struct IO_WORKITEM;  // opaque
 using PIO_WORKITEM = IO_WORKITEM*;
 
 struct DRIVER_OBJECT;
 using PDRIVER_OBJECT = DRIVER_OBJECT*;
+
+// The fields that a driver may use of its own devices; the others are the system's.
+struct alignas(16) DEVICE_OBJECT {
+    CSHORT Type;
+    USHORT Size;
+    LONG ReferenceCount;
+    PDRIVER_OBJECT DriverObject;
+    DEVICE_OBJECT* NextDevice;
+    DEVICE_OBJECT* AttachedDevice;
+    PVOID CurrentIrp;
+    PVOID Timer;
+    ULONG Flags;
+    ULONG Characteristics;
+    PVOID Vpb;
+    PVOID DeviceExtension;
+    ULONG DeviceType;
+    CHAR StackSize;
+    UCHAR SystemFields1[75];
+    ULONG AlignmentRequirement;
+    UCHAR SystemFields2[180];
+};
+using PDEVICE_OBJECT = DEVICE_OBJECT*;
+static_assert(sizeof(DEVICE_OBJECT) == 336);  // some headers leave its alignment out
+constexpr ULONG DO_DEVICE_INITIALIZING = 0x80;
 using PDRIVER_INITIALIZE = NTSTATUS(NTAPI*)(PDRIVER_OBJECT DriverObject,
                                             PUNICODE_STRING RegistryPath);
 using PDRIVER_UNLOAD = VOID(NTAPI*)(PDRIVER_OBJECT DriverObject);
@@ -188,7 +210,8 @@ NTIMPORT NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object,
                                               BOOLEAN Alertable,
                                               PLARGE_INTEGER Timeout);
 
-// PASSIVE_LEVEL. The device belongs to the driver object until IoDeleteDevice.
+// PASSIVE_LEVEL. The device belongs to the driver object until IoDeleteDevice, and with it
+// DeviceExtensionSize zeroed bytes at its DeviceExtension. A work item that is queued keeps it.
 NTIMPORT NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject,
                                        ULONG DeviceExtensionSize,
                                        PUNICODE_STRING DeviceName,

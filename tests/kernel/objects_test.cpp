@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "host/machine.h"
 #include "platform/atomics.h"
 
@@ -29,11 +31,11 @@ class DriverObjects : public testing::Test {
         });
         EXPECT_TRUE(machine_.verifier().Silent()) << machine_.verifier().Describe();
     }
-    NTSTATUS Create(const char16_t* name, PDEVICE_OBJECT* device) {
+    NTSTATUS Create(const char16_t* name, PDEVICE_OBJECT* device, ULONG extension = 0) {
         UNICODE_STRING text;
         RtlInitUnicodeString(&text, name);
-        return IoCreateDevice(g_object, 0, name == nullptr ? nullptr : &text, FILE_DEVICE_UNKNOWN,
-                              0, FALSE, device);
+        return IoCreateDevice(g_object, extension, name == nullptr ? nullptr : &text,
+                              FILE_DEVICE_UNKNOWN, 0, FALSE, device);
     }
 
     Machine machine_;
@@ -97,6 +99,38 @@ TEST_F(DriverObjects, AWorkItemMayBeQueuedAgainAndFreedByItsRoutine) {
         EXPECT_EQ(state.runs, 2);
         IoDeleteDevice(device);
     });
+}
+
+// The routine has its device, with what lies in the extension, though it was deleted meanwhile.
+TEST_F(DriverObjects, AQueuedWorkItemKeepsItsDevice) {
+    struct State {
+        KEVENT done;
+        PIO_WORKITEM item = nullptr;
+        static VOID NTAPI Routine(PDEVICE_OBJECT device, PVOID context) {
+            auto* const state = static_cast<State*>(context);
+            EXPECT_EQ(*static_cast<ULONG*>(device->DeviceExtension), 0x5EEDu);
+            IoFreeWorkItem(state->item);
+            KeSetEvent(&state->done, 0, FALSE);
+        }
+    } state;
+    Run([&] {
+        constexpr ULONG kExtension = 3000;
+        PDEVICE_OBJECT device = nullptr;
+        ASSERT_EQ(Create(u"\\Device\\HELD", &device, kExtension), STATUS_SUCCESS);
+        EXPECT_EQ(device->DriverObject, g_object);
+        EXPECT_EQ(device->Size, sizeof(DEVICE_OBJECT) + kExtension);
+        auto* const extension = static_cast<UCHAR*>(device->DeviceExtension);
+        EXPECT_EQ(std::count(extension, extension + kExtension, 0), kExtension);
+        *reinterpret_cast<ULONG*>(extension) = 0x5EED;
+        KeInitializeEvent(&state.done, NotificationEvent, FALSE);
+        state.item = IoAllocateWorkItem(device);
+        machine_.scheduler().SetIrql(DISPATCH_LEVEL);
+        IoQueueWorkItem(state.item, &State::Routine, DelayedWorkQueue, &state);
+        machine_.scheduler().SetIrql(PASSIVE_LEVEL);
+        IoDeleteDevice(device);
+        KeWaitForSingleObject(&state.done, Executive, KernelMode, FALSE, nullptr);
+    });
+    EXPECT_EQ(machine_.devices().Live(), 0u);
 }
 
 TEST_F(DriverObjects, ADeviceNameIsTakenUntilItsDeviceIsDeleted) {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "host/kernel/visible_text.h"
 #include "tools/netsieve/driver_exports.h"
 
 namespace netsieve::tool {
@@ -51,7 +52,7 @@ void DriverSession::Fail(const std::string& why) {
     failure_ = fmt::format("the driver {} cannot be used: {}", driver_, why);
     for (std::string line : machine_.debugOutput()) {
         line.erase(line.find_last_not_of('\n') + 1);
-        *failure_ += "; " + line;
+        *failure_ += "; " + host::VisibleText(line);
     }
 }
 

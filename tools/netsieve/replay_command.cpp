@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "host/kernel/visible_text.h"
 #include "tools/netsieve/capture_reader.h"
 #include "tools/netsieve/capture_writer.h"
 #include "tools/netsieve/mac_address.h"
@@ -32,7 +33,7 @@ constexpr MacAddress kFallbackAddress = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 constexpr std::uint32_t kMostPerUnit = 4096;
 
 void PrintMessage(const std::string& message) {
-    fmt::print(stderr, "netsieve: {}\n", message);
+    fmt::print(stderr, "netsieve: {}\n", host::VisibleText(message));
 }
 
 /// One replay from opening the capture to printing the summary.

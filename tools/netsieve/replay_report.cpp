@@ -6,6 +6,8 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "host/kernel/visible_text.h"
+
 namespace netsieve::tool {
 namespace {
 
@@ -233,7 +235,7 @@ void AddOutput(SummaryText& text, const ReplayReport& report) {
 
 void AddLines(SummaryText& text, const char* label, const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
-        text.Line(label, "{}", line);
+        text.Line(label, "{}", host::VisibleText(line));
         label = "";
     }
 }
