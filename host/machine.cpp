@@ -6,6 +6,7 @@
 
 #include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
+#include "host/sanitizers.h"
 #include "host/sched/threaded_scheduler.h"
 #include "host/verifier/fault_signals.h"
 #include "host/verifier/signal_stack.h"
@@ -219,7 +220,24 @@ LoadedDriver* Machine::DriverOf(const DRIVER_OBJECT* object) {
     return it == drivers_.end() ? nullptr : it->get();
 }
 
+void Machine::CheckStack(const char* routine, const void* stack) {
+    CallFrame* const frame = CurrentContext().frame;
+    if (frame == nullptr) {
+        return;
+    }
+    frame->stackAtCall = reinterpret_cast<std::uintptr_t>(stack);
+    const std::size_t taken =
+        frame->stackBefore +
+        (frame->stackAtEntry > frame->stackAtCall ? frame->stackAtEntry - frame->stackAtCall : 0);
+    // A sanitizer makes frames several times larger than they are.
+    if (taken > kKernelStackSize && !kSanitized) {
+        verifier_.Report(Rule::kKernelStack,
+                         fmt::format("{} called with {} bytes of stack in use", routine, taken));
+    }
+}
+
 void Machine::EnterCallChecked(const char* routine) {
+    CheckStack(routine, __builtin_frame_address(0));
     CollectTouch(*this);
     verifier_.DemandUpToDispatch(routine);
     // A routine whose last act lets the unload continue may still be returning. It may call nothing

@@ -118,6 +118,8 @@ class Machine {
 
   private:
     void EnterCallChecked(const char* routine);
+    /// Notes how deep the stack is at a platform call, and reports a driver that is too deep.
+    void CheckStack(const char* routine, const void* stack);
     void CheckNothingLeft(LoadedDriver& driver);
     void Retire(LoadedDriver& driver);
 

@@ -1,4 +1,5 @@
-// Which sanitizer this build runs under: NETSIEVE_ASAN or NETSIEVE_TSAN, or neither.
+// Which sanitizer this build runs under: NETSIEVE_ASAN or NETSIEVE_TSAN, or neither, and
+// kSanitized.
 #pragma once
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -12,3 +13,11 @@
 #define NETSIEVE_TSAN 1
 #endif
 #endif
+
+namespace netsieve::host {
+#if defined(NETSIEVE_ASAN) || defined(NETSIEVE_TSAN)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+}  // namespace netsieve::host

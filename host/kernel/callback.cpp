@@ -2,10 +2,26 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "host/kernel/memory_faults.h"
 #include "host/machine.h"
 
 namespace netsieve::host {
+
+namespace {
+
+/// What the callbacks that are entered have taken of the stack when another begins at `stack`. What
+/// the host takes in between does not count: the kernel's own calls are small.
+std::size_t StackTaken(const CallFrame* outer, std::uintptr_t stack) {
+    if (outer == nullptr) {
+        return 0;
+    }
+    const std::uintptr_t end = std::max(outer->stackAtCall, stack);
+    return outer->stackBefore + (outer->stackAtEntry > end ? outer->stackAtEntry - end : 0);
+}
+
+}  // namespace
 
 CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* module) {
     Context& context = CurrentContext();
@@ -15,6 +31,8 @@ CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* mo
     frame_.module = module;
     frame_.entryIrql = context.irql;
     frame_.heldAtEntry = context.held.size();
+    frame_.stackAtEntry = reinterpret_cast<std::uintptr_t>(this);
+    frame_.stackBefore = StackTaken(context.frame, frame_.stackAtEntry);
     context.frame = &frame_;
     Machine::Current().scheduler().NoteProgress();
 }

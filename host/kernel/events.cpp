@@ -142,8 +142,13 @@ Ticks DeadlineOf(Machine& machine, PLARGE_INTEGER timeout) {
 }
 
 // Out of the fast paths for the registers' sake, as the spin locks' slow forms are.
-__attribute__((noinline)) LONG NTAPI SetSlowly(PKEVENT event) {
+__attribute__((noinline)) LONG NTAPI SetSlowly(PKEVENT event, bool wait) {
     Machine::Current().EnterCall("KeSetEvent");
+    if (wait && CurrentContext().irql >= DISPATCH_LEVEL) {
+        Machine::Current().verifier().Report(
+            Rule::kEventWaitLevel,
+            fmt::format("KeSetEvent with Wait TRUE at IRQL {}", CurrentContext().irql));
+    }
     return Machine::Current().events().Set(event);
 }
 
@@ -164,9 +169,9 @@ VOID NTAPI KeInitializeEvent(PKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
     Machine::Current().events().Initialise(Event, Type, State != FALSE);
 }
 
-LONG NTAPI KeSetEvent(PKEVENT Event, KPRIORITY, BOOLEAN) {
+LONG NTAPI KeSetEvent(PKEVENT Event, KPRIORITY, BOOLEAN Wait) {
     if (!g_plainMode) {
-        return SetSlowly(Event);
+        return SetSlowly(Event, Wait != FALSE);
     }
     const LONG before = __atomic_exchange_n(&Event->Header.SignalState, 1, __ATOMIC_SEQ_CST);
     if (Machine::Current().events().waiters() != 0) {

@@ -14,15 +14,35 @@ PNDIS_TIMER_FUNCTION FunctionOf(PNDIS_TIMER timer) {
     return reinterpret_cast<PNDIS_TIMER_FUNCTION>(timer->Dpc.DeferredRoutine);
 }
 
+constexpr UCHAR kTimerType = 8;  // TimerNotificationObject
+constexpr UCHAR kTimerSize = sizeof(KTIMER) / sizeof(LONG);
+
 }  // namespace
 
 Timers::Timers(Scheduler& scheduler, Verifier& verifier)
     : scheduler_(scheduler), verifier_(verifier) {}
 
 void Timers::Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context) {
+    if (Cancel(timer)) {
+        verifier_.Report(Rule::kTimerReinitialised,
+                         fmt::format("NdisInitializeTimer of the timer in {}",
+                                     Machine::Current().pool().Describe(timer)));
+    }
     *timer = {};
+    timer->Timer.Header.Type = kTimerType;
+    timer->Timer.Header.Size = kTimerSize;
     timer->Dpc.DeferredRoutine = reinterpret_cast<PVOID>(function);
     timer->Dpc.DeferredContext = context;
+}
+
+bool Timers::IsInitialised(PNDIS_TIMER timer, const char* routine) {
+    if (timer->Timer.Header.Type == kTimerType && timer->Timer.Header.Size == kTimerSize) {
+        return true;
+    }
+    verifier_.Report(
+        Rule::kTimerUninitialised,
+        fmt::format("{} of a timer in {}", routine, Machine::Current().pool().Describe(timer)));
+    return false;
 }
 
 void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
@@ -137,7 +157,10 @@ VOID NTAPI NdisInitializeTimer(PNDIS_TIMER Timer,
 
 VOID NTAPI NdisSetTimer(PNDIS_TIMER Timer, UINT MillisecondsToDelay) {
     Machine::Current().EnterCall("NdisSetTimer");
-    Machine::Current().timers().Set(Timer, MillisecondsToDelay);
+    Timers& timers = Machine::Current().timers();
+    if (timers.IsInitialised(Timer, "NdisSetTimer")) {
+        timers.Set(Timer, MillisecondsToDelay);
+    }
 }
 
 VOID NTAPI KeFlushQueuedDpcs(VOID) {
@@ -147,13 +170,17 @@ VOID NTAPI KeFlushQueuedDpcs(VOID) {
 }
 
 VOID NTAPI KeStallExecutionProcessor(ULONG MicroSeconds) {
-    Machine::Current().EnterCall("KeStallExecutionProcessor");
+    if (!g_plainMode) {
+        Machine::Current().scheduler().Point(PointKind::kCall);  // at any IRQL
+    }
     Machine::Current().scheduler().Sleep(Ticks{MicroSeconds} * 10);
 }
 
 VOID NTAPI NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled) {
     Machine::Current().EnterCall("NdisCancelTimer");
-    *TimerCancelled = Machine::Current().timers().Cancel(Timer) ? TRUE : FALSE;
+    Timers& timers = Machine::Current().timers();
+    const bool cancelled = timers.IsInitialised(Timer, "NdisCancelTimer") && timers.Cancel(Timer);
+    *TimerCancelled = cancelled ? TRUE : FALSE;
 }
 
 }  // extern "C"

@@ -17,6 +17,8 @@ class Timers {
     Timers(Scheduler& scheduler, Verifier& verifier);
 
     void Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context);
+    /// Whether it looks like one that Initialise wrote; reports one that does not.
+    bool IsInitialised(PNDIS_TIMER timer, const char* routine);
     /// Arms, or arms anew, for `milliseconds` from now.
     void Set(PNDIS_TIMER timer, UINT milliseconds);
     /// True when the timer was armed and will not fire. A routine that has started goes on.

@@ -22,7 +22,15 @@ struct CallFrame {
     bool countWasWrong = false;    ///< NumberOfNetBufferLists of the indication was wrong
     bool cancelForwarded = false;  ///< the cancel request was passed down
     std::size_t heldAtEntry = 0;
+    // Where the stack stood, for the room that drivers take: when the callback was entered, and
+    // when it last called the platform. `stackBefore` is what the callbacks around it have taken.
+    std::uintptr_t stackAtEntry = 0;
+    std::uintptr_t stackAtCall = 0;
+    std::size_t stackBefore = 0;
 };
+
+/// The stack that a kernel thread has.
+constexpr std::size_t kKernelStackSize = 24 * 1024;
 
 /// A spin lock that this context holds.
 struct HeldLock {

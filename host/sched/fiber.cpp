@@ -1,7 +1,6 @@
 #include "host/sched/fiber.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <boost/context/detail/fcontext.hpp>
 #include <new>
@@ -29,9 +28,11 @@ using boost::context::detail::transfer_t;
 
 // Sanitizers make frames several times larger; the pages are only touched when used.
 constexpr std::size_t kStackSize = 512 * 1024;
+// A frame with large arrays may reach far below the stack before it touches anything.
+constexpr std::size_t kGuardSize = 64 * 1024;
 
 struct Stack {
-    char* base = nullptr;  // lowest usable byte, one guard page above the mapping's start
+    char* base = nullptr;  // lowest usable byte, the guard above the mapping's start
     void* sanitizerFiber = nullptr;
 };
 
@@ -65,15 +66,14 @@ Stack TakeStack() {
 #endif
         return stack;
     }
-    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    void* mapping = mmap(nullptr, kStackSize + page, PROT_READ | PROT_WRITE,
+    void* mapping = mmap(nullptr, kStackSize + kGuardSize, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapping == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    mprotect(mapping, page, PROT_NONE);
+    mprotect(mapping, kGuardSize, PROT_NONE);
     Stack stack;
-    stack.base = static_cast<char*>(mapping) + page;
+    stack.base = static_cast<char*>(mapping) + kGuardSize;
     BeginSanitizerFiber(stack);
 #ifdef NETSIEVE_ASAN
     __lsan_register_root_region(stack.base, kStackSize);

@@ -20,13 +20,6 @@ namespace {
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 struct sigaction g_before[NSIG];
 
-// A sanitizer has more to say than this report, and ends the process with its own status.
-#if defined(NETSIEVE_ASAN) || defined(NETSIEVE_TSAN)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
 // With nobody to hand it to, the access is made again when this returns, and ends the process.
 void HandOn(int signal, siginfo_t* info, void* context) {
     const struct sigaction& before = g_before[signal];
@@ -89,6 +82,7 @@ void OnFault(int signal, siginfo_t* info, void* context) {
         SignalText what;
         AppendFault(what, signal, *info, context, place);
         WriteCrashReport(what.View(), place);
+        // A sanitizer has more to say than this report, and ends the process with its own status.
         if (!kSanitized) {
             EndCrashedProcess();
         }

@@ -12,6 +12,10 @@ namespace {
 constexpr KSPIN_LOCK kMark = 0x5A5Eull << 48;
 constexpr KSPIN_LOCK kMarkMask = 0xFFFFull << 48;
 
+KSPIN_LOCK FreeWord(std::uint32_t record) {
+    return kMark | static_cast<KSPIN_LOCK>(record) << 1;
+}
+
 KSPIN_LOCK LoadWord(PKSPIN_LOCK lock) {
     return __atomic_load_n(lock, __ATOMIC_RELAXED);
 }
@@ -30,10 +34,9 @@ std::uint32_t LockTracker::Register(PKSPIN_LOCK lock) {
         index = free_.back();
         free_.pop_back();
     }
-    records_[index].lock = lock;
-    records_[index].after.clear();
+    records_[index] = {.lock = lock};
     byAddress_[reinterpret_cast<std::uintptr_t>(lock)] = index;
-    __atomic_store_n(lock, kMark | static_cast<KSPIN_LOCK>(index) << 1, __ATOMIC_RELEASE);
+    __atomic_store_n(lock, FreeWord(index), __ATOMIC_RELEASE);
     return index;
 }
 
@@ -43,12 +46,29 @@ std::uint32_t LockTracker::Resolve(PKSPIN_LOCK lock) {
     if ((word & kMarkMask) == kMark && index < records_.size() && records_[index].lock == lock) {
         return static_cast<std::uint32_t>(index);
     }
+    const auto known = byAddress_.find(reinterpret_cast<std::uintptr_t>(lock));
+    if (known != byAddress_.end() && records_[known->second].held) {
+        CheckHeldWord(known->second);
+        return known->second;
+    }
     if (word != 0 || !acceptZero_) {
         verifier_.Report(Rule::kLockUninitialised,
                          fmt::format("lock in {} holds {:#x}, which no initialisation wrote",
                                      describe_(lock), word));
     }
     return Register(lock);
+}
+
+void LockTracker::CheckHeldWord(std::uint32_t record) {
+    PKSPIN_LOCK const lock = records_[record].lock;
+    const KSPIN_LOCK expected = FreeWord(record) | 1;
+    if (const KSPIN_LOCK word = LoadWord(lock); word != expected) {
+        verifier_.Report(
+            Rule::kLockOverwritten,
+            fmt::format("the word of the lock in {}, which is held, is {:#x} and was {:#x}",
+                        describe_(lock), word, expected));
+        __atomic_store_n(lock, expected, __ATOMIC_RELEASE);
+    }
 }
 
 std::string LockTracker::Name(std::uint32_t record) const {
@@ -62,13 +82,12 @@ void LockTracker::Initialise(PKSPIN_LOCK lock) {
         Register(lock);
         return;
     }
-    const KSPIN_LOCK expected = kMark | static_cast<KSPIN_LOCK>(known->second) << 1;
-    if (LoadWord(lock) == (expected | 1)) {
+    if (records_[known->second].held) {
         verifier_.Report(Rule::kLockReinitialised,
                          fmt::format("lock in {} is initialised while held", describe_(lock)));
         return;
     }
-    __atomic_store_n(lock, expected, __ATOMIC_RELEASE);
+    __atomic_store_n(lock, FreeWord(known->second), __ATOMIC_RELEASE);
 }
 
 bool LockTracker::BeforeAcquire(PKSPIN_LOCK lock, bool atDpc) {
@@ -131,7 +150,9 @@ bool LockTracker::Reaches(std::uint32_t from, std::uint32_t to) const {
 
 void LockTracker::AfterAcquire(PKSPIN_LOCK lock, bool atDpc, KIRQL savedIrql) {
     HostLock guard(mutex_);
-    CurrentContext().held.push_back({lock, Resolve(lock), savedIrql, atDpc});
+    const std::uint32_t record = Resolve(lock);
+    records_[record].held = true;
+    CurrentContext().held.push_back({lock, record, savedIrql, atDpc});
 }
 
 bool LockTracker::BeforeRelease(PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql) {
@@ -162,6 +183,11 @@ bool LockTracker::BeforeRelease(PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql) {
                                                       describe_(lock), context.irql));
     }
     const bool freed = held->freed;
+    if (!freed) {
+        HostLock guard(mutex_);
+        CheckHeldWord(held->record);
+        records_[held->record].held = false;
+    }
     context.held.erase(held);
     return !freed;
 }
@@ -172,8 +198,7 @@ void LockTracker::ForgetRange(const void* start, std::size_t size) {
     auto it = byAddress_.lower_bound(first);
     while (it != byAddress_.end() && it->first < first + size) {
         const std::uint32_t index = it->second;
-        const KSPIN_LOCK word = LoadWord(records_[index].lock);
-        if ((word & kMarkMask) == kMark && (word & 1) != 0) {
+        if (records_[index].held) {
             verifier_.Report(Rule::kLockInFreedMemory,
                              fmt::format("lock in {} is held", Name(index)));
             for (HeldLock& held : CurrentContext().held) {

@@ -35,11 +35,14 @@ class LockTracker {
   private:
     struct Record {
         PKSPIN_LOCK lock = nullptr;
-        std::vector<std::uint32_t> after;  ///< records acquired while this one was held
+        bool held = false;
+        std::vector<std::uint32_t> after{};  ///< records acquired while this one was held
     };
 
     std::uint32_t Register(PKSPIN_LOCK lock);
     std::uint32_t Resolve(PKSPIN_LOCK lock);
+    /// Reports a held lock whose word is not as it was left, and puts it right.
+    void CheckHeldWord(std::uint32_t record);
     void NoteOrder(std::uint32_t record);
     bool Reaches(std::uint32_t from, std::uint32_t to) const;
     std::string Name(std::uint32_t record) const;

@@ -40,6 +40,8 @@ namespace netsieve::host {
     X(NblPoolInUse, "an NBL pool is freed when all its NBLs are freed")                    \
     X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \
+    X(TimerUninitialised, "a timer is initialised before it is set or cancelled")          \
+    X(TimerReinitialised, "a timer is not initialised while it is armed")                  \
     X(TimerInFreedMemory, "a timer is not armed in memory that is freed")                  \
     X(PoolZeroSize, "no allocation has size zero")                                         \
     X(PagedPoolLevel, "paged pool is used below DISPATCH_LEVEL only")                      \
@@ -59,10 +61,13 @@ namespace netsieve::host {
     X(LockOwner, "a spin lock is released by its owner")                                   \
     X(LockUninitialised, "a spin lock is initialised before it is used")                   \
     X(LockReinitialised, "a spin lock is not initialised while it is held")                \
+    X(LockOverwritten, "nobody writes a spin lock's word while it is held")                \
     X(LockInFreedMemory, "memory with a held spin lock in it is not freed")                \
     X(LockOrder, "spin locks are acquired in one order throughout")                        \
     X(WaitLevel, "a wait that may block runs below DISPATCH_LEVEL with no spin lock held") \
+    X(EventWaitLevel, "KeSetEvent with Wait runs below DISPATCH_LEVEL")                    \
     X(EventUninitialised, "an event is initialised before it is used")                     \
+    X(KernelStack, "the drivers' calls on a thread use at most 24 KiB of stack")           \
     X(ModuleFreedInUse, "a module's context lives until no call is inside")                \
     X(RoutineOutlivesDriver, "no routine of a driver runs or is queued when it is gone")   \
     X(Hang, "a wait makes progress")                                                       \

@@ -42,6 +42,28 @@ VOID NTAPI WaitAndSet(PDEVICE_OBJECT, PVOID context) {
     KeSetEvent(&events->done, 0, FALSE);
 }
 
+/// Calls `body` with so much of the stack behind it.
+template <std::size_t kSize, typename Body>
+[[gnu::noinline]] void OnTopOf(const Body& body) {
+    volatile UCHAR room[kSize];
+    room[0] = 1;
+    body();
+    room[kSize - 1] = room[0];
+}
+
+// What the host needs between the two counts for nobody.
+void TakeStack(Scene& scene) {
+    scene.filter.send = [&](PNET_BUFFER_LIST nbl, NDIS_PORT_NUMBER port, ULONG flags) {
+        OnTopOf<20 * 1024>([&] { NdisFSendNetBufferLists(scene.filter.handle, nbl, port, flags); });
+    };
+    scene.filter.sendComplete = [&](PNET_BUFFER_LIST nbl, ULONG flags) {
+        OnTopOf<8 * 1024>(
+            [&] { NdisFSendNetBufferListsComplete(scene.filter.handle, nbl, flags); });
+    };
+    scene.Start();
+    scene.Send();
+}
+
 PDEVICE_OBJECT Device(Scene& scene) {
     PDEVICE_OBJECT device = nullptr;
     IoCreateDevice(scene.filter.object, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
@@ -128,6 +150,19 @@ void TakeInBothOrders() {
     }
 }
 
+void TakeOverwrittenLock(Scene& scene) {
+    Lock lock;
+    Scheduler& scheduler = scene.machine.scheduler();
+    const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock.word);
+    lock.word = 0;
+    const std::uint32_t other = scheduler.Start({.name = "other", .processor = 1}, [&] {
+        KeReleaseSpinLock(&lock.word, KeAcquireSpinLockRaiseToDpc(&lock.word));
+    });
+    scheduler.Sleep(kTicksPerMillisecond);
+    KeReleaseSpinLock(&lock.word, irql);
+    scheduler.Join(other);
+}
+
 void RunPastUnload(Scene& scene) {
     static Rendezvous events;
     KeInitializeEvent(&events.go, NotificationEvent, FALSE);
@@ -181,6 +216,14 @@ std::vector<Breaker> LockBreakers() {
              KeInitializeSpinLock(&lock.word);
              KeReleaseSpinLock(&lock.word, irql);
          }},
+        {Rule::kLockOverwritten, "cleared by its owner, which then releases it",
+         [](Scene&) {
+             Lock lock;
+             const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock.word);
+             lock.word = 0;
+             KeReleaseSpinLock(&lock.word, irql);
+         }},
+        {Rule::kLockOverwritten, "cleared, and then acquired by another", &TakeOverwrittenLock},
         {Rule::kLockInFreedMemory, "freed while held, then released",
          [](Scene&) {
              auto* const lock = reinterpret_cast<PKSPIN_LOCK>(Block());
@@ -313,6 +356,26 @@ std::vector<Breaker> RoutineBreakers() {
                  },
                  false);
          }},
+        {Rule::kTimerUninitialised, "a timer of zeroes is set",
+         [](Scene&) {
+             NDIS_TIMER timer{};
+             NdisSetTimer(&timer, 1);
+         }},
+        {Rule::kTimerUninitialised, "a timer in a fresh block is cancelled",
+         [](Scene&) {
+             auto* const timer = reinterpret_cast<PNDIS_TIMER>(Block(sizeof(NDIS_TIMER)));
+             BOOLEAN cancelled = TRUE;
+             NdisCancelTimer(timer, &cancelled);
+             Free(timer);
+         }},
+        {Rule::kTimerReinitialised, "initialised while armed",
+         [](Scene& scene) {
+             NDIS_TIMER timer;
+             NdisInitializeTimer(&timer, &NoTimerRoutine, nullptr);
+             NdisSetTimer(&timer, 1);
+             NdisInitializeTimer(&timer, &NoTimerRoutine, nullptr);
+             scene.machine.scheduler().Sleep(5 * kTicksPerMillisecond);
+         }},
         {Rule::kTimerInFreedMemory, "armed", &FreeBlockWithTimer},
         {Rule::kTimerInFreedMemory, "queued", &FreeBlockWithQueuedTimer},
         {Rule::kRoutineOutlivesDriver, "a timer is armed at the end of unload",
@@ -350,6 +413,13 @@ std::vector<Breaker> LevelBreakers() {
              KeInitializeEvent(&event, NotificationEvent, TRUE);
              AtDispatch([&] { WaitFor(event, -kTicksPerMillisecond); });
          }},
+        {Rule::kEventWaitLevel, "set with Wait at DISPATCH_LEVEL",
+         [](Scene&) {
+             KEVENT event;
+             KeInitializeEvent(&event, NotificationEvent, FALSE);
+             AtDispatch([&] { KeSetEvent(&event, 0, TRUE); });
+         }},
+        {Rule::kKernelStack, "20 KiB in one routine and 8 in another that it leads to", &TakeStack},
         {Rule::kEventUninitialised, "an event of zeroes",
          [](Scene&) {
              KEVENT event{};
