@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/sanitizers.h"
+#include "host/sched/context.h"
 
 #ifdef NETSIEVE_ASAN
 #include <sanitizer/asan_interface.h>
@@ -27,7 +28,10 @@ using boost::context::detail::make_fcontext;
 using boost::context::detail::transfer_t;
 
 // Sanitizers make frames several times larger; the pages are only touched when used.
-constexpr std::size_t kStackSize = 512 * 1024;
+constexpr std::size_t kLargeStack = 512 * 1024;
+// What the host's own calls need below a driver's: reports, and the registry's libraries, most.
+constexpr std::size_t kHostRoom = 40 * 1024;
+constexpr std::size_t kKernelStack = kSanitized ? kLargeStack : kKernelStackSize + kHostRoom;
 // A frame with large arrays may reach far below the stack before it touches anything.
 constexpr std::size_t kGuardSize = 64 * 1024;
 
@@ -36,9 +40,13 @@ struct Stack {
     void* sanitizerFiber = nullptr;
 };
 
-std::vector<Stack>& StackPool() {
-    thread_local std::vector<Stack> pool;
-    return pool;
+constexpr std::size_t BytesOf(StackSize size) {
+    return size == StackSize::kKernel ? kKernelStack : kLargeStack;
+}
+
+std::vector<Stack>& StackPool(StackSize size) {
+    thread_local std::vector<Stack> pools[2];
+    return pools[static_cast<std::size_t>(size)];
 }
 
 // A flow ends in the middle of its functions. ThreadSanitizer's record of them would grow with each
@@ -55,18 +63,19 @@ void EndSanitizerFiber([[maybe_unused]] Stack& stack) {
 #endif
 }
 
-Stack TakeStack() {
-    std::vector<Stack>& pool = StackPool();
+Stack TakeStack(StackSize size) {
+    const std::size_t bytes = BytesOf(size);
+    std::vector<Stack>& pool = StackPool(size);
     if (!pool.empty()) {
         Stack stack = pool.back();
         pool.pop_back();
         BeginSanitizerFiber(stack);
 #ifdef NETSIEVE_ASAN
-        __asan_unpoison_memory_region(stack.base, kStackSize);
+        __asan_unpoison_memory_region(stack.base, bytes);
 #endif
         return stack;
     }
-    void* mapping = mmap(nullptr, kStackSize + kGuardSize, PROT_READ | PROT_WRITE,
+    void* mapping = mmap(nullptr, bytes + kGuardSize, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapping == MAP_FAILED) {
         throw std::bad_alloc();
@@ -76,7 +85,7 @@ Stack TakeStack() {
     stack.base = static_cast<char*>(mapping) + kGuardSize;
     BeginSanitizerFiber(stack);
 #ifdef NETSIEVE_ASAN
-    __lsan_register_root_region(stack.base, kStackSize);
+    __lsan_register_root_region(stack.base, bytes);
 #endif
     return stack;
 }
@@ -85,6 +94,7 @@ Stack TakeStack() {
 
 struct Fiber::Impl {
     Stack stack;
+    StackSize kind = StackSize::kLarge;
     bool adopted = false;
     bool ended = false;
     fcontext_t context = nullptr;
@@ -132,14 +142,16 @@ std::unique_ptr<Fiber> Fiber::Adopt() {
     return std::unique_ptr<Fiber>(new Fiber(std::move(impl)));
 }
 
-std::unique_ptr<Fiber> Fiber::Create(Entry entry, void* argument) {
+std::unique_ptr<Fiber> Fiber::Create(Entry entry, void* argument, StackSize size) {
     auto impl = std::make_unique<Impl>();
-    impl->stack = TakeStack();
+    const std::size_t bytes = BytesOf(size);
+    impl->stack = TakeStack(size);
+    impl->kind = size;
     impl->entry = entry;
     impl->argument = argument;
     impl->bottom = impl->stack.base;
-    impl->size = kStackSize;
-    impl->context = make_fcontext(impl->stack.base + kStackSize, kStackSize, &Impl::Trampoline);
+    impl->size = bytes;
+    impl->context = make_fcontext(impl->stack.base + bytes, bytes, &Impl::Trampoline);
     return std::unique_ptr<Fiber>(new Fiber(std::move(impl)));
 }
 
@@ -152,7 +164,7 @@ Fiber::~Fiber() {
 #endif
     if (!impl_->adopted && reuse) {
         EndSanitizerFiber(impl_->stack);
-        StackPool().push_back(impl_->stack);
+        StackPool(impl_->kind).push_back(impl_->stack);
     }
 }
 

@@ -2,9 +2,16 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 namespace netsieve::host {
+
+/// How much stack a flow has.
+enum class StackSize : std::uint8_t {
+    kKernel,  ///< a kernel thread's, and what the host needs on top: for what runs drivers alone
+    kLarge,   ///< for what runs code of the host's user
+};
 
 /// One switchable flow of control on its own guarded stack. Stacks are pooled for the process: a
 /// schedule search makes and ends millions of fibers.
@@ -19,7 +26,7 @@ class Fiber {
     static std::unique_ptr<Fiber> Adopt();
     /// A new flow that starts in `entry(argument)` when first switched to. `entry` must not return:
     /// it ends with a switch that says it is final.
-    static std::unique_ptr<Fiber> Create(Entry entry, void* argument);
+    static std::unique_ptr<Fiber> Create(Entry entry, void* argument, StackSize size);
     ~Fiber();
 
     Fiber(const Fiber&) = delete;

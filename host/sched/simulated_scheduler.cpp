@@ -46,7 +46,9 @@ std::uint32_t SimulatedScheduler::Start(StartOptions options, std::function<void
     task->context.name = std::move(options.name);
     task->context.processor = options.processor % processors();
     task->context.irql = options.kind == ContextKind::kDpc ? DISPATCH_LEVEL : PASSIVE_LEVEL;
-    task->fiber = Fiber::Create(&Enter, task.get());
+    task->fiber = Fiber::Create(
+        &Enter, task.get(),
+        options.kind == ContextKind::kThread ? StackSize::kLarge : StackSize::kKernel);
     const std::uint32_t id = task->context.id;
     strategy_->OnStart(id);
     tasks_.push_back(std::move(task));

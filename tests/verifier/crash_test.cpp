@@ -97,6 +97,48 @@ INSTANTIATE_TEST_SUITE_P(, CrashedRun, testing::ValuesIn(kCrashes), [](const aut
     return crash.param.name;
 });
 
+/// What runs drivers alone has a kernel's stack; what runs a test has more.
+TEST(CrashedDpc, HasUsedUpAKernelsStackSooner) {
+    const auto run = [] {
+        Machine machine;
+        Scene scene(machine);
+        machine.Run([&] {
+            machine.scheduler().Start({.name = "deep", .kind = ContextKind::kDpc}, [] {
+                volatile UCHAR room[100 * 1024];
+                room[0] = 1;
+                g_result = room[0];
+            });
+            machine.scheduler().WaitUntilIdle();
+        });
+    };
+    if (!kSanitized) {
+        EXPECT_EXIT(run(), testing::ExitedWithCode(kCrashStatus),
+                    "no driver used up its kernel stack of 24 KiB\n.*by:     dpc [0-9]+ .deep.");
+    }
+}
+
+// On real threads each has a watch and a stack for signals of its own.
+TEST(CrashedThread, ReportsAsAFiberDoes) {
+#ifdef NETSIEVE_TSAN
+    GTEST_SKIP() << "ThreadSanitizer delivers no signal to a loop without calls";
+#endif
+    const auto run = [](Routine act) {
+        Machine machine(
+            {.scheduler = SchedulerKind::kThreaded, .stuckAfter = std::chrono::milliseconds(200)});
+        Scene scene(machine);
+        scene.filter.send = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) { act(); };
+        machine.Run([&] {
+            scene.Start();
+            machine.scheduler().Join(machine.scheduler().Start({.name = "sender", .processor = 1},
+                                                               [&] { scene.Send(); }));
+        });
+    };
+    const char* const place = ".*thread [0-9]+ .sender. on processor 1 at IRQL 0, in FilterSend";
+    EXPECT_EXIT(run(&SpinForEver), testing::ExitedWithCode(kCrashStatus),
+                std::string("SMALL has not come back") + place);
+    EXPECT_DEATH(run([] { g_result = At(0x18); }), std::string("SMALL read from") + place);
+}
+
 // A context at its own work is no hang however long it takes, only one that goes round and round.
 TEST(Progress, IsMissedWhenPointsArePassedAndNothingBeginsOrEnds) {
     Machine machine({.pointsWithoutProgress = 1000});
