@@ -36,7 +36,11 @@ bool LoadedDriver::Prepare(std::string& error) {
         entry_ = reinterpret_cast<PDRIVER_INITIALIZE>(image_->EntryPoint());
         object_.DriverStart = const_cast<void*>(static_cast<const void*>(image_->memory().data()));
         object_.DriverSize = static_cast<ULONG>(image_->memory().size());
-        range_.emplace(source_.name.c_str(), object_.DriverStart, image_->memory().size());
+        range_.emplace(source_.name.c_str(), object_.DriverStart, image_->memory().size(),
+                       ImageRange::Kind::kImage);
+    } else if (const auto [start, size] = SharedObjectOf(reinterpret_cast<const void*>(entry_));
+               size != 0) {
+        range_.emplace(source_.name.c_str(), start, size, ImageRange::Kind::kSharedObject);
     }
     object_.DriverInit = entry_;
     return true;

@@ -3,11 +3,13 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fmt/format.h>
+#include <link.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <span>
 
 namespace netsieve::host {
 
@@ -18,10 +20,38 @@ constexpr std::size_t kMost = 64;
 // A slot is free while its size is 0.
 struct Slot {
     std::atomic<std::size_t> size = 0;
-    std::atomic<const char*> name = nullptr;
+    std::atomic<const char*> driver = nullptr;
     std::atomic<std::uintptr_t> start = 0;
+    std::atomic<ImageRange::Kind> kind = ImageRange::Kind::kImage;
 };
 Slot g_slots[kMost];
+
+/// The addresses of the object that `code` lies in.
+struct Stretch {
+    std::uintptr_t code;
+    std::uintptr_t start = 0;
+    std::uintptr_t end = 0;
+};
+
+int FindStretch(dl_phdr_info* object, std::size_t, void* argument) {
+    auto& stretch = *static_cast<Stretch*>(argument);
+    std::uintptr_t start = 0;
+    std::uintptr_t end = 0;
+    // In the order of their addresses.
+    for (const auto& header : std::span(object->dlpi_phdr, object->dlpi_phnum)) {
+        if (header.p_type == PT_LOAD) {
+            const std::uintptr_t first = object->dlpi_addr + header.p_vaddr;
+            start = end == 0 ? first : start;
+            end = first + header.p_memsz;
+        }
+    }
+    if (stretch.code < start || stretch.code >= end) {
+        return 0;
+    }
+    stretch.start = start;
+    stretch.end = end;
+    return 1;
+}
 
 const Slot* SlotOf(const void* code) {
     const auto address = reinterpret_cast<std::uintptr_t>(code);
@@ -35,14 +65,16 @@ const Slot* SlotOf(const void* code) {
 
 }  // namespace
 
-ImageRange::ImageRange(const char* name, const void* start, std::size_t size) : slot_(0) {
+ImageRange::ImageRange(const char* driver, const void* start, std::size_t size, Kind kind)
+    : slot_(0) {
     std::size_t free = 0;
     while (slot_ < kMost && !g_slots[slot_].size.compare_exchange_strong(free, 1)) {
         free = 0;
         ++slot_;
     }
     if (slot_ < kMost) {
-        g_slots[slot_].name = name;
+        g_slots[slot_].driver = driver;
+        g_slots[slot_].kind = kind;
         g_slots[slot_].start = reinterpret_cast<std::uintptr_t>(start);
         g_slots[slot_].size = size;
     }
@@ -56,13 +88,33 @@ ImageRange::~ImageRange() {
 }
 
 bool LiesInImage(const void* code) {
-    return SlotOf(code) != nullptr;
+    const Slot* const slot = SlotOf(code);
+    return slot != nullptr && slot->kind == ImageRange::Kind::kImage;
+}
+
+bool LiesInProgram(const void* code) {
+    Dl_info info{};
+    Dl_info own{};
+    return dladdr(code, &info) != 0 &&
+           dladdr(reinterpret_cast<const void*>(&LiesInProgram), &own) != 0 &&
+           info.dli_fbase == own.dli_fbase;
+}
+
+std::pair<const void*, std::size_t> SharedObjectOf(const void* code) {
+    if (LiesInProgram(code)) {
+        return {};
+    }
+    Stretch stretch{.code = reinterpret_cast<std::uintptr_t>(code)};
+    dl_iterate_phdr(&FindStretch, &stretch);
+    return {reinterpret_cast<const void*>(stretch.start), stretch.end - stretch.start};
 }
 
 CodeLocation LocateCode(const void* code) {
     const auto address = reinterpret_cast<std::uintptr_t>(code);
-    if (const Slot* const slot = SlotOf(code)) {
-        return {.name = slot->name, .offset = address - slot->start};
+    const Slot* const slot = SlotOf(code);
+    const char* const driver = slot == nullptr ? nullptr : slot->driver.load();
+    if (slot != nullptr && slot->kind == ImageRange::Kind::kImage) {
+        return {.driver = driver, .name = driver, .offset = address - slot->start};
     }
     // Neither allocates nor formats; its lock is one that a thread may take again.
     Dl_info info{};
@@ -70,7 +122,8 @@ CodeLocation LocateCode(const void* code) {
         return {};
     }
     const char* const slash = std::strrchr(info.dli_fname, '/');
-    CodeLocation location{.name = slash == nullptr ? info.dli_fname : slash + 1,
+    CodeLocation location{.driver = driver,
+                          .name = slash == nullptr ? info.dli_fname : slash + 1,
                           .offset = address - reinterpret_cast<std::uintptr_t>(info.dli_fbase)};
     if (info.dli_sname != nullptr) {
         location.symbol = info.dli_sname;

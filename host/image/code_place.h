@@ -3,14 +3,16 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 
 namespace netsieve::host {
 
-/// Says while it exists that an image lies at these addresses. The name must outlive it. Beyond 64
-/// images at a time they stay nameless.
+/// Says while it exists that a driver lies at these addresses: an image, or a shared object. The
+/// name must outlive it. Beyond 64 at a time they stay nameless.
 class ImageRange {
   public:
-    ImageRange(const char* name, const void* start, std::size_t size);
+    enum class Kind : bool { kImage, kSharedObject };
+    ImageRange(const char* driver, const void* start, std::size_t size, Kind kind);
     ~ImageRange();
     ImageRange(const ImageRange&) = delete;
     ImageRange& operator=(const ImageRange&) = delete;
@@ -22,6 +24,7 @@ class ImageRange {
 /// What holds an address: `name` is null when nothing is known there, `symbol` when the place has
 /// no name of its own.
 struct CodeLocation {
+    const char* driver = nullptr;  ///< that an ImageRange announced there
     const char* name = nullptr;
     std::size_t offset = 0;
     const char* symbol = nullptr;
@@ -30,8 +33,15 @@ struct CodeLocation {
 /// Safe in a signal handler.
 CodeLocation LocateCode(const void* code);
 
-/// Whether the address lies in an image that an ImageRange announced. Safe in a signal handler.
+/// Whether the address lies in an image, which the unwinder cannot follow. Safe in a signal
+/// handler.
 bool LiesInImage(const void* code);
+/// Whether it lies in this program itself. Safe in a signal handler.
+bool LiesInProgram(const void* code);
+
+/// The addresses of the shared object that `code` lies in; none for the program itself, which may
+/// hold any number of drivers.
+std::pair<const void*, std::size_t> SharedObjectOf(const void* code);
 
 /// As text: "hook.so+0x1139 (DriverEntry+0x20)".
 std::string CodePlace(const void* code);

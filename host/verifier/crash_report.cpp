@@ -109,6 +109,29 @@ void WriteStack(SignalText& text, const CrashPlace& place) {
     }
 }
 
+/// Whose code it was: of the driver that lies there, or, in a library, of the one that called. The
+/// drivers that are part of this program are told apart by the callback that is entered.
+std::string_view GuiltyDriver(const Context& context, const CrashPlace& place) {
+    const CodeLocation there = LocateCode(place.code);
+    if (there.driver != nullptr) {
+        return there.driver;
+    }
+    std::array<void*, 32> frames{};
+    std::size_t count = 0;
+    if (there.name != nullptr && !LiesInProgram(place.code)) {
+        count = static_cast<std::size_t>(backtrace(frames.data(), frames.size()));
+    }
+    const auto end = frames.begin() + static_cast<std::ptrdiff_t>(count);
+    for (auto at = std::find(frames.begin(), end, place.code); at != end && !LiesInProgram(*at);
+         ++at) {
+        if (const char* const caller = LocateCode(*at).driver) {
+            return caller;
+        }
+    }
+    const LoadedDriver* const driver = LoadedDriver::Innermost(context);
+    return driver == nullptr ? std::string_view("no driver") : std::string_view(driver->name());
+}
+
 // Another thread may crash before the process has ended, and so may the report itself, for which
 // what is written by then has to do.
 void ReportOnce() {
@@ -135,11 +158,8 @@ CrashPlace PlaceOf(const void* context) {
 void WriteCrashReport(std::string_view what, const CrashPlace& place) {
     ReportOnce();
     const Context& context = CurrentContext();
-    const LoadedDriver* const driver = LoadedDriver::Innermost(context);
     SignalText text;
-    text << "\n"
-         << (driver == nullptr ? "no driver" : std::string_view(driver->name())) << " " << what
-         << "\n    code:   ";
+    text << "\n" << GuiltyDriver(context, place) << " " << what << "\n    code:   ";
     AppendPlace(text, place.code);
     text << "\n";
     AppendContext(text, context);
