@@ -225,14 +225,16 @@ void Machine::CheckStack(const char* routine, const void* stack) {
     if (frame == nullptr) {
         return;
     }
+    const auto taken = [frame] {
+        const bool called = frame->stackAtCall != 0 && frame->stackAtEntry > frame->stackAtCall;
+        return frame->stackBefore + (called ? frame->stackAtEntry - frame->stackAtCall : 0);
+    };
+    const bool known = taken() > kKernelStackSize;
     frame->stackAtCall = reinterpret_cast<std::uintptr_t>(stack);
-    const std::size_t taken =
-        frame->stackBefore +
-        (frame->stackAtEntry > frame->stackAtCall ? frame->stackAtEntry - frame->stackAtCall : 0);
     // A sanitizer makes frames several times larger than they are.
-    if (taken > kKernelStackSize && !kSanitized) {
+    if (!known && taken() > kKernelStackSize && !kSanitized) {
         verifier_.Report(Rule::kKernelStack,
-                         fmt::format("{} called with {} bytes of stack in use", routine, taken));
+                         fmt::format("{} called with {} bytes of stack in use", routine, taken()));
     }
 }
 

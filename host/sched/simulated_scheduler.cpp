@@ -355,13 +355,8 @@ void SimulatedScheduler::GiveUpWithoutProgress() {
     std::string text =
         fmt::format("no progress: nothing began or ended while {} scheduling points were passed",
                     pointsWithoutProgress_);
-    for (const auto& task : tasks_) {
-        if (task->state == State::kReady) {
-            text += fmt::format("\n  {} at IRQL {}{}", task->context.Describe(), task->context.irql,
-                                task->context.DescribeCalls());
-        }
-    }
-    text += fmt::format("\n  {} stands in\n{}", current_->context.Describe(), CallStack());
+    text += fmt::format("\n  {} at IRQL {}{} stands in\n{}", current_->context.Describe(),
+                        current_->context.irql, current_->context.DescribeCalls(), CallStack());
     Abandon(text);
     __builtin_unreachable();
 }
