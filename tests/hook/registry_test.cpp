@@ -447,11 +447,16 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
     };
     for (const Case& c : {Case{ObjectType::kFilter, STATUS_UNSUCCESSFUL},
                           Case{ObjectType::kAdapter, STATUS_UNSUCCESSFUL},
-                          Case{std::nullopt, STATUS_INVALID_PARAMETER}}) {
+                          Case{std::nullopt, STATUS_INVALID_PARAMETER},
+                          Case{ObjectType::kOpen, STATUS_UNSUCCESSFUL}}) {
         OnScene([&](Scene& scene) {
+            // An open that leads to objects of other kinds has nothing to tell either.
+            const bool open = c.kind == ObjectType::kOpen;
+            auto& adapterObject = scene.stack.adapter().objects().adapter;
+            auto& protocolObject = scene.stack.protocol().objects().protocol;
             InternalObject object(c.kind.value_or(ObjectType::kFilter));
-            object.Put(16, scene.stack.adapter().objects().adapter.address());
-            object.Put(24, scene.stack.protocol().objects().protocol.address());
+            object.Put(16, (open ? protocolObject : adapterObject).address());
+            object.Put(24, (open ? adapterObject : protocolObject).address());
             const NDIS_HANDLE source = c.kind ? object.address() : nullptr;
             scene.stack.protocol().component().handle = source;
             Client client(u"asks");

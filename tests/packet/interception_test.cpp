@@ -1,10 +1,12 @@
 // NBLs that cross the hooks: whatever is withheld of them, their owner gets them back as they
 // were.
 #include <map>
+#include <numeric>
 #include <optional>
 
 #include "host/ndis/intermediate_driver.h"
 #include "host/sched/random.h"
+#include "packet/copy_net_buffer.h"
 #include "packet/nbl_context.h"
 #include "tests/packet/pending_rig.h"
 
@@ -460,6 +462,30 @@ TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
             });
         }
     }
+}
+
+// An offset that lies behind the first MDLs of the chain.
+TEST(NirpPoolTest, CopiesFromWhereverTheFrameBegins) {
+    OnScene([](Scene& scene) {
+        std::vector<UCHAR> bytes(60);
+        std::iota(bytes.begin(), bytes.end(), UCHAR{1});
+        MDL mdls[3];
+        for (std::size_t i = 0; i < 3; ++i) {
+            DescribeBuffer(mdls[i], bytes.data() + 20 * i, 20, true);
+            mdls[i].Next = i < 2 ? &mdls[i + 1] : nullptr;
+        }
+        for (const ULONG offset : {0u, 19u, 20u, 25u, 40u, 59u}) {
+            NET_BUFFER netBuffer{};
+            netBuffer.CurrentMdl = mdls;
+            netBuffer.CurrentMdlOffset = offset;
+            netBuffer.DataLength = 60 - offset;
+            NIRP* const nirp = GetNirp(scene.module, 60, false);
+            EXPECT_EQ(CopyNetBufferToNirp(&netBuffer, nirp), 60 - offset);
+            EXPECT_EQ(std::vector<UCHAR>(nirp->Buffer, nirp->Buffer + 60 - offset),
+                      std::vector<UCHAR>(bytes.begin() + offset, bytes.end()));
+            ReturnNirp(scene.module, nirp, false);
+        }
+    });
 }
 
 }  // namespace
