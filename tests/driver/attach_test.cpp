@@ -128,6 +128,13 @@ TEST(AttachRefusalTest, TakesOnlyItsOwnContextAndEthernet) {
         LoadedDriver* const driver = machine.FindDriver("NETSIEVE");
         const FilterModule* const module = ethernet.FindModule(driver);
         const FilterRegistration& registration = module->registration;
+        // Every event that passes through does so by a handler; OID requests pass without one.
+        const NDIS_FILTER_DRIVER_CHARACTERISTICS& handlers = registration.handlers;
+        EXPECT_TRUE(handlers.CancelSendNetBufferListsHandler && handlers.StatusHandler &&
+                    handlers.NetPnPEventHandler && handlers.DevicePnPEventNotifyHandler);
+        EXPECT_FALSE(handlers.SetOptionsHandler || handlers.SetFilterModuleOptionsHandler ||
+                     handlers.OidRequestHandler || handlers.OidRequestCompleteHandler ||
+                     handlers.CancelOidRequestHandler);
         UNICODE_STRING name{};
         NDIS_FILTER_ATTACH_PARAMETERS parameters{};
         parameters.FilterModuleGuidName = &name;
