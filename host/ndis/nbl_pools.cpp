@@ -338,7 +338,13 @@ std::size_t NblPools::DriverNbls() {
 
 namespace {
 
-// What the platform's pages NBL, without the values of which the platform here has none.
+// As published for revision 1, the first and smallest.
+bool IsComplete(const NET_BUFFER_LIST_POOL_PARAMETERS& parameters) {
+    return parameters.Header.Type == NDIS_OBJECT_TYPE_DEFAULT && parameters.Header.Revision >= 1 &&
+           parameters.Header.Size >= sizeof(parameters) && parameters.PoolTag != 0;
+}
+
+// What the platform's pages list, without the values of which the platform here has none.
 constexpr NDIS_NET_BUFFER_LIST_INFO kCopiedOnSend[] = {
     TcpIpChecksumNetBufferListInfo,
     IPsecOffloadV1NetBufferListInfo,
@@ -385,11 +391,18 @@ using namespace netsieve::host;
 extern "C" {
 
 NDIS_HANDLE NTAPI NdisAllocateNetBufferListPool(NDIS_HANDLE NdisHandle,
-                                                PNET_BUFFER_LIST_POOL_PARAMETERS) {
+                                                PNET_BUFFER_LIST_POOL_PARAMETERS Parameters) {
     Machine& machine = Machine::Current();
     machine.EnterCall("NdisAllocateNetBufferListPool");
     FilterModule* const module = machine.ndis().ModuleOf(NdisHandle);
     if (module == nullptr) {
+        return nullptr;
+    }
+    if (!IsComplete(*Parameters)) {
+        machine.verifier().Report(
+            Rule::kNblPoolParameters,
+            fmt::format("header {:#x}, revision {}, {} bytes; tag {:#x}", Parameters->Header.Type,
+                        Parameters->Header.Revision, Parameters->Header.Size, Parameters->PoolTag));
         return nullptr;
     }
     return machine.ndis().nblPools().CreatePool(&module->component,

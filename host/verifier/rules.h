@@ -37,6 +37,7 @@ namespace netsieve::host {
     X(ContextSize, "an NBL context's size is a multiple of MEMORY_ALLOCATION_ALIGNMENT")   \
     X(ContextLeft, "an NBL goes back without contexts of others on it")                    \
     X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
+    X(NblPoolParameters, "an NBL pool is described by its header and a pool tag")          \
     X(NblPoolInUse, "an NBL pool is freed when all its NBLs are freed")                    \
     X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \

@@ -394,7 +394,7 @@ TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
     };
     const Case cases[] = {{0x60000, 48, 1376}, {0x60001, 48, 1376}, {0x60002, 48, 0},
                           {0x60014, 48, 344},  {0x6001D, 48, 0},    {0x6001E, 56, 336},
-                          {0x60028, 56, 336},  {0x60032, 56, 0}};
+                          {0x6001F, 56, 0},    {0x60028, 56, 336},  {0x60032, 56, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "NDIS " << std::hex << c.version);
         const auto body = [&](Scene& scene) {
@@ -477,6 +477,29 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
             EXPECT_EQ(scene.module->ProtocolCount, 0u);
             client.Stop();
         });
+    }
+}
+
+// One byte more than such a name's buffer has is 0 as a 16-bit number, too few for any name.
+TEST(PacketQueriesTest, ANameWithTheLongestBufferHasNoEntry) {
+    for (const USHORT length : {USHORT{0}, USHORT{2}}) {
+        const auto body = [&](Scene& scene) {
+            WCHAR text[] = u"x";
+            scene.stack.protocol().objects().protocol.Put(64, UNICODE_STRING{length, 0xFFFF, text});
+            Client client(u"asks");
+            client.handler = [](NIRP* nirp) -> LONG {
+                PROTOCOL_ENTRY* entry = nullptr;
+                EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
+                EXPECT_EQ(entry, nullptr);
+                return HOOK_VERDICT_PASS;
+            };
+            client.Start();
+            scene.Pass(true, {MakeFrame(1)});
+            EXPECT_EQ(client.calls, 1);
+            EXPECT_EQ(scene.module->ProtocolCount, 0u);
+            client.Stop();
+        };
+        OnScene(body, {.ndisVersion = 0x60000});
     }
 }
 

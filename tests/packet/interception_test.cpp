@@ -464,6 +464,27 @@ TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
     }
 }
 
+// As dumps show them.
+static_assert(NIRP_STATE_IDLE == 0 && NIRP_STATE_SEND == 1 && NIRP_STATE_RECEIVE == 3 &&
+              NIRP_STATE_PENDING == 4 && NIRP_STATE_COMPLETED == 5 && NIRP_STATE_RELEASED == 6);
+static_assert(NBL_TYPE_SEND == 0x1000 && NBL_TYPE_INJECTED == 0x1001 &&
+              NBL_TYPE_SEND_CLONE == 0x1002 && NBL_TYPE_RECEIVE == 0x1003 &&
+              NBL_TYPE_RECEIVE_CLONE == 0x1004 && NBL_TYPE_UNINSPECTED == 0x1005);
+
+// The NIRP of a frame that passed is taken for the next one only if that is of its size.
+TEST(NirpPoolTest, EachFrameHasANirpOfItsSize) {
+    OnScene([](Scene& scene) {
+        std::vector<ULONG> capacities;
+        TestHook hook([&](NIRP* nirp) -> LONG {
+            capacities.push_back(nirp->BufferCapacity);
+            return HOOK_VERDICT_PASS;
+        });
+        scene.Pass(true,
+                   {MakeFrame(1, 9000), MakeFrame(1), MakeFrame(1, 1514), MakeFrame(1, 1515)});
+        EXPECT_EQ(capacities, (std::vector<ULONG>{65535, 1514, 1514, 65535}));
+    });
+}
+
 // An offset that lies behind the first MDLs of the chain.
 TEST(NirpPoolTest, CopiesFromWhereverTheFrameBegins) {
     OnScene([](Scene& scene) {

@@ -60,7 +60,9 @@ void SendTwice(SmallFilter& filter) {
                                       ULONG flags) mutable {
         if (++sent == 2) {
             NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
+            parameters.Header = {NDIS_OBJECT_TYPE_DEFAULT, 1, sizeof(parameters)};
             parameters.fAllocateNetBuffer = TRUE;
+            parameters.PoolTag = 0x74736574;
             const NET_BUFFER& buffer = *chain->FirstNetBuffer;
             PNET_BUFFER_LIST const copy = NdisAllocateNetBufferAndNetBufferList(
                 NdisAllocateNetBufferListPool(filter.handle, &parameters), 0, 0, buffer.MdlChain,

@@ -8,6 +8,14 @@ namespace {
 
 constexpr ULONG kResources = NDIS_RECEIVE_FLAGS_RESOURCES;
 
+NET_BUFFER_LIST_POOL_PARAMETERS PoolParameters() {
+    NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
+    parameters.Header = {NDIS_OBJECT_TYPE_DEFAULT, 1, sizeof(parameters)};
+    parameters.fAllocateNetBuffer = TRUE;
+    parameters.PoolTag = 0x74736574;
+    return parameters;
+}
+
 UCHAR& FirstByte(PNET_BUFFER_LIST nbl) {
     const NET_BUFFER& buffer = *nbl->FirstNetBuffer;
     return static_cast<UCHAR*>(buffer.CurrentMdl->MappedSystemVa)[buffer.CurrentMdlOffset];
@@ -168,6 +176,27 @@ std::vector<Breaker> HandOverBreakers() {
              SendOn(scene, chain);
          })},
         {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
+        {Rule::kNblPoolParameters, "a pool is asked for without a header",
+         [](Scene& scene) {
+             scene.Start();
+             NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+             parameters.Header = {};
+             NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+         }},
+        {Rule::kNblPoolParameters, "a pool is asked for with half a header",
+         [](Scene& scene) {
+             scene.Start();
+             NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+             parameters.Header.Size = sizeof(parameters.Header);
+             NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+         }},
+        {Rule::kNblPoolParameters, "a pool is asked for without a tag",
+         [](Scene& scene) {
+             scene.Start();
+             NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+             parameters.PoolTag = 0;
+             NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+         }},
         {Rule::kNblChainEmpty, "an empty chain is sent",
          [](Scene& scene) {
              scene.Start();
@@ -380,8 +409,7 @@ void Scene::Finish() {
 }
 
 PNET_BUFFER_LIST Scene::MakeOwn() {
-    NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
-    parameters.fAllocateNetBuffer = TRUE;
+    NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
     ownPool_ = NdisAllocateNetBufferListPool(filter.handle, &parameters);
     ownMdl_ = NdisAllocateMdl(filter.handle, ownFrame_, sizeof(ownFrame_));
     own = NdisAllocateNetBufferAndNetBufferList(ownPool_, 0, 0, ownMdl_, 0, sizeof(ownFrame_));
