@@ -134,8 +134,9 @@ std::string EachOnce(const std::vector<Frame>& arrived, std::span<const Frame> f
 }
 
 /// A mark from outside the handler, while the NIRP goes on from its frame to the next one: it takes
-/// over the one or the other whole, or is refused.
-std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
+/// over the one or the other whole, or is refused. `refused`: it always is, since there is no NBL
+/// to be had for the clone.
+std::string RunLateMark(Machine& machine, ScheduleTree& tree, bool refused) {
     Model model(machine, tree);
     Scene scene(machine, model.stack);
     const Frame frames[] = {MakeFrame(1), MakeFrame(2, 200)};
@@ -152,7 +153,11 @@ std::string RunLateMark(Machine& machine, ScheduleTree& tree) {
             }
             return HOOK_VERDICT_PASS;
         });
+        if (refused) {
+            machine.faults().Arm({.kind = FaultKind::kNbl, .nth = 1, .persistent = true});
+        }
         model.Explore([&] { scene.Pass(true, {frames[0], frames[1]}); });
+        machine.faults().Disarm();
     }
     machine.UnloadDriver("NETSIEVE");
     return EachOnce(scene.wire, frames);
@@ -263,6 +268,12 @@ Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
             }};
 }
 
+Case OfLateMark(const char* name, bool refused) {
+    return {name, 2, [refused](Machine& machine, ScheduleTree& tree) {
+                return RunLateMark(machine, tree, refused);
+            }};
+}
+
 Case OfInjection(const char* name,
                  Against against,
                  bool worker,
@@ -288,7 +299,8 @@ const Case kCases[] = {
     OfRequest("two completions against restore", {.marks = 2, .restore = true}),
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
-    {"late mark against the next frame", 2, RunLateMark},
+    OfLateMark("late mark against the next frame", false),
+    OfLateMark("late mark that is refused", true),
     OfSecondCompletion("second completion against the other direction", false),
     OfSecondCompletion("second completion against a pending frame", true),
     OfInjection("injection against pause", Against::kPause, false),
