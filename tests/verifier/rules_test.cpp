@@ -39,6 +39,9 @@ TEST_P(BrokenRule, IsReportedAndNoOther) {
         GTEST_SKIP() << "AddressSanitizer stops the program at the access itself";
     }
 #endif
+    if (kSanitized && breaker.rule == Rule::kKernelStack) {
+        GTEST_SKIP() << "a sanitizer's frames are larger than the driver's, and are not counted";
+    }
     Machine machine;
     Scene scene(machine);
     RunBreaker(machine, scene, breaker);
