@@ -268,8 +268,8 @@ Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
             }};
 }
 
-Case OfLateMark(const char* name, bool refused) {
-    return {name, 2, [refused](Machine& machine, ScheduleTree& tree) {
+Case OfLateMark(const char* name, bool refused, unsigned preemptions) {
+    return {name, preemptions, [refused](Machine& machine, ScheduleTree& tree) {
                 return RunLateMark(machine, tree, refused);
             }};
 }
@@ -299,8 +299,8 @@ const Case kCases[] = {
     OfRequest("two completions against restore", {.marks = 2, .restore = true}),
     OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
     OfRequest("mark against pause", {.pause = true, .markInside = true}),
-    OfLateMark("late mark against the next frame", false),
-    OfLateMark("late mark that is refused", true),
+    OfLateMark("late mark against the next frame", false, 2),
+    OfLateMark("late mark that is refused", true, 3),
     OfSecondCompletion("second completion against the other direction", false),
     OfSecondCompletion("second completion against a pending frame", true),
     OfInjection("injection against pause", Against::kPause, false),
