@@ -45,9 +45,9 @@ struct HOOK_FILTER {
     NDIS_EVENT HookIdleEvent;
     UCHAR UnloadNotified;  // 1 from just before UnloadNotify is called
 
-    UCHAR
-        TimerRunning;  // HookIdleTimer is armed, or its routine runs; WriteRelease and ReadAcquire
-    ULONG Life;        // a HOOK_LIFE_ value; changed as hook_life.h says
+    // HookIdleTimer is armed, or its routine runs; WriteRelease and ReadAcquire.
+    UCHAR TimerRunning;
+    ULONG Life;                 // a HOOK_LIFE_ value; changed as hook_life.h says
     ULONGLONG AnnounceSerial;   // of the announcement to the modules; under ModuleListLock
     NDIS_EVENT TakenDownEvent;  // signalled when the hook is in no table any more
 };
