@@ -10,9 +10,8 @@ struct FILTER_DRIVER_GLOBALS {
     PDRIVER_OBJECT DriverObject;
 
     // Guards ModuleList, DetachingList, the ActiveCalls of every module, AnnounceSerial and
-    // DeviceObject. Inside it may be taken: a module's HookLock, free-list, trace and
-    // OutstandingNbls lock, the lock of an NBL's context, and that of WorkItems. Never held
-    // together with the lock of HookList.
+    // DeviceObject. Inside it may be taken: a module's HookLock, free-list and trace lock, and the
+    // lock of a DRAIN_COUNT. Never held together with the lock of HookList.
     DRIVER_SPIN_LOCK ModuleListLock;
     LIST_ENTRY ModuleList
         GUARDED_BY(ModuleListLock);  // the attached FILTER_MODULEs, in the order of their attach
