@@ -45,10 +45,10 @@ VOID NTAPI WaitAndSet(PDEVICE_OBJECT, PVOID context) {
 /// Calls `body` with so much of the stack behind it.
 template <std::size_t kSize, typename Body>
 [[gnu::noinline]] void OnTopOf(const Body& body) {
-    volatile UCHAR room[kSize];
-    room[0] = 1;
+    UCHAR room[kSize];
+    KeepAll(room);
     body();
-    room[kSize - 1] = room[0];
+    KeepAll(room);
 }
 
 // What the host needs between the two counts for nobody.

@@ -57,6 +57,12 @@ struct Breaker {
 std::vector<Breaker> KernelBreakers();
 std::vector<Breaker> NblBreakers();
 
+/// Makes the compiler keep all of the memory, which it may otherwise leave out for what is used of
+/// it.
+inline void KeepAll(void* memory) {
+    asm volatile("" : : "r"(memory) : "memory");
+}
+
 /// Runs `body` at DISPATCH_LEVEL.
 void AtDispatch(const std::function<void()>& body);
 

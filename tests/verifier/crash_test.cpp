@@ -108,8 +108,9 @@ TEST(CrashedDpc, HasUsedUpAKernelsStackSooner) {
         Scene scene(machine);
         machine.Run([&] {
             machine.scheduler().Start({.name = "deep", .kind = ContextKind::kDpc}, [] {
-                volatile UCHAR room[100 * 1024];
+                UCHAR room[100 * 1024];
                 room[0] = 1;
+                KeepAll(room);
                 g_result = room[0];
             });
             machine.scheduler().WaitUntilIdle();
