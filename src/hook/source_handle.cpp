@@ -50,7 +50,7 @@ UCHAR FASTABI GetSourceHandleKind(NDIS_HANDLE sourceHandle) {
     return known ? type : 0;
 }
 
-bool IsOpenObject(NDIS_HANDLE sourceHandle) {
+bool FASTABI IsOpenObject(NDIS_HANDLE sourceHandle) {
     UCHAR kind = GetSourceHandleKind(sourceHandle);
     return kind != SOURCE_KIND_FILTER && kind != SOURCE_KIND_ADAPTER;
 }

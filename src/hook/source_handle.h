@@ -31,7 +31,7 @@ UCHAR FASTABI GetSourceHandleKind(NDIS_HANDLE sourceHandle);
 
 // Whether the NBL that the handle came with was sent through an open object. The objects of
 // filters and adapters have other fields where an open object has its pointers.
-bool IsOpenObject(NDIS_HANDLE sourceHandle);
+bool FASTABI IsOpenObject(NDIS_HANDLE sourceHandle);
 
 // The object that an open object leads to, or NULL.
 PVOID FASTABI ProtocolOfOpen(NDIS_HANDLE open);

@@ -93,3 +93,8 @@ ULONG FASTABI CopyNetBufferToNirp(const NET_BUFFER* netBuffer, NIRP* nirp) {
     CopyBytes(nirp->Buffer, source, length);
     return length;
 }
+
+void FASTABI CopyNirp(const NIRP* nirp, NIRP* copy) {
+    copy->DataLength = nirp->DataLength;
+    CopyBytes(copy->Buffer, nirp->Buffer, nirp->DataLength);
+}

@@ -1,7 +1,6 @@
 #include "packet/nirp_life.h"
 
 #include "packet/nirp_pool.h"
-#include "platform/atomics.h"
 
 namespace {
 
@@ -11,22 +10,18 @@ struct LIFE {
     ULONG Holds;
 };
 
-volatile ULONGLONG* WordOf(NIRP* nirp) {
-    return reinterpret_cast<volatile ULONGLONG*>(&nirp->State);
-}
-
 ULONGLONG Pack(LIFE life) {
-    return __builtin_bit_cast(ULONGLONG, life);
+    return PackNirpLife(life.State, life.Holds);
 }
 
 LIFE ReadLife(NIRP* nirp) {
-    return __builtin_bit_cast(LIFE, ReadAcquire(WordOf(nirp)));
+    return __builtin_bit_cast(LIFE, ReadAcquire(NirpLifeWord(nirp)));
 }
 
 // False, with `*seen` brought up to date, when the NIRP is no longer as it was seen.
 bool Exchange(NIRP* nirp, LIFE* seen, LIFE next) {
     ULONGLONG expected = Pack(*seen);
-    ULONGLONG found = InterlockedCompareExchange(WordOf(nirp), Pack(next), expected);
+    ULONGLONG found = InterlockedCompareExchange(NirpLifeWord(nirp), Pack(next), expected);
     *seen = __builtin_bit_cast(LIFE, found);
     return found == expected;
 }
@@ -66,15 +61,8 @@ LIFE EndHolds(NIRP* nirp, ULONG holds) {
 
 }  // namespace
 
-void OfferNirp(NIRP* nirp, ULONG offered) {
-    WriteRelease(WordOf(nirp), Pack({offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER}));
-}
-
-PASS_RESULT FASTABI PassNirp(NIRP* nirp, ULONG offered, bool atDispatch) {
-    LIFE seen = {offered, NIRP_HOLD_NBL | NIRP_HOLD_OFFER};
-    if (Exchange(nirp, &seen, {NIRP_STATE_IDLE, 0})) {
-        return PASS_OWNED;
-    }
+PASS_RESULT FASTABI PassClaimedNirp(NIRP* nirp, ULONG offered, ULONGLONG found, bool atDispatch) {
+    LIFE seen = __builtin_bit_cast(LIFE, found);
     while (seen.State == offered) {
         LIFE next = Without(seen, NIRP_HOLD_NBL | NIRP_HOLD_OFFER);
         if (Exchange(nirp, &seen, next)) {
@@ -98,7 +86,7 @@ void FASTABI WithholdNirp(NIRP* nirp, bool atDispatch) {
     }
 }
 
-bool ClaimNirp(NIRP* nirp, ULONG offered) {
+bool FASTABI ClaimNirp(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
     while (IsOffered(seen, offered)) {
         if (Exchange(nirp, &seen, {seen.State, seen.Holds + NIRP_HOLD_CLAIM})) {
@@ -108,11 +96,11 @@ bool ClaimNirp(NIRP* nirp, ULONG offered) {
     return false;
 }
 
-bool IsOnOffer(NIRP* nirp) {
+bool FASTABI IsOnOffer(NIRP* nirp) {
     return (ReadLife(nirp).Holds & NIRP_HOLD_OFFER) != 0;
 }
 
-bool PublishRequest(NIRP* nirp, ULONG offered) {
+bool FASTABI PublishRequest(NIRP* nirp, ULONG offered) {
     LIFE seen = ReadLife(nirp);
     while (IsOffered(seen, offered)) {
         ULONG holds = seen.Holds - NIRP_HOLD_CLAIM - NIRP_HOLD_OFFER;
@@ -124,7 +112,7 @@ bool PublishRequest(NIRP* nirp, ULONG offered) {
     return false;
 }
 
-void EndClaim(NIRP* nirp) {
+void FASTABI EndClaim(NIRP* nirp) {
     if (EndHolds(nirp, NIRP_HOLD_CLAIM).Holds == 0) {
         ReturnNirp(nirp->Module, nirp, false);
     }
@@ -136,7 +124,7 @@ void FASTABI EndNblHold(NIRP* nirp, bool atDispatch) {
     }
 }
 
-void EndRequest(NIRP* nirp, ULONG holds) {
+void FASTABI EndRequest(NIRP* nirp, ULONG holds) {
     if (EndHolds(nirp, holds).Holds == 0) {
         ReturnNirp(nirp->Module, nirp, false);
     }

@@ -81,7 +81,7 @@ constexpr BUFFER_SITES NEXT_BUFFER_SITES = {.Label = "ReAllocateNirpBuffer",
                                             .NoBuffer = 398,
                                             .NoMdl = 406};
 
-void FreeNirpBuffer(NIRP* nirp) {
+void FASTABI FreeNirpBuffer(NIRP* nirp) {
     if (nirp->Mdl != nullptr) {
         NdisFreeMdl(nirp->Mdl);
         nirp->Mdl = nullptr;
@@ -165,7 +165,7 @@ void FreeNirp(NIRP* nirp) {
     NdisFreeMemory(nirp, 0, 0);
 }
 
-NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
+NTSTATUS FASTABI AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp) {
     *nirp = nullptr;
     PVOID memory = nullptr;
     NTSTATUS status = NdisAllocateMemoryWithTag(&memory, sizeof(NIRP), NIRP_TAG);

@@ -35,7 +35,7 @@ void FreeNirp(NIRP* nirp);
 // Makes a NIRP of the module with a buffer of `capacity` bytes, on no list. On failure nothing
 // stays behind, `*nirp` is NULL, a trace line says what was missing and the status is the
 // allocator's. IRQL <= DISPATCH_LEVEL.
-NTSTATUS AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp);
+NTSTATUS FASTABI AllocateNirp(FILTER_MODULE* module, ULONG capacity, NIRP** nirp);
 
 // Gives a NIRP that the caller has to itself another buffer: of the small capacity when `size` fits
 // it, else of the large one. On failure the NIRP has none, its capacity is 0, and a trace line

@@ -1,6 +1,7 @@
 #include "packet/pending.h"
 
 #include "module/trace_log.h"
+#include "packet/copy_net_buffer.h"
 #include "packet/nirp_life.h"
 #include "packet/nirp_pool.h"
 #include "packet/own_nbl.h"
@@ -87,8 +88,7 @@ NIRP* CreateCloneNBL(const PENDING_LIST& list, NIRP* nirp) {
     if (clone == nullptr) {
         return nullptr;
     }
-    clone->DataLength = nirp->DataLength;
-    memcpy(clone->Buffer, nirp->Buffer, nirp->DataLength);
+    CopyNirp(nirp, clone);
     if (MakeOwnNbl(module, clone, list.CloneType, &CLONE_SITES, false) == nullptr) {
         return nullptr;
     }
@@ -198,7 +198,11 @@ COMPLETION CountCompletion(const PENDING_LIST& list, NIRP* nirp, ULONG status) {
 
 // Completes one mark. Returns the context of the clone when that is to be sent or indicated, else
 // NULL. The NIRP's holds end before that: freeing the clone ends the hold on the module.
-NBL_CONTEXT* CompleteMark(NIRP* nirp, ULONG status, ULONG direction, PCSTR label, ULONG site) {
+NBL_CONTEXT* FASTABI CompleteMark(NIRP* nirp,
+                                  ULONG status,
+                                  ULONG direction,
+                                  PCSTR label,
+                                  ULONG site) {
     FILTER_MODULE* module = nirp->Module;
     COMPLETION completion = CountCompletion(PendingListOf(module, direction), nirp, status);
     if (completion.Late) {
