@@ -5,6 +5,7 @@
 #include "host/machine.h"
 #include "host/ndis/data_path.h"
 #include "host/ndis/ndis.h"
+#include "host/ndis/offload.h"
 #include "host/ndis/stack.h"
 
 namespace netsieve::host {
@@ -18,6 +19,7 @@ Adapter::Adapter(Machine& machine, Stack& stack, AdapterOptions options)
              fmt::format("adapter {} completes", options_.ifIndex),
              machine.options().seed ^ (0xADA0ull + options_.ifIndex),
              [this](PNET_BUFFER_LIST chain, bool dispatch) {
+                 AnswerLargeSends(chain);
                  CompleteUp(stack_, nullptr, chain,
                             dispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
              }) {
