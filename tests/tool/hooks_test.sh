@@ -30,6 +30,17 @@ for driver in native "$image"; do
     done
 done
 
+# Frames whose checksums are left to the adapter are whole again on the wire, as clones too.
+for driver in native "$image"; do
+    for hook in 'count:ip --frames-per-nbl 3' 'hold:ip:success --resources' 'delay:3:tcp'; do
+        # shellcheck disable=SC2086
+        replay whole --driver "$driver" --hook $hook
+        # shellcheck disable=SC2086
+        replay offload --offload --driver "$driver" --hook $hook
+        cmp "$scratch/whole" "$scratch/offload" || fail "--offload $driver $hook"
+    done
+done
+
 # Hooks of a lower class go first, and all of them see every frame.
 replay many --json --hook 'count@3:tcp' --hook 'drop@1:tcp' --hook 'count:udp'
 python3 - "$scratch/many.summary" "$capture" <<'PYTHON' || fail "the summary's numbers"

@@ -88,20 +88,38 @@ void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::ui
     }
     const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number,
                        0};
+    std::span<const std::uint8_t> bytes(frame.bytes, frame.capturedLength);
+    host::OffloadInfo info;
+    host::FrameBytes offloaded;
+    if (options_.offload) {
+        offloaded.assign(bytes.begin(), bytes.end());
+        info = direction == Direction::kSent ? host::LeaveToAdapter(offloaded)
+                                             : host::OffloadReceive(offloaded);
+        bytes = offloaded;
+    }
     if (options_.framesPerNbl == 1) {
-        const std::span<const std::uint8_t> bytes(frame.bytes, frame.capturedLength);
-        AddNbl({&bytes, 1}, {&tag, 1});
+        AddNbl({&bytes, 1}, {&tag, 1}, info);
     } else {
-        gathered_.bytes.insert(gathered_.bytes.end(), frame.bytes,
-                               frame.bytes + frame.capturedLength);
-        gathered_.lengths.push_back(frame.capturedLength);
-        gathered_.tags.push_back(tag);
-        if (gathered_.tags.size() == options_.framesPerNbl) {
-            CloseNbl();
-        }
+        Gather(bytes, tag, info);
     }
     if (path.nbls >= nblsPerCall_) {
         Flush();
+    }
+}
+
+/// The frames of an NBL share its out-of-band data: one that has other data begins an NBL.
+void FrameExchange::Gather(std::span<const std::uint8_t> frame,
+                           const FrameTag& tag,
+                           const host::OffloadInfo& info) {
+    if (info != gathered_.info) {
+        CloseNbl();
+    }
+    gathered_.info = info;
+    gathered_.bytes.insert(gathered_.bytes.end(), frame.begin(), frame.end());
+    gathered_.lengths.push_back(static_cast<std::uint32_t>(frame.size()));
+    gathered_.tags.push_back(tag);
+    if (gathered_.tags.size() == options_.framesPerNbl) {
+        CloseNbl();
     }
 }
 
@@ -128,20 +146,22 @@ void FrameExchange::CloseNbl() {
         frames.emplace_back(at, length);
         at += length;
     }
-    AddNbl(frames, gathered_.tags);
+    AddNbl(frames, gathered_.tags, gathered_.info);
     gathered_.bytes.clear();
     gathered_.lengths.clear();
     gathered_.tags.clear();
 }
 
 void FrameExchange::AddNbl(std::span<const std::span<const std::uint8_t>> frames,
-                           std::span<const FrameTag> tags) {
+                           std::span<const FrameTag> tags,
+                           const host::OffloadInfo& info) {
     Path& path = PathOf(direction_);
     const std::lock_guard<ExchangeLock> guard(lock_);
     PNET_BUFFER_LIST const nbl = path.frames->Make(frames);
     if (nbl == nullptr) {
         return;
     }
+    host::SetOffloadInfo(*nbl, info);
     PNET_BUFFER buffer = nbl->FirstNetBuffer;
     for (const FrameTag& tag : tags) {
         TagOf(*buffer, path.originator) = tag;
@@ -193,7 +213,7 @@ void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Path& path) {
             continue;
         }
         for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            DeliverTagged(buffer, TagOf(*buffer, path.originator), path);
+            DeliverTagged(nbl, buffer, TagOf(*buffer, path.originator), path);
         }
     }
 }
@@ -208,9 +228,10 @@ void FrameExchange::DeliverDriverNbl(PNET_BUFFER_LIST nbl, Path& path) {
         const bool held = own && own->clone && !again;
         ++(held ? path.counts.reinjected : path.counts.injected);
         injectedNow_ += !held && injector_ == host::CurrentContext().id ? 1 : 0;
-        Write(buffer, path.direction, clock_->Now(),
-              expected ? release_->originalLength : buffer->DataLength,
-              expected ? release_->number : latestIn_);
+        Write(nbl, buffer,
+              {path.direction, clock_->Now(),
+               expected ? std::optional(release_->originalLength) : std::nullopt,
+               expected ? release_->number : latestIn_});
     }
 }
 
@@ -230,13 +251,16 @@ bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame
     return begin(std::nullopt) != 0;
 }
 
-void FrameExchange::DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Path& path) {
+void FrameExchange::DeliverTagged(PNET_BUFFER_LIST nbl,
+                                  PNET_BUFFER buffer,
+                                  FrameTag& tag,
+                                  Path& path) {
     // A frame that arrives again counts as injected.
     ++(++tag.deliveries == 1 ? path.counts.passed : path.counts.injected);
     std::uint64_t& latest = mergesDirections_ ? path.latestOut : latestOut_;
     path.counts.reordered += tag.number < latest ? 1 : 0;
     latest = std::max(latest, tag.number);
-    Write(buffer, path.direction, tag.Stamp(), tag.originalLength, tag.number);
+    Write(nbl, buffer, {path.direction, tag.Stamp(), tag.originalLength, tag.number});
 }
 
 void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Path& path) {
@@ -249,32 +273,55 @@ void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Path& path) {
     path.frames->FreeChain(chain);
 }
 
-void FrameExchange::Write(PNET_BUFFER buffer,
-                          Direction direction,
-                          const CaptureStamp& stamp,
-                          std::uint32_t originalLength,
-                          std::uint64_t number) {
+void FrameExchange::Write(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, const Arrival& arrival) {
     if (writer_ == nullptr) {
         return;
     }
-    if (!CaptureWriter::CanRepresent(stamp)) {
+    if (!CaptureWriter::CanRepresent(arrival.stamp)) {
         if (report_.notRepresentable++ == 0) {
-            report_.firstNotRepresentable = number;
+            report_.firstNotRepresentable = arrival.number;
         }
         return;
     }
+    options_.offload ? WriteFinished(nbl, buffer, arrival) : WriteMdls(buffer, arrival);
+}
+
+void FrameExchange::WriteMdls(PNET_BUFFER buffer, const Arrival& arrival) {
     ULONG left = DescribedLength(buffer);
-    mergesDirections_ ? merge_.Begin(direction, number, stamp, left, originalLength)
-                      : writer_->Begin(stamp, left, originalLength);
+    BeginFrame(arrival, left);
     ULONG offset = buffer->CurrentMdlOffset;
     for (PMDL mdl = buffer->CurrentMdl; left > 0; mdl = mdl->Next) {
         const ULONG take = std::min(left, mdl->ByteCount - offset);
         const auto* bytes = static_cast<const std::uint8_t*>(host::DescribedBuffer(*mdl));
-        mergesDirections_ ? merge_.Append(bytes + offset, take)
-                          : writer_->Append(bytes + offset, take);
+        AppendBytes(bytes + offset, take);
         left -= take;
         offset = 0;
     }
+}
+
+/// As the adapter sends it, or as it received it.
+void FrameExchange::WriteFinished(PNET_BUFFER_LIST nbl,
+                                  PNET_BUFFER buffer,
+                                  const Arrival& arrival) {
+    const host::OffloadInfo info = host::OffloadInfoOf(*nbl);
+    host::FrameBytes frame = host::NblFactory::BytesOf(*buffer);
+    const host::FrameBytes whole = arrival.direction == Direction::kSent
+                                       ? host::WireFrames(std::move(frame), info).front()
+                                       : host::AsReceived(std::move(frame), info);
+    BeginFrame(arrival, whole.size());
+    AppendBytes(whole.data(), whole.size());
+}
+
+void FrameExchange::BeginFrame(const Arrival& arrival, std::size_t length) {
+    const auto captured = static_cast<std::uint32_t>(length);
+    const std::uint32_t original = arrival.originalLength.value_or(captured);
+    mergesDirections_
+        ? merge_.Begin(arrival.direction, arrival.number, arrival.stamp, captured, original)
+        : writer_->Begin(arrival.stamp, captured, original);
+}
+
+void FrameExchange::AppendBytes(const std::uint8_t* bytes, std::size_t size) {
+    mergesDirections_ ? merge_.Append(bytes, size) : writer_->Append(bytes, size);
 }
 
 DirectionCounts FrameExchange::Counts(Direction direction, const OfferCounts* offers) const {

@@ -10,6 +10,7 @@
 #include "client/exports.h"
 #include "host/machine.h"
 #include "host/ndis/nbl_factory.h"
+#include "host/ndis/offload.h"
 #include "host/ndis/stack.h"
 #include "host/sched/threaded_scheduler.h"
 #include "tools/netsieve/capture_writer.h"
@@ -99,24 +100,36 @@ class FrameExchange {
         std::vector<std::uint8_t> bytes;
         std::vector<std::uint32_t> lengths;
         std::vector<FrameTag> tags;
+        host::OffloadInfo info;  ///< of all of them
     };
 
     Path& PathOf(Direction direction) { return paths_[static_cast<std::size_t>(direction)]; }
     void CountFacts(Path& path, const CaptureFrame& frame) const;
     void CloseNbl();
+    void Gather(std::span<const std::uint8_t> frame,
+                const FrameTag& tag,
+                const host::OffloadInfo& info);
     void AddNbl(std::span<const std::span<const std::uint8_t>> frames,
-                std::span<const FrameTag> tags);
+                std::span<const FrameTag> tags,
+                const host::OffloadInfo& info);
     void Submit(Path& path);
     void Indicate(PNET_BUFFER_LIST chain);
     void Deliver(PNET_BUFFER_LIST chain, Path& path);
-    void DeliverTagged(PNET_BUFFER buffer, FrameTag& tag, Path& path);
+    void DeliverTagged(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, FrameTag& tag, Path& path);
     void DeliverDriverNbl(PNET_BUFFER_LIST nbl, Path& path);
     void TakeBack(PNET_BUFFER_LIST chain, Path& path);
-    void Write(PNET_BUFFER buffer,
-               Direction direction,
-               const CaptureStamp& stamp,
-               std::uint32_t originalLength,
-               std::uint64_t number);
+    /// What is written about a frame, beside its bytes.
+    struct Arrival {
+        Direction direction;
+        CaptureStamp stamp;
+        std::optional<std::uint32_t> originalLength;  ///< nothing: as many bytes as it has
+        std::uint64_t number;
+    };
+    void Write(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, const Arrival& arrival);
+    void WriteMdls(PNET_BUFFER buffer, const Arrival& arrival);
+    void WriteFinished(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, const Arrival& arrival);
+    void BeginFrame(const Arrival& arrival, std::size_t length);
+    void AppendBytes(const std::uint8_t* bytes, std::size_t size);
 
     const ReplayOptions& options_;
     ReplayReport& report_;

@@ -281,6 +281,12 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
         ->check(WholeNumber(1, kMostPerUnit));
     command.add_flag("--resources", options.resourcesFlag,
                      "Indicate received NBLs with NDIS_RECEIVE_FLAGS_RESOURCES");
+    command.add_flag(
+        "--offload", options.offload,
+        "Pass frames as adapters with offloads have them: without their outermost "
+        "802.1Q tag, and when sent with unfinished checksums; the adapter finishes "
+        "them by the out-of-band data of their NBL, so a frame that loses it is written "
+        "as it would be sent");
 }
 
 void AddOptions(CLI::App& command, ReplayOptions& options) {

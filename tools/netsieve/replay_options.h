@@ -25,6 +25,7 @@ struct ReplayOptions {
     std::uint32_t framesPerNbl = 1;
     std::optional<std::uint32_t> nblsPerCall;  ///< nothing: as many as suit the machine
     bool resourcesFlag = false;  ///< NBLs are indicated with NDIS_RECEIVE_FLAGS_RESOURCES
+    bool offload = false;  ///< checksums and tags are left to the adapter, or taken over by it
     std::optional<std::uint64_t> seed;
     bool verify = true;
     bool json = false;
