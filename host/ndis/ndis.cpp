@@ -9,6 +9,15 @@
 
 namespace netsieve::host {
 
+namespace {
+
+bool IsNamed(const NDIS_FILTER_DRIVER_CHARACTERISTICS& characteristics) {
+    return characteristics.FriendlyName.Length != 0 && characteristics.UniqueName.Length != 0 &&
+           characteristics.ServiceName.Length != 0;
+}
+
+}  // namespace
+
 Ndis::Ndis(Machine& machine) : machine_(machine), nblPools_(machine) {}
 Ndis::~Ndis() = default;
 
@@ -66,7 +75,12 @@ NDIS_STATUS Ndis::RegisterFilter(PDRIVER_OBJECT driverObject,
         characteristics.PauseHandler == nullptr) {
         return NDIS_STATUS_BAD_CHARACTERISTICS;
     }
-    if (characteristics.MajorNdisVersion != 6) {
+    if (!IsNamed(characteristics)) {
+        return NDIS_STATUS_BAD_CHARACTERISTICS;
+    }
+    const unsigned version = static_cast<unsigned>(characteristics.MajorNdisVersion) << 16 |
+                             characteristics.MinorNdisVersion;
+    if (characteristics.MajorNdisVersion != 6 || version > machine_.options().ndisVersion) {
         return NDIS_STATUS_BAD_VERSION;
     }
     if (machine_.faults().Fails(FaultKind::kFilterRegistration)) {

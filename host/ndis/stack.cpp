@@ -12,8 +12,6 @@ namespace netsieve::host {
 
 namespace {
 
-constexpr Ticks kPauseLimit = 10 * kTicksPerSecond;
-
 UNICODE_STRING Counted(const std::u16string& text) {
     const auto bytes = static_cast<USHORT>(text.size() * sizeof(WCHAR));
     return {.Length = bytes, .MaximumLength = bytes, .Buffer = const_cast<PWSTR>(text.data())};
@@ -100,14 +98,17 @@ void Stack::Restart() {
 void Stack::PauseStack() {
     open_.store(false, std::memory_order_seq_cst);
     for (FilterModule* module : modules_) {
-        PauseModule(*module);
+        PauseModule(machine_, *module);
     }
     WaitUntilDrained();
 }
 
 void Stack::RestartStack() {
-    for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
-        RestartModule(**it);
+    const std::vector<FilterModule*> bottomUp(modules_.rbegin(), modules_.rend());
+    for (FilterModule* module : bottomUp) {
+        if (!RestartModule(machine_, *module, adapter_->options())) {
+            CallDetach(*module);
+        }
     }
     adapter_->queue().SetDraining(false);
     for (const auto& protocol : protocols_) {
@@ -118,7 +119,7 @@ void Stack::RestartStack() {
 
 void Stack::WaitUntilDrained() {
     Scheduler& scheduler = machine_.scheduler();
-    const Ticks deadline = scheduler.Now() + kPauseLimit;
+    const Ticks deadline = scheduler.Now() + kPnpLimit;
     adapter_->queue().SetDraining(true);
     for (const auto& protocol : protocols_) {
         protocol->queue().SetDraining(true);
@@ -133,64 +134,6 @@ void Stack::WaitUntilDrained() {
             return;
         }
     }
-}
-
-void Stack::PauseModule(FilterModule& module) {
-    if (module.state != ModuleState::kRunning) {
-        return;
-    }
-    module.state = ModuleState::kPausing;
-    const Ticks start = machine_.scheduler().Now();
-    NDIS_STATUS status = NDIS_STATUS_SUCCESS;
-    {
-        NDIS_OBJECT_HEADER parameters{NDIS_OBJECT_TYPE_FILTER_PAUSE_PARAMETERS, 1,
-                                      sizeof(NDIS_OBJECT_HEADER)};
-        const CallbackScope scope("FilterPause", module.registration.driver, &module);
-        status = module.handlers.PauseHandler(
-            module.context, reinterpret_cast<PNDIS_FILTER_PAUSE_PARAMETERS>(&parameters));
-    }
-    module.state = ModuleState::kPaused;
-    module.component.mayOriginate = false;
-    Verifier& verifier = machine_.verifier();
-    if (status != NDIS_STATUS_SUCCESS) {
-        verifier.Report(Rule::kPauseFailed,
-                        fmt::format("{} returned {:#010x}", module.component.name,
-                                    static_cast<std::uint32_t>(status)));
-    }
-    if (machine_.scheduler().Now() - start > kPauseLimit) {
-        verifier.Report(Rule::kPauseTooLong,
-                        fmt::format("{} took {} ms", module.component.name,
-                                    (machine_.scheduler().Now() - start) / kTicksPerMillisecond));
-    }
-    if (module.component.originatedOutstanding != 0) {
-        verifier.Report(Rule::kPauseOutstanding,
-                        fmt::format("{} has {} NBL(s) outstanding", module.component.name,
-                                    module.component.originatedOutstanding.load()));
-    }
-}
-
-void Stack::RestartModule(FilterModule& module) {
-    if (module.state != ModuleState::kPaused) {
-        return;
-    }
-    module.state = ModuleState::kRestarting;
-    module.component.mayOriginate = true;
-    alignas(16) std::uint8_t storage[sizeof(NDIS_RESTART_ATTRIBUTES) + 128] = {};
-    auto* const attributes = reinterpret_cast<PNDIS_RESTART_ATTRIBUTES>(storage);
-    auto* const general = reinterpret_cast<PNDIS_RESTART_GENERAL_ATTRIBUTES>(attributes->Data);
-    attributes->Oid = 0x0001'0202;  // OID_GEN_MINIPORT_RESTART_ATTRIBUTES
-    attributes->DataLength = 128;
-    general->MtuSize = adapter_->options().mtu;
-    general->LookaheadSize = adapter_->options().mtu;
-    NDIS_FILTER_RESTART_PARAMETERS parameters{};
-    parameters.Header = {NDIS_OBJECT_TYPE_FILTER_RESTART_PARAMETERS, 1,
-                         sizeof(NDIS_FILTER_RESTART_PARAMETERS)};
-    parameters.MiniportMediaType = adapter_->options().medium;
-    parameters.RestartAttributes = adapter_->options().restartAttributes ? attributes : nullptr;
-    const CallbackScope scope("FilterRestart", module.registration.driver, &module);
-    const NDIS_STATUS status = module.handlers.RestartHandler(module.context, &parameters);
-    module.state = status == NDIS_STATUS_SUCCESS ? ModuleState::kRunning : ModuleState::kPaused;
-    module.lookaheadSize = general->LookaheadSize;
 }
 
 NDIS_STATUS Stack::Attach(FilterRegistration& registration) {
@@ -208,7 +151,11 @@ NDIS_STATUS Stack::Attach(FilterRegistration& registration) {
         fmt::format("{} on adapter {}", registration.driver->name(), adapter_->options().ifIndex)));
     FilterModule& module = *allModules_.back();
     machine_.ndis().AddHandle(module);
-    const NDIS_STATUS status = CallAttach(module);
+    NDIS_STATUS status = CallAttach(module);
+    if (status == NDIS_STATUS_SUCCESS && !module.attributesSet) {
+        machine_.verifier().Report(Rule::kAttachAttributes, module.component.name);
+        status = NDIS_STATUS_FAILURE;
+    }
     if (status == NDIS_STATUS_SUCCESS) {
         module.state = ModuleState::kPaused;
         Insert(module);
@@ -307,7 +254,7 @@ void Stack::Detach(FilterModule& module) {
 
 void Stack::DetachUnderCalls(FilterModule& module) {
     const PnpTurn turn(*this);
-    PauseModule(module);
+    PauseModule(machine_, module);
     CallDetach(module);
 }
 

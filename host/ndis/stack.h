@@ -33,7 +33,7 @@ class Stack {
     /// Pauses the stack, top down: refuses new NBLs, pauses the filter modules and waits until no
     /// NBL is outstanding. PASSIVE_LEVEL.
     void Pause();
-    /// Restarts the stack, bottom up.
+    /// Restarts the stack, bottom up. A module that does not restart is detached, as NDIS does.
     void Restart();
     bool running() const { return open_.load(); }
 
@@ -66,8 +66,6 @@ class Stack {
     class PnpTurn;
     void PauseStack();
     void RestartStack();
-    void PauseModule(FilterModule& module);
-    void RestartModule(FilterModule& module);
     NDIS_STATUS CallAttach(FilterModule& module);
     void CallDetach(FilterModule& module);
     void CheckAttachLeftNothing(FilterModule& module);

@@ -29,8 +29,10 @@ namespace netsieve::host {
     X(NblChainEmpty, "a chain that is handed on has at least one NBL")                     \
     X(PauseOutstanding, "a paused filter has none of its own NBLs outstanding")            \
     X(PauseFailed, "pause does not fail")                                                  \
-    X(PauseTooLong, "pause ends within 10 seconds")                                        \
+    X(PauseTooLong, "pause and restart end within 10 seconds")                             \
+    X(PnpCompletion, "a pause or restart is completed once, when it is pending")           \
     X(OriginatedWhilePaused, "a paused filter originates nothing")                         \
+    X(AttachAttributes, "a filter that attaches sets its module's attributes")             \
     X(AttachLeftBehind, "a failed attach leaves nothing behind")                           \
     X(DeregisteredElsewhere, "a filter driver is deregistered from its unload routine")    \
     X(CancelNotForwarded, "a cancel request is passed down")                               \

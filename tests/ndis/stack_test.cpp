@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "tests/driver/driver_scenario.h"
+#include "tests/verifier/small_filter.h"
 
 namespace netsieve::host {
 namespace {
@@ -126,6 +127,54 @@ TEST(StackTest, TakesNoNblsWhilePausedAndWaitsForAllFirst) {
         stack.Restart();
         traffic.ExpectPassing();
     });
+}
+
+TEST(StackTest, GoesOnWithoutAModuleThatDoesNotRestart) {
+    for (const bool pending : {false, true}) {
+        RunClean({}, [&](Machine& machine) {
+            Stack& stack = machine.ndis().AddAdapter();
+            SmallFilter filter;
+            ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+            ASSERT_EQ(machine.LoadDriver(SmallFilter::Source()), STATUS_SUCCESS);
+            EXPECT_THAT(DriversOn(stack), testing::ElementsAre("NETSIEVE", "SMALL"));
+            filter.restart = [&] {
+                if (!pending) {
+                    return NDIS_STATUS_RESOURCES;
+                }
+                machine.scheduler().Start({.name = "completer"}, [&] {
+                    NdisFRestartComplete(filter.handle, NDIS_STATUS_FAILURE);
+                });
+                return NDIS_STATUS_PENDING;
+            };
+            stack.Pause();
+            stack.Restart();
+            EXPECT_THAT(DriversOn(stack), testing::ElementsAre("NETSIEVE"));
+            Traffic(machine, stack).ExpectPassing();
+            machine.UnloadDriver("SMALL");
+            machine.UnloadDriver("NETSIEVE");
+        });
+    }
+}
+
+TEST(StackTest, RefusesDriversWithoutNamesOrForALaterVersion) {
+    using Handlers = NDIS_FILTER_DRIVER_CHARACTERISTICS;
+    const std::pair<NDIS_STATUS, void (*)(Handlers&)> cases[] = {
+        {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.FriendlyName.Length = 0; }},
+        {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.UniqueName.Length = 0; }},
+        {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.ServiceName.Length = 0; }},
+        {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.PauseHandler = nullptr; }},
+        {NDIS_STATUS_BAD_VERSION, [](Handlers& h) { h.MajorNdisVersion = 5; }},
+        {NDIS_STATUS_BAD_VERSION, [](Handlers& h) { h.MinorNdisVersion = 21; }},
+        {NDIS_STATUS_SUCCESS, [](Handlers& h) { h.MinorNdisVersion = 20; }},
+    };
+    for (const auto& [status, change] : cases) {
+        RunClean({.ndisVersion = 0x60014}, [&](Machine& machine) {
+            SmallFilter filter;
+            filter.describe = change;
+            EXPECT_EQ(machine.LoadDriver(SmallFilter::Source()), status);
+            machine.UnloadDriver("SMALL");
+        });
+    }
 }
 
 TEST(StackTest, OfARemovedAdapterIsLeftByItsFilters) {

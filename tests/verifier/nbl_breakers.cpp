@@ -265,6 +265,34 @@ std::vector<Breaker> ModuleBreakers() {
              scene.filter.pause = &WaitElevenSeconds;
              scene.Start();
          }},
+        {Rule::kPauseTooLong, "a pending pause is not completed",
+         [](Scene& scene) {
+             scene.filter.pause = [] { return NDIS_STATUS_PENDING; };
+             scene.Start();
+         }},
+        {Rule::kPauseTooLong, "a pending restart is not completed",
+         [](Scene& scene) {
+             scene.filter.restart = [] { return NDIS_STATUS_PENDING; };
+             scene.Start();
+         }},
+        {Rule::kPnpCompletion, "a pause is completed and succeeds",
+         [](Scene& scene) {
+             scene.filter.pause = [&scene] {
+                 NdisFPauseComplete(scene.filter.handle);
+                 return NDIS_STATUS_SUCCESS;
+             };
+             scene.Start();
+         }},
+        {Rule::kPnpCompletion, "a restart is completed that nobody waits for",
+         [](Scene& scene) {
+             scene.Start();
+             NdisFRestartComplete(scene.filter.handle, NDIS_STATUS_SUCCESS);
+         }},
+        {Rule::kAttachAttributes, "attaches without attributes",
+         [](Scene& scene) {
+             scene.filter.setsAttributes = false;
+             scene.Start();
+         }},
         {Rule::kOriginatedWhilePaused, "sends an NBL of its own when paused",
          [](Scene& scene) {
              StartWithOwn(scene);

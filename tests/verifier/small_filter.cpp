@@ -17,11 +17,13 @@ NDIS_HANDLE HandleOf(NDIS_HANDLE context) {
 
 NDIS_STATUS NTAPI Attach(NDIS_HANDLE handle, NDIS_HANDLE, PNDIS_FILTER_ATTACH_PARAMETERS) {
     const NDIS_STATUS status = g_filter->attach ? g_filter->attach() : NDIS_STATUS_SUCCESS;
+    if (status != NDIS_STATUS_SUCCESS || !g_filter->setsAttributes) {
+        return status;
+    }
     PVOID memory = nullptr;
-    if (status != NDIS_STATUS_SUCCESS ||
-        NdisAllocateMemoryWithTag(&memory, sizeof(SmallModule), SmallFilter::kTag) !=
-            NDIS_STATUS_SUCCESS) {
-        return status != NDIS_STATUS_SUCCESS ? status : NDIS_STATUS_RESOURCES;
+    if (NdisAllocateMemoryWithTag(&memory, sizeof(SmallModule), SmallFilter::kTag) !=
+        NDIS_STATUS_SUCCESS) {
+        return NDIS_STATUS_RESOURCES;
     }
     static_cast<SmallModule*>(memory)->handle = handle;
     g_filter->handle = handle;
@@ -39,7 +41,7 @@ VOID NTAPI Detach(NDIS_HANDLE context) {
 }
 
 NDIS_STATUS NTAPI Restart(NDIS_HANDLE, PNDIS_FILTER_RESTART_PARAMETERS) {
-    return NDIS_STATUS_SUCCESS;
+    return g_filter->restart ? g_filter->restart() : NDIS_STATUS_SUCCESS;
 }
 
 NDIS_STATUS NTAPI Pause(NDIS_HANDLE, PNDIS_FILTER_PAUSE_PARAMETERS) {
@@ -101,6 +103,9 @@ NTSTATUS NTAPI SmallFilter::Entry(PDRIVER_OBJECT driverObject, PUNICODE_STRING) 
     NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
     handlers.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(handlers)};
     handlers.MajorNdisVersion = 6;
+    RtlInitUnicodeString(&handlers.FriendlyName, u"Small filter");
+    RtlInitUnicodeString(&handlers.UniqueName, u"{5E0B6A57-3C11-4B7A-9F0D-2F6C6B1D7A02}");
+    RtlInitUnicodeString(&handlers.ServiceName, u"SMALL");
     handlers.AttachHandler = &Attach;
     handlers.DetachHandler = &Detach;
     handlers.RestartHandler = &Restart;
@@ -110,6 +115,9 @@ NTSTATUS NTAPI SmallFilter::Entry(PDRIVER_OBJECT driverObject, PUNICODE_STRING) 
     handlers.ReceiveNetBufferListsHandler = &Receive;
     handlers.ReturnNetBufferListsHandler = &Return;
     handlers.CancelSendNetBufferListsHandler = &Cancel;
+    if (g_filter->describe) {
+        g_filter->describe(handlers);
+    }
     const NDIS_STATUS status =
         NdisFRegisterFilterDriver(driverObject, nullptr, &handlers, &g_filter->registration);
     return status == NDIS_STATUS_SUCCESS && g_filter->entry ? g_filter->entry() : status;

@@ -21,11 +21,15 @@ struct SmallFilter {
     static DriverSource Source() { return {.name = "SMALL", .entry = &Entry}; }
     static constexpr ULONG kTag = 0x6C616D73;  // "smal"
 
+    /// Changes what is registered.
+    std::function<void(NDIS_FILTER_DRIVER_CHARACTERISTICS&)> describe;
     std::function<NTSTATUS()> entry;      ///< in the entry routine, once registered
     std::function<void()> unload;         ///< in the unload routine, once deregistered
     bool deregisters = true;              ///< whether the unload routine deregisters
     std::function<NDIS_STATUS()> attach;  ///< first in attach; a failure is its result
+    bool setsAttributes = true;           ///< whether attach sets the module's attributes
     std::function<NDIS_STATUS()> pause;
+    std::function<NDIS_STATUS()> restart;
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags)> send;
     std::function<void(PNET_BUFFER_LIST, ULONG flags)> sendComplete;
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG count, ULONG flags)> receive;
