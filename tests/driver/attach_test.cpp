@@ -33,6 +33,9 @@ class AttachTest : public testing::TestWithParam<AttachTiming> {
         second.Pause();
         EXPECT_EQ(DriverModuleOf(machine, second)->State, FILTER_STATE_PAUSED);
         second.Restart();
+        const auto& registered = first.FindModule(machine.FindDriver("NETSIEVE"))->handlers;
+        EXPECT_EQ(registered.MajorDriverVersion, 1);
+        EXPECT_EQ(registered.MinorDriverVersion, 0);
         machine.UnloadDriver("NETSIEVE");
     }
 

@@ -29,6 +29,7 @@ constexpr ULONG kLength = 26;
 static_assert(kLine.size() == kLength);
 
 TEST(TraceLogTest, PlacesLinesInTheRing) {
+    EXPECT_EQ(TRACE_BUFFER_SIZE, 512u);
     const struct {
         const char* what;
         ULONG offset;  ///< before the line

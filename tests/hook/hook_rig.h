@@ -29,11 +29,11 @@ struct Client {
             }
         };
         block.SendHandler = [](PVOID context, NIRP* nirp) NTAPI {
-            auto* client = static_cast<Client*>(context);
-            ++client->calls;
-            return client->handler ? client->handler(nirp) : client->verdict;
+            return static_cast<Client*>(context)->Judge(nirp, NIRP_DIRECTION_SEND);
         };
-        block.ReceiveHandler = block.SendHandler;
+        block.ReceiveHandler = [](PVOID context, NIRP* nirp) NTAPI {
+            return static_cast<Client*>(context)->Judge(nirp, NIRP_DIRECTION_RECEIVE);
+        };
         block.Priority = priority;
         block.Name = {static_cast<USHORT>(name.size() * 2),
                       static_cast<USHORT>(name.size() * 2 + 2), name.data()};
@@ -52,6 +52,12 @@ struct Client {
         return *this;
     }
     void Stop() { EXPECT_EQ(ITarnHKDeregisterFilter(hook), STATUS_SUCCESS); }
+
+    LONG Judge(NIRP* nirp, ULONG direction) {
+        EXPECT_EQ(nirp->Direction, direction);
+        ++calls;
+        return handler ? handler(nirp) : verdict;
+    }
 
     std::u16string name;
     HOOK_FILTER_REGISTRATION_EX block{};

@@ -467,6 +467,8 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
                 PROTOCOL_ENTRY* entry = nullptr;
                 EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), c.status);
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), c.status);
+                EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, nullptr), STATUS_INVALID_PARAMETER);
+                EXPECT_EQ(ITarnHKGetAdapterInfo(nullptr, &adapter), STATUS_INVALID_PARAMETER);
                 EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
                 EXPECT_EQ(entry, nullptr);
                 return HOOK_VERDICT_PASS;
@@ -480,23 +482,31 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
     }
 }
 
-// One byte more than such a name's buffer has is 0 as a 16-bit number, too few for any name.
-TEST(PacketQueriesTest, ANameWithTheLongestBufferHasNoEntry) {
-    for (const USHORT length : {USHORT{0}, USHORT{2}}) {
+// A name ends with its length, whatever lies behind it. One byte more than the longest buffer has
+// is 0 as a 16-bit number, too few for any name.
+TEST(PacketQueriesTest, TheSizeOfANameIsThatOfItsBufferAndOneMore) {
+    for (const auto& [length, maximum, name] : {std::tuple<USHORT, USHORT, const char*>{4, 6, "xy"},
+                                                {0, 0xFFFF, nullptr},
+                                                {2, 0xFFFF, nullptr}}) {
         const auto body = [&](Scene& scene) {
-            WCHAR text[] = u"x";
-            scene.stack.protocol().objects().protocol.Put(64, UNICODE_STRING{length, 0xFFFF, text});
+            WCHAR text[] = u"xyz";
+            scene.stack.protocol().objects().protocol.Put(64,
+                                                          UNICODE_STRING{length, maximum, text});
             Client client(u"asks");
-            client.handler = [](NIRP* nirp) -> LONG {
+            client.handler = [&](NIRP* nirp) -> LONG {
                 PROTOCOL_ENTRY* entry = nullptr;
                 EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
-                EXPECT_EQ(entry, nullptr);
+                EXPECT_EQ(entry != nullptr, name != nullptr);
+                if (entry != nullptr && name != nullptr) {
+                    EXPECT_STREQ(entry->Buffer, name);
+                    EXPECT_EQ(entry->MaximumLength, maximum + 1);
+                }
                 return HOOK_VERDICT_PASS;
             };
             client.Start();
             scene.Pass(true, {MakeFrame(1)});
             EXPECT_EQ(client.calls, 1);
-            EXPECT_EQ(scene.module->ProtocolCount, 0u);
+            EXPECT_EQ(scene.module->ProtocolCount, name != nullptr ? 1u : 0u);
             client.Stop();
         };
         OnScene(body, {.ndisVersion = 0x60000});
@@ -523,7 +533,9 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
         }
         EXPECT_EQ(client.calls, 26);
         EXPECT_EQ(named, 24);
-        EXPECT_EQ(std::string(scene.module->ProtocolNames[0].Buffer), "Axxx");
+        const PROTOCOL_ENTRY& first = scene.module->ProtocolNames[0];
+        EXPECT_EQ(std::string(first.Buffer), "Axxx");
+        EXPECT_EQ(first.Length, 4);
         client.Stop();
     });
 }

@@ -437,7 +437,7 @@ TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
 }
 
 // Whoever completes a large-send request answers it: nothing sent for version 1, the type alone for
-// version 2. What goes on is answered by the adapter.
+// version 2. What goes on is answered by the adapter, which finds no TCP in it.
 TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
     constexpr std::uintptr_t kRequest = 1460 | 34 << 20, kVersion2 = 1u << 30, kIpv6 = 1u << 31;
     struct Case {
@@ -452,13 +452,16 @@ TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
                 PVOID completed = &scene;
                 scene.stack.protocol().onSendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
                     completed = NET_BUFFER_LIST_INFO(chain, TcpLargeSendNetBufferListInfo);
+                    EXPECT_EQ(chain->Status, NDIS_STATUS_SUCCESS);
                 };
                 PNET_BUFFER_LIST const nbl = scene.sends.Make(MakeFrame(1, 4000));
                 NET_BUFFER_LIST_INFO(nbl, TcpLargeSendNetBufferListInfo) =
                     reinterpret_cast<PVOID>(c.request);
+                nbl->Status =
+                    verdict == HOOK_VERDICT_PASS ? NDIS_STATUS_SUCCESS : NDIS_STATUS_FAILURE;
                 scene.stack.protocol().Send(nbl);
                 EXPECT_EQ(reinterpret_cast<std::uintptr_t>(completed),
-                          verdict == HOOK_VERDICT_PASS ? c.request : c.answer);
+                          verdict == HOOK_VERDICT_PASS ? c.request & kVersion2 : c.answer);
             });
         }
     }
