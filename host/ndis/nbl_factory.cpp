@@ -23,6 +23,35 @@ namespace {
 // Index in ProtocolReserved of the frame of the first NET_BUFFER.
 constexpr std::size_t kFrameSlot = 0;
 
+// What no adapter here acts on, so that any value will do. Whoever loses it is seen.
+constexpr NDIS_NET_BUFFER_LIST_INFO kOpaqueInfo[] = {
+    Ieee8021QNetBufferListInfo, NetBufferListCancelId,      MediaSpecificInformation,
+    NetBufferListFrameType,     NetBufferListHashValue,     NetBufferListHashInfo,
+    WfpNetBufferListInfo,       NetBufferListCorrelationId, NetBufferListFilteringInfo,
+};
+
+PVOID Opaque(std::uint64_t number) {
+    return reinterpret_cast<PVOID>(number);
+}
+
+// Gives every field that drivers have to leave alone a value that is not zero.
+void FillOpaqueFields(NET_BUFFER_LIST& nbl, std::uint64_t number) {
+    for (const NDIS_NET_BUFFER_LIST_INFO id : kOpaqueInfo) {
+        NET_BUFFER_LIST_INFO(&nbl, id) = Opaque((number << 8) | static_cast<unsigned>(id) | 1);
+    }
+    for (PVOID& field : nbl.NdisReserved) {
+        field = Opaque(number << 8 | 0xD1);
+    }
+    for (PVOID& field : nbl.ProtocolReserved) {
+        field = Opaque(number << 8 | 0xD2);
+    }
+    for (PVOID& field : nbl.MiniportReserved) {
+        field = Opaque(number << 8 | 0xD3);
+    }
+    nbl.NblFlags = static_cast<ULONG>(number << 4 | 1);
+    nbl.Flags = static_cast<ULONG>(number << 4 | 2);
+}
+
 }  // namespace
 
 NblFactory::NblFactory(Machine& machine, NblPool* pool) : machine_(machine), pool_(pool) {}
@@ -103,6 +132,7 @@ PNET_BUFFER_LIST NblFactory::Make(std::span<const std::span<const std::uint8_t>>
         lastFrame->next = frame;
         lastFrame = frame;
     }
+    FillOpaqueFields(*nbl, ++made_);
     nbl->SourceHandle = pool_->owner->handle;
     nbl->ProtocolReserved[kFrameSlot] = first;
     return nbl;

@@ -32,8 +32,9 @@ class NblFactory {
     NblFactory(const NblFactory&) = delete;
     NblFactory& operator=(const NblFactory&) = delete;
 
-    /// An NBL with one NET_BUFFER for each frame, in order. SourceHandle is the owner's. The frames
-    /// are copied. Null when the allocation is made to fail.
+    /// An NBL with one NET_BUFFER for each frame, in order. SourceHandle is the owner's; the flags,
+    /// the reserved fields and out-of-band data that asks nothing of an adapter have values. The
+    /// frames are copied. Null when the allocation is made to fail.
     PNET_BUFFER_LIST Make(std::span<const std::span<const std::uint8_t>> frames,
                           const FrameLayout& layout = {});
     PNET_BUFFER_LIST Make(std::span<const std::uint8_t> frame, const FrameLayout& layout = {});
@@ -52,6 +53,7 @@ class NblFactory {
 
     Machine& machine_;
     NblPool* pool_;
+    std::uint64_t made_ = 0;
     std::vector<std::unique_ptr<Frame>> frames_;
     std::vector<Frame*> free_;
 };

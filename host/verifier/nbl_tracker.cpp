@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <set>
 
-#include "host/kernel/mdls.h"
-
 namespace netsieve::host {
 
 namespace {
@@ -18,63 +16,36 @@ void* ScratchAfterTransfer() {
     return reinterpret_cast<void*>(0xBAD5C4A7C4BAD5C4ull);
 }
 
-std::uint64_t Mix(std::uint64_t hash, std::uint64_t value) {
-    hash = (hash ^ value) * 0x9E3779B97F4A7C15ull;
-    return hash ^ (hash >> 29);
-}
-
-std::uint64_t HashBytes(std::uint64_t hash, const unsigned char* bytes, std::size_t size) {
-    for (; size >= sizeof(std::uint64_t); size -= sizeof(std::uint64_t)) {
-        std::uint64_t word = 0;
-        __builtin_memcpy(&word, bytes, sizeof(word));
-        hash = Mix(hash, word);
-        bytes += sizeof(word);
-    }
-    for (; size > 0; --size) {
-        hash = Mix(hash, *bytes++);
-    }
-    return hash;
-}
-
-std::uint64_t HashBuffer(std::uint64_t hash, const NET_BUFFER& buffer) {
-    std::size_t left = buffer.DataLength;
-    std::size_t skip = buffer.CurrentMdlOffset;
-    for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && left > 0; mdl = mdl->Next) {
-        const std::size_t size = std::min<std::size_t>(mdl->ByteCount - skip, left);
-        const auto* start = static_cast<const unsigned char*>(DescribedBuffer(*mdl));
-        hash = HashBytes(hash, start + skip, size);
-        left -= size;
-        skip = 0;
-    }
-    return Mix(hash, left);
+bool IsOutward(NblTransfer transfer) {
+    return transfer == NblTransfer::kSend || transfer == NblTransfer::kIndicate;
 }
 
 }  // namespace
 
-std::vector<NblTracker::Buffer> NblTracker::BuffersOf(PNET_BUFFER_LIST nbl) {
-    std::vector<Buffer> buffers;
-    for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-        buffers.push_back(
-            {buffer, buffer->CurrentMdl, buffer->CurrentMdlOffset, buffer->DataLength});
+void NblTracker::Route::Push(const Component& holder, PNET_BUFFER_LIST nbl) {
+    if (size_ == stops_.size()) {
+        stops_.emplace_back();
     }
-    return buffers;
+    stops_[size_].holder = &holder;
+    stops_[size_].given.Take(*nbl);
+    ++size_;
 }
 
-std::uint64_t NblTracker::HashOfData(PNET_BUFFER_LIST nbl) {
-    std::uint64_t hash = 0;
-    for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-        hash = HashBuffer(hash, *buffer);
+const NblTracker::Stop* NblTracker::Route::Find(const Component& holder) const {
+    for (std::size_t i = size_; i > 0; --i) {
+        if (stops_[i - 1].holder == &holder) {
+            return &stops_[i - 1];
+        }
     }
-    return hash;
+    return nullptr;
 }
 
-std::uint64_t NblTracker::HashOf(PNET_BUFFER_LIST nbl) {
-    std::uint64_t hash = HashOfData(nbl);
-    for (const Buffer& buffer : BuffersOf(nbl)) {
-        hash = Mix(hash, reinterpret_cast<std::uintptr_t>(buffer.buffer));
-        hash = Mix(hash, buffer.dataLength);
-    }
-    return Mix(hash, reinterpret_cast<std::uintptr_t>(nbl->SourceHandle));
+void NblTracker::Route::CutAt(const Stop* stop) {
+    size_ = static_cast<std::size_t>(stop - stops_.data());
+}
+
+std::string NblTracker::Route::GivenBy() const {
+    return size_ < 2 ? "" : ", given to it by " + stops_[size_ - 2].holder->name;
 }
 
 void NblTracker::Add(PNET_BUFFER_LIST nbl, Component* owner) {
@@ -205,9 +176,10 @@ bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
     if (!record.outstanding) {
         Originate(nbl, record, from);
         record.sent = transfer == NblTransfer::kSend;
+    } else {
+        CheckUnchanged(nbl, record, from, transfer);
     }
     record.resources = resources;
-    CheckEndpoint(nbl, record, from);
     Note(record, kVerbs[static_cast<int>(transfer)], &from, &to);
     record.holder = &to;
     if (&to == record.owner) {
@@ -219,9 +191,8 @@ bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
         record.holder = record.owner;
         EndAtOwner(nbl, record);
         return false;
-    } else if (to.kind != ComponentKind::kFilterModule) {
-        record.atEndpoint = true;
-        record.endpointHash = HashOf(nbl);
+    } else {
+        NoteArrival(nbl, record, to, transfer);
     }
     nbl->Scratch = ScratchAfterTransfer();
     return true;
@@ -230,7 +201,7 @@ bool NblTracker::TransferOne(PNET_BUFFER_LIST nbl,
 std::pair<Rule, const char*> NblTracker::Objection(const Record& record,
                                                    const Component& from,
                                                    NblTransfer transfer) {
-    const bool outward = transfer == NblTransfer::kSend || transfer == NblTransfer::kIndicate;
+    const bool outward = IsOutward(transfer);
     const bool asSent = transfer == NblTransfer::kSend || transfer == NblTransfer::kSendComplete;
     if (record.holder != &from) {
         return record.lastResourcesHolder == &from
@@ -294,22 +265,29 @@ void NblTracker::Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from
     record.outstanding = true;
     record.lastResourcesHolder = nullptr;
     record.source = nbl->SourceHandle;
-    record.buffers = BuffersOf(nbl);
-    record.bytes = HashOfData(nbl);
     record.context = nbl->Context;
     record.contextOffset = nbl->Context == nullptr ? 0 : nbl->Context->Offset;
+    record.goingBack = false;
+    record.changeReported = false;
+    record.route.Clear();
+    record.route.Push(from, nbl);
     ++from.originatedOutstanding;
 }
 
 void NblTracker::EndAtOwner(PNET_BUFFER_LIST nbl, Record& record) {
     record.outstanding = false;
     record.resources = false;
-    record.atEndpoint = false;
     --record.owner->originatedOutstanding;
-    if (BuffersOf(nbl) != record.buffers) {
-        Report(Rule::kNblNetBuffers, record, "the chain of buffers differs");
-    } else if (HashOfData(nbl) != record.bytes) {
-        Report(Rule::kNblData, record, "the frames' bytes differ");
+    // Seen here only when it was changed by a driver that the NBL did not come back through.
+    const NblLiberty liberty{.completed = record.sent,
+                             .protocolReserved = !record.sent,
+                             .miniportReserved = record.sent};
+    const auto difference = record.changeReported
+                                ? std::nullopt
+                                : record.route.Owner().given.FindDifference(*nbl, liberty);
+    if (difference) {
+        Report(difference->rule, record,
+               fmt::format("{} changed before it came back to its owner", difference->field));
     }
     if (nbl->Context != record.context ||
         (nbl->Context != nullptr && nbl->Context->Offset != record.contextOffset)) {
@@ -317,14 +295,71 @@ void NblTracker::EndAtOwner(PNET_BUFFER_LIST nbl, Record& record) {
     }
 }
 
-// A protocol or an adapter passes an NBL on as it got it: a difference was made by a driver that no
-// longer held it.
-void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from) {
-    if (record.atEndpoint && from.kind != ComponentKind::kFilterModule &&
-        HashOf(nbl) != record.endpointHash) {
-        Report(Rule::kNblWritten, record, fmt::format("written while {} held it", from.name));
+void NblTracker::CheckUnchanged(PNET_BUFFER_LIST nbl,
+                                Record& record,
+                                const Component& from,
+                                NblTransfer transfer) {
+    if (from.kind != ComponentKind::kFilterModule) {
+        CheckEndpoint(nbl, record, from);
+    } else if (const auto difference = FindChangeByFilter(nbl, record, from, transfer);
+               difference && !record.changeReported) {
+        record.changeReported = true;
+        Report(difference->rule, record,
+               fmt::format("{} changed {}", from.name, difference->field));
     }
-    record.atEndpoint = false;
+    if (const Stop* const stop = record.route.Find(from); stop != nullptr && !IsOutward(transfer)) {
+        record.route.CutAt(stop);
+    }
+}
+
+// A protocol or an adapter changes nothing but what is its own: any other difference was made by a
+// driver that no longer held the NBL.
+void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from) {
+    const Stop* const stop = record.route.Find(from);
+    const bool protocol = from.kind == ComponentKind::kProtocol;
+    const NblLiberty liberty{.completed = !protocol && record.sent,
+                             .protocolReserved = protocol,
+                             .miniportReserved = !protocol};
+    if (stop == nullptr || record.changeReported) {
+        return;
+    }
+    if (const auto difference = stop->given.FindDifference(*nbl, liberty)) {
+        record.changeReported = true;
+        Report(Rule::kNblWritten, record,
+               fmt::format("{} was written while {} held it{}", difference->field, from.name,
+                           record.route.GivenBy()));
+    }
+}
+
+// An NBL may travel with other NET_BUFFERs and bytes than it came with: those are compared when it
+// goes back.
+std::optional<NblDifference> NblTracker::FindChangeByFilter(PNET_BUFFER_LIST nbl,
+                                                            const Record& record,
+                                                            const Component& from,
+                                                            NblTransfer transfer) {
+    const Stop* const stop = record.route.Find(from);
+    if (stop == nullptr && !record.goingBack) {
+        return std::nullopt;
+    }
+    const NblHeader& header = record.goingBack ? record.givenBack : stop->given.header();
+    const bool completes = !record.goingBack && transfer == NblTransfer::kSendComplete;
+    if (const auto difference = header.FindDifference(*nbl, {.completed = completes})) {
+        return difference;
+    }
+    return stop == nullptr || IsOutward(transfer) ? std::nullopt
+                                                  : stop->given.FindBufferDifference(*nbl);
+}
+
+void NblTracker::NoteArrival(PNET_BUFFER_LIST nbl,
+                             Record& record,
+                             const Component& to,
+                             NblTransfer transfer) {
+    record.goingBack = !IsOutward(transfer);
+    if (record.goingBack) {
+        record.givenBack.Take(*nbl);
+    } else {
+        record.route.Push(to, nbl);
+    }
 }
 
 void NblTracker::ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
@@ -344,11 +379,16 @@ void NblTracker::ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
             Report(Rule::kResourcesNblKept, record,
                    fmt::format("the call of {} with the resources flag has returned", to.name));
         }
+        if (record.outstanding && record.holder == &to) {
+            CheckUnchanged(chain[i], record, to, NblTransfer::kReturn);
+        }
         Note(record, "taken back", &to, &from);
         record.holder = &from;
         record.lastResourcesHolder = &to;
         if (&from == record.owner && record.outstanding) {
             EndAtOwner(chain[i], record);
+        } else if (record.outstanding) {
+            NoteArrival(chain[i], record, from, NblTransfer::kReturn);
         }
     }
     if (found != given && !kept) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/verifier/nbl_snapshot.h"
 #include "host/verifier/verifier.h"
 #include "platform/ndis.h"
 
@@ -90,18 +91,34 @@ class NblTracker {
     std::string History(PNET_BUFFER_LIST nbl);
 
   private:
-    struct Buffer {
-        PNET_BUFFER buffer;
-        PMDL currentMdl;
-        ULONG currentMdlOffset;
-        ULONG dataLength;
-        bool operator==(const Buffer&) const = default;
-    };
     struct Step {
         const char* verb = "";
         const Component* from = nullptr;
         const Component* to = nullptr;
         std::uint32_t context = 0;
+    };
+    /// A component that got the NBL on its way out, and the NBL as it got it. The first is the
+    /// owner, with the NBL as it sent or indicated it.
+    struct Stop {
+        const Component* holder = nullptr;
+        NblSnapshot given;
+    };
+    /// The components that have the NBL and will get it back. Memory is kept for the next way out.
+    class Route {
+      public:
+        void Push(const Component& holder, PNET_BUFFER_LIST nbl);
+        /// The latest stop of `holder`; null when the NBL came to it on its way back only.
+        const Stop* Find(const Component& holder) const;
+        /// Forgets the stops from `stop` on.
+        void CutAt(const Stop* stop);
+        void Clear() { size_ = 0; }
+        const Stop& Owner() const { return stops_.front(); }
+        /// The holder before the latest; empty when there is none.
+        std::string GivenBy() const;
+
+      private:
+        std::vector<Stop> stops_;
+        std::size_t size_ = 0;
     };
     struct Record {
         std::uint64_t id = 0;
@@ -113,13 +130,13 @@ class NblTracker {
         bool sent = false;       ///< by its owner; otherwise indicated
         // The NBL as its owner sent or indicated it.
         NDIS_HANDLE source = nullptr;
-        std::vector<Buffer> buffers;
-        std::uint64_t bytes = 0;
         NET_BUFFER_LIST_CONTEXT* context = nullptr;
         USHORT contextOffset = 0;
-        // The NBL as a protocol or an adapter got it, which changes nothing in it.
-        bool atEndpoint = false;
-        std::uint64_t endpointHash = 0;
+        // The NBL as each holder got it.
+        Route route;
+        bool goingBack = false;        ///< the present holder got it by a completion or a return
+        NblHeader givenBack;           ///< as it got it then
+        bool changeReported = false;   ///< of what changes later the first change may be the cause
         std::array<Step, 16> history;  ///< the latest steps
         std::uint64_t steps = 0;
         std::unique_ptr<Record> previous;  ///< its record before TakeOwnership
@@ -137,13 +154,23 @@ class NblTracker {
                                            NblTransfer transfer);
     void Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from);
     void EndAtOwner(PNET_BUFFER_LIST nbl, Record& record);
+    /// `from` passes the NBL on or back: compares it with what it was when `from` got it.
+    void CheckUnchanged(PNET_BUFFER_LIST nbl,
+                        Record& record,
+                        const Component& from,
+                        NblTransfer transfer);
     void CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from);
+    static std::optional<NblDifference> FindChangeByFilter(PNET_BUFFER_LIST nbl,
+                                                           const Record& record,
+                                                           const Component& from,
+                                                           NblTransfer transfer);
+    static void NoteArrival(PNET_BUFFER_LIST nbl,
+                            Record& record,
+                            const Component& to,
+                            NblTransfer transfer);
     void Note(Record& record, const char* verb, const Component* from, const Component* to);
     void Report(Rule rule, const Record& record, const std::string& what);
     static std::string Describe(const Record& record);
-    static std::vector<Buffer> BuffersOf(PNET_BUFFER_LIST nbl);
-    static std::uint64_t HashOfData(PNET_BUFFER_LIST nbl);
-    static std::uint64_t HashOf(PNET_BUFFER_LIST nbl);
 
     Verifier& verifier_;
     HostMutex mutex_;

@@ -20,6 +20,11 @@ namespace netsieve::host {
     X(NblDirection, "a sent NBL is completed, an indicated one returned")                  \
     X(NblNetBuffers, "an NBL goes back with its NET_BUFFERs in their order")               \
     X(NblData, "an NBL goes back with its data unchanged")                                 \
+    X(NblDataLocation, "a NET_BUFFER goes back with its offset, length and MDLs")          \
+    X(NblOutOfBand, "an NBL keeps its out-of-band data; a completer answers")              \
+    X(NblFlags, "an NBL keeps its flags, its parent and its child count")                  \
+    X(NblStatus, "an NBL's Status is set by whoever completes it")                         \
+    X(NblReserved, "reserved fields belong to the layer they are named after")             \
     X(NblLost, "every NBL is completed or returned to its owner")                          \
     X(ResourcesNblKept, "an NBL indicated with the resources flag is not kept")            \
     X(ResourcesChain, "a chain indicated with the resources flag is left complete")        \

@@ -34,6 +34,7 @@ struct Scene {
     Stack* stack = nullptr;
     PNET_BUFFER_LIST kept = nullptr;  ///< for a breaker to remember an NBL in
     PNET_BUFFER_LIST own = nullptr;
+    PVOID largeSend = nullptr;  ///< asked for in what the protocol sends
 
   private:
     std::unique_ptr<NblFactory> protocolNbls_;
@@ -52,6 +53,14 @@ struct Breaker {
     /// AddressSanitizer stops the program at the access itself, before any rule could report it.
     bool stopsAddressSanitizer = false;
 };
+
+/// Something that a filter must not leave changed in an NBL that it passes on or back.
+struct NblChange {
+    Rule rule;
+    const char* field;  ///< as the report names it
+    void (*make)(PNET_BUFFER_LIST nbl);
+};
+std::vector<NblChange> NblChanges();
 
 /// Those about locks, memory, timers and the like; those about NBLs and modules.
 std::vector<Breaker> KernelBreakers();

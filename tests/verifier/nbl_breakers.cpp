@@ -124,6 +124,18 @@ NDIS_STATUS WaitElevenSeconds() {
     return NDIS_STATUS_SUCCESS;
 }
 
+/// A filter that completes a large send, asked for with `request`, and answers wrongly.
+Breaker WrongAnswer(const char* how, ULONG request, ULONG answer) {
+    const auto value = [](ULONG word) { return reinterpret_cast<PVOID>(std::uintptr_t{word}); };
+    return {Rule::kNblOutOfBand, how, [=](Scene& scene) {
+                scene.largeSend = value(request);
+                OnSend([=](Scene& inside, PNET_BUFFER_LIST chain) {
+                    NET_BUFFER_LIST_INFO(chain, TcpLargeSendNetBufferListInfo) = value(answer);
+                    CompleteOn(inside, chain);
+                })(scene);
+            }};
+}
+
 std::vector<Breaker> HandOverBreakers() {
     return {
         {Rule::kDispatchFlag, "flag set at PASSIVE_LEVEL",
@@ -165,16 +177,9 @@ std::vector<Breaker> HandOverBreakers() {
              NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
              SendOn(scene, chain);
          })},
-        {Rule::kNblNetBuffers, "completed with its buffers in another order",
-         OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
-             SwapBuffers(chain);
-             CompleteOn(scene, chain);
-         })},
-        {Rule::kNblData, "completed with other bytes",
-         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
-             FirstByte(chain) ^= 1;
-             SendOn(scene, chain);
-         })},
+        WrongAnswer("no large send was asked for", 0, 1),
+        WrongAnswer("a large send of the other version", 1 << 30 | 1460, 1460),
+        WrongAnswer("the request is left in a large send", 1 << 30 | 1460, 1 << 30 | 1461),
         {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
         {Rule::kNblPoolParameters, "a pool is asked for without a header",
          [](Scene& scene) {
@@ -368,10 +373,74 @@ std::vector<Breaker> ContextAndPoolBreakers() {
     };
 }
 
+/// A filter that makes the change when it completes an NBL.
+std::vector<Breaker> ChangeBreakers() {
+    std::vector<Breaker> all;
+    for (const NblChange& change : NblChanges()) {
+        all.push_back({change.rule, change.field,
+                       OnSendComplete([make = change.make](Scene& scene, PNET_BUFFER_LIST chain) {
+                           make(chain);
+                           CompleteOn(scene, chain);
+                       })});
+    }
+    return all;
+}
+
 }  // namespace
 
+std::vector<NblChange> NblChanges() {
+    using Nbl = PNET_BUFFER_LIST;
+    return {
+        {Rule::kNblOutOfBand, "NetBufferListInfo",
+         [](Nbl nbl) { NET_BUFFER_LIST_INFO(nbl, NetBufferListCancelId) = nullptr; }},
+        {Rule::kNblOutOfBand, "NetBufferListInfo",
+         [](Nbl nbl) { nbl->NetBufferListInfo[kNblInfoCount - 1] = nbl; }},
+        {Rule::kNblFlags, "NblFlags", [](Nbl nbl) { nbl->NblFlags = 0; }},
+        {Rule::kNblFlags, "Flags", [](Nbl nbl) { nbl->Flags = 0; }},
+        {Rule::kNblFlags, "ParentNetBufferList", [](Nbl nbl) { nbl->ParentNetBufferList = nbl; }},
+        {Rule::kNblFlags, "ChildRefCount", [](Nbl nbl) { ++nbl->ChildRefCount; }},
+        {Rule::kNblStatus, "Status", [](Nbl nbl) { nbl->Status ^= 1; }},
+        {Rule::kNblReserved, "NdisPoolHandle", [](Nbl nbl) { nbl->NdisPoolHandle = nullptr; }},
+        {Rule::kNblReserved, "NdisReserved", [](Nbl nbl) { nbl->NdisReserved[1] = nullptr; }},
+        {Rule::kNblReserved, "ProtocolReserved",
+         [](Nbl nbl) { nbl->ProtocolReserved[3] = nullptr; }},
+        {Rule::kNblReserved, "MiniportReserved",
+         [](Nbl nbl) { nbl->MiniportReserved[1] = nullptr; }},
+        {Rule::kNblNetBuffers, "the chain of NET_BUFFERs", &SwapBuffers},
+        {Rule::kNblNetBuffers, "the chain of NET_BUFFERs",
+         [](Nbl nbl) { nbl->FirstNetBuffer->Next = nullptr; }},
+        {Rule::kNblNetBuffers, "the chain of NET_BUFFERs",
+         [](Nbl nbl) {
+             static NET_BUFFER extra;
+             extra = *nbl->FirstNetBuffer->Next;
+             nbl->FirstNetBuffer->Next->Next = &extra;
+         }},
+        {Rule::kNblDataLocation, "DataOffset", [](Nbl nbl) { ++nbl->FirstNetBuffer->DataOffset; }},
+        {Rule::kNblDataLocation, "DataLength", [](Nbl nbl) { --nbl->FirstNetBuffer->DataLength; }},
+        {Rule::kNblDataLocation, "CurrentMdl",
+         [](Nbl nbl) { nbl->FirstNetBuffer->CurrentMdl = nullptr; }},
+        {Rule::kNblDataLocation, "CurrentMdlOffset",
+         [](Nbl nbl) { nbl->FirstNetBuffer->CurrentMdlOffset ^= 1; }},
+        {Rule::kNblDataLocation, "MdlChain",
+         [](Nbl nbl) { nbl->FirstNetBuffer->MdlChain = nullptr; }},
+        {Rule::kNblDataLocation, "ChecksumBias",
+         [](Nbl nbl) { ++nbl->FirstNetBuffer->ChecksumBias; }},
+        {Rule::kNblDataLocation, "Next",
+         [](Nbl nbl) {
+             nbl->FirstNetBuffer->MdlChain->Next = nbl->FirstNetBuffer->Next->MdlChain;
+         }},
+        {Rule::kNblDataLocation, "ByteCount",
+         [](Nbl nbl) { --nbl->FirstNetBuffer->MdlChain->ByteCount; }},
+        {Rule::kNblReserved, "MiniportReserved",
+         [](Nbl nbl) { nbl->FirstNetBuffer->MiniportReserved[3] = nbl; }},
+        {Rule::kNblReserved, "ProtocolReserved",
+         [](Nbl nbl) { nbl->FirstNetBuffer->Next->ProtocolReserved[5] = nbl; }},
+        {Rule::kNblData, "bytes", [](Nbl nbl) { FirstByte(nbl) ^= 1; }},
+    };
+}
+
 std::vector<Breaker> NblBreakers() {
-    std::vector<Breaker> all;
+    std::vector<Breaker> all = ChangeBreakers();
     for (const auto& part : {HandOverBreakers(), ModuleBreakers(), ContextAndPoolBreakers()}) {
         all.insert(all.end(), part.begin(), part.end());
     }
@@ -411,7 +480,9 @@ PNET_BUFFER_LIST MakeChain(NblFactory& nbls, int count) {
 }  // namespace
 
 void Scene::Send(int count) {
-    stack->protocol().Send(MakeChain(*protocolNbls_, count));
+    PNET_BUFFER_LIST const chain = MakeChain(*protocolNbls_, count);
+    NET_BUFFER_LIST_INFO(chain, TcpLargeSendNetBufferListInfo) = largeSend;
+    stack->protocol().Send(chain);
 }
 
 void Scene::Receive(ULONG flags, int count) {

@@ -1,0 +1,87 @@
+// A filter that changes an NBL is named, whichever way the NBL goes and whoever else sees it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/ndis/other_filter.h"
+#include "tests/verifier/breakers.h"
+
+namespace netsieve::host {
+namespace {
+
+/// A handler of the small filter: makes a change in each NBL before it passes the chain on.
+struct Handler {
+    const char* name;
+    bool outward;
+    void (*install)(Scene&, void (*make)(PNET_BUFFER_LIST));
+};
+
+const Handler kHandlers[] = {
+    {"send", true,
+     [](Scene& scene, void (*make)(PNET_BUFFER_LIST)) {
+         scene.filter.send = [=, &scene](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG flags) {
+             make(chain);
+             NdisFSendNetBufferLists(scene.filter.handle, chain, 0, flags);
+         };
+     }},
+    {"send complete", false,
+     [](Scene& scene, void (*make)(PNET_BUFFER_LIST)) {
+         scene.filter.sendComplete = [=, &scene](PNET_BUFFER_LIST chain, ULONG flags) {
+             make(chain);
+             NdisFSendNetBufferListsComplete(scene.filter.handle, chain, flags);
+         };
+     }},
+    {"receive", true,
+     [](Scene& scene, void (*make)(PNET_BUFFER_LIST)) {
+         scene.filter.receive = [=, &scene](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG,
+                                            ULONG flags) {
+             make(chain);
+             NdisFIndicateReceiveNetBufferLists(scene.filter.handle, chain, 0, 1, flags);
+         };
+     }},
+    {"return", false,
+     [](Scene& scene, void (*make)(PNET_BUFFER_LIST)) {
+         scene.filter.returned = [=, &scene](PNET_BUFFER_LIST chain, ULONG flags) {
+             make(chain);
+             NdisFReturnNetBufferLists(scene.filter.handle, chain, flags);
+         };
+     }},
+};
+
+class ChangedNbl : public testing::TestWithParam<NblChange> {};
+
+TEST_P(ChangedNbl, IsReportedOnceAsTheFiltersDoing) {
+    const NblChange& change = GetParam();
+    for (const Handler& handler : kHandlers) {
+        for (const ULONG flags : {0u, NDIS_RECEIVE_FLAGS_RESOURCES}) {
+            Machine machine;
+            Scene scene(machine);
+            handler.install(scene, change.make);
+            machine.Run([&] {
+                scene.Start();
+                machine.LoadDriver(OtherFilter(true));
+                machine.LoadDriver(OtherFilter(false));
+                scene.Send();
+                scene.Receive(flags);
+                machine.UnloadDriver("OTHERUP");
+                machine.UnloadDriver("OTHERLO");
+                scene.Finish();
+            });
+            const bool called = flags == 0 || std::string(handler.name) != "return";
+            std::vector<std::string> reports;
+            for (const Violation& violation : machine.verifier().violations()) {
+                reports.push_back(std::string(RuleName(violation.rule)) + ": " +
+                                  violation.what.substr(0, violation.what.find(':')));
+            }
+            const std::string expected =
+                std::string(RuleName(change.rule)) + ": SMALL on adapter 1 changed " + change.field;
+            EXPECT_EQ(reports, called ? std::vector{expected} : std::vector<std::string>())
+                << handler.name << ", receive flags " << flags;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, ChangedNbl, testing::ValuesIn(NblChanges()));
+
+}  // namespace
+}  // namespace netsieve::host
