@@ -3,11 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "host/sanitizers.h"
-
-#ifdef NETSIEVE_ASAN
-#include <sanitizer/asan_interface.h>
-#endif
+#include "host/memory_poison.h"
 
 namespace netsieve::host {
 
@@ -16,18 +12,6 @@ namespace {
 constexpr unsigned char kFreedPattern = 0xDD;
 constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
 constexpr std::size_t kMostEntries = 4096;
-
-void Poison([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) {
-#ifdef NETSIEVE_ASAN
-    __asan_poison_memory_region(data, size);
-#endif
-}
-
-void Unpoison([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) {
-#ifdef NETSIEVE_ASAN
-    __asan_unpoison_memory_region(data, size);
-#endif
-}
 
 }  // namespace
 
@@ -40,7 +24,7 @@ Quarantine::~Quarantine() {
 
 void Quarantine::Add(void* allocation, void* data, std::size_t size, std::string what) {
     std::memset(data, kFreedPattern, size);
-    Poison(data, size);
+    PoisonMemory(data, size);
     HostLock lock(mutex_);
     entries_.push_back({allocation, data, size, std::move(what)});
     bytes_ += size;
@@ -61,7 +45,7 @@ void Quarantine::Drain() {
 }
 
 void Quarantine::Release(const Entry& entry) {
-    Unpoison(entry.data, entry.size);
+    UnpoisonMemory(entry.data, entry.size);
     const auto* bytes = static_cast<const unsigned char*>(entry.data);
     if (std::any_of(bytes, bytes + entry.size,
                     [](unsigned char byte) { return byte != kFreedPattern; })) {

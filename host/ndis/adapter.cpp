@@ -11,7 +11,8 @@
 namespace netsieve::host {
 
 Adapter::Adapter(Machine& machine, Stack& stack, AdapterOptions options)
-    : stack_(stack),
+    : machine_(machine),
+      stack_(stack),
       options_(std::move(options)),
       objects_(machine.options().ndisVersion, options_.mac, options_.ifIndex),
       pool_(machine.ndis().nblPools().CreatePool(&component_, nullptr)),
@@ -55,7 +56,24 @@ void Adapter::IndicateStatus(PNDIS_STATUS_INDICATION status) {
     StatusUp(stack_, nullptr, status);
 }
 
+namespace {
+
+// The fate of the `number`-th NBL that was sent: most arrive.
+NDIS_STATUS CompletionStatus(std::uint64_t seed, std::uint64_t number) {
+    constexpr NDIS_STATUS kFailures[] = {NDIS_STATUS_FAILURE, NDIS_STATUS_RESOURCES};
+    Random random(seed ^ (number * 0x9E3779B97F4A7C15ull));
+    return random.OneIn(4) ? kFailures[random.Below(2)] : NDIS_STATUS_SUCCESS;
+}
+
+}  // namespace
+
 void Adapter::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) {
+    if (g_verifyMode) {
+        for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+            nbl->Status = CompletionStatus(machine_.options().seed, ++sent_);
+            nbl->MiniportReserved[0] = this;
+        }
+    }
     if (onSend) {
         onSend(chain, port, flags);
     }

@@ -27,8 +27,8 @@ struct AdapterOptions {
     bool bindAnyway = false;
 };
 
-/// The adapter of a stack. It completes sent NBLs when its queue releases them, and indicates what
-/// it is told to.
+/// The adapter of a stack. It completes sent NBLs when its queue releases them, some with a failure
+/// by choice of the machine's seed, and indicates what it is told to.
 class Adapter {
   public:
     Adapter(Machine& machine, Stack& stack, AdapterOptions options);
@@ -64,12 +64,14 @@ class Adapter {
     void Returned(PNET_BUFFER_LIST chain, ULONG flags);
 
   private:
+    Machine& machine_;
     Stack& stack_;
     AdapterOptions options_;
     AdapterObjects objects_;
     Component component_;
     NblPool* pool_;
     NblQueue queue_;
+    std::atomic<std::uint64_t> sent_ = 0;  ///< NBLs that were sent to the adapter
 };
 
 }  // namespace netsieve::host

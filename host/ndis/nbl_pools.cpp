@@ -79,6 +79,7 @@ NblPools::NblPools(Machine& machine)
       }) {}
 
 NblPools::~NblPools() {
+    tracker_.TakeUpAll();
     for (PNET_BUFFER_LIST nbl : tracker_.All()) {
         while (NET_BUFFER_LIST_CONTEXT* const block = nbl->Context) {
             nbl->Context = block->Next;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/machine.h"
+#include "host/ndis/ndis.h"
 
 namespace netsieve::host {
 
@@ -31,7 +32,7 @@ void NblQueue::Add(PNET_BUFFER_LIST chain, bool dispatch) {
                 *tail = nbl;
                 tail = &nbl->Next;
             } else {
-                queued_.push_back(nbl);
+                PutAway(nbl);
                 deferred = true;
             }
         }
@@ -41,6 +42,20 @@ void NblQueue::Add(PNET_BUFFER_LIST chain, bool dispatch) {
     }
     if (atOnce != nullptr) {
         release_(atOnce, dispatch);
+    }
+}
+
+// Nobody touches an NBL while it is queued.
+void NblQueue::PutAway(PNET_BUFFER_LIST nbl) {
+    if (machine_.verifier().enabled()) {
+        machine_.ndis().nblPools().tracker().PutAway(nbl);
+    }
+    queued_.push_back(nbl);
+}
+
+void NblQueue::TakeUp(PNET_BUFFER_LIST nbl) {
+    if (machine_.verifier().enabled()) {
+        machine_.ndis().nblPools().tracker().TakeUp(nbl);
     }
 }
 
@@ -69,6 +84,7 @@ void NblQueue::ReleaseSome(bool dispatch) {
         for (std::uint64_t count = 1 + random_.Below(queued_.size()); count > 0; --count) {
             const auto at =
                 queued_.begin() + static_cast<std::ptrdiff_t>(random_.Below(queued_.size()));
+            TakeUp(*at);
             (*at)->Next = chain;
             chain = *at;
             queued_.erase(at);
@@ -86,6 +102,7 @@ void NblQueue::ReleaseAll() {
     {
         HostLock lock(mutex_);
         for (auto it = queued_.rbegin(); it != queued_.rend(); ++it) {
+            TakeUp(*it);
             (*it)->Next = chain;
             chain = *it;
         }

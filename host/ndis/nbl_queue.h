@@ -50,6 +50,8 @@ class NblQueue {
     std::size_t Queued();
 
   private:
+    void PutAway(PNET_BUFFER_LIST nbl);
+    void TakeUp(PNET_BUFFER_LIST nbl);
     void Schedule();
     void ReleaseSome(bool dispatch);
 

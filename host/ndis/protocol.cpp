@@ -68,6 +68,9 @@ void Protocol::SendComplete(PNET_BUFFER_LIST chain, ULONG flags) {
 }
 
 void Protocol::Receive(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags) {
+    for (PNET_BUFFER_LIST nbl = chain; g_verifyMode && nbl != nullptr; nbl = nbl->Next) {
+        nbl->ProtocolReserved[3] = this;
+    }
     if (onReceive) {
         onReceive(chain, port, count, flags);
     }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "host/kernel/mdls.h"
+#include "host/memory_poison.h"
 
 namespace netsieve::host {
 
@@ -27,13 +28,16 @@ std::uint64_t HashBytes(std::uint64_t hash, const unsigned char* bytes, std::siz
     return hash;
 }
 
+const unsigned char* BytesOf(const MDL& mdl) {
+    return static_cast<const unsigned char*>(DescribedBuffer(mdl));
+}
+
 std::uint64_t HashBuffer(std::uint64_t hash, const NET_BUFFER& buffer) {
     std::size_t left = buffer.DataLength;
     std::size_t skip = buffer.CurrentMdlOffset;
     for (PMDL mdl = buffer.CurrentMdl; mdl != nullptr && left > 0; mdl = mdl->Next) {
         const std::size_t size = std::min<std::size_t>(mdl->ByteCount - skip, left);
-        const auto* start = static_cast<const unsigned char*>(DescribedBuffer(*mdl));
-        hash = HashBytes(hash, start + skip, size);
+        hash = HashBytes(hash, BytesOf(*mdl) + skip, size);
         left -= size;
         skip = 0;
     }
@@ -177,8 +181,11 @@ std::optional<NblDifference> NblHeader::FindDifference(const NET_BUFFER_LIST& nb
     return FindField(kHeaderFields, bytes_, now, liberty);
 }
 
-void NblSnapshot::Take(const NET_BUFFER_LIST& nbl) {
+void NblSnapshot::Take(NET_BUFFER_LIST& nbl) {
     header_.Take(nbl);
+    original_ = &nbl;
+    next_ = nbl.Next;
+    scratch_ = nbl.Scratch;
     mdls_.clear();
     for (PNET_BUFFER buffer = nbl.FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
         for (PMDL mdl = buffer->MdlChain; mdl != nullptr; mdl = mdl->Next) {
@@ -215,6 +222,37 @@ std::optional<NblDifference> NblSnapshot::FindDifference(const NET_BUFFER_LIST& 
                                                          const NblLiberty& liberty) const {
     const auto difference = header_.FindDifference(nbl, liberty);
     return difference ? difference : FindBufferDifference(nbl);
+}
+
+std::optional<NblDifference> NblSnapshot::FindTouched(const NET_BUFFER_LIST& nbl) const {
+    if (nbl.Next != next_) {
+        return NblDifference{Rule::kNblWritten, "Next"};
+    }
+    if (nbl.Scratch != scratch_) {
+        return NblDifference{Rule::kNblWritten, "Scratch"};
+    }
+    return FindDifference(nbl, {});
+}
+
+// The sizes are those of the copies: what is hidden cannot be asked.
+template <typename Visit>
+void NblSnapshot::ForEachPart(Visit visit) const {
+    visit(original_, offsetof(NET_BUFFER_LIST, NetBufferListInfo) + kNblInfoCount * sizeof(PVOID));
+    for (const TakenCopy<NET_BUFFER>& buffer : header_.buffers()) {
+        visit(buffer.original, sizeof(NET_BUFFER));
+    }
+    for (const TakenCopy<MDL>& mdl : mdls_) {
+        visit(mdl.original, sizeof(MDL));
+        visit(BytesOf(mdl.value), mdl.value.ByteCount);
+    }
+}
+
+void NblSnapshot::Hide() const {
+    ForEachPart([](const void* part, std::size_t size) { PoisonMemory(part, size); });
+}
+
+void NblSnapshot::Reveal() const {
+    ForEachPart([](const void* part, std::size_t size) { UnpoisonMemory(part, size); });
 }
 
 bool NblSnapshot::Contains(const MDL* mdl) const {

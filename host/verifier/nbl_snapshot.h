@@ -59,18 +59,30 @@ class NblHeader {
 /// An NBL with its NET_BUFFERs, MDLs and frames.
 class NblSnapshot {
   public:
-    void Take(const NET_BUFFER_LIST& nbl);
+    void Take(NET_BUFFER_LIST& nbl);
     const NblHeader& header() const { return header_; }
     /// The first thing outside the header that differs now.
     std::optional<NblDifference> FindBufferDifference(const NET_BUFFER_LIST& nbl) const;
     /// The first thing at all that differs now.
     std::optional<NblDifference> FindDifference(const NET_BUFFER_LIST& nbl,
                                                 const NblLiberty& liberty) const;
+    /// Whether everything but the contexts is untouched, the fields that any holder may change
+    /// included.
+    std::optional<NblDifference> FindTouched(const NET_BUFFER_LIST& nbl) const;
+    /// Lets AddressSanitizer stop whoever touches the NBL, reads included, until Reveal.
+    void Hide() const;
+    void Reveal() const;
     /// Whether an MDL of the NBL it is.
     bool Contains(const MDL* mdl) const;
 
   private:
+    template <typename Visit>
+    void ForEachPart(Visit visit) const;
+
     NblHeader header_;
+    PNET_BUFFER_LIST original_ = nullptr;
+    PNET_BUFFER_LIST next_ = nullptr;
+    PVOID scratch_ = nullptr;
     std::vector<TakenCopy<MDL>> mdls_;
     std::uint64_t data_ = 0;  ///< hash of the frames
 };

@@ -102,6 +102,33 @@ void NblTracker::RestoreOwnership(PNET_BUFFER_LIST nbl) {
     record = std::move(*before);
 }
 
+void NblTracker::PutAway(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(nbl);
+    record.away = std::make_unique<NblSnapshot>();
+    record.away->Take(*nbl);
+    record.away->Hide();
+}
+
+void NblTracker::TakeUp(PNET_BUFFER_LIST nbl) {
+    HostLock lock(mutex_);
+    Record& record = records_.at(nbl);
+    const std::unique_ptr<NblSnapshot> away = std::move(record.away);
+    away->Reveal();
+    if (const auto difference = away->FindTouched(*nbl)) {
+        ReportWritten(record, *record.holder, *difference);
+    }
+}
+
+void NblTracker::TakeUpAll() {
+    HostLock lock(mutex_);
+    for (auto& [nbl, record] : records_) {
+        if (const std::unique_ptr<NblSnapshot> away = std::move(record.away)) {
+            away->Reveal();
+        }
+    }
+}
+
 std::vector<PNET_BUFFER_LIST> NblTracker::All() {
     HostLock lock(mutex_);
     std::vector<PNET_BUFFER_LIST> nbls;
@@ -324,11 +351,17 @@ void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Compo
         return;
     }
     if (const auto difference = stop->given.FindDifference(*nbl, liberty)) {
-        record.changeReported = true;
-        Report(Rule::kNblWritten, record,
-               fmt::format("{} was written while {} held it{}", difference->field, from.name,
-                           record.route.GivenBy()));
+        ReportWritten(record, from, *difference);
     }
+}
+
+void NblTracker::ReportWritten(Record& record,
+                               const Component& holder,
+                               const NblDifference& difference) {
+    record.changeReported = true;
+    Report(Rule::kNblWritten, record,
+           fmt::format("{} was written while {} held it{}", difference.field, holder.name,
+                       record.route.GivenBy()));
 }
 
 // An NBL may travel with other NET_BUFFERs and bytes than it came with: those are compared when it

@@ -53,6 +53,13 @@ class NblTracker {
     /// holder.
     void RestoreOwnership(PNET_BUFFER_LIST nbl);
 
+    /// A protocol or an adapter puts the NBL away: until TakeUp nobody may touch it. A write is
+    /// reported then; AddressSanitizer stops the program at the access, a read too.
+    void PutAway(PNET_BUFFER_LIST nbl);
+    void TakeUp(PNET_BUFFER_LIST nbl);
+    /// Takes up what a run that was given up has left, without a report.
+    void TakeUpAll();
+
     /// Every allocated NBL of the machine.
     std::vector<PNET_BUFFER_LIST> All();
     /// Number of NBLs in a chain, up to the first that is not allocated.
@@ -134,10 +141,11 @@ class NblTracker {
         USHORT contextOffset = 0;
         // The NBL as each holder got it.
         Route route;
-        bool goingBack = false;        ///< the present holder got it by a completion or a return
-        NblHeader givenBack;           ///< as it got it then
-        bool changeReported = false;   ///< of what changes later the first change may be the cause
-        std::array<Step, 16> history;  ///< the latest steps
+        bool goingBack = false;       ///< the present holder got it by a completion or a return
+        NblHeader givenBack;          ///< as it got it then
+        bool changeReported = false;  ///< of what changes later the first change may be the cause
+        std::unique_ptr<NblSnapshot> away;  ///< the NBL as it was put away
+        std::array<Step, 16> history;       ///< the latest steps
         std::uint64_t steps = 0;
         std::unique_ptr<Record> previous;  ///< its record before TakeOwnership
     };
@@ -160,6 +168,7 @@ class NblTracker {
                         const Component& from,
                         NblTransfer transfer);
     void CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from);
+    void ReportWritten(Record& record, const Component& holder, const NblDifference& difference);
     static std::optional<NblDifference> FindChangeByFilter(PNET_BUFFER_LIST nbl,
                                                            const Record& record,
                                                            const Component& from,

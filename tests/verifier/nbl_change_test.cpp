@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "host/ndis/other_filter.h"
+#include "host/sanitizers.h"
 #include "tests/verifier/breakers.h"
 
 namespace netsieve::host {
@@ -80,6 +81,68 @@ TEST_P(ChangedNbl, IsReportedOnceAsTheFiltersDoing) {
         }
     }
 }
+
+struct SentNbl {
+    PNET_BUFFER_LIST nbl;
+    PNET_BUFFER buffer;
+    PMDL mdl;
+    const UCHAR* byte;
+};
+
+/// Touches an NBL that the filter has sent on, while the adapter has it queued.
+void TouchAfterSending(Machine& machine, const std::function<void(const SentNbl&)>& touch) {
+    SentNbl sent{};
+    Scene scene(machine);
+    machine.Run([&] {
+        scene.Start();
+        scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
+        scene.filter.send = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG flags) {
+            PNET_BUFFER const buffer = chain->FirstNetBuffer;
+            sent = {chain, buffer, buffer->CurrentMdl,
+                    static_cast<const UCHAR*>(buffer->CurrentMdl->MappedSystemVa)};
+            NdisFSendNetBufferLists(scene.filter.handle, chain, 0, flags);
+        };
+        scene.Send();
+        touch(sent);
+        scene.stack->adapter().queue().ReleaseAll();
+        scene.Finish();
+    });
+}
+
+TEST_P(ChangedNbl, IsReportedOnceWhenTheFilterHadSentIt) {
+    const NblChange& change = GetParam();
+    const auto touch = [&](const SentNbl& sent) { change.make(sent.nbl); };
+    Machine machine;
+#ifdef NETSIEVE_ASAN
+    EXPECT_DEATH(TouchAfterSending(machine, touch), "use-after-poison");
+#else
+    TouchAfterSending(machine, touch);
+    ASSERT_EQ(machine.verifier().violations().size(), 1u) << machine.verifier().Describe();
+    const Violation& violation = machine.verifier().violations()[0];
+    EXPECT_EQ(violation.rule, Rule::kNblWritten);
+    EXPECT_THAT(violation.what, testing::StartsWith(std::string(change.field) +
+                                                    " was written while adapter 1 held it, given "
+                                                    "to it by SMALL on adapter 1: "));
+#endif
+}
+
+#ifdef NETSIEVE_ASAN
+TEST(NblAfterSending, StopsAddressSanitizerWhenItIsRead) {
+    static volatile ULONGLONG read;
+    void (*const kReads[])(const SentNbl&) = {
+        [](const SentNbl& sent) { read = sent.nbl->Flags; },
+        [](const SentNbl& sent) {
+            read = sent.nbl->NetBufferListInfo[kNblInfoCount - 1] != nullptr;
+        },
+        [](const SentNbl& sent) { read = sent.buffer->DataLength; },
+        [](const SentNbl& sent) { read = sent.mdl->ByteCount; },
+        [](const SentNbl& sent) { read = *sent.byte; }};
+    for (const auto touch : kReads) {
+        Machine machine;
+        EXPECT_DEATH(TouchAfterSending(machine, touch), "use-after-poison");
+    }
+}
+#endif
 
 INSTANTIATE_TEST_SUITE_P(, ChangedNbl, testing::ValuesIn(NblChanges()));
 
