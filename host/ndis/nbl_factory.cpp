@@ -23,11 +23,14 @@ namespace {
 // Index in ProtocolReserved of the frame of the first NET_BUFFER.
 constexpr std::size_t kFrameSlot = 0;
 
+// What stands around a frame in its MDLs: whoever takes it for a part of the frame is seen.
+constexpr int kUnusedByte = 0xA5;
+
 // What no adapter here acts on, so that any value will do. Whoever loses it is seen.
 constexpr NDIS_NET_BUFFER_LIST_INFO kOpaqueInfo[] = {
-    Ieee8021QNetBufferListInfo, NetBufferListCancelId,      MediaSpecificInformation,
-    NetBufferListFrameType,     NetBufferListHashValue,     NetBufferListHashInfo,
-    WfpNetBufferListInfo,       NetBufferListCorrelationId, NetBufferListFilteringInfo,
+    NetBufferListCancelId,      MediaSpecificInformation,   NetBufferListFrameType,
+    NetBufferListHashValue,     NetBufferListHashInfo,      WfpNetBufferListInfo,
+    NetBufferListCorrelationId, NetBufferListFilteringInfo,
 };
 
 PVOID Opaque(std::uint64_t number) {
@@ -74,6 +77,8 @@ NblFactory::Frame* NblFactory::TakeFrame(std::size_t capacity) {
 void NblFactory::Fill(Frame& frame,
                       std::span<const std::uint8_t> bytes,
                       const FrameLayout& layout) {
+    std::memset(frame.bytes.data(), kUnusedByte, layout.headroom);
+    std::memset(frame.bytes.data() + layout.headroom + bytes.size(), kUnusedByte, layout.tailroom);
     if (!bytes.empty()) {
         std::memcpy(frame.bytes.data() + layout.headroom, bytes.data(), bytes.size());
     }
@@ -91,6 +96,7 @@ void NblFactory::Fill(Frame& frame,
         DescribeBuffer(frame.mdls[count++], frame.bytes.data() + at,
                        static_cast<std::uint32_t>(end - at), layout.mapped);
     }
+    frame.mdls[count - 1].ByteCount += layout.tailroom;
     for (std::size_t i = 0; i + 1 < count; ++i) {
         frame.mdls[i].Next = &frame.mdls[i + 1];
     }
@@ -102,7 +108,7 @@ PNET_BUFFER_LIST NblFactory::Make(std::span<const std::uint8_t> frame, const Fra
 
 PNET_BUFFER_LIST NblFactory::Make(std::span<const std::span<const std::uint8_t>> frames,
                                   const FrameLayout& layout) {
-    Frame* const first = TakeFrame(frames[0].size() + layout.headroom + 1);
+    Frame* const first = TakeFrame(frames[0].size() + layout.headroom + layout.tailroom + 1);
     Fill(*first, frames[0], layout);
     PNET_BUFFER_LIST const nbl = machine_.ndis().nblPools().AllocateNbl(
         pool_, first->mdls, layout.headroom, frames[0].size());
@@ -113,7 +119,7 @@ PNET_BUFFER_LIST NblFactory::Make(std::span<const std::span<const std::uint8_t>>
     Frame* lastFrame = first;
     PNET_BUFFER last = nbl->FirstNetBuffer;
     for (const std::span<const std::uint8_t> bytes : frames.subspan(1)) {
-        Frame* const frame = TakeFrame(bytes.size() + layout.headroom + 1);
+        Frame* const frame = TakeFrame(bytes.size() + layout.headroom + layout.tailroom + 1);
         Fill(*frame, bytes, layout);
         std::memset(&frame->extra, 0, sizeof(frame->extra));
         PMDL mdl = frame->mdls;

@@ -19,6 +19,7 @@ struct FrameLayout {
     std::uint32_t mdlSizes[3] = {0, 0,
                                  0};  ///< sizes of the first MDLs; what is left goes in one more
     std::uint32_t headroom = 0;       ///< unused bytes before the frame in the first MDL
+    std::uint32_t tailroom = 6;       ///< unused bytes behind the frame in its last MDL
     bool mapped = true;               ///< whether the MDLs carry a system address
 };
 

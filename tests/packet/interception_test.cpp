@@ -436,6 +436,23 @@ TEST(NirpPoolTest, HasTheSizeThatTheMachineAllows) {
     });
 }
 
+// What goes on goes on with the flags of its call, those that the driver has no use for included.
+TEST(InterceptionTest, PassesTheFlagsOfACallOn) {
+    OnScene([](Scene& scene) {
+        TestHook hook([](NIRP*) { return HOOK_VERDICT_PASS; });
+        constexpr ULONG kFlags = 0xFF00 | NDIS_RECEIVE_FLAGS_RESOURCES;
+        std::vector<ULONG> seen;
+        scene.stack.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags) {
+            seen.push_back(flags);
+        };
+        scene.stack.protocol().onReceive = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG,
+                                               ULONG flags) { seen.push_back(flags); };
+        scene.stack.protocol().Send(scene.sends.Make(MakeFrame(1)), 0, kFlags);
+        scene.stack.adapter().Indicate(scene.receives.Make(MakeFrame(2)), 0, kFlags);
+        EXPECT_THAT(seen, testing::ElementsAre(kFlags, kFlags));
+    });
+}
+
 // Whoever completes a large-send request answers it: nothing sent for version 1, the type alone for
 // version 2. What goes on is answered by the adapter, which finds no TCP in it.
 TEST(InterceptionTest, AnswersALargeSendThatIsWithheld) {
