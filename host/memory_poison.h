@@ -11,6 +11,13 @@
 
 namespace netsieve::host {
 
+/// Whether poisoned memory cannot have been touched, so that nobody need look.
+#ifdef NETSIEVE_ASAN
+constexpr bool kPoisonIsWatched = true;
+#else
+constexpr bool kPoisonIsWatched = false;
+#endif
+
 /// Any access to the bytes stops the program until UnpoisonMemory.
 inline void PoisonMemory([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) {
 #ifdef NETSIEVE_ASAN

@@ -7,6 +7,7 @@
 #include "host/kernel/paged_memory.h"
 #include "host/kernel/unmapped_memory.h"
 #include "host/machine.h"
+#include "host/ndis/ndis.h"
 #include "platform/ndis.h"
 
 namespace netsieve::host {
@@ -39,6 +40,9 @@ Mdls::~Mdls() {
     for (const auto& [mdl, driver] : live_) {
         delete mdl;
     }
+    for (PMDL mdl : keptBack_) {
+        delete mdl;
+    }
 }
 
 PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
@@ -58,13 +62,19 @@ PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
 }
 
 void Mdls::Free(PMDL mdl) {
+    const bool mayGo =
+        !machine_.verifier().enabled() || machine_.ndis().nblPools().tracker().MayFreeMdl(mdl);
     HostLock lock(mutex_);
     if (live_.erase(mdl) == 0) {
         machine_.verifier().Report(Rule::kPoolDoubleFree,
                                    "NdisFreeMdl of what is no allocated descriptor");
         return;
     }
-    delete mdl;
+    if (mayGo) {
+        delete mdl;
+    } else {
+        keptBack_.push_back(mdl);
+    }
 }
 
 void* Mdls::Map(PMDL mdl) {

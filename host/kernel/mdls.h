@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <vector>
 
 #include "host/verifier/verifier.h"
 #include "platform/kernel.h"
@@ -37,6 +38,7 @@ class Mdls {
     Machine& machine_;
     HostMutex mutex_;
     std::map<PMDL, const LoadedDriver*> live_;
+    std::vector<PMDL> keptBack_;  ///< freed too early: somebody may still read them
 };
 
 }  // namespace netsieve::host

@@ -24,47 +24,6 @@ struct NblBlock {
 
 namespace {
 
-constexpr USHORT kAllocationAlignment = 16;  // MEMORY_ALLOCATION_ALIGNMENT
-
-// Context space is 8-byte but deliberately not 16-byte aligned, since the platform only promises
-// the former: a block's head stands 8 bytes into its 16-byte aligned allocation.
-constexpr std::size_t kContextShift = 8;
-
-// Freed context blocks that each thread keeps for its next allocation.
-class ContextCache {
-  public:
-    ~ContextCache() {
-        for (void* allocation : free_) {
-            std::free(allocation);
-        }
-    }
-    void* Take(std::size_t size) {
-        if (size != size_ || free_.empty()) {
-            return nullptr;
-        }
-        void* const allocation = free_.back();
-        free_.pop_back();
-        return allocation;
-    }
-    bool Give(void* allocation, std::size_t size) {
-        if (free_.empty()) {
-            size_ = size;
-        }
-        if (size != size_ || free_.size() == kMost) {
-            return false;
-        }
-        free_.push_back(allocation);
-        return true;
-    }
-
-  private:
-    static constexpr std::size_t kMost = 256;
-    std::size_t size_ = 0;
-    std::vector<void*> free_;
-};
-
-thread_local ContextCache t_contextCache;
-
 NblBlock* BlockOf(PNET_BUFFER_LIST nbl) {
     return CONTAINING_RECORD(nbl, NblBlock, nbl);
 }
@@ -74,6 +33,7 @@ NblBlock* BlockOf(PNET_BUFFER_LIST nbl) {
 NblPools::NblPools(Machine& machine)
     : machine_(machine),
       tracker_(machine.verifier()),
+      contexts_(machine),
       quarantine_([&machine](const std::string& what) {
           machine.verifier().Report(Rule::kFreedNblUsed, what + " was written after it was freed");
       }) {}
@@ -81,10 +41,7 @@ NblPools::NblPools(Machine& machine)
 NblPools::~NblPools() {
     tracker_.TakeUpAll();
     for (PNET_BUFFER_LIST nbl : tracker_.All()) {
-        while (NET_BUFFER_LIST_CONTEXT* const block = nbl->Context) {
-            nbl->Context = block->Next;
-            std::free(reinterpret_cast<char*>(block) - kContextShift);
-        }
+        NblContexts::Drop(nbl);
         std::free(BlockOf(nbl));
     }
     for (NblPool* pool : pools_) {
@@ -196,118 +153,11 @@ void NblPools::FreeNbl(PNET_BUFFER_LIST nbl) {
     if (!tracker_.Remove(nbl)) {
         return;
     }
-    ReleaseContexts(nbl);
+    contexts_.Release(nbl);
     NblBlock* const block = BlockOf(nbl);
     block->pool->live.fetch_sub(1, std::memory_order_relaxed);
     const std::string what = fmt::format("an NBL of {}", block->pool->owner->name);
     quarantine_.Add(block, block, sizeof(NblBlock), what);
-}
-
-void NblPools::ReleaseContexts(PNET_BUFFER_LIST nbl) {
-    HostLock lock(mutex_);
-    const auto it = areas_.find(nbl);
-    if (it == areas_.end()) {
-        return;
-    }
-    const bool left = !it->second.back().ofNbl;
-    areas_.erase(it);
-    lock.unlock();
-    if (left) {
-        machine_.verifier().Report(Rule::kContextLeft, "an NBL was freed with a context on it");
-    }
-    while (NET_BUFFER_LIST_CONTEXT* const block = nbl->Context) {
-        nbl->Context = block->Next;
-        ReleaseContextBlock(block);
-    }
-}
-
-NDIS_STATUS NblPools::AllocateContext(PNET_BUFFER_LIST nbl,
-                                      USHORT size,
-                                      USHORT backFill,
-                                      ULONG tag,
-                                      bool ofNbl) {
-    const bool checked = machine_.verifier().enabled();
-    if (checked && (size % kAllocationAlignment != 0 || backFill % kAllocationAlignment != 0)) {
-        machine_.verifier().Report(Rule::kContextSize,
-                                   fmt::format("size {}, back-fill {}", size, backFill));
-    }
-    if (machine_.faults().Fails(FaultKind::kNblContext, tag)) {
-        return NDIS_STATUS_RESOURCES;
-    }
-    if (nbl->Context != nullptr && nbl->Context->Offset >= size) {
-        nbl->Context->Offset = static_cast<USHORT>(nbl->Context->Offset - size);
-    } else {
-        const std::size_t bytes = kContextShift + sizeof(NET_BUFFER_LIST_CONTEXT) + size + backFill;
-        void* allocation = checked ? nullptr : t_contextCache.Take(bytes);
-        if (allocation == nullptr) {
-            allocation = std::malloc(bytes);
-            allocations_.fetch_add(1, std::memory_order_relaxed);
-        }
-        auto* block = reinterpret_cast<NET_BUFFER_LIST_CONTEXT*>(static_cast<char*>(allocation) +
-                                                                 kContextShift);
-        block->Next = nbl->Context;
-        block->Size = static_cast<USHORT>(size + backFill);
-        block->Offset = backFill;
-        nbl->Context = block;
-    }
-    if (checked) {
-        HostLock lock(mutex_);
-        const CallFrame* frame = CurrentContext().frame;
-        areas_[nbl].push_back({size, frame == nullptr ? nullptr : frame->module, ofNbl});
-    }
-    return NDIS_STATUS_SUCCESS;
-}
-
-bool NblPools::CheckContextFree(PNET_BUFFER_LIST nbl, USHORT size) {
-    HostLock lock(mutex_);
-    const auto it = areas_.find(nbl);
-    if (it == areas_.end()) {
-        machine_.verifier().Report(Rule::kContextNotOnTop, "the NBL carries no context");
-        return false;
-    }
-    const Area top = it->second.back();
-    const CallFrame* frame = CurrentContext().frame;
-    const void* module = frame == nullptr ? nullptr : frame->module;
-    if (top.size != size) {
-        machine_.verifier().Report(
-            Rule::kContextNotOnTop,
-            fmt::format("freed with size {}; the one on top has {}", size, top.size));
-        return false;
-    }
-    if (top.module != nullptr && module != nullptr && top.module != module) {
-        machine_.verifier().Report(Rule::kContextNotOnTop, "the one on top is another module's");
-        return false;
-    }
-    it->second.pop_back();
-    if (it->second.empty()) {
-        areas_.erase(it);
-    }
-    return true;
-}
-
-void NblPools::FreeContext(PNET_BUFFER_LIST nbl, USHORT size) {
-    if (machine_.verifier().enabled() && !CheckContextFree(nbl, size)) {
-        return;
-    }
-    NET_BUFFER_LIST_CONTEXT* const block = nbl->Context;
-    if (machine_.verifier().enabled()) {
-        machine_.ForgetRange(reinterpret_cast<char*>(block + 1) + block->Offset, size);
-    }
-    block->Offset = static_cast<USHORT>(block->Offset + size);
-    if (block->Offset == block->Size) {
-        nbl->Context = block->Next;
-        ReleaseContextBlock(block);
-    }
-}
-
-void NblPools::ReleaseContextBlock(NET_BUFFER_LIST_CONTEXT* block) {
-    const std::size_t bytes = kContextShift + sizeof(*block) + block->Size;
-    void* const allocation = reinterpret_cast<char*>(block) - kContextShift;
-    if (machine_.verifier().enabled()) {
-        quarantine_.Add(allocation, block, bytes - kContextShift, "an NBL's context space");
-    } else if (!t_contextCache.Give(allocation, bytes)) {
-        std::free(allocation);
-    }
 }
 
 std::size_t NblPools::PoolsOf(const LoadedDriver* driver) {
@@ -432,7 +282,8 @@ PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHan
     PNET_BUFFER_LIST const nbl =
         nbls.AllocateNbl(static_cast<NblPool*>(PoolHandle), MdlChain, DataOffset, DataLength);
     if (nbl != nullptr && ContextSize + ContextBackFill != 0 &&
-        nbls.AllocateContext(nbl, ContextSize, ContextBackFill, 0, true) != NDIS_STATUS_SUCCESS) {
+        nbls.contexts().Allocate(nbl, ContextSize, ContextBackFill, 0, true) !=
+            NDIS_STATUS_SUCCESS) {
         nbls.FreeNbl(nbl);
         return nullptr;
     }
@@ -449,13 +300,13 @@ NDIS_STATUS NTAPI NdisAllocateNetBufferListContext(PNET_BUFFER_LIST NetBufferLis
                                                    USHORT ContextBackFill,
                                                    ULONG PoolTag) {
     Machine::Current().EnterCall("NdisAllocateNetBufferListContext");
-    return Machine::Current().ndis().nblPools().AllocateContext(NetBufferList, ContextSize,
-                                                                ContextBackFill, PoolTag);
+    return Machine::Current().ndis().nblPools().contexts().Allocate(NetBufferList, ContextSize,
+                                                                    ContextBackFill, PoolTag);
 }
 
 VOID NTAPI NdisFreeNetBufferListContext(PNET_BUFFER_LIST NetBufferList, USHORT ContextSize) {
     Machine::Current().EnterCall("NdisFreeNetBufferListContext");
-    Machine::Current().ndis().nblPools().FreeContext(NetBufferList, ContextSize);
+    Machine::Current().ndis().nblPools().contexts().Free(NetBufferList, ContextSize);
 }
 
 VOID NTAPI NdisCopySendNetBufferListInfo(PNET_BUFFER_LIST DestNetBufferList,

@@ -1,4 +1,4 @@
-// NBL pools, their NBLs, and the context space on NBLs.
+// NBL pools and their NBLs.
 #pragma once
 
 #include <atomic>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/kernel/quarantine.h"
+#include "host/ndis/nbl_contexts.h"
 #include "host/verifier/nbl_tracker.h"
 
 namespace netsieve::host {
@@ -39,46 +40,35 @@ class NblPools {
     /// An NBL with one NET_BUFFER for the MDL chain; null when the allocation is made to fail.
     PNET_BUFFER_LIST AllocateNbl(NblPool* pool, PMDL mdlChain, ULONG dataOffset, SIZE_T length);
     void FreeNbl(PNET_BUFFER_LIST nbl);
-    /// Pushes `size` bytes of context space on the NBL, with room for `backFill` more. With `ofNbl`
-    /// the space is freed with the NBL.
-    NDIS_STATUS AllocateContext(PNET_BUFFER_LIST nbl,
-                                USHORT size,
-                                USHORT backFill,
-                                ULONG tag,
-                                bool ofNbl = false);
-    void FreeContext(PNET_BUFFER_LIST nbl, USHORT size);
-
+    NblContexts& contexts() { return contexts_; }
     /// Tracks the NBLs; used only when the verifier is on.
     NblTracker& tracker() { return tracker_; }
     std::size_t PoolsOf(const LoadedDriver* driver);
     /// Number of pools whose NBLs belong to `owner`.
     std::size_t PoolsOwnedBy(const Component& owner);
     /// Checks the freed NBLs and context space in quarantine and releases them.
-    void Settle() { quarantine_.Drain(); }
+    void Settle() {
+        contexts_.Settle();
+        quarantine_.Drain();
+    }
     /// Pools of drivers, and the NBLs allocated from them, that are not freed.
     std::size_t DriverPools();
     std::size_t DriverNbls();
     /// Pools and NBLs taken from the heap since the start: a data path that allocates nothing
     /// leaves it as it is.
-    std::uint64_t allocations() const { return allocations_.load(std::memory_order_relaxed); }
+    std::uint64_t allocations() const {
+        return allocations_.load(std::memory_order_relaxed) + contexts_.allocations();
+    }
 
   private:
-    struct Area {
-        USHORT size;
-        const void* module;  ///< in whose callback it was allocated
-        bool ofNbl;          ///< allocated and freed with the NBL
-    };
-    bool CheckContextFree(PNET_BUFFER_LIST nbl, USHORT size);
     NblBlock* TakeBlock(NblPool* pool);
-    void ReleaseContextBlock(NET_BUFFER_LIST_CONTEXT* block);
-    void ReleaseContexts(PNET_BUFFER_LIST nbl);
 
     Machine& machine_;
     NblTracker tracker_;
+    NblContexts contexts_;
     Quarantine quarantine_;
     HostMutex mutex_;
     std::set<NblPool*> pools_;
-    std::map<PNET_BUFFER_LIST, std::vector<Area>> areas_;  ///< the contexts of each NBL, top last
     std::atomic<std::uint64_t> allocations_ = 0;
 };
 

@@ -129,6 +129,19 @@ void NblTracker::TakeUpAll() {
     }
 }
 
+bool NblTracker::MayFreeMdl(const MDL* mdl) {
+    HostLock lock(mutex_);
+    const auto it = std::find_if(records_.begin(), records_.end(), [mdl](const auto& entry) {
+        const Record& record = entry.second;
+        return record.outstanding && record.route.Owner().given.Contains(mdl);
+    });
+    if (it == records_.end()) {
+        return true;
+    }
+    Report(Rule::kMdlInUse, it->second, "an MDL was freed while its NBL is outstanding");
+    return false;
+}
+
 std::vector<PNET_BUFFER_LIST> NblTracker::All() {
     HostLock lock(mutex_);
     std::vector<PNET_BUFFER_LIST> nbls;

@@ -60,6 +60,9 @@ class NblTracker {
     /// Takes up what a run that was given up has left, without a report.
     void TakeUpAll();
 
+    /// A driver frees an MDL: reports it, and returns false, when an outstanding NBL has it.
+    bool MayFreeMdl(const MDL* mdl);
+
     /// Every allocated NBL of the machine.
     std::vector<PNET_BUFFER_LIST> All();
     /// Number of NBLs in a chain, up to the first that is not allocated.

@@ -25,6 +25,7 @@ namespace netsieve::host {
     X(NblFlags, "an NBL keeps its flags, its parent and its child count")                  \
     X(NblStatus, "an NBL's Status is set by whoever completes it")                         \
     X(NblReserved, "reserved fields belong to the layer they are named after")             \
+    X(MdlInUse, "an MDL is freed when no outstanding NBL has it")                          \
     X(NblLost, "every NBL is completed or returned to its owner")                          \
     X(ResourcesNblKept, "an NBL indicated with the resources flag is not kept")            \
     X(ResourcesChain, "a chain indicated with the resources flag is left complete")        \
@@ -45,6 +46,7 @@ namespace netsieve::host {
     X(ContextLeft, "an NBL goes back without contexts of others on it")                    \
     X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
     X(NblPoolParameters, "an NBL pool is described by its header and a pool tag")          \
+    X(ContextOverrun, "nothing is written outside a context area")                         \
     X(NblPoolInUse, "an NBL pool is freed when all its NBLs are freed")                    \
     X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \

@@ -27,6 +27,7 @@ struct Scene {
 
     /// An NBL of the filter's own, and its end.
     PNET_BUFFER_LIST MakeOwn();
+    void FreeOwnMdl();
     void FreeOwn();
 
     Machine& machine;

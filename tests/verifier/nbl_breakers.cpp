@@ -180,6 +180,14 @@ std::vector<Breaker> HandOverBreakers() {
         WrongAnswer("no large send was asked for", 0, 1),
         WrongAnswer("a large send of the other version", 1 << 30 | 1460, 1460),
         WrongAnswer("the request is left in a large send", 1 << 30 | 1460, 1 << 30 | 1461),
+        {Rule::kMdlInUse, "the MDL of an NBL is freed while it is out",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
+             SendOn(scene, scene.own);
+             scene.FreeOwnMdl();
+             scene.stack->adapter().queue().ReleaseAll();
+         }},
         {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
         {Rule::kNblPoolParameters, "a pool is asked for without a header",
          [](Scene& scene) {
@@ -321,6 +329,25 @@ std::vector<Breaker> ModuleBreakers() {
     };
 }
 
+UCHAR* PushContext(PNET_BUFFER_LIST nbl, USHORT backFill) {
+    NdisAllocateNetBufferListContext(nbl, 32, backFill, SmallFilter::kTag);
+    return reinterpret_cast<UCHAR*>(nbl->Context + 1) + nbl->Context->Offset;
+}
+
+/// A filter that writes the byte at `at` of the upper of its two contexts of 32 bytes. They share a
+/// block when the lower one was allocated with enough `backFill`.
+Breaker ContextOverrun(const char* how, USHORT backFill, int at) {
+    const bool inHead = backFill == 0 && at == -1;
+    return {Rule::kContextOverrun, how, OnSend([=](Scene& scene, PNET_BUFFER_LIST chain) {
+                PushContext(chain, backFill);
+                PushContext(chain, 0)[at] ^= 1;
+                NdisFreeNetBufferListContext(chain, 32);
+                NdisFreeNetBufferListContext(chain, 32);
+                SendOn(scene, chain);
+            }),
+            !inHead};
+}
+
 std::vector<Breaker> ContextAndPoolBreakers() {
     return {
         {Rule::kContextSize, "24 bytes", OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
@@ -340,6 +367,19 @@ std::vector<Breaker> ContextAndPoolBreakers() {
              NdisFreeNetBufferListContext(chain, 32);
              SendOn(scene, chain);
          })},
+        ContextOverrun("behind a context", 0, 32),
+        ContextOverrun("between two contexts of one block", 80, 32),
+        ContextOverrun("in the head of a block", 0, -1),
+        ContextOverrun("in the unused space of a block", 80, -1),
+        ContextOverrun("before the head of a block", 0, -17),
+        {Rule::kFreedNblUsed, "a context is written after it was freed",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             UCHAR* const context = PushContext(chain, 0);
+             NdisFreeNetBufferListContext(chain, 32);
+             context[0] = 0;
+             SendOn(scene, chain);
+         }),
+         true},
         {Rule::kNblPoolInUse, "freed with an NBL allocated",
          [](Scene& scene) {
              StartWithOwn(scene);
@@ -516,10 +556,16 @@ PNET_BUFFER_LIST Scene::MakeOwn() {
     return own;
 }
 
+void Scene::FreeOwnMdl() {
+    if (ownMdl_ != nullptr) {
+        NdisFreeMdl(std::exchange(ownMdl_, nullptr));
+    }
+}
+
 void Scene::FreeOwn() {
     const bool poolIsFreed = own->NdisPoolHandle == nullptr;
     NdisFreeNetBufferList(std::exchange(own, nullptr));
-    NdisFreeMdl(ownMdl_);
+    FreeOwnMdl();
     if (!poolIsFreed) {
         NdisFreeNetBufferListPool(ownPool_);
     }
