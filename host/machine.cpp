@@ -110,6 +110,7 @@ RunResult Machine::Run(const std::function<void()>& body) {
         verifier_.Report(Rule::kHang, result.abandonReason);
     }
     pool_->Settle();
+    mdls_->Settle();
     ndis_->nblPools().Settle();
     return result;
 }

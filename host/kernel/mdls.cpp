@@ -36,6 +36,15 @@ void* DescribedBuffer(const MDL& mdl) {
     return mdl.Process != nullptr ? mdl.Process : static_cast<char*>(mdl.StartVa) + mdl.ByteOffset;
 }
 
+Mdls::Mdls(Machine& machine)
+    : machine_(machine),
+      quarantine_(
+          [&machine](const std::string& what) {
+              machine.verifier().Report(Rule::kPoolUseAfterFree,
+                                        what + " was written after it was freed");
+          },
+          [](void* mdl) { delete static_cast<PMDL>(mdl); }) {}
+
 Mdls::~Mdls() {
     for (const auto& [mdl, driver] : live_) {
         delete mdl;
@@ -62,17 +71,19 @@ PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
 }
 
 void Mdls::Free(PMDL mdl) {
-    const bool mayGo =
-        !machine_.verifier().enabled() || machine_.ndis().nblPools().tracker().MayFreeMdl(mdl);
     HostLock lock(mutex_);
     if (live_.erase(mdl) == 0) {
         machine_.verifier().Report(Rule::kPoolDoubleFree,
                                    "NdisFreeMdl of what is no allocated descriptor");
         return;
     }
-    if (mayGo) {
+    lock.unlock();
+    if (!machine_.verifier().enabled()) {
         delete mdl;
+    } else if (machine_.ndis().nblPools().tracker().MayFreeMdl(mdl)) {
+        quarantine_.Add(mdl, mdl, sizeof(*mdl), "an MDL");
     } else {
+        lock.lock();
         keptBack_.push_back(mdl);
     }
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <vector>
 
+#include "host/kernel/quarantine.h"
 #include "host/verifier/verifier.h"
 #include "platform/kernel.h"
 
@@ -23,7 +24,7 @@ void* DescribedBuffer(const MDL& mdl);
 /// The MDLs that drivers allocated.
 class Mdls {
   public:
-    explicit Mdls(Machine& machine) : machine_(machine) {}
+    explicit Mdls(Machine& machine);
     ~Mdls();
 
     PMDL Allocate(void* buffer, std::uint32_t size);
@@ -33,9 +34,12 @@ class Mdls {
     /// Allocated now, by anyone.
     std::size_t Live();
     std::size_t AllocatedBy(const LoadedDriver* driver);
+    /// Checks the freed MDLs in quarantine and releases them.
+    void Settle() { quarantine_.Drain(); }
 
   private:
     Machine& machine_;
+    Quarantine quarantine_;
     HostMutex mutex_;
     std::map<PMDL, const LoadedDriver*> live_;
     std::vector<PMDL> keptBack_;  ///< freed too early: somebody may still read them

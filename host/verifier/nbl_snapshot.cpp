@@ -255,9 +255,4 @@ void NblSnapshot::Reveal() const {
     ForEachPart([](const void* part, std::size_t size) { UnpoisonMemory(part, size); });
 }
 
-bool NblSnapshot::Contains(const MDL* mdl) const {
-    return std::any_of(mdls_.begin(), mdls_.end(),
-                       [mdl](const TakenCopy<MDL>& copy) { return copy.original == mdl; });
-}
-
 }  // namespace netsieve::host

@@ -72,8 +72,7 @@ class NblSnapshot {
     /// Lets AddressSanitizer stop whoever touches the NBL, reads included, until Reveal.
     void Hide() const;
     void Reveal() const;
-    /// Whether an MDL of the NBL it is.
-    bool Contains(const MDL* mdl) const;
+    const std::vector<TakenCopy<MDL>>& mdls() const { return mdls_; }
 
   private:
     template <typename Visit>

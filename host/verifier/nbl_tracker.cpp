@@ -131,14 +131,12 @@ void NblTracker::TakeUpAll() {
 
 bool NblTracker::MayFreeMdl(const MDL* mdl) {
     HostLock lock(mutex_);
-    const auto it = std::find_if(records_.begin(), records_.end(), [mdl](const auto& entry) {
-        const Record& record = entry.second;
-        return record.outstanding && record.route.Owner().given.Contains(mdl);
-    });
-    if (it == records_.end()) {
+    const auto it = mdlsOut_.find(mdl);
+    if (it == mdlsOut_.end()) {
         return true;
     }
-    Report(Rule::kMdlInUse, it->second, "an MDL was freed while its NBL is outstanding");
+    Report(Rule::kMdlInUse, records_.at(it->second),
+           "an MDL was freed while its NBL is outstanding");
     return false;
 }
 
@@ -312,9 +310,33 @@ void NblTracker::Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from
     record.route.Clear();
     record.route.Push(from, nbl);
     ++from.originatedOutstanding;
+    NoteMdlsOut(nbl, record);
+}
+
+void NblTracker::NoteMdlsOut(PNET_BUFFER_LIST nbl, const Record& record) {
+    if (record.owner->kind == ComponentKind::kFilterModule) {
+        for (const TakenCopy<MDL>& mdl : record.route.Owner().given.mdls()) {
+            mdlsOut_.emplace(mdl.original, nbl);
+        }
+    }
+}
+
+void NblTracker::ForgetMdlsOut(PNET_BUFFER_LIST nbl, const Record& record) {
+    if (record.owner->kind != ComponentKind::kFilterModule) {
+        return;
+    }
+    for (const TakenCopy<MDL>& mdl : record.route.Owner().given.mdls()) {
+        const auto [first, last] = mdlsOut_.equal_range(mdl.original);
+        const auto it =
+            std::find_if(first, last, [nbl](const auto& entry) { return entry.second == nbl; });
+        if (it != last) {
+            mdlsOut_.erase(it);
+        }
+    }
 }
 
 void NblTracker::EndAtOwner(PNET_BUFFER_LIST nbl, Record& record) {
+    ForgetMdlsOut(nbl, record);
     record.outstanding = false;
     record.resources = false;
     --record.owner->originatedOutstanding;

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/verifier/nbl_snapshot.h"
@@ -60,7 +61,8 @@ class NblTracker {
     /// Takes up what a run that was given up has left, without a report.
     void TakeUpAll();
 
-    /// A driver frees an MDL: reports it, and returns false, when an outstanding NBL has it.
+    /// A driver frees an MDL: reports it, and returns false, when an outstanding NBL of a filter
+    /// module has it.
     bool MayFreeMdl(const MDL* mdl);
 
     /// Every allocated NBL of the machine.
@@ -165,6 +167,8 @@ class NblTracker {
                                            NblTransfer transfer);
     void Originate(PNET_BUFFER_LIST nbl, Record& record, Component& from);
     void EndAtOwner(PNET_BUFFER_LIST nbl, Record& record);
+    void NoteMdlsOut(PNET_BUFFER_LIST nbl, const Record& record);
+    void ForgetMdlsOut(PNET_BUFFER_LIST nbl, const Record& record);
     /// `from` passes the NBL on or back: compares it with what it was when `from` got it.
     void CheckUnchanged(PNET_BUFFER_LIST nbl,
                         Record& record,
@@ -187,6 +191,9 @@ class NblTracker {
     Verifier& verifier_;
     HostMutex mutex_;
     std::map<PNET_BUFFER_LIST, Record> records_;
+    /// The MDLs of outstanding NBLs, and the NBLs: those of filter modules only, because protocols
+    /// and adapters make theirs without NdisAllocateMdl.
+    std::unordered_multimap<const MDL*, PNET_BUFFER_LIST> mdlsOut_;
     std::uint64_t nextId_ = 1;
 };
 

@@ -292,6 +292,14 @@ std::vector<Breaker> PoolBreakers() {
              block[7] = 0;
          },
          true},
+        {Rule::kPoolUseAfterFree, "an MDL is written after it was freed",
+         [](Scene&) {
+             UCHAR bytes[16];
+             PMDL const mdl = NdisAllocateMdl(nullptr, bytes, sizeof(bytes));
+             NdisFreeMdl(mdl);
+             mdl->ByteCount = 0;
+         },
+         true},
         {Rule::kPoolUseAfterFree, "a work item is queued whose device is gone",
          [](Scene& scene) {
              scene.Start();

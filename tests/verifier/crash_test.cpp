@@ -17,7 +17,7 @@ struct Crash {
     const char* name;
     Routine act;
     const char* report;           ///< a regular expression
-    bool sanitizerFirst = false;  ///< UndefinedBehaviorSanitizer looks before the processor does
+    bool sanitizerFirst = false;  ///< a sanitizer looks before the processor does
 };
 
 /// The byte at an address that the compiler does not know.
@@ -35,6 +35,13 @@ volatile int g_result = 0;
     return *outer != 0 ? 0 : Recurse(inner) + inner[1];
 }
 
+void ReadThroughFreedMdl() {
+    UCHAR byte = 0;
+    PMDL const mdl = NdisAllocateMdl(nullptr, &byte, sizeof(byte));
+    NdisFreeMdl(mdl);
+    g_result = *static_cast<UCHAR*>(mdl->MappedSystemVa);
+}
+
 void SpinForEver() {
     while (g_zero == 0) {
     }
@@ -45,6 +52,7 @@ const Crash kCrashes[] = {
     {"Write", [] { At(0x1234560) = 1; }, "SMALL wrote to address 0x1234560\n"},
     {"Jump", [] { reinterpret_cast<Routine>(0x4560)(); }, "SMALL jumped to address 0x4560\n", true},
     {"NoAddress", [] { g_result = At(0xCDCDCDCDCDCDCDCD); }, "used a pointer that is no address"},
+    {"FreedMdl", &ReadThroughFreedMdl, "SMALL used a pointer that is no address", true},
     {"Division", [] { g_result = 7 / g_zero; }, "divided by zero", true},
     {"NoInstruction", [] { asm volatile("ud2"); }, "executed what is no instruction"},
     {"Stack", [] { g_result = Recurse(&g_zero); }, "used up its kernel stack of 24 KiB\n"},
@@ -86,7 +94,7 @@ TEST_P(CrashedRun, EndsWithAReport) {
     }
 #endif
     if (kSanitized && GetParam().sanitizerFirst) {
-        GTEST_SKIP() << "UndefinedBehaviorSanitizer stops the program before the processor does";
+        GTEST_SKIP() << "a sanitizer stops the program before the processor does";
     }
     const std::string report = std::string(GetParam().report) +
                                ".*    code:   .*    by:     thread 1 .main. on processor 0 at IRQL "
