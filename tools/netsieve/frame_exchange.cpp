@@ -86,8 +86,7 @@ void FrameExchange::Push(Direction direction, const CaptureFrame& frame, std::ui
     if (!options_.hooks.empty()) {
         CountFacts(path, frame);
     }
-    const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number,
-                       0};
+    const FrameTag tag{frame.stamp.seconds, frame.stamp.nanoseconds, frame.originalLength, number};
     std::span<const std::uint8_t> bytes(frame.bytes, frame.capturedLength);
     host::OffloadInfo info;
     host::FrameBytes offloaded;
@@ -165,6 +164,7 @@ void FrameExchange::AddNbl(std::span<const std::span<const std::uint8_t>> frames
     PNET_BUFFER buffer = nbl->FirstNetBuffer;
     for (const FrameTag& tag : tags) {
         TagOf(*buffer, path.originator) = tag;
+        ArrivalsOf(*buffer, path.originator) = 0;
         buffer = buffer->Next;
     }
     (path.head == nullptr ? path.head : path.tail->Next) = nbl;
@@ -213,7 +213,7 @@ void FrameExchange::Deliver(PNET_BUFFER_LIST chain, Path& path) {
             continue;
         }
         for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            DeliverTagged(nbl, buffer, TagOf(*buffer, path.originator), path);
+            DeliverTagged(nbl, buffer, path);
         }
     }
 }
@@ -251,12 +251,10 @@ bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame
     return begin(std::nullopt) != 0;
 }
 
-void FrameExchange::DeliverTagged(PNET_BUFFER_LIST nbl,
-                                  PNET_BUFFER buffer,
-                                  FrameTag& tag,
-                                  Path& path) {
+void FrameExchange::DeliverTagged(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, Path& path) {
+    const FrameTag& tag = TagOf(*buffer, path.originator);
     // A frame that arrives again counts as injected.
-    ++(++tag.deliveries == 1 ? path.counts.passed : path.counts.injected);
+    ++(++ArrivalsOf(*buffer, path.originator) == 1 ? path.counts.passed : path.counts.injected);
     std::uint64_t& latest = mergesDirections_ ? path.latestOut : latestOut_;
     path.counts.reordered += tag.number < latest ? 1 : 0;
     latest = std::max(latest, tag.number);
@@ -267,7 +265,7 @@ void FrameExchange::TakeBack(PNET_BUFFER_LIST chain, Path& path) {
     const std::lock_guard<ExchangeLock> guard(lock_);
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
         for (PNET_BUFFER buffer = nbl->FirstNetBuffer; buffer != nullptr; buffer = buffer->Next) {
-            path.counts.cameBack += TagOf(*buffer, path.originator).deliveries == 0 ? 1 : 0;
+            path.counts.cameBack += ArrivalsOf(*buffer, path.originator) == 0 ? 1 : 0;
         }
     }
     path.frames->FreeChain(chain);

@@ -115,7 +115,7 @@ class FrameExchange {
     void Submit(Path& path);
     void Indicate(PNET_BUFFER_LIST chain);
     void Deliver(PNET_BUFFER_LIST chain, Path& path);
-    void DeliverTagged(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, FrameTag& tag, Path& path);
+    void DeliverTagged(PNET_BUFFER_LIST nbl, PNET_BUFFER buffer, Path& path);
     void DeliverDriverNbl(PNET_BUFFER_LIST nbl, Path& path);
     void TakeBack(PNET_BUFFER_LIST chain, Path& path);
     /// What is written about a frame, beside its bytes.

@@ -15,8 +15,7 @@ struct FrameTag {
     std::int64_t seconds;
     std::uint32_t nanoseconds;
     std::uint32_t originalLength;
-    std::uint64_t number;      ///< in the capture, from 1
-    std::uint64_t deliveries;  ///< how often it arrived at the other end of the stack
+    std::uint64_t number;  ///< in the capture, from 1
 
     CaptureStamp Stamp() const { return {seconds, nanoseconds}; }
 };
@@ -34,6 +33,13 @@ constexpr Originator OriginatorOf(Direction direction) {
 inline FrameTag& TagOf(NET_BUFFER& buffer, Originator originator) {
     return *reinterpret_cast<FrameTag*>(
         originator == Originator::kProtocol ? buffer.ProtocolReserved : buffer.MiniportReserved);
+}
+
+/// How often a frame arrived at the other end of the stack. Stored in the reserved fields of that
+/// end, the only ones that it may write.
+inline std::uint64_t& ArrivalsOf(NET_BUFFER& buffer, Originator originator) {
+    return *reinterpret_cast<std::uint64_t*>(
+        originator == Originator::kProtocol ? buffer.MiniportReserved : buffer.ProtocolReserved);
 }
 
 }  // namespace netsieve::tool
