@@ -142,7 +142,7 @@ std::vector<Breaker> HandOverBreakers() {
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
          })},
-        {Rule::kNblWritten, "written after it was sent on", &WriteWhileGivenAway},
+        {Rule::kNblWritten, "written after it was sent on", &WriteWhileGivenAway, true},
         {Rule::kNblRead, "its information is copied after it was sent on",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              PNET_BUFFER_LIST const own = scene.MakeOwn();
@@ -150,7 +150,8 @@ std::vector<Breaker> HandOverBreakers() {
              SendOn(scene, chain);
              NdisCopySendNetBufferListInfo(own, chain);
              scene.FreeOwn();
-         })},
+         }),
+         true},
         {Rule::kSourceHandle, "an NBL of another's with the filter's handle",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              chain->SourceHandle = scene.filter.handle;

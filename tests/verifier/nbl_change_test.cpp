@@ -127,16 +127,18 @@ TEST_P(ChangedNbl, IsReportedOnceWhenTheFilterHadSentIt) {
 }
 
 #ifdef NETSIEVE_ASAN
+template <typename T>
+void Read(const volatile T& value) {
+    [[maybe_unused]] const T copy = value;
+}
+
 TEST(NblAfterSending, StopsAddressSanitizerWhenItIsRead) {
-    static volatile ULONGLONG read;
     void (*const kReads[])(const SentNbl&) = {
-        [](const SentNbl& sent) { read = sent.nbl->Flags; },
-        [](const SentNbl& sent) {
-            read = sent.nbl->NetBufferListInfo[kNblInfoCount - 1] != nullptr;
-        },
-        [](const SentNbl& sent) { read = sent.buffer->DataLength; },
-        [](const SentNbl& sent) { read = sent.mdl->ByteCount; },
-        [](const SentNbl& sent) { read = *sent.byte; }};
+        [](const SentNbl& sent) { Read(sent.nbl->Flags); },
+        [](const SentNbl& sent) { Read(sent.nbl->NetBufferListInfo[kNblInfoCount - 1]); },
+        [](const SentNbl& sent) { Read(sent.buffer->DataLength); },
+        [](const SentNbl& sent) { Read(sent.mdl->ByteCount); },
+        [](const SentNbl& sent) { Read(*sent.byte); }};
     for (const auto touch : kReads) {
         Machine machine;
         EXPECT_DEATH(TouchAfterSending(machine, touch), "use-after-poison");
