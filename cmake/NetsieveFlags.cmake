@@ -50,6 +50,16 @@ if(NOT NETSIEVE_SANITIZE)
     target_compile_options(netsieve_driver_flags INTERFACE -Wframe-larger-than=2048)
 endif()
 
+# The native driver's exports have names of their own, NetsieveNative_ITarnHK...: under the published
+# ones the host has functions that see what clients call, and call these.
+add_library(netsieve_native_exports INTERFACE)
+file(STRINGS "${CMAKE_CURRENT_LIST_DIR}/../windows/NETSIEVE.def" exports REGEX "^ +ITarnHK")
+foreach(export IN LISTS exports)
+    string(STRIP "${export}" export)
+    target_compile_definitions(netsieve_native_exports INTERFACE
+        ${export}=NetsieveNative_${export})
+endforeach()
+
 # For the driver's sources alone, never for the host's: the host answers these calls, and must not
 # be called from inside itself. Without a granularity (here func) clang 14 accepts the two trace
 # flags and inserts nothing.

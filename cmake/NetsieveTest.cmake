@@ -97,7 +97,8 @@ function(netsieve_add_mutant name)
 
     list(REMOVE_ITEM sources "${original}")
     add_library(${name} OBJECT ${sources} "${mutated}")
-    target_link_libraries(${name} PRIVATE netsieve_driver_flags netsieve_search_flags)
+    target_link_libraries(${name} PRIVATE netsieve_driver_flags netsieve_native_exports
+                                          netsieve_search_flags)
     target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}/src")
     if(arg_SEARCH AND NOT NETSIEVE_SEARCH)
         if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

@@ -1,13 +1,18 @@
 #include "host/loaded_driver.h"
 
+#include <fmt/format.h>
+
 #include "host/image/kernel_image.h"
 #include "host/image/platform_imports.h"
+#include "host/machine.h"
 
 namespace netsieve::host {
 
 namespace {
+
 constexpr CSHORT kDriverObjectType = 4;  // IO_TYPE_DRIVER
-}
+
+}  // namespace
 
 LoadedDriver::LoadedDriver(DriverSource source) : source_(std::move(source)) {
     objectName_ = u"\\Driver\\" + std::u16string(source_.name.begin(), source_.name.end());
@@ -38,21 +43,31 @@ bool LoadedDriver::Prepare(std::string& error) {
         object_.DriverSize = static_cast<ULONG>(image_->memory().size());
         range_.emplace(source_.name.c_str(), object_.DriverStart, image_->memory().size(),
                        ImageRange::Kind::kImage);
+        start_ = reinterpret_cast<std::uintptr_t>(object_.DriverStart);
+        size_ = image_->memory().size();
     } else if (const auto [start, size] = SharedObjectOf(reinterpret_cast<const void*>(entry_));
                size != 0) {
         range_.emplace(source_.name.c_str(), start, size, ImageRange::Kind::kSharedObject);
+        start_ = reinterpret_cast<std::uintptr_t>(start);
+        size_ = size;
     }
     object_.DriverInit = entry_;
     return true;
 }
 
-LoadedDriver* LoadedDriver::Innermost(const Context& context) {
-    for (const CallFrame* frame = context.frame; frame != nullptr; frame = frame->outer) {
-        if (frame->driver != nullptr) {
-            return static_cast<LoadedDriver*>(frame->driver);
-        }
+std::string LoadedDriver::Describe(const void* address) const {
+    return fmt::format("{}+{:#x}", name(), reinterpret_cast<std::uintptr_t>(address) - start_);
+}
+
+LoadedDriver* LoadedDriver::Calling(const Context& context) {
+    if (LoadedDriver* const driver = Machine::Current().DriverAt(context.caller)) {
+        return driver;
     }
-    return nullptr;
+    const CallFrame* frame = context.frame;
+    while (frame != nullptr && frame->driver == nullptr && !frame->IsHookCallback()) {
+        frame = frame->outer;
+    }
+    return frame == nullptr ? nullptr : static_cast<LoadedDriver*>(frame->driver);
 }
 
 }  // namespace netsieve::host

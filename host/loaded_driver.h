@@ -46,8 +46,18 @@ class LoadedDriver {
     bool gone() const { return gone_.load(std::memory_order_acquire); }
     void SetGone() { gone_.store(true, std::memory_order_release); }
 
-    /// The driver of the innermost callback that `context` is inside of; null outside of any.
-    static LoadedDriver* Innermost(const Context& context);
+    /// Whether the address lies in the driver's image or shared object. A driver that is part of
+    /// the program has nothing to tell its code by.
+    bool Contains(const void* address) const {
+        return reinterpret_cast<std::uintptr_t>(address) - start_ < size_;
+    }
+    /// Where it lies in there: "DELAY+0x4080".
+    std::string Describe(const void* address) const;
+
+    /// The driver whose code made the latest call to the platform. For code that is part of the
+    /// program it is the driver of the innermost callback that `context` is inside of; null outside
+    /// of any, and for a hook of the program's own.
+    static LoadedDriver* Calling(const Context& context);
 
   private:
     DriverSource source_;
@@ -56,6 +66,8 @@ class LoadedDriver {
     PDRIVER_INITIALIZE entry_ = nullptr;
     std::unique_ptr<KernelImage> image_;
     std::optional<ImageRange> range_;
+    std::uintptr_t start_ = 0;  ///< of the image or shared object
+    std::size_t size_ = 0;
     bool unloading_ = false;
     std::atomic<bool> gone_ = false;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/client/client_watch.h"
 #include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
 #include "host/sanitizers.h"
@@ -72,7 +73,7 @@ Machine::Machine(MachineOptions options) : options_(options), verifier_(options.
         verifier_, [this](const void* start, std::size_t size) { ForgetRange(start, size); });
     if (options.verify) {
         locks_ = std::make_unique<LockTracker>(
-            verifier_, [this](const void* address) { return pool_->Describe(address); });
+            verifier_, [this](const void* address) { return Describe(address); });
     }
     events_ = std::make_unique<Events>(*scheduler_, verifier_);
     timers_ = std::make_unique<Timers>(*scheduler_, verifier_);
@@ -80,12 +81,16 @@ Machine::Machine(MachineOptions options) : options_(options), verifier_(options.
     devices_ = std::make_unique<Devices>(*this);
     registry_ = std::make_unique<Registry>(*this);
     ndis_ = std::make_unique<Ndis>(*this);
+    if (options.verify && options.watchHooks) {
+        clients_ = std::make_unique<ClientWatch>(*this);
+    }
     PlatformAtomicHook = simulated ? &AtomicPointHook : nullptr;
 }
 
 Machine::~Machine() {
     PlatformAtomicHook = nullptr;
     scheduler_.reset();
+    clients_.reset();
     ndis_.reset();
     registry_.reset();
     devices_.reset();
@@ -176,14 +181,19 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
     if (!verifier_.enabled()) {
         return;
     }
+    if (clients_ != nullptr) {
+        clients_->ReportLeft(driver);
+    }
     const std::size_t routines = devices_->RoutinesOf(&driver) + timers_->Outstanding(&driver);
     if (routines != 0) {
         verifier_.Report(Rule::kRoutineOutlivesDriver,
                          fmt::format("{}: {} work item or timer routine(s) armed or queued",
                                      driver.name(), routines));
     }
-    const auto blocks =
-        pool_->Find([&](const PoolBlock& block) { return block.driver == &driver; });
+    // What the driver keeps of a hook is not its leak when the hook was never deregistered.
+    const auto blocks = pool_->Find([&](const PoolBlock& block) {
+        return block.driver == &driver && !ClientWatch::IsLeft(block.hook);
+    });
     for (const PoolBlock& block : blocks) {
         verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", driver.name(),
                                                       TagText(block.tag), block.size));
@@ -237,6 +247,23 @@ void Machine::CheckStack(const char* routine, const void* stack) {
         verifier_.Report(Rule::kKernelStack,
                          fmt::format("{} called with {} bytes of stack in use", routine, taken()));
     }
+}
+
+LoadedDriver* Machine::DriverAt(const void* address) {
+    HostLock lock(mutex_);
+    for (const auto* drivers : {&drivers_, &goneDrivers_}) {
+        for (const auto& driver : *drivers) {
+            if (driver->Contains(address)) {
+                return driver.get();
+            }
+        }
+    }
+    return nullptr;
+}
+
+std::string Machine::Describe(const void* address) {
+    const LoadedDriver* const driver = DriverAt(address);
+    return driver != nullptr ? driver->Describe(address) : pool_->Describe(address);
 }
 
 void Machine::EnterCallChecked(const char* routine) {

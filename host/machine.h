@@ -27,6 +27,7 @@
 
 namespace netsieve::host {
 
+class ClientWatch;
 class Ndis;
 
 enum class SchedulerKind : std::uint8_t { kSimulated, kThreaded };
@@ -49,6 +50,7 @@ struct MachineOptions {
     /// How many points a simulated run may pass while no callback begins or ends before it is
     /// abandoned and reported as a hang.
     std::uint64_t pointsWithoutProgress = 10'000'000;
+    bool watchHooks = true;  ///< whether hooks are held to the client rules; needs `verify`
     MM_SYSTEMSIZE systemSize = MmSmallSystem;
     std::uint32_t ndisVersion = 0x60000;  ///< as NdisGetVersion gives it
     std::uint32_t osMajorVersion = 6;     ///< as PsGetVersion gives it
@@ -86,6 +88,10 @@ class Machine {
     /// The loaded driver of this name, or null.
     LoadedDriver* FindDriver(const std::string& name);
     LoadedDriver* DriverOf(const DRIVER_OBJECT* object);
+    /// The driver whose image or shared object the address lies in, unloaded or not; or null.
+    LoadedDriver* DriverAt(const void* address);
+    /// What lies at an address: a block with its tag, or a place in a driver.
+    std::string Describe(const void* address);
 
     const MachineOptions& options() const { return options_; }
     Scheduler& scheduler() { return *scheduler_; }
@@ -103,8 +109,10 @@ class Machine {
 
     /// At the start of every platform call that may be made up to DISPATCH_LEVEL: checks the IRQL
     /// and is a scheduling point.
-    void EnterCall(const char* routine) {
+    /// Inlined, so that the return address is that of the routine's caller.
+    [[gnu::always_inline]] void EnterCall(const char* routine) {
         if (!g_plainMode) {
+            CurrentContext().caller = __builtin_return_address(0);
             EnterCallChecked(routine);
         }
     }
@@ -137,6 +145,7 @@ class Machine {
     std::unique_ptr<Devices> devices_;
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<Ndis> ndis_;
+    std::unique_ptr<ClientWatch> clients_;
     HostMutex mutex_;
     std::vector<std::unique_ptr<LoadedDriver>> drivers_;
     /// Unloaded drivers. Their images stay mapped until nothing runs any more, since a call may

@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+#include "host/client/watched_exports.h"
+
 namespace netsieve::host {
 namespace {
 
@@ -254,7 +256,7 @@ bool KernelImage::ContainsCode(const void* address) const {
 }
 
 void* ImageExports::Resolve(std::string_view dll, std::string_view name) const {
-    return SameModuleName(dll, dll_) ? image_.FindExport(name) : nullptr;
+    return SameModuleName(dll, dll_) ? WatchedExport(name, image_.FindExport(name)) : nullptr;
 }
 
 }  // namespace netsieve::host

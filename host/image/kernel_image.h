@@ -59,7 +59,8 @@ class KernelImage {
     std::size_t size_;
 };
 
-/// Resolves imports from `dll` to the exports of a loaded image.
+/// Resolves imports from `dll` to the exports of a loaded image; those for hooks to what watches
+/// them, when the machine does.
 class ImageExports : public ImportResolver {
   public:
     /// `image` must outlive this and every image that is bound to it.

@@ -33,6 +33,7 @@ CallbackScope::CallbackScope(const char* routine, LoadedDriver* driver, void* mo
     frame_.heldAtEntry = context.held.size();
     frame_.stackAtEntry = reinterpret_cast<std::uintptr_t>(this);
     frame_.stackBefore = StackTaken(context.frame, frame_.stackAtEntry);
+    caller_ = std::exchange(context.caller, nullptr);
     context.frame = &frame_;
     Machine::Current().scheduler().NoteProgress();
 }
@@ -62,6 +63,7 @@ CallbackScope::~CallbackScope() {
     }
     context.frame = frame_.outer;
     machine.scheduler().NoteProgress();
+    context.caller = caller_;
 }
 
 }  // namespace netsieve::host

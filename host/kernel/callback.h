@@ -23,6 +23,7 @@ class CallbackScope {
 
   private:
     CallFrame frame_;
+    const void* caller_;  ///< of the context when the callback was made
 };
 
 }  // namespace netsieve::host

@@ -100,7 +100,9 @@ PIO_WORKITEM Devices::AllocateWorkItem(PDEVICE_OBJECT device) {
                                    "IoAllocateWorkItem for what is no device of this machine");
         return nullptr;
     }
-    auto* item = new IO_WORKITEM{.device = device, .driver = it->driver};
+    LoadedDriver* const caller = LoadedDriver::Calling(CurrentContext());
+    auto* item = new IO_WORKITEM{.device = device,
+                                 .driver = caller == nullptr ? it->driver : caller};
     items_.insert(item);
     return item;
 }

@@ -66,7 +66,7 @@ PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
     auto* mdl = new MDL;
     DescribeBuffer(*mdl, buffer, size, true);
     HostLock lock(mutex_);
-    live_[mdl] = LoadedDriver::Innermost(CurrentContext());
+    live_[mdl] = LoadedDriver::Calling(CurrentContext());
     return mdl;
 }
 

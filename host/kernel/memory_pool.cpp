@@ -86,9 +86,13 @@ void* MemoryPool::AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind 
     std::memset(block + size, kEndPattern, kEndSize);
 
     PoolBlock info{.size = size, .tag = tag, .kind = kind};
-    for (const CallFrame* frame = CurrentContext().frame; frame != nullptr; frame = frame->outer) {
-        info.driver = info.driver == nullptr ? frame->driver : info.driver;
-        info.module = info.module == nullptr ? frame->module : info.module;
+    info.driver = LoadedDriver::Calling(CurrentContext());
+    // What a hook allocates while a module's handler calls it is not the module's.
+    for (const CallFrame* frame = CurrentContext().frame;
+         frame != nullptr && info.module == nullptr && !frame->IsHookCallback();
+         frame = frame->outer) {
+        info.module = frame->module;
+        info.hook = info.hook == nullptr ? frame->hook : info.hook;
     }
     HostLock lock(mutex_);
     info.id = nextId_++;
@@ -175,6 +179,14 @@ std::vector<PoolBlock> MemoryPool::Find(const std::function<bool(const PoolBlock
     std::sort(found.begin(), found.end(),
               [](const PoolBlock& left, const PoolBlock& right) { return left.id < right.id; });
     return found;
+}
+
+bool MemoryPool::IsIn(const void* address, PoolKind kind) {
+    const auto value = reinterpret_cast<std::uintptr_t>(address);
+    HostLock lock(mutex_);
+    auto it = blocks_.upper_bound(value);
+    return it != blocks_.begin() && value < (--it)->first + it->second.size &&
+           it->second.kind == kind;
 }
 
 std::string MemoryPool::Describe(const void* address) {

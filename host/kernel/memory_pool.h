@@ -23,8 +23,9 @@ struct PoolBlock {
     std::size_t size = 0;
     std::uint32_t tag = 0;
     PoolKind kind = PoolKind::kNonPaged;
-    const void* driver = nullptr;  ///< the LoadedDriver on whose behalf it was allocated
+    const void* driver = nullptr;  ///< the LoadedDriver whose code allocated it
     const void* module = nullptr;  ///< the FilterModule in whose callback it was allocated
+    const WatchedHook* hook = nullptr;  ///< that the driver allocated it for
 };
 
 /// Tagged memory. With the verifier on it knows every live block, guards both ends with a pattern
@@ -50,6 +51,8 @@ class MemoryPool {
     std::vector<PoolBlock> Find(const std::function<bool(const PoolBlock&)>& wanted);
     /// Which live block an address lies in: "block 'nsvf' of 3000 bytes, offset 88", or where else.
     std::string Describe(const void* address);
+    /// Whether a live block of this kind is there. Needs the verifier.
+    bool IsIn(const void* address, PoolKind kind);
     /// Checks what is in quarantine and lets it go.
     void Settle();
 

@@ -76,7 +76,7 @@ NTSTATUS Registry::Open(const OBJECT_ATTRIBUTES& attributes, ACCESS_MASK access,
         return status;
     }
     found.access = access;
-    found.driver = LoadedDriver::Innermost(CurrentContext());
+    found.driver = LoadedDriver::Calling(CurrentContext());
     lastHandle_ += kHandleStep;
     const bool kernel = (attributes.Attributes & OBJ_KERNEL_HANDLE) != 0;
     *handle = reinterpret_cast<HANDLE>(kernel ? lastHandle_ | kKernelHandles : lastHandle_);

@@ -49,7 +49,7 @@ void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
     Cancel(timer);
     const Context& context = CurrentContext();
     HostLock lock(mutex_);
-    Armed armed{.generation = ++generations_, .driver = LoadedDriver::Innermost(context)};
+    Armed armed{.generation = ++generations_, .driver = LoadedDriver::Calling(context)};
     const Ticks due = scheduler_.Now() + milliseconds * kTicksPerMillisecond;
     armed.call =
         scheduler_.CallAt(due, context.processor, [this, timer, armed] { Fire(timer, armed); });

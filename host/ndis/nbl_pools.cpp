@@ -257,7 +257,7 @@ NDIS_HANDLE NTAPI NdisAllocateNetBufferListPool(NDIS_HANDLE NdisHandle,
         return nullptr;
     }
     return machine.ndis().nblPools().CreatePool(&module->component,
-                                                LoadedDriver::Innermost(CurrentContext()));
+                                                LoadedDriver::Calling(CurrentContext()));
 }
 
 VOID NTAPI NdisFreeNetBufferListPool(NDIS_HANDLE PoolHandle) {

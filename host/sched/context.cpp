@@ -16,6 +16,9 @@ std::string Context::DescribeCalls() const {
     std::string text;
     for (const CallFrame* call = frame; call != nullptr; call = call->outer) {
         text += fmt::format(", in {}", call->routine);
+        if (call->IsHookCallback()) {
+            text += fmt::format(" of hook '{}'", call->hookName);
+        }
     }
     return text;
 }

@@ -11,7 +11,20 @@ namespace netsieve::host {
 
 enum class ContextKind : std::uint8_t { kThread, kDpc, kWorker };
 
-/// A callback of a driver that this context is inside of; the innermost comes first.
+struct WatchedHook;
+
+/// What a frame is to the hook that it is about.
+enum class HookRoutine : std::uint8_t {
+    kNone,
+    kAttachNotify,
+    kDetachNotify,
+    kUnloadNotify,
+    kPacketHandler,
+    kDriverCall  ///< no callback: the driver works on behalf of the hook
+};
+
+/// A callback of a driver, or a call of a hook into its driver, that this context is inside of; the
+/// innermost comes first.
 struct CallFrame {
     CallFrame* outer = nullptr;
     const char* routine = "";  ///< handler name, for reports
@@ -27,6 +40,13 @@ struct CallFrame {
     std::uintptr_t stackAtEntry = 0;
     std::uintptr_t stackAtCall = 0;
     std::size_t stackBefore = 0;
+    const WatchedHook* hook = nullptr;
+    const char* hookName = nullptr;  ///< set in a callback of the hook
+    HookRoutine hookRoutine = HookRoutine::kNone;
+    const void* nirp = nullptr;  ///< that a packet handler was given
+    unsigned marks = 0;          ///< that it has made on it
+
+    bool IsHookCallback() const { return hookName != nullptr; }
 };
 
 /// The stack that a kernel thread has.
@@ -64,6 +84,7 @@ struct Context {
     CallFrame* frame = nullptr;
     std::uint64_t points = 0;          ///< scheduling points that it passed
     MemoryTouch touch;                 ///< the first one that is not reported yet
+    const void* caller = nullptr;  ///< code that made the latest call to the platform or the driver
     const void* timedOutOn = nullptr;  ///< object of the last wait, if it timed out
     unsigned timeouts = 0;             ///< such waits in a row on that object
 

@@ -80,6 +80,15 @@ namespace netsieve::host {
     X(KernelStack, "the drivers' calls on a thread use at most 24 KiB of stack")           \
     X(ModuleFreedInUse, "a module's context lives until no call is inside")                \
     X(RoutineOutlivesDriver, "no routine of a driver runs or is queued when it is gone")   \
+    X(HookMarkCompleted, "a hook completes each of its marks once, and nothing else")      \
+    X(HookMarkLeft, "a hook completes its marks before it detaches itself or is gone")     \
+    X(HookMarkVoid, "a hook completes no mark once its DetachNotify has returned")         \
+    X(HookPendingUnmarked, "a handler answers PENDING for a frame that it has marked")     \
+    X(HookNirpUse, "a NIRP is used while its handler runs or a mark on it is open")        \
+    X(HookNotification, "a notification makes only the calls that are allowed in it")      \
+    X(HookHandlerDeregisters, "a handler does not deregister its own hook")                \
+    X(HookLeft, "a hook is deregistered before its driver or NETSIEVE is gone")            \
+    X(HookFramePaged, "a frame to be sent is resident memory")                             \
     X(Hang, "a wait makes progress")                                                       \
     X(Deadlock, "the machine can always go on")
 

@@ -29,7 +29,7 @@ class FailureSweep : public testing::TestWithParam<bool> {
                 Live(scene, taken, hook.has_value());
                 injected = machine.faults().Injected();
                 machine.faults().Disarm();
-                ExpectSettled(scene);
+                ExpectSettled(scene, taken);
             }
             machine.UnloadDriver("NETSIEVE");
         });
@@ -73,15 +73,19 @@ class FailureSweep : public testing::TestWithParam<bool> {
         if (!taken.empty()) {
             ITarnHKCompleteRequest(taken.back(), 0);
         }
+        taken.clear();
         scene.Pass(true, frames);
     }
 
     /// Every NBL is back unchanged, the records are in the pool, and the next frame goes through.
-    static void ExpectSettled(Scene& scene) {
+    static void ExpectSettled(Scene& scene, const std::vector<NIRP*>& taken) {
         if (scene.module != nullptr) {
             // The frames that the latest call took over go with the pause.
             scene.stack.Pause();
             scene.stack.Restart();
+        }
+        for (NIRP* nirp : taken) {
+            ITarnHKCompleteRequest(nirp, 0);
         }
         EXPECT_EQ(scene.completed.size(), 12u);
         EXPECT_EQ(scene.returned.size(), 6u);

@@ -45,7 +45,7 @@ class RandomTraffic {
         const std::uint8_t* bytes = ITarnHKGetBuffer(nirp);
         const std::string shown(bytes, bytes + ITarnHKGetBufferLength(nirp));
         EXPECT_TRUE(shown.size() <= 65535 && frames_.count(shown) != 0);
-        constexpr LONG verdicts[] = {0, 0, 0, 1, 2, -1, 77};
+        constexpr LONG verdicts[] = {0, 0, 0, 1, 3, -1, 77};
         const LONG verdict = verdicts[random_.Below(std::size(verdicts))];
         if (verdict != 0) {
             ++withheld_[shown];

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/ndis/nbl_factory.h"
 #include "host/ndis/ndis.h"
@@ -63,9 +64,11 @@ struct NblChange {
 };
 std::vector<NblChange> NblChanges();
 
-/// Those about locks, memory, timers and the like; those about NBLs and modules.
+/// Those about locks, memory, timers and the like; those about NBLs and modules; those of hooks,
+/// whose reports name the hook or its driver HOOK.
 std::vector<Breaker> KernelBreakers();
 std::vector<Breaker> NblBreakers();
+std::vector<Breaker> HookBreakers();
 
 /// Makes the compiler keep all of the memory, which it may otherwise leave out for what is used of
 /// it.

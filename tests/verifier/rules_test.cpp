@@ -13,8 +13,9 @@ namespace {
 
 std::vector<Breaker> AllBreakers() {
     std::vector<Breaker> all = KernelBreakers();
-    const std::vector<Breaker> nbls = NblBreakers();
-    all.insert(all.end(), nbls.begin(), nbls.end());
+    for (const auto& part : {NblBreakers(), HookBreakers()}) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
     return all;
 }
 
@@ -100,6 +101,24 @@ TEST(Rules, ReportTellsWhatWhereAndTheNblsHistory) {
           "by:   thread 1 (main) on processor 0 at IRQL 0, in FilterSendNetBufferListsComplete",
           ", in FilterSendNetBufferLists"}) {
         EXPECT_THAT(text, testing::HasSubstr(part));
+    }
+}
+
+// Whatever a hook does wrong, inside the driver's calls too, it is the hook or its driver that the
+// report names.
+TEST(Rules, AHooksFaultIsTheHooks) {
+    for (const Breaker& breaker : HookBreakers()) {
+        SCOPED_TRACE(breaker.how);
+        Machine machine;
+        Scene scene(machine);
+        RunBreaker(machine, scene, breaker);
+        for (const Violation& violation : machine.verifier().violations()) {
+            const bool inHook = violation.where.find(" of hook 'breaker'") != std::string::npos;
+            EXPECT_TRUE(violation.what.starts_with("HOOK: ") || inHook ||
+                        violation.what.find("hook 'breaker' of HOOK") != std::string::npos)
+                << violation.Describe();
+            EXPECT_FALSE(violation.what.starts_with("NETSIEVE")) << violation.Describe();
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 #include "tools/netsieve/driver_exports.h"
 
+#include "host/client/watched_exports.h"
 #include "host/image/kernel_image.h"
 #include "tools/netsieve/native_driver.h"
 
@@ -20,7 +21,9 @@ host::DriverSource SourceOf(const std::string& driver) {
 }
 
 void* FindExport(const host::LoadedDriver& driver, const char* name) {
-    return driver.image() == nullptr ? NativeExport(name) : driver.image()->FindExport(name);
+    return driver.image() == nullptr
+               ? NativeExport(name)
+               : host::WatchedExport(name, driver.image()->FindExport(name));
 }
 
 std::optional<std::string> FindHookExports(const host::LoadedDriver& driver, HookExports& exports) {

@@ -18,7 +18,7 @@ bool IsNative(const std::string& driver);
 /// What to load for `driver`: native, or the path of an image.
 host::DriverSource SourceOf(const std::string& driver);
 
-/// The address of a loaded driver's export, or null.
+/// The address of a loaded driver's export as a client is bound to it, or null.
 void* FindExport(const host::LoadedDriver& driver, const char* name);
 
 /// The exports that hooks call, of the native driver or of an image.
