@@ -11,7 +11,7 @@ install(TARGETS netsieve_host netsieve_driver netsieve_hook EXPORT netsieve-targ
 install(EXPORT netsieve-targets NAMESPACE netsieve:: DESTINATION "${package_dir}")
 # Under the names that they have in this tree, which is how they include each other.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/host" DESTINATION "${header_dir}"
-        FILES_MATCHING PATTERN "*.h")
+        FILES_MATCHING PATTERN "*.h" PATTERN "host/client" EXCLUDE)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/platform" DESTINATION "${header_dir}")
 install(FILES "${PROJECT_SOURCE_DIR}/src/client/netsieve_hook.h" DESTINATION "${header_dir}")
 install(FILES "${PROJECT_SOURCE_DIR}/src/driver/driver_entry.h" DESTINATION "${header_dir}/driver")
