@@ -145,8 +145,7 @@ Marks* ClientWatch::FindMarks(const NIRP* nirp, const Caller& caller) {
     if (own != nullptr && !own->isVoid) {
         return own;
     }
-    return ledger_.Find(nirp,
-                        [&](const WatchedHook& hook) { return hook.owner == caller.driver; });
+    return ledger_.Find(nirp, [&](const WatchedHook& hook) { return hook.owner == caller.driver; });
 }
 
 // ---- Registration --------------------------------------------------------------------------
@@ -209,9 +208,9 @@ NTSTATUS ClientWatch::ITarnHKRegisterFilterEx(const DriverExports& driver,
     }
     HOOK_FILTER_REGISTRATION_EX block = *registration;
     WatchedHook& hook = TakeOver(block, context);
-    const NTSTATUS status = CallDriver(
-        kRoutine, function, &hook, static_cast<const HOOK_FILTER_REGISTRATION_EX*>(&block),
-        static_cast<PVOID>(&hook), hookOut);
+    const NTSTATUS status = CallDriver(kRoutine, function, &hook,
+                                       static_cast<const HOOK_FILTER_REGISTRATION_EX*>(&block),
+                                       static_cast<PVOID>(&hook), hookOut);
     return Registered(status, hook, hookOut);
 }
 
@@ -284,9 +283,9 @@ void ClientWatch::ReportLeft(const LoadedDriver& gone) {
             continue;
         }
         hook->left = true;
-        machine_.verifier().Report(Rule::kHookLeft,
-                                   fmt::format("{} is still registered when {} is gone",
-                                               hook->Describe(), gone.name()));
+        machine_.verifier().Report(
+            Rule::kHookLeft,
+            fmt::format("{} is still registered when {} is gone", hook->Describe(), gone.name()));
     }
 }
 
@@ -402,10 +401,9 @@ void ClientWatch::ReportOpenMarks(WatchedHook& hook,
     }
     lock.unlock();
     if (open != 0) {
-        machine_.verifier().Report(
-            Rule::kHookMarkLeft,
-            fmt::format("{} has {} mark(s) that are not completed when {}", hook.Describe(), open,
-                        when));
+        machine_.verifier().Report(Rule::kHookMarkLeft,
+                                   fmt::format("{} has {} mark(s) that are not completed when {}",
+                                               hook.Describe(), open, when));
     }
 }
 
@@ -413,8 +411,8 @@ void ClientWatch::ReportOpenMarks(WatchedHook& hook,
 
 bool ClientWatch::MayCall(const char* routine, InUnload inUnload) {
     const CallFrame* const frame = EnclosingNotification();
-    if (frame == nullptr || (frame->hookRoutine == HookRoutine::kUnloadNotify &&
-                             inUnload == InUnload::kAllowed)) {
+    if (frame == nullptr ||
+        (frame->hookRoutine == HookRoutine::kUnloadNotify && inUnload == InUnload::kAllowed)) {
         return true;
     }
     machine_.verifier().Report(Rule::kHookNotification,
@@ -477,12 +475,11 @@ NTSTATUS ClientWatch::ITarnHKDettachFilter(const DriverExports& driver,
                                            FILTER_MODULE* module,
                                            HOOK_FILTER* handle) {
     NoteDetachment(module, handle);
-    return CallDriver("ITarnHKDettachFilter", driver.ITarnHKDettachFilter, nullptr, module,
-                      handle);
+    return CallDriver("ITarnHKDettachFilter", driver.ITarnHKDettachFilter, nullptr, module, handle);
 }
 
-// In its DetachNotify a hook may leave marks open, which are void then. Elsewhere nothing would tell
-// it any more when they are.
+// In its DetachNotify a hook may leave marks open, which are void then. Elsewhere nothing would
+// tell it any more when they are.
 void ClientWatch::NoteDetachment(const FILTER_MODULE* module, const HOOK_FILTER* handle) {
     WatchedHook* const hook = HookOf(handle);
     if (hook == nullptr || IsInside(*hook, HookRoutine::kDetachNotify)) {
@@ -501,9 +498,8 @@ void ClientWatch::NoteDetachment(const FILTER_MODULE* module, const HOOK_FILTER*
 
 UCHAR* ClientWatch::ITarnHKGetBuffer(const DriverExports& driver, NIRP* nirp) {
     constexpr const char* kRoutine = "ITarnHKGetBuffer";
-    return MayQuery(nirp, kRoutine)
-               ? CallDriver(kRoutine, driver.ITarnHKGetBuffer, nullptr, nirp)
-               : nullptr;
+    return MayQuery(nirp, kRoutine) ? CallDriver(kRoutine, driver.ITarnHKGetBuffer, nullptr, nirp)
+                                    : nullptr;
 }
 
 ULONG ClientWatch::ITarnHKGetBufferLength(const DriverExports& driver, NIRP* nirp) {

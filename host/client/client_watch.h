@@ -20,8 +20,8 @@ class Machine;
 /// Sees every call between the driver and its clients: clients are bound to functions that call the
 /// members named after the driver's exports, and the driver is given routines of the watch's own in
 /// place of a hook's callbacks. A call into the driver opens a frame of the driver's, a call into a
-/// hook one of that hook's client. A call that breaks a rule is reported and, where the driver could
-/// not survive it, not made.
+/// hook one of that hook's client. A call that breaks a rule is reported and, where the driver
+/// could not survive it, not made.
 class ClientWatch {
   public:
     explicit ClientWatch(Machine& machine);
@@ -109,10 +109,7 @@ class ClientWatch {
     WatchedHook* HookOf(const HOOK_FILTER* handle);
     void EndRegistration(WatchedHook& hook);
 
-    LONG Offer(WatchedHook& hook,
-               HOOK_PACKET_HANDLER handler,
-               const char* routine,
-               NIRP* nirp);
+    LONG Offer(WatchedHook& hook, HOOK_PACKET_HANDLER handler, const char* routine, NIRP* nirp);
     void CheckVerdict(LONG verdict, WatchedHook& hook, const CallFrame& frame);
     void EndModule(WatchedHook& hook, const FILTER_MODULE* module);
     void ReportOpenMarks(WatchedHook& hook, const FILTER_MODULE* module, const char* when);

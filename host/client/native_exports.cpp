@@ -1,6 +1,6 @@
 // The exports that native clients call by name: the native driver is built with other names for its
-// own (see NETSIEVE_NATIVE_EXPORTS), and these watch them. A program takes them from the library when
-// it names one, and with it the driver.
+// own (see NETSIEVE_NATIVE_EXPORTS), and these watch them. A program takes them from the library
+// when it names one, and with it the driver.
 #include "host/client/watched_call.h"
 
 extern "C" {
@@ -26,17 +26,22 @@ constexpr DriverExports kNative = {
 using namespace netsieve::host;
 
 // The return address is that of the function this stands in.
-#define NETSIEVE_WATCHED(name, ...)                                                      \
-    WatchedCall<kNative, &DriverExports::name, &ClientWatch::name>::From(                \
+#define NETSIEVE_WATCHED(name, ...)                                       \
+    WatchedCall<kNative, &DriverExports::name, &ClientWatch::name>::From( \
         __builtin_return_address(0), __VA_ARGS__)
 
 extern "C" {
 
-NTSTATUS NTAPI ITarnHKRegisterFilterEx(const HOOK_FILTER_REGISTRATION_EX* registration, PVOID context, HOOK_FILTER** hook) {
+NTSTATUS NTAPI ITarnHKRegisterFilterEx(const HOOK_FILTER_REGISTRATION_EX* registration,
+                                       PVOID context,
+                                       HOOK_FILTER** hook) {
     return NETSIEVE_WATCHED(ITarnHKRegisterFilterEx, registration, context, hook);
 }
 
-NTSTATUS NTAPI ITarnHKRegisterFilter(const HOOK_FILTER_REGISTRATION* registration, PVOID context, ULONG priorityClass, HOOK_FILTER** hook) {
+NTSTATUS NTAPI ITarnHKRegisterFilter(const HOOK_FILTER_REGISTRATION* registration,
+                                     PVOID context,
+                                     ULONG priorityClass,
+                                     HOOK_FILTER** hook) {
     return NETSIEVE_WATCHED(ITarnHKRegisterFilter, registration, context, priorityClass, hook);
 }
 
@@ -92,8 +97,12 @@ NTSTATUS NTAPI ITarnHKSendPacket(PVOID reserved, const VOID* frame, ULONG length
     return NETSIEVE_WATCHED(ITarnHKSendPacket, reserved, frame, length);
 }
 
-NTSTATUS NTAPI ITarnHKSystemInformationEx(PVOID reserved, LONG informationClass, PVOID buffer, ULONG* bufferSize) {
-    return NETSIEVE_WATCHED(ITarnHKSystemInformationEx, reserved, informationClass, buffer, bufferSize);
+NTSTATUS NTAPI ITarnHKSystemInformationEx(PVOID reserved,
+                                          LONG informationClass,
+                                          PVOID buffer,
+                                          ULONG* bufferSize) {
+    return NETSIEVE_WATCHED(ITarnHKSystemInformationEx, reserved, informationClass, buffer,
+                            bufferSize);
 }
 
 }  // extern "C"

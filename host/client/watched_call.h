@@ -14,7 +14,7 @@ struct WatchedCall;
 template <const DriverExports& kDriver,
           typename Result,
           typename... Arguments,
-          Result(NTAPI* DriverExports::* kExport)(Arguments...),
+          Result (NTAPI* DriverExports::*kExport)(Arguments...),
           Result (ClientWatch::*kWatch)(const DriverExports&, Arguments...)>
 struct WatchedCall<kDriver, kExport, kWatch> {
     /// Inlined, so that the return address is the client's.

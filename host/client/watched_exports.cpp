@@ -14,10 +14,10 @@ struct Watched {
     void (*setOriginal)(void* address);
 };
 
-#define NETSIEVE_WATCHED_ENTRY(name)                                                            \
-    {#name,                                                                                     \
-     reinterpret_cast<void*>(                                                                   \
-         &WatchedCall<g_image, &DriverExports::name, &ClientWatch::name>::Call),                \
+#define NETSIEVE_WATCHED_ENTRY(name)                                             \
+    {#name,                                                                      \
+     reinterpret_cast<void*>(                                                    \
+         &WatchedCall<g_image, &DriverExports::name, &ClientWatch::name>::Call), \
      [](void* address) { g_image.name = reinterpret_cast<decltype(g_image.name)>(address); }},
 const Watched kWatched[] = {NETSIEVE_CLIENT_EXPORTS(NETSIEVE_WATCHED_ENTRY)};
 #undef NETSIEVE_WATCHED_ENTRY

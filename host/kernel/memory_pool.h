@@ -23,8 +23,8 @@ struct PoolBlock {
     std::size_t size = 0;
     std::uint32_t tag = 0;
     PoolKind kind = PoolKind::kNonPaged;
-    const void* driver = nullptr;  ///< the LoadedDriver whose code allocated it
-    const void* module = nullptr;  ///< the FilterModule in whose callback it was allocated
+    const void* driver = nullptr;       ///< the LoadedDriver whose code allocated it
+    const void* module = nullptr;       ///< the FilterModule in whose callback it was allocated
     const WatchedHook* hook = nullptr;  ///< that the driver allocated it for
 };
 

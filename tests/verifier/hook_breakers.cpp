@@ -151,9 +151,7 @@ std::vector<Breaker> MarkBreakers() {
         {Rule::kHookMarkLeft, "deregistered with a mark open", WithHook({.send = Hold})},
         {Rule::kHookMarkLeft, "detached by itself with a mark open",
          WithHook({.send = Hold},
-                  [](Scene&, SmallHook& hook) {
-                      ITarnHKDettachFilter(hook.module, hook.handle);
-                  })},
+                  [](Scene&, SmallHook& hook) { ITarnHKDettachFilter(hook.module, hook.handle); })},
         {Rule::kHookMarkVoid, "completed when its adapter is gone",
          WithHook({.send = Hold},
                   [](Scene& scene, SmallHook& hook) {
@@ -169,8 +167,7 @@ std::vector<Breaker> MarkBreakers() {
          WithHook({.send = Let},
                   [](Scene&, SmallHook& hook) { ITarnHKGetBufferLength(hook.nirp); })},
         {Rule::kHookNirpUse, "marked when its handler is over",
-         WithHook({.send = Let},
-                  [](Scene&, SmallHook& hook) { ITarnHKMarkPending(hook.nirp); })},
+         WithHook({.send = Let}, [](Scene&, SmallHook& hook) { ITarnHKMarkPending(hook.nirp); })},
         {Rule::kHookNirpUse, "read when its mark is completed",
          WithHook({.send = Hold},
                   [](Scene&, SmallHook& hook) {
@@ -225,12 +222,13 @@ std::vector<Breaker> CallBreakers() {
          WithHook({.unload = [] {}},
                   [](Scene& scene, SmallHook&) { scene.machine.UnloadDriver("NETSIEVE"); })},
         {Rule::kHookFramePaged, "a frame in paged pool",
-         WithHook({},
-                  [](Scene&, SmallHook&) {
-                      PVOID const frame = ExAllocatePoolWithTag(PagedPool, 60, kTag);
-                      ITarnHKSendPacket(nullptr, frame, 60);
-                      ExFreePoolWithTag(frame, kTag);
-                  })},
+         WithHook({.send =
+                       [](NIRP*) {
+                           PVOID const frame = ExAllocatePoolWithTag(PagedPool, 60, kTag);
+                           ITarnHKSendPacket(nullptr, frame, 60);
+                           ExFreePoolWithTag(frame, kTag);
+                           return HOOK_VERDICT_PASS;
+                       }})},
     };
 }
 

@@ -21,9 +21,8 @@ host::DriverSource SourceOf(const std::string& driver) {
 }
 
 void* FindExport(const host::LoadedDriver& driver, const char* name) {
-    return driver.image() == nullptr
-               ? NativeExport(name)
-               : host::WatchedExport(name, driver.image()->FindExport(name));
+    return driver.image() == nullptr ? NativeExport(name)
+                                     : host::WatchedExport(name, driver.image()->FindExport(name));
 }
 
 std::optional<std::string> FindHookExports(const host::LoadedDriver& driver, HookExports& exports) {
