@@ -63,6 +63,10 @@ LoadedDriver* LoadedDriver::Calling(const Context& context) {
     if (LoadedDriver* const driver = Machine::Current().DriverAt(context.caller)) {
         return driver;
     }
+    return Innermost(context);
+}
+
+LoadedDriver* LoadedDriver::Innermost(const Context& context) {
     const CallFrame* frame = context.frame;
     while (frame != nullptr && frame->driver == nullptr && !frame->IsHookCallback()) {
         frame = frame->outer;

@@ -58,6 +58,8 @@ class LoadedDriver {
     /// program it is the driver of the innermost callback that `context` is inside of; null outside
     /// of any, and for a hook of the program's own.
     static LoadedDriver* Calling(const Context& context);
+    /// The driver of the innermost callback alone. Safe in a signal handler.
+    static LoadedDriver* Innermost(const Context& context);
 
   private:
     DriverSource source_;
