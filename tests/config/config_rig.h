@@ -12,6 +12,7 @@
 #include "config/boot_filter_list.h"
 #include "config/system_information.h"
 #include "driver/driver_entry.h"
+#include "host/client/watched_exports.h"
 #include "host/image/kernel_image.h"
 #include "host/kernel/registry_hive_store.h"
 #include "host/machine.h"
@@ -69,10 +70,10 @@ class ConfigRig {
         const RunResult result = machine_.Run([&] {
             ASSERT_EQ(machine_.LoadDriver(source_), STATUS_SUCCESS);
             const KernelImage* image = machine_.FindDriver("NETSIEVE")->image();
-            export_ =
-                image == nullptr
-                    ? &ITarnHKSystemInformationEx
-                    : reinterpret_cast<Export>(image->FindExport("ITarnHKSystemInformationEx"));
+            const char* const name = "ITarnHKSystemInformationEx";
+            export_ = image == nullptr ? &ITarnHKSystemInformationEx
+                                       : reinterpret_cast<Export>(
+                                             WatchedExport(name, image->FindExport(name)));
             body();
             machine_.UnloadDriver("NETSIEVE");
         });
@@ -81,7 +82,6 @@ class ConfigRig {
     }
 
     NTSTATUS Ask(LONG informationClass, PVOID buffer, PULONG size) {
-        const CallbackScope scope("a client's call", machine_.FindDriver("NETSIEVE"), nullptr);
         return export_(nullptr, informationClass, buffer, size);
     }
     NTSTATUS Add(std::u16string name) {

@@ -1,5 +1,6 @@
 // The driver's exports in the programs that test its image: each is the export of the loaded image.
 #include "client/exports.h"
+#include "host/client/watched_exports.h"
 #include "host/image/kernel_image.h"
 #include "host/machine.h"
 
@@ -9,7 +10,7 @@ namespace {
 template <typename Function>
 Function ExportOf(Function, const char* name) {
     const LoadedDriver* const driver = Machine::Current().FindDriver("NETSIEVE");
-    return reinterpret_cast<Function>(driver->image()->FindExport(name));
+    return reinterpret_cast<Function>(WatchedExport(name, driver->image()->FindExport(name)));
 }
 
 }  // namespace

@@ -40,8 +40,8 @@ bool DriverSession::Start() {
         Fail(fmt::format("status 0x{:08X}", static_cast<std::uint32_t>(status)));
         return false;
     }
-    loaded_ = machine_.FindDriver(kDriverName);
-    export_ = reinterpret_cast<Export>(FindExport(*loaded_, kExportName));
+    const host::LoadedDriver& driver = *machine_.FindDriver(kDriverName);
+    export_ = reinterpret_cast<Export>(FindExport(driver, kExportName));
     if (export_ == nullptr) {
         Fail(fmt::format("it does not export {}", kExportName));
     }
@@ -57,7 +57,6 @@ void DriverSession::Fail(const std::string& why) {
 }
 
 NTSTATUS DriverSession::Ask(LONG informationClass, PVOID buffer, PULONG size) {
-    const host::CallbackScope scope(kExportName, loaded_, nullptr);
     return export_(nullptr, informationClass, buffer, size);
 }
 

@@ -34,7 +34,6 @@ class DriverSession {
 
     std::string driver_;
     host::Machine machine_;
-    host::LoadedDriver* loaded_ = nullptr;
     Export export_ = nullptr;
     std::optional<std::string> failure_;
 };

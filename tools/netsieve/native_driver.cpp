@@ -1,8 +1,8 @@
 #include "tools/netsieve/native_driver.h"
 
-#include "client/exports.h"
 #include "config/system_information.h"
 #include "driver/driver_entry.h"
+#include "host/client/driver_exports.h"
 
 namespace netsieve::tool {
 
@@ -15,16 +15,9 @@ void* NativeExport(std::string_view name) {
         std::string_view name;
         void* address;
     } kExports[] = {
-#define EXPORT(function) {#function, reinterpret_cast<void*>(&(function))}
-        EXPORT(ITarnHKAttachFilter),     EXPORT(ITarnHKCompleteRequest),
-        EXPORT(ITarnHKDeregisterFilter), EXPORT(ITarnHKDettachFilter),
-        EXPORT(ITarnHKFlowControl),      EXPORT(ITarnHKGetAdapterInfo),
-        EXPORT(ITarnHKGetBuffer),        EXPORT(ITarnHKGetBufferLength),
-        EXPORT(ITarnHKGetProtocolInfo),  EXPORT(ITarnHKGetProtocolName),
-        EXPORT(ITarnHKMarkPending),      EXPORT(ITarnHKQueryProtocolName),
-        EXPORT(ITarnHKRegisterFilter),   EXPORT(ITarnHKRegisterFilterEx),
-        EXPORT(ITarnHKSendPacket),       EXPORT(ITarnHKSystemInformationEx),
-#undef EXPORT
+#define NETSIEVE_EXPORT(function) {#function, reinterpret_cast<void*>(&(function))},
+        NETSIEVE_CLIENT_EXPORTS(NETSIEVE_EXPORT)
+#undef NETSIEVE_EXPORT
     };
     for (const auto& entry : kExports) {
         if (entry.name == name) {

@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "host/accounting.h"
-#include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
@@ -128,7 +127,7 @@ class ReplayRun {
 
     void StopHooks() {
         if (hooks_.Any() && driver_ != nullptr) {
-            hooks_.Stop(machine_, *driver_);
+            hooks_.Stop(machine_);
         }
     }
 
@@ -181,7 +180,6 @@ class ReplayRun {
             exchange_.Flush();
             clock_.Reach(*next);
             if (releasesFirst) {
-                const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
                 hooks_.held().ReleaseNext(hooks_.exports(), exchange_);
             } else {
                 InjectNext();
@@ -190,14 +188,12 @@ class ReplayRun {
     }
 
     void InjectNext() {
-        const host::CallbackScope scope("ITarnHKSendPacket", driver_, nullptr);
         const bool sent = exchange_.Inject(hooks_.exports(), job_.feed->Next());
         job_.feed->Advance(adapter_.address, sent);
     }
 
     void ReleaseHeldFrames() {
         if (hooks_.Any()) {
-            const host::CallbackScope scope("ITarnHKCompleteRequest", driver_, nullptr);
             hooks_.held().ReleaseAll(hooks_.exports(), exchange_);
         }
     }

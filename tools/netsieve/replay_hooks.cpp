@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "host/kernel/callback.h"
-
 namespace netsieve::tool {
 namespace {
 
@@ -58,7 +56,6 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
     // Before the hook drivers: if one's hook had a name that is contained in ours, the driver would
     // join our hook with it.
     for (BuiltInHook* hook : BuiltIn()) {
-        const host::CallbackScope scope("ITarnHKRegisterFilterEx", &driver, nullptr);
         if (auto failure = Register(*hook)) {
             return failure;
         }
@@ -93,14 +90,13 @@ std::optional<std::string> ReplayHooks::LoadHookDriver(Hook& hook,
     return std::nullopt;
 }
 
-void ReplayHooks::Stop(host::Machine& machine, host::LoadedDriver& driver) {
+void ReplayHooks::Stop(host::Machine& machine) {
     for (auto hook = hooks_.rbegin(); hook != hooks_.rend(); ++hook) {
         if (hook->driver != nullptr) {
             hook->driver->Unload(machine);
         }
     }
     for (BuiltInHook* hook : BuiltIn()) {
-        const host::CallbackScope scope("ITarnHKDeregisterFilter", &driver, nullptr);
         hook->Deregister();
     }
 }

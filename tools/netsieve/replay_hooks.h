@@ -32,7 +32,7 @@ class ReplayHooks {
                                      const host::FilterModule& module);
     /// Deregisters and unloads what Start registered and loaded. Inside Run at PASSIVE_LEVEL,
     /// before the driver unloads.
-    void Stop(host::Machine& machine, host::LoadedDriver& driver);
+    void Stop(host::Machine& machine);
 
     const OfferCounts& offers() const { return shared_.offers; }
     const HookExports& exports() const { return shared_.exports; }
