@@ -10,8 +10,8 @@ namespace {
 TEST(MutantTest, IsFound) {
     unsetenv("NETSIEVE_SCHEDULES");  // a smaller budget for other searches is none for this one
     NETSIEVE_MUTANT_SCENARIO scenario;
-    const ExploreResult result =
-        SearchSchedules("mutant", scenario, StrategyKind::kPct, NETSIEVE_MUTANT_SCHEDULES);
+    const ExploreResult result = SearchSchedules(
+        {.name = "mutant", .make = {}, .schedules = NETSIEVE_MUTANT_SCHEDULES}, scenario);
     ASSERT_TRUE(result.finding) << "not found in " << result.schedules << " schedules";
     fmt::print("seed {}: {}\n", result.finding->seed, result.finding->what);
 }

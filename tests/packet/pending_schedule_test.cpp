@@ -26,7 +26,7 @@ struct Actors {
     bool secondHook = false;  ///< marks too, behind the first one and its completion
     bool pause = false;
     bool detach = false;
-    bool late = false;  ///< one mark, from elsewhere, when the handler may have returned
+    bool late = false;  ///< one mark, from elsewhere, though the handler may have returned
     bool receive = false;
     bool fail = false;      ///< the first completion drops the frame
     bool refusals = false;  ///< of the calls that the driver makes for the frame
@@ -256,7 +256,9 @@ class Injections final : public Scenario {
 };
 
 Search Taken(const char* name, Actors actors) {
-    return {name, [actors] { return std::make_unique<TakenFrame>(actors); }};
+    return {.name = name,
+            .make = [actors] { return std::make_unique<TakenFrame>(actors); },
+            .watchHooks = !actors.late};
 }
 
 Search Injected(const char* name, Against against, bool refusals = false) {
