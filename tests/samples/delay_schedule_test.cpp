@@ -18,13 +18,30 @@ struct Case {
     End end;
 };
 
+NTSTATUS LoadBoth(Machine& machine, bool image) {
+    if (!image) {
+        const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
+        return status != STATUS_SUCCESS
+                   ? status
+                   : machine.LoadDriver({.name = "DELAY", .entry = &delay_DriverEntry});
+    }
+    const std::filesystem::path path = NETSIEVE_IMAGE_PATH;
+    const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .image = path});
+    if (status != STATUS_SUCCESS) {
+        return status;
+    }
+    const ImageExports exports("NETSIEVE.SYS", *machine.FindDriver("NETSIEVE")->image());
+    return machine.LoadDriver(
+        {.name = "DELAY", .image = path.parent_path() / "delay.sys", .imports = &exports});
+}
+
 class DelaySample : public testing::TestWithParam<Case> {
   protected:
     // Frames of both directions are held when the end comes, about when their time is up.
     void Run(Machine& machine) {
         Scheduler& scheduler = machine.scheduler();
         Stack& stack = machine.ndis().AddAdapter();
-        ASSERT_EQ(LoadBoth(machine), STATUS_SUCCESS);
+        ASSERT_EQ(LoadBoth(machine, GetParam().image), STATUS_SUCCESS);
         Traffic traffic(machine, stack);
         PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(3), traffic.MakeSends(1)};
         PNET_BUFFER_LIST const receives = traffic.MakeReceives(2);
@@ -58,24 +75,6 @@ class DelaySample : public testing::TestWithParam<Case> {
     }
 
     std::uint64_t passedOn_ = 0;
-
-  private:
-    static NTSTATUS LoadBoth(Machine& machine) {
-        if (!GetParam().image) {
-            const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
-            return status != STATUS_SUCCESS
-                       ? status
-                       : machine.LoadDriver({.name = "DELAY", .entry = &delay_DriverEntry});
-        }
-        const std::filesystem::path image = NETSIEVE_IMAGE_PATH;
-        const NTSTATUS status = machine.LoadDriver({.name = "NETSIEVE", .image = image});
-        if (status != STATUS_SUCCESS) {
-            return status;
-        }
-        const ImageExports exports("NETSIEVE.SYS", *machine.FindDriver("NETSIEVE")->image());
-        return machine.LoadDriver(
-            {.name = "DELAY", .image = image.parent_path() / "delay.sys", .imports = &exports});
-    }
 };
 
 TEST_P(DelaySample, EndsCleanlyUnderTheFramesItHolds) {
@@ -102,6 +101,21 @@ INSTANTIATE_TEST_SUITE_P(,
                                          Case{"ImageUnload", true, End::kUnload},
                                          Case{"ImageBoth", true, End::kBoth}),
                          [](const auto& parameter) { return std::string(parameter.param.name); });
+
+// Where nothing watches the calls between the two, a timer that is armed inside the driver's own
+// handler is still known for the sample's by the code that armed it.
+TEST(DelaySampleImage, ItsTimerIsItsOwn) {
+    RunClean({.watchHooks = false}, [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        ASSERT_EQ(LoadBoth(machine, true), STATUS_SUCCESS);
+        Traffic traffic(machine, stack);
+        stack.protocol().Send(traffic.MakeSends(1));
+        EXPECT_EQ(machine.timers().Outstanding(machine.FindDriver("DELAY")), 1u);
+        EXPECT_EQ(machine.timers().Outstanding(machine.FindDriver("NETSIEVE")), 0u);
+        machine.UnloadDriver("DELAY");
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
 
 }  // namespace
 }  // namespace netsieve::host
