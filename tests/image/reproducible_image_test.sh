@@ -10,9 +10,10 @@ trap 'rm -rf "$work"' EXIT
 
 build() { # DIRECTORY JOBS
     local -r tree=$work/$1
-    mkdir -p "$tree"/tests/{image,samples}
+    mkdir -p "$tree"/tests/{image,samples,tool}
     cp -r "$source"/{CMakeLists.txt,cmake,samples,scripts,src,windows} "$tree"
     cp -r "$source/tests/image/toy" "$tree/tests/image"
+    cp -r "$source/tests/tool/broken_hook" "$tree/tests/tool"
     cp "$source"/tests/samples/client_header* "$tree/tests/samples"
     # What the compiler cache has is no second build.
     CCACHE_DISABLE=1 cmake -S "$tree" -B "$tree/work" -G Ninja -DCMAKE_BUILD_TYPE=Release \

@@ -45,7 +45,7 @@ HOOK_FILTER_REGISTRATION_EX Block() {
     if (g_hook->unload) {
         block.UnloadNotify = [](PVOID) NTAPI { g_hook->unload(); };
     }
-    block.SendHandler = [](PVOID, NIRP* nirp) -> LONG NTAPI {
+    block.SendHandler = [](PVOID, NIRP* nirp) NTAPI {
         g_hook->nirp = nirp;
         return g_hook->send ? g_hook->send(nirp) : HOOK_VERDICT_PASS;
     };
