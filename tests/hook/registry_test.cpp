@@ -560,5 +560,25 @@ TEST(HookRegistryTest, NothingIsAttachedToOrByWhoIsGoing) {
     });
 }
 
+// A hook of the program runs inside the driver's handler, but what it allocates is not the
+// driver's.
+TEST(HookRegistryTest, TheBlocksOfAProgramsHookAreNotTheDrivers) {
+    OnScene([](Scene& scene) {
+        constexpr ULONG kTag = 0x6B6F6F68;
+        PVOID block = nullptr;
+        {
+            TestHook hook([&](NIRP*) -> LONG {
+                NdisAllocateMemoryWithTag(&block, 16, kTag);
+                return HOOK_VERDICT_PASS;
+            });
+            scene.Pass(true, {MakeFrame(1)});
+        }
+        const auto blocks = Machine::Current().pool().Find(
+            [](const PoolBlock& found) { return found.tag == kTag; });
+        EXPECT_TRUE(blocks.size() == 1 && blocks[0].driver == nullptr);
+        NdisFreeMemory(block, 16, 0);
+    });
+}
+
 }  // namespace
 }  // namespace netsieve::host
