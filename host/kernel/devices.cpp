@@ -101,8 +101,8 @@ PIO_WORKITEM Devices::AllocateWorkItem(PDEVICE_OBJECT device) {
         return nullptr;
     }
     LoadedDriver* const caller = LoadedDriver::Calling(CurrentContext());
-    auto* item = new IO_WORKITEM{.device = device,
-                                 .driver = caller == nullptr ? it->driver : caller};
+    auto* item =
+        new IO_WORKITEM{.device = device, .driver = caller == nullptr ? it->driver : caller};
     items_.insert(item);
     return item;
 }

@@ -82,8 +82,8 @@ struct Context {
     std::string name;
     std::vector<HeldLock> held;
     CallFrame* frame = nullptr;
-    std::uint64_t points = 0;          ///< scheduling points that it passed
-    MemoryTouch touch;                 ///< the first one that is not reported yet
+    std::uint64_t points = 0;      ///< scheduling points that it passed
+    MemoryTouch touch;             ///< the first one that is not reported yet
     const void* caller = nullptr;  ///< code that made the latest call to the platform or the driver
     const void* timedOutOn = nullptr;  ///< object of the last wait, if it timed out
     unsigned timeouts = 0;             ///< such waits in a row on that object

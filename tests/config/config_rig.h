@@ -71,9 +71,9 @@ class ConfigRig {
             ASSERT_EQ(machine_.LoadDriver(source_), STATUS_SUCCESS);
             const KernelImage* image = machine_.FindDriver("NETSIEVE")->image();
             const char* const name = "ITarnHKSystemInformationEx";
-            export_ = image == nullptr ? &ITarnHKSystemInformationEx
-                                       : reinterpret_cast<Export>(
-                                             WatchedExport(name, image->FindExport(name)));
+            export_ = image == nullptr
+                          ? &ITarnHKSystemInformationEx
+                          : reinterpret_cast<Export>(WatchedExport(name, image->FindExport(name)));
             body();
             machine_.UnloadDriver("NETSIEVE");
         });
