@@ -7,7 +7,7 @@ namespace netsieve::host {
 namespace {
 
 TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
-    OnScene([](Scene&) {
+    OnScene([](Scene& scene) {
         Client alpha(u"Alpha");
         Client beta(u"AlphaBeta");
         alpha.Start();
@@ -17,9 +17,12 @@ TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
         beta.Stop();
         alpha.Stop();
         // The other way round they are two.
+        beta.block.MinorVersion = 7;
         beta.Start();
         alpha.Start();
         EXPECT_NE(beta.hook, alpha.hook);
+        EXPECT_EQ(beta.hook->MinorVersion, 7);
+        EXPECT_EQ(scene.machine_.pool().Describe(beta.hook).substr(0, 12), "block 'nfot'");
         alpha.Stop();
         Client empty(u"");
         empty.Start();
@@ -471,6 +474,8 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nullptr, &adapter), STATUS_INVALID_PARAMETER);
                 EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
                 EXPECT_EQ(entry, nullptr);
+                EXPECT_EQ(ITarnHKGetProtocolName(nullptr, &entry), STATUS_INVALID_PARAMETER);
+                EXPECT_EQ(ITarnHKGetProtocolName(nirp, nullptr), STATUS_INVALID_PARAMETER);
                 return HOOK_VERDICT_PASS;
             };
             client.Start();

@@ -61,6 +61,7 @@ TEST(PendingTest, AFrameGoesOnAsItsCompletionsSay) {
             scene.Pass(c.send, frames);
             if (!c.inHandler) {
                 EXPECT_EQ(ReadAcquire(&taken->State), c.nblFirst ? 6u : 4u);
+                EXPECT_EQ(taken->OnList, c.send ? 1u : 2u);
                 complete();
             }
             queue.ReleaseAll();
