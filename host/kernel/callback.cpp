@@ -66,4 +66,12 @@ CallbackScope::~CallbackScope() {
     context.caller = caller_;
 }
 
+void* CallingModule() {
+    const CallFrame* frame = CurrentContext().frame;
+    while (frame != nullptr && frame->module == nullptr && !frame->IsHookCallback()) {
+        frame = frame->outer;
+    }
+    return frame == nullptr || frame->IsHookCallback() ? nullptr : frame->module;
+}
+
 }  // namespace netsieve::host

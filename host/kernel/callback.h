@@ -26,4 +26,8 @@ class CallbackScope {
     const void* caller_;  ///< of the context when the callback was made
 };
 
+/// The filter module in whose callback the current context runs; null when it is in none, or in a
+/// hook that a module's handler calls.
+void* CallingModule();
+
 }  // namespace netsieve::host

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/kernel/callback.h"
 #include "host/kernel/paged_memory.h"
 #include "host/kernel/unmapped_memory.h"
 #include "host/machine.h"
@@ -46,7 +47,7 @@ Mdls::Mdls(Machine& machine)
           [](void* mdl) { delete static_cast<PMDL>(mdl); }) {}
 
 Mdls::~Mdls() {
-    for (const auto& [mdl, driver] : live_) {
+    for (const auto& [mdl, origin] : live_) {
         delete mdl;
     }
     for (PMDL mdl : keptBack_) {
@@ -66,7 +67,7 @@ PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
     auto* mdl = new MDL;
     DescribeBuffer(*mdl, buffer, size, true);
     HostLock lock(mutex_);
-    live_[mdl] = LoadedDriver::Calling(CurrentContext());
+    live_[mdl] = {LoadedDriver::Calling(CurrentContext()), CallingModule()};
     return mdl;
 }
 
@@ -105,10 +106,18 @@ std::size_t Mdls::Live() {
     return live_.size();
 }
 
+std::size_t Mdls::AllocatedIn(const void* module) {
+    HostLock lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(live_.begin(), live_.end(),
+                      [&](const auto& entry) { return entry.second.module == module; }));
+}
+
 std::size_t Mdls::AllocatedBy(const LoadedDriver* driver) {
     HostLock lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        live_.begin(), live_.end(), [&](const auto& entry) { return entry.second == driver; }));
+    return static_cast<std::size_t>(
+        std::count_if(live_.begin(), live_.end(),
+                      [&](const auto& entry) { return entry.second.driver == driver; }));
 }
 
 }  // namespace netsieve::host

@@ -34,6 +34,8 @@ class Mdls {
     /// Allocated now, by anyone.
     std::size_t Live();
     std::size_t AllocatedBy(const LoadedDriver* driver);
+    /// In callbacks of the filter module.
+    std::size_t AllocatedIn(const void* module);
     /// Checks the freed MDLs in quarantine and releases them.
     void Settle() { quarantine_.Drain(); }
 
@@ -41,7 +43,11 @@ class Mdls {
     Machine& machine_;
     Quarantine quarantine_;
     HostMutex mutex_;
-    std::map<PMDL, const LoadedDriver*> live_;
+    struct Origin {
+        const LoadedDriver* driver;
+        const void* module;
+    };
+    std::map<PMDL, Origin> live_;
     std::vector<PMDL> keptBack_;  ///< freed too early: somebody may still read them
 };
 

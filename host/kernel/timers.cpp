@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/kernel/callback.h"
 #include "host/machine.h"
 
 namespace netsieve::host {
@@ -49,7 +50,9 @@ void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
     Cancel(timer);
     const Context& context = CurrentContext();
     HostLock lock(mutex_);
-    Armed armed{.generation = ++generations_, .driver = LoadedDriver::Calling(context)};
+    Armed armed{.generation = ++generations_,
+                .driver = LoadedDriver::Calling(context),
+                .module = CallingModule()};
     const Ticks due = scheduler_.Now() + milliseconds * kTicksPerMillisecond;
     armed.call =
         scheduler_.CallAt(due, context.processor, [this, timer, armed] { Fire(timer, armed); });
@@ -134,6 +137,13 @@ unsigned Timers::Live() {
         live += count;
     }
     return live;
+}
+
+unsigned Timers::ArmedIn(const void* module) {
+    HostLock lock(mutex_);
+    return static_cast<unsigned>(
+        std::count_if(armed_.begin(), armed_.end(),
+                      [&](const auto& entry) { return entry.second.module == module; }));
 }
 
 unsigned Timers::Outstanding(const LoadedDriver* driver) {

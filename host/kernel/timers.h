@@ -33,12 +33,15 @@ class Timers {
     unsigned Live();
     /// Timers of `driver` that are armed, or whose routine is queued and has not begun.
     unsigned Outstanding(const LoadedDriver* driver);
+    /// Timers that were armed in callbacks of the filter module, and are.
+    unsigned ArmedIn(const void* module);
 
   private:
     struct Armed {
         std::uint64_t call = 0;        ///< the scheduler's id
         std::uint64_t generation = 0;  ///< of the arming: a queued DPC may be older
         LoadedDriver* driver = nullptr;
+        const void* module = nullptr;  ///< in whose callback it was armed
     };
     void Fire(PNDIS_TIMER timer, const Armed& armed);
     void End(const Armed& armed);  ///< mutex_ is held

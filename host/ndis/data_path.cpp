@@ -35,6 +35,27 @@ FilterModule* NextUpper(Stack& stack, FilterModule* from) {
     return next;
 }
 
+/// Counts a call of a handler of the data path, from before its NBLs are the module's until it has
+/// returned.
+class InsideModule {
+  public:
+    explicit InsideModule(FilterModule* module) : module_(g_verifyMode ? module : nullptr) {
+        if (module_ != nullptr) {
+            ++module_->component.callsInside;
+        }
+    }
+    ~InsideModule() {
+        if (module_ != nullptr) {
+            --module_->component.callsInside;
+        }
+    }
+    InsideModule(const InsideModule&) = delete;
+    InsideModule& operator=(const InsideModule&) = delete;
+
+  private:
+    FilterModule* module_;
+};
+
 /// Calls a module's handler; checks the call when the verifier is on.
 template <typename Handler, typename... Arguments>
 void CallDataPath(const char* routine,
@@ -201,6 +222,7 @@ void NTAPI SendDown(Stack& stack,
                     NDIS_PORT_NUMBER port,
                     ULONG flags) {
     FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
+    const InsideModule inside(next);
     if (g_verifyMode) {
         CheckDispatchFlag(stack.machine(), component, flags, "send");
         chain = Tracker(stack).Transfer(
@@ -221,6 +243,7 @@ void NTAPI SendDown(Stack& stack,
 void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
     Component& component = from == nullptr ? stack.adapter().component() : from->component;
     FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
+    const InsideModule inside(next);
     if (g_verifyMode) {
         CheckDispatchFlag(stack.machine(), component, flags, "send completion");
     }
@@ -247,6 +270,7 @@ void NTAPI IndicateUp(Stack& stack,
                       ULONG flags) {
     Component& component = from == nullptr ? stack.adapter().component() : from->component;
     FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
+    const InsideModule inside(next);
     if (g_verifyMode) {
         CheckDispatchFlag(stack.machine(), component, flags, "indication");
         CheckCount(stack, component, chain, count);
@@ -288,6 +312,7 @@ void NTAPI ReturnDown(Stack& stack,
                       PNET_BUFFER_LIST chain,
                       ULONG flags) {
     FilterModule* const next = NextLower<&Handlers::ReturnNetBufferListsHandler>(stack, from);
+    const InsideModule inside(next);
     if (g_verifyMode) {
         CheckDispatchFlag(stack.machine(), component, flags, "return");
         chain = Tracker(stack).Transfer(

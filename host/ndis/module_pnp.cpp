@@ -79,11 +79,20 @@ NDIS_STATUS CallRestart(FilterModule& module, const AdapterOptions& adapter) {
 }
 
 void CheckPaused(Machine& machine, const FilterModule& module) {
+    if (!g_verifyMode) {
+        return;
+    }
     if (module.component.originatedOutstanding != 0) {
         machine.verifier().Report(
             Rule::kPauseOutstanding,
             fmt::format("{} has {} NBL(s) of its own outstanding", module.component.name,
                         module.component.originatedOutstanding.load()));
+    }
+    const std::size_t kept = machine.ndis().nblPools().tracker().KeptByOther(module.component);
+    if (kept != 0) {
+        machine.verifier().Report(
+            Rule::kPauseOutstanding,
+            fmt::format("{} keeps {} NBL(s) of others", module.component.name, kept));
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/memory_poison.h"
 
@@ -80,11 +81,6 @@ void MakeGuard(unsigned char* bytes, std::size_t size) {
 
 bool SameHead(const NET_BUFFER_LIST_CONTEXT& a, const NET_BUFFER_LIST_CONTEXT& b) {
     return a.Next == b.Next && a.Size == b.Size && a.Offset == b.Offset && a.Reserved == b.Reserved;
-}
-
-const void* CallingModule() {
-    const CallFrame* const frame = CurrentContext().frame;
-    return frame == nullptr ? nullptr : frame->module;
 }
 
 }  // namespace

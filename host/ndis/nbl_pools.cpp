@@ -195,6 +195,14 @@ bool IsComplete(const NET_BUFFER_LIST_POOL_PARAMETERS& parameters) {
            parameters.Header.Size >= sizeof(parameters) && parameters.PoolTag != 0;
 }
 
+SIZE_T BytesIn(const MDL* chain) {
+    SIZE_T bytes = 0;
+    for (; chain != nullptr; chain = chain->Next) {
+        bytes += chain->ByteCount;
+    }
+    return bytes;
+}
+
 // What the platform's pages list, without the values of which the platform here has none.
 constexpr NDIS_NET_BUFFER_LIST_INFO kCopiedOnSend[] = {
     TcpIpChecksumNetBufferListInfo,
@@ -274,6 +282,12 @@ PNET_BUFFER_LIST NTAPI NdisAllocateNetBufferAndNetBufferList(NDIS_HANDLE PoolHan
     Machine& machine = Machine::Current();
     machine.EnterCall("NdisAllocateNetBufferAndNetBufferList");
     NblPools& nbls = machine.ndis().nblPools();
+    if (MdlChain != nullptr && DataOffset + DataLength > BytesIn(MdlChain)) {
+        machine.verifier().Report(
+            Rule::kNblBounds, fmt::format("{} bytes from {} on, of an MDL chain of {}", DataLength,
+                                          DataOffset, BytesIn(MdlChain)));
+        return nullptr;
+    }
     if (!nbls.IsPool(PoolHandle)) {
         machine.verifier().Report(Rule::kHandleNotOpen,
                                   "an NBL was allocated from a handle that is no pool");

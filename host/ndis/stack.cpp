@@ -198,16 +198,22 @@ NDIS_STATUS Stack::CallAttach(FilterModule& module) {
 }
 
 void Stack::CheckAttachLeftNothing(FilterModule& module) {
+    const auto report = [&](const std::string& what) {
+        machine_.verifier().Report(Rule::kAttachLeftBehind, module.component.name + ": " + what);
+    };
     const auto blocks =
         machine_.pool().Find([&](const PoolBlock& block) { return block.module == &module; });
     for (const PoolBlock& block : blocks) {
-        machine_.verifier().Report(Rule::kAttachLeftBehind,
-                                   fmt::format("{}: block '{}' of {} bytes", module.component.name,
-                                               TagText(block.tag), block.size));
+        report(fmt::format("block '{}' of {} bytes", TagText(block.tag), block.size));
     }
     if (machine_.ndis().nblPools().PoolsOwnedBy(module.component) != 0) {
-        machine_.verifier().Report(Rule::kAttachLeftBehind,
-                                   module.component.name + ": an NBL pool");
+        report("an NBL pool");
+    }
+    if (machine_.mdls().AllocatedIn(&module) != 0) {
+        report("an MDL");
+    }
+    if (machine_.timers().ArmedIn(&module) != 0) {
+        report("an armed timer");
     }
 }
 

@@ -492,6 +492,19 @@ std::size_t NblTracker::Outstanding() {
                       [](const auto& entry) { return entry.second.outstanding; }));
 }
 
+std::size_t NblTracker::KeptByOther(const Component& holder) {
+    HostLock lock(mutex_);
+    // Passing an NBL on takes the lock too, so one that a call has in hand is seen with its call.
+    if (holder.callsInside != 0) {
+        return 0;
+    }
+    return static_cast<std::size_t>(
+        std::count_if(records_.begin(), records_.end(), [&](const auto& entry) {
+            const Record& record = entry.second;
+            return record.outstanding && record.holder == &holder && record.owner != &holder;
+        }));
+}
+
 std::string NblTracker::History(PNET_BUFFER_LIST nbl) {
     HostLock lock(mutex_);
     const auto it = records_.find(nbl);

@@ -20,10 +20,11 @@ enum class ComponentKind : std::uint8_t { kProtocol, kFilterModule, kAdapter };
 /// What can own and hold NBLs: a protocol, a filter module or an adapter.
 struct Component {
     ComponentKind kind = ComponentKind::kProtocol;
-    std::string name;              ///< for reports: "protocol tcpip", "NETSIEVE on eth0"
-    const void* stack = nullptr;   ///< the Stack it is part of
-    NDIS_HANDLE handle = nullptr;  ///< the SourceHandle of its own NBLs
-    bool mayOriginate = true;      ///< false for a module from pause until restart
+    std::string name;                  ///< for reports: "protocol tcpip", "NETSIEVE on eth0"
+    const void* stack = nullptr;       ///< the Stack it is part of
+    NDIS_HANDLE handle = nullptr;      ///< the SourceHandle of its own NBLs
+    bool mayOriginate = true;          ///< false for a module from pause until restart
+    std::atomic<int> callsInside = 0;  ///< of a module's handlers that pass it NBLs
     std::atomic<int> originatedOutstanding =
         0;  ///< its own NBLs that are not completed or returned
 };
@@ -99,6 +100,8 @@ class NblTracker {
     void ReportOutstanding(const std::string& when, const Which& which = {});
     /// Number of outstanding NBLs.
     std::size_t Outstanding();
+    /// Of those that others own, how many `holder` keeps: 0 while it is being passed some.
+    std::size_t KeptByOther(const Component& holder);
     /// The components that have held the NBL, one step a line.
     std::string History(PNET_BUFFER_LIST nbl);
 

@@ -33,7 +33,7 @@ namespace netsieve::host {
     X(ResourcesFlagDropped, "the resources flag is passed on with the NBLs")               \
     X(NblCount, "NumberOfNetBufferLists is the length of the chain")                       \
     X(NblChainEmpty, "a chain that is handed on has at least one NBL")                     \
-    X(PauseOutstanding, "a paused filter has none of its own NBLs outstanding")            \
+    X(PauseOutstanding, "a paused filter has no NBL outstanding and keeps none")           \
     X(PauseFailed, "pause does not fail")                                                  \
     X(PauseTooLong, "pause and restart end within 10 seconds")                             \
     X(PnpCompletion, "a pause or restart is completed once, when it is pending")           \
@@ -47,6 +47,7 @@ namespace netsieve::host {
     X(ContextNotOnTop, "only the context on top is freed, with its own size")              \
     X(NblPoolParameters, "an NBL pool is described by its header and a pool tag")          \
     X(ContextOverrun, "nothing is written outside a context area")                         \
+    X(NblBounds, "a NET_BUFFER frame lies in the MDL chain that it is made from")          \
     X(NblPoolInUse, "an NBL pool is freed when all its NBLs are freed")                    \
     X(FreedNblUsed, "a freed NBL is not used")                                             \
     X(WorkItemQueued, "a work item is not freed while it is queued, nor queued twice")     \

@@ -115,6 +115,32 @@ void LeaveBlockBehindFailedAttach(Scene& scene) {
     scene.Start();
 }
 
+void LeaveMdlBehindFailedAttach(Scene& scene) {
+    static UCHAR bytes[16];
+    static PMDL mdl = nullptr;
+    scene.filter.attach = [&scene] {
+        mdl = NdisAllocateMdl(scene.filter.handle, bytes, sizeof(bytes));
+        return NDIS_STATUS_FAILURE;
+    };
+    scene.filter.unload = [] { NdisFreeMdl(mdl); };
+    scene.Start();
+}
+
+void LeaveTimerBehindFailedAttach(Scene& scene) {
+    static NDIS_TIMER timer;
+    scene.filter.attach = [] {
+        NdisInitializeTimer(
+            &timer, [](PVOID, PVOID, PVOID, PVOID) NTAPI {}, nullptr);
+        NdisSetTimer(&timer, 1000);
+        return NDIS_STATUS_FAILURE;
+    };
+    scene.filter.unload = [] {
+        BOOLEAN cancelled = FALSE;
+        NdisCancelTimer(&timer, &cancelled);
+    };
+    scene.Start();
+}
+
 NDIS_STATUS WaitElevenSeconds() {
     KEVENT never;
     KeInitializeEvent(&never, NotificationEvent, FALSE);
@@ -189,7 +215,13 @@ std::vector<Breaker> HandOverBreakers() {
              scene.FreeOwnMdl();
              scene.stack->adapter().queue().ReleaseAll();
          }},
-        {Rule::kNblLost, "neither sent on nor completed", OnSend([](Scene&, PNET_BUFFER_LIST) {})},
+        {Rule::kNblLost, "a completion that comes after the pause ends here",
+         [](Scene& scene) {
+             scene.filter.sendComplete = [](PNET_BUFFER_LIST, ULONG) {};
+             scene.Start();
+             scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
+             scene.Send();
+         }},
         {Rule::kNblPoolParameters, "a pool is asked for without a header",
          [](Scene& scene) {
              scene.Start();
@@ -210,6 +242,18 @@ std::vector<Breaker> HandOverBreakers() {
              NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
              parameters.PoolTag = 0;
              NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+         }},
+        {Rule::kNblBounds, "an NBL for more bytes than its MDL has",
+         [](Scene& scene) {
+             scene.Start();
+             NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+             NDIS_HANDLE const pool =
+                 NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+             static UCHAR bytes[16];
+             PMDL const mdl = NdisAllocateMdl(scene.filter.handle, bytes, sizeof(bytes));
+             NdisAllocateNetBufferAndNetBufferList(pool, 0, 0, mdl, 8, 9);
+             NdisFreeMdl(mdl);
+             NdisFreeNetBufferListPool(pool);
          }},
         {Rule::kNblChainEmpty, "an empty chain is sent",
          [](Scene& scene) {
@@ -314,6 +358,22 @@ std::vector<Breaker> ModuleBreakers() {
              SendOn(scene, scene.own);
          }},
         {Rule::kAttachLeftBehind, "a failed attach leaves a block", &LeaveBlockBehindFailedAttach},
+        {Rule::kAttachLeftBehind, "a failed attach leaves an MDL", &LeaveMdlBehindFailedAttach},
+        {Rule::kAttachLeftBehind, "a failed attach leaves a timer armed",
+         &LeaveTimerBehindFailedAttach},
+        {Rule::kPauseOutstanding, "a send is queued past the pause",
+         [](Scene& scene) {
+             scene.filter.send = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+                 scene.kept = chain;
+             };
+             scene.Start();
+             scene.Send();
+             scene.machine.scheduler().Start({.name = "late"}, [&] {
+                 scene.machine.scheduler().Sleep(kTicksPerSecond);
+                 CompleteOn(scene, scene.kept);
+             });
+             scene.stack->Pause();
+         }},
         {Rule::kDeregisteredElsewhere, "outside the unload routine",
          [](Scene& scene) {
              scene.filter.deregisters = false;
