@@ -128,57 +128,50 @@ TEST(KernelImage, BindsOneImageToAnother) {
         << gLog;
 }
 
-using Long = std::uint32_t;
-
-struct Refusal {
-    ImageError expected;
-    const char* message;  // a part of it
-    std::function<void(TestImage&)> prepare;
-    bool fixChecksum = true;
-};
-
-const Refusal kRefusals[] = {
-    {ImageError::kWrongChecksum, "0x0", [](TestImage& i) { i.Set(i.Optional() + 64, Long{0}); },
-     false},
-    {ImageError::kWrongChecksum, "add up", [](TestImage& i) { i.bytes[0x40] ^= 1; }, false},
-    {ImageError::kWrongSubsystem, "subsystem is 3",
-     [](TestImage& i) { i.Set(i.Optional() + 68, std::uint16_t{3}); }},
-    {ImageError::kWritableCode, ".text", [](TestImage& i) { i.bytes[i.Section(0) + 39] |= 0x80; }},
-    {ImageError::kBadEntryPoint, "0x2000",
-     [](TestImage& i) { i.Set(i.Optional() + 16, Long{0x2000}); }},
-    {ImageError::kBadEntryPoint, "0x0", [](TestImage& i) { i.Set(i.Optional() + 16, Long{0}); }},
-    {ImageError::kBadEntryPoint, "0xffffffff",
-     [](TestImage& i) { i.Set(i.Optional() + 16, ~Long{0}); }},
-    {ImageError::kUnsupported, "thread-local",
-     [](TestImage& i) { i.Set(i.Directory(PeDirectory::kTls), Long{0x3000}); }},
-    {ImageError::kUnsupported, "ToyLoads is forwarded to TOY.sys",
-     [](TestImage& i) {
-         std::size_t table = i.Contents(PeDirectory::kExports);
-         i.Set(table + 40, i.Get<Long>(table + 12));
-     }},
-    {ImageError::kImportByOrdinal, "NDIS.SYS!#9",
-     [](TestImage& i) {
-         i.Set(i.FileOffset(i.Get<Long>(i.Contents(PeDirectory::kImports))),
-               std::uint64_t{1} << 63 | 9);
-     }},
-    {ImageError::kUnknownImports, "NDIS.SYS!NdisGetVersiom, ntoskrnl.exe!DbgPrimt",
-     [](TestImage& i) {
-         i.Replace("NdisGetVersion", "NdisGetVersiom");
-         i.Replace("DbgPrint", "DbgPrimt");
-     }},
-    {ImageError::kUnknownImports, "NDIT.SYS!NdisGetVersion",
-     [](TestImage& i) { i.Replace("NDIS.SYS", "NDIT.SYS"); }},
-    {ImageError::kNotRelocatable, "only base",
-     [](TestImage& i) {
-         i.bytes[i.Pe() + 22] |= 1;
-         // This test's own code is in the way there.
-         i.Set(i.Optional() + 24, reinterpret_cast<std::uintptr_t>(Print) & ~std::uint64_t{0xFFFF});
-     }},
-};
-
+// Each field is set at its published offset.
 TEST(KernelImage, RefusesByName) {
-    for (const Refusal& refusal : kRefusals) {
-        TestImage image;
+    using enum ImageError;
+    using Long = std::uint32_t;
+    const TestImage good;
+    const std::size_t optional = good.Optional();
+    const std::size_t exports = good.Contents(PeDirectory::kExports);
+    const Long names = good.Get<Long>(good.Contents(PeDirectory::kImports));
+    const struct {
+        ImageError expected;
+        const char* message;  // a part of it
+        std::function<void(TestImage&)> prepare;
+        bool fixChecksum = true;
+    } refusals[] = {
+        {kWrongChecksum, "0x0", [&](auto& i) { i.Set(optional + 64, Long{0}); }, false},
+        {kWrongChecksum, "add up", [&](auto& i) { i.bytes[0x40] ^= 1; }, false},
+        {kWrongSubsystem, "subsystem is 3",
+         [&](auto& i) { i.Set(optional + 68, std::uint16_t{3}); }},
+        {kWritableCode, ".text", [&](auto& i) { i.bytes[good.Section(0) + 39] |= 0x80; }},
+        {kBadEntryPoint, "0x2000", [&](auto& i) { i.Set(optional + 16, Long{0x2000}); }},
+        {kBadEntryPoint, "0x0", [&](auto& i) { i.Set(optional + 16, Long{0}); }},
+        {kBadEntryPoint, "0xffffffff", [&](auto& i) { i.Set(optional + 16, ~Long{0}); }},
+        {kUnsupported, "thread-local",
+         [&](auto& i) { i.Set(good.Directory(PeDirectory::kTls), Long{0x3000}); }},
+        {kUnsupported, "ToyLoads is forwarded to TOY.sys",
+         [&](auto& i) { i.Set(exports + 40, good.Get<Long>(exports + 12)); }},
+        {kImportByOrdinal, "NDIS.SYS!#9",
+         [&](auto& i) { i.Set(good.FileOffset(names), std::uint64_t{1} << 63 | 9); }},
+        {kUnknownImports, "NDIS.SYS!NdisGetVersiom, ntoskrnl.exe!DbgPrimt",
+         [&](auto& i) {
+             i.Replace("NdisGetVersion", "NdisGetVersiom");
+             i.Replace("DbgPrint", "DbgPrimt");
+         }},
+        {kUnknownImports, "NDIT.SYS!NdisGetVersion",
+         [&](auto& i) { i.Replace("NDIS.SYS", "NDIT.SYS"); }},
+        {kNotRelocatable, "only base",
+         [&](auto& i) {
+             i.bytes[i.Pe() + 22] |= 1;
+             // This test's own code is in the way there.
+             i.Set(optional + 24, reinterpret_cast<std::uintptr_t>(Print) & ~std::uint64_t{0xFFFF});
+         }},
+    };
+    for (const auto& refusal : refusals) {
+        TestImage image = good;
         refusal.prepare(image);
         if (refusal.fixChecksum) {
             image.FixChecksum();

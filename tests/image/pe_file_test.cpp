@@ -1,6 +1,6 @@
 #include "host/image/pe_file.h"
 
-#include <functional>
+#include <variant>
 
 #include "tests/image/test_image.h"
 
@@ -34,95 +34,65 @@ TEST(PeFile, ReadsWhatTheLinkerWrote) {
     EXPECT_EQ(std::count_if(file.functions().begin(), file.functions().end(), covers), 1);
 }
 
-struct Damage {
-    const char* what;
-    ImageError expected;
-    std::function<void(TestImage&)> inflict;
-};
-
-// Offsets behind a directory are those of its published record.
-const Damage kDamages[] = {
-    {"no MZ", ImageError::kNotAnImage, [](TestImage& i) { i.bytes[0] = 'Z'; }},
-    {"no PE", ImageError::kNotAnImage, [](TestImage& i) { i.bytes[i.Pe()] = 'Q'; }},
-    {"header past the end", ImageError::kTruncated,
-     [](TestImage& i) { i.Set(0x3C, Long{0xFFFFFFF8}); }},
-    {"header at odd place", ImageError::kBadHeader, [](TestImage& i) { i.Set(0x3C, Long{0x81}); }},
-    {"32-bit machine", ImageError::kWrongMachine,
-     [](TestImage& i) { i.Set(i.Pe() + 4, Word{0x14C}); }},
-    {"not linked", ImageError::kBadHeader, [](TestImage& i) { i.Set(i.Pe() + 22, Word{0}); }},
-    {"PE32", ImageError::kNotPe32Plus, [](TestImage& i) { i.Set(i.Optional(), Word{0x10B}); }},
-    {"small pages", ImageError::kBadHeader,
-     [](TestImage& i) { i.Set(i.Optional() + 32, Long{0x200}); }},
-    {"odd alignment", ImageError::kBadHeader,
-     [](TestImage& i) { i.Set(i.Optional() + 36, Long{513}); }},
-    {"huge image", ImageError::kTooLarge, [](TestImage& i) { i.Set(i.Optional() + 56, ~Long{0}); }},
-    {"headers past the end", ImageError::kTruncated,
-     [](TestImage& i) { i.Set(i.Optional() + 60, ~Long{0}); }},
-    {"headers too short", ImageError::kBadHeader,
-     [](TestImage& i) { i.Set(i.Optional() + 60, Long{64}); }},
-    {"many directories", ImageError::kBadHeader,
-     [](TestImage& i) { i.Set(i.Optional() + 108, ~Long{0}); }},
-    {"directory that wraps", ImageError::kBadDirectory,
-     [](TestImage& i) {
-         i.Set(i.Directory(PeDirectory::kTls), std::uint64_t{0xFFFFF00000002000});
-     }},
-    {"certificates past the end", ImageError::kBadDirectory,
-     [](TestImage& i) {
-         i.Set(i.Directory(PeDirectory::kCertificates), std::uint64_t{1} << 47 | 8);
-     }},
-    {"no sections", ImageError::kBadSections, [](TestImage& i) { i.Set(i.Pe() + 6, Word{0}); }},
-    {"overlapping sections", ImageError::kBadSections,
-     [](TestImage& i) { i.Set(i.Section(1) + 12, i.Get<Long>(i.Section(0) + 12)); }},
-    {"sections sharing bytes", ImageError::kBadSections,
-     [](TestImage& i) { i.Set(i.Section(1) + 20, i.Get<Long>(i.Section(0) + 20)); }},
-    {"section over headers", ImageError::kBadSections,
-     [](TestImage& i) { i.Set(i.Section(0) + 20, Long{0}); }},
-    {"section past the end", ImageError::kTruncated,
-     [](TestImage& i) { i.Set(i.Section(0) + 20, Long{0xFFFFFE00}); }},
-    {"section that wraps", ImageError::kBadSections,
-     [](TestImage& i) { i.Set(i.Section(0) + 8, ~Long{0}); }},
-    {"imports end in nothing", ImageError::kBadImports,
-     [](TestImage& i) {
-         i.Set(i.Directory(PeDirectory::kImports), i.Get<Long>(i.Optional() + 56) - 4);
-         i.Set(i.Directory(PeDirectory::kImports) + 4, Long{4});
-     }},
-    {"slots outside", ImageError::kBadImports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kImports) + 16, Long{0xFFFFFFFC}); }},
-    {"slots in headers", ImageError::kBadImports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kImports) + 16, Long{0x40}); }},
-    {"shared slots", ImageError::kBadImports,
-     [](TestImage& i) {
-         std::size_t table = i.Contents(PeDirectory::kImports);
-         i.Set(table + 16, i.Get<Long>(table + 36));
-     }},
-    {"module without name", ImageError::kBadImports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kImports) + 12, Long{0x3000}); }},
-    {"endless exports", ImageError::kBadExports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kExports) + 24, ~Long{0}); }},
-    {"ordinal without function", ImageError::kBadExports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kExports) + 20, Long{1}); }},
-    {"names out of order", ImageError::kBadExports,
-     [](TestImage& i) { i.Replace("ToyLoads", "ToyToads"); }},
-    {"function nowhere", ImageError::kBadExports,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kExports) + 40, Long{0x00F00000}); }},
-    {"empty relocation block", ImageError::kBadRelocations,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kRelocations) + 4, Long{0}); }},
-    {"long relocation block", ImageError::kBadRelocations,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kRelocations) + 4, Long{0xFFFFFFF8}); }},
-    {"relocation that wraps", ImageError::kBadRelocations,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kRelocations), Long{0xFFFFF000}); }},
-    {"unknown relocation", ImageError::kBadRelocations,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kRelocations) + 8, Word{0x3000}); }},
-    {"function backwards", ImageError::kBadUnwindData,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kUnwind) + 4, Long{0}); }},
-    {"unwind codes nowhere", ImageError::kBadUnwindData,
-     [](TestImage& i) { i.Set(i.Contents(PeDirectory::kUnwind) + 8, Long{0xFFFFFFFC}); }},
-};
-
+// One field of a good image that is made to hold something else, at its published offset.
 TEST(PeFile, NamesEveryDamage) {
-    for (const Damage& damage : kDamages) {
-        TestImage image;
-        damage.inflict(image);
+    using enum ImageError;
+    using enum PeDirectory;
+    const TestImage good;
+    const std::size_t pe = good.Pe(), optional = good.Optional();
+    const std::size_t first = good.Section(0), second = good.Section(1);
+    const std::size_t imports = good.Contents(kImports), exports = good.Contents(kExports);
+    const std::size_t relocations = good.Contents(kRelocations), unwind = good.Contents(kUnwind);
+    constexpr std::uint64_t kHigh = std::uint64_t{1} << 32;
+    const struct {
+        const char* what;
+        ImageError expected;
+        std::size_t offset;
+        std::variant<std::uint8_t, Word, Long, std::uint64_t> value;
+    } damages[] = {
+        {"no MZ", kNotAnImage, 0, std::uint8_t{'Z'}},
+        {"no PE", kNotAnImage, pe, std::uint8_t{'Q'}},
+        {"header past the end", kTruncated, 0x3C, Long{0xFFFFFFF8}},
+        {"header at odd place", kBadHeader, 0x3C, Long{0x81}},
+        {"32-bit machine", kWrongMachine, pe + 4, Word{0x14C}},
+        {"not linked", kBadHeader, pe + 22, Word{0}},
+        {"PE32", kNotPe32Plus, optional, Word{0x10B}},
+        {"small pages", kBadHeader, optional + 32, Long{0x200}},
+        {"odd alignment", kBadHeader, optional + 36, Long{513}},
+        {"huge image", kTooLarge, optional + 56, ~Long{0}},
+        {"headers past the end", kTruncated, optional + 60, ~Long{0}},
+        {"headers too short", kBadHeader, optional + 60, Long{64}},
+        {"many directories", kBadHeader, optional + 108, ~Long{0}},
+        {"directory that wraps", kBadDirectory, good.Directory(kTls),
+         std::uint64_t{0xFFFFF00000002000}},
+        {"certificates past the end", kBadDirectory, good.Directory(kCertificates),
+         (kHigh << 15) | 8},
+        {"no sections", kBadSections, pe + 6, Word{0}},
+        {"overlapping sections", kBadSections, second + 12, good.Get<Long>(first + 12)},
+        {"sections sharing bytes", kBadSections, second + 20, good.Get<Long>(first + 20)},
+        {"section over headers", kBadSections, first + 20, Long{0}},
+        {"section past the end", kTruncated, first + 20, Long{0xFFFFFE00}},
+        {"section that wraps", kBadSections, first + 8, ~Long{0}},
+        {"imports end in nothing", kBadImports, good.Directory(kImports),
+         4 * kHigh | (good.Get<Long>(optional + 56) - 4)},
+        {"slots outside", kBadImports, imports + 16, Long{0xFFFFFFFC}},
+        {"slots in headers", kBadImports, imports + 16, Long{0x40}},
+        {"shared slots", kBadImports, imports + 16, good.Get<Long>(imports + 36)},
+        {"module without name", kBadImports, imports + 12, Long{0x3000}},
+        {"endless exports", kBadExports, exports + 24, ~Long{0}},
+        {"ordinal without function", kBadExports, exports + 20, Long{1}},
+        {"names out of order", kBadExports, good.Find("ToyLoads") + 3, std::uint8_t{'T'}},
+        {"function nowhere", kBadExports, exports + 40, Long{0x00F00000}},
+        {"empty relocation block", kBadRelocations, relocations + 4, Long{0}},
+        {"long relocation block", kBadRelocations, relocations + 4, Long{0xFFFFFFF8}},
+        {"relocation that wraps", kBadRelocations, relocations, Long{0xFFFFF000}},
+        {"unknown relocation", kBadRelocations, relocations + 8, Word{0x3000}},
+        {"function backwards", kBadUnwindData, unwind + 4, Long{0}},
+        {"unwind codes nowhere", kBadUnwindData, unwind + 8, Long{0xFFFFFFFC}},
+    };
+    for (const auto& damage : damages) {
+        TestImage image = good;
+        std::visit([&](auto value) { image.Set(damage.offset, value); }, damage.value);
         auto parsed = PeFile::Parse(image.bytes);
         ASSERT_FALSE(parsed) << damage.what;
         EXPECT_EQ(ImageErrorName(parsed.fault().error), ImageErrorName(damage.expected))

@@ -57,10 +57,15 @@ struct TestImage {
         }
         return address - Get<std::uint32_t>(section + 12) + Get<std::uint32_t>(section + 20);
     }
+    // The offset of the only occurrence of `text`, which must be there.
+    std::size_t Find(std::string_view text) const {
+        auto found = std::search(bytes.begin(), bytes.end(), text.begin(), text.end());
+        EXPECT_NE(found, bytes.end()) << text;
+        return static_cast<std::size_t>(found - bytes.begin());
+    }
     // Overwrites the only occurrence of `text` by `replacement` and zeroes up to its end.
     void Replace(std::string_view text, std::string_view replacement) {
-        auto found = std::search(bytes.begin(), bytes.end(), text.begin(), text.end());
-        ASSERT_NE(found, bytes.end());
+        auto* const found = &bytes.at(Find(text));
         std::fill_n(found, text.size(), 0);
         std::copy(replacement.begin(), replacement.end(), found);
     }
