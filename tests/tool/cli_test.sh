@@ -3,29 +3,8 @@
 # touched. The frames themselves are compared by compare-replay.sh.
 #
 # usage: cli_test.sh NETSIEVE SAMPLE MANUAL
-set -uo pipefail
-
 netsieve=$1 sample=$2 manual=$3
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-failed=0
-
-fail() {
-    echo "FAILED: $1"
-    cat "$scratch/out" "$scratch/err"
-    failed=1
-}
-
-# Runs the program and checks its status and a piece of what it said.
-expect() { # STATUS WORDS ARGUMENT...
-    local status=$1 words=$2
-    shift 2
-    "$netsieve" "$@" >"$scratch/out" 2>"$scratch/err"
-    local got=$?
-    [ $got = "$status" ] || fail "netsieve $* ended with $got, expected $status"
-    cat "$scratch/out" "$scratch/err" | grep -qF -e "$words" ||
-        fail "netsieve $* did not say '$words'"
-}
+. "${0%/*}/cli.sh"
 
 head -c 5000 "$sample" >"$scratch/cut.pcap"
 gzip -c "$sample" >"$scratch/sample.gz"

@@ -3,16 +3,8 @@
 # summary's numbers are right, and what cannot be hooked is refused before anything is written.
 #
 # usage: hooks_test.sh NETSIEVE NETSIEVE.sys CAPTURE
-set -uo pipefail
-
 netsieve=$1 image=$2 capture=$3
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-failed=0
-fail() {
-    echo "FAILED: $*"
-    failed=1
-}
+. "${0%/*}/cli.sh"
 
 replay() { # OUTPUT OPTION...
     "$netsieve" replay "$capture" -o "$scratch/$1" "${@:2}" >"$scratch/$1.summary" 2>&1 ||
@@ -67,18 +59,11 @@ cmp "$scratch/lines.native" "$scratch/lines.${image##*/}" || fail "the image log
 grep -q 'direction=send protocol=TCPIP adapter=00:00:5e:00:53:01 length=42' \
     "$scratch/lines.native" || fail "the log: $(cat "$scratch/lines.native")"
 
-refuse() { # WORDS HOOK
-    rm -f "$scratch/none"
-    "$netsieve" replay "$capture" -o "$scratch/none" --hook "$2" >"$scratch/words" 2>&1
-    [ $? = 2 ] || fail "'$2' was not refused"
-    grep -q -- "$1" "$scratch/words" || fail "'$2' is refused with: $(cat "$scratch/words")"
-    [ ! -e "$scratch/none" ] || fail "'$2' left an output"
-}
-refuse 'syntax error' 'drop:tcp or (('
-refuse 'drop' 'drop:'
-refuse 'nonsense' 'nonsense:tcp'
-refuse '9' 'drop@9:tcp'
-refuse '/nonexistent' 'driver:/nonexistent.so'
-refuse "${capture##*/}" "driver:$capture"
+refuse_replay 2 'syntax error' --hook 'drop:tcp or (('
+refuse_replay 2 'drop' --hook 'drop:'
+refuse_replay 2 'nonsense' --hook 'nonsense:tcp'
+refuse_replay 2 '9' --hook 'drop@9:tcp'
+refuse_replay 2 '/nonexistent' --hook 'driver:/nonexistent.so'
+refuse_replay 2 "${capture##*/}" --hook "driver:$capture"
 
 exit $failed

@@ -3,22 +3,13 @@
 # does not reach: several hooks on one frame, other shapes of traffic, real threads, and injection.
 #
 # usage: pending_hooks_test.sh NETSIEVE NETSIEVE.sys CAPTURE
-set -uo pipefail
-
 netsieve=$1 image=$2 capture=$3
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-failed=0
-fail() {
-    echo "FAILED: $*"
-    failed=1
-}
+. "${0%/*}/cli.sh"
 
 # Replays, and evaluates an expression of Python on the summary.
-expect() { # EXPRESSION OPTION...
-    "$netsieve" replay "$capture" --json -o "$scratch/out" "${@:2}" >"$scratch/json" 2>"$scratch/words" ||
-        fail "status $?: ${*:2}: $(cat "$scratch/words" "$scratch/json")"
-    python3 - "$1" "$scratch/json" <<'PYTHON' || fail "not so with ${*:2}: $1"
+holds() { # EXPRESSION OPTION...
+    expect 0 '"exit_status": 0' replay "$capture" --json -o "$scratch/frames" "${@:2}"
+    python3 - "$1" "$scratch/out" <<'PYTHON' || fail "not so with ${*:2}: $1"
 import json, sys
 summary = json.load(open(sys.argv[2]))
 sent, received = (summary["adapters"][0][way] for way in ("sent", "received"))
@@ -35,40 +26,33 @@ for driver in native "$image"; do
         # Two hooks on one frame: it goes when the later one lets it, or not at all. A third one
         # withholds it, which makes no difference.
         # shellcheck disable=SC2086
-        expect "both('reinjected') == $frames == hooks[0]['marked'] == hooks[1]['marked'] and both('withheld') == 0" \
+        holds "both('reinjected') == $frames == hooks[0]['marked'] == hooks[1]['marked'] and both('withheld') == 0" \
             --driver "$driver" $shape --hook 'delay:5:udp port 53' --hook 'hold:udp port 53:success' \
             --hook 'drop:udp port 53'
         # shellcheck disable=SC2086
-        expect "both('dropped') == $frames and both('reinjected') == 0" --driver "$driver" $shape \
+        holds "both('dropped') == $frames and both('reinjected') == 0" --driver "$driver" $shape \
             --hook 'delay:0:udp port 53' --hook 'hold:udp port 53:failure'
     done
     # The reply, from the adapter and in its shortest form; then the frames that are the adapter's.
-    expect "sent['injected'] == 1 == hooks[0]['injected'] and received['injected'] == 0" \
+    holds "sent['injected'] == 1 == hooks[0]['injected'] and received['injected'] == 0" \
         --driver "$driver" --mac 00:00:5e:00:53:02 \
         --hook 'reply-arp:192.0.2.2=00:00:5e:00:53:07'
-    tcpdump -ner "$scratch/out" 'arp[6:2] = 2 and ether src 00:00:5e:00:53:02' 2>/dev/null |
+    tcpdump -ner "$scratch/frames" 'arp[6:2] = 2 and ether src 00:00:5e:00:53:02' 2>/dev/null |
         grep -q 'length 60: Reply 192.0.2.2 is-at 00:00:5e:00:53:07' || fail "the ARP reply"
     tcpdump -Z root -r "$capture" -w "$scratch/own" 'ether src 00:00:5e:00:53:01' 2>/dev/null
     own=$(tcpdump -nr "$scratch/own" 2>/dev/null | wc -l)
-    expect "summary['injection']['sent'] == $own == sent['injected'] and sent['passed'] == 0" \
+    holds "summary['injection']['sent'] == $own == sent['injected'] and sent['passed'] == 0" \
         --driver "$driver" --inject "$capture" --hook 'drop:ether src 00:00:5e:00:53:01'
-    tcpdump -Z root -r "$scratch/out" -w "$scratch/again" 'ether src 00:00:5e:00:53:01' 2>/dev/null
+    tcpdump -Z root -r "$scratch/frames" -w "$scratch/again" 'ether src 00:00:5e:00:53:01' 2>/dev/null
     cmp "$scratch/own" "$scratch/again" || fail "injected frames differ from the capture's"
 done
-expect "summary['pause'] == {'after_frame': 9999, 'flushed': None}" --pause-at 9999
+holds "summary['pause'] == {'after_frame': 9999, 'flushed': None}" --pause-at 9999
 
-refuse() { # STATUS WORDS OPTION...
-    rm -f "$scratch/none"
-    "$netsieve" replay "$capture" -o "$scratch/none" "${@:3}" >"$scratch/words" 2>&1
-    [ $? = "$1" ] || fail "'${*:3}' was not refused with status $1"
-    grep -q -- "$2" "$scratch/words" || fail "'${*:3}' is refused with: $(cat "$scratch/words")"
-    [ ! -e "$scratch/none" ] || fail "'${*:3}' left an output"
-}
-refuse 2 'is no delay' --hook 'delay:-1:udp'
-refuse 2 'expression is missing' --hook 'delay:5:'
-refuse 2 'how the frames end' --hook 'hold:ip6 host fe80::1'
-refuse 2 'overflow=drop' --hook 'hold:udp:success:overflow=keep'
-refuse 2 'is no answer' --hook 'reply-arp:192.0.2.2'
-refuse 3 'nonexistent' --inject /nonexistent.pcap
+refuse_replay 2 'is no delay' --hook 'delay:-1:udp'
+refuse_replay 2 'expression is missing' --hook 'delay:5:'
+refuse_replay 2 'how the frames end' --hook 'hold:ip6 host fe80::1'
+refuse_replay 2 'overflow=drop' --hook 'hold:udp:success:overflow=keep'
+refuse_replay 2 'is no answer' --hook 'reply-arp:192.0.2.2'
+refuse_replay 3 'nonexistent' --inject /nonexistent.pcap
 
 exit $failed
