@@ -25,6 +25,10 @@ class CaptureBytes {
                              std::uint16_t major = 2) {
         return U32(magic).U16(major).U16(4).U32(7).U32(9).U32(snapLength).U32(linkWord);
     }
+    /// The section header of a pcapng file.
+    CaptureBytes& SectionHeader(std::uint16_t major) {
+        return U32(0x0A0D0D0A).U32(28).U32(0x1A2B3C4D).U16(major).U16(0).U32(~0u).U32(~0u).U32(28);
+    }
     CaptureBytes& Record(std::uint32_t seconds,
                          std::uint32_t fraction,
                          const std::string& frame,

@@ -59,8 +59,8 @@ TEST_F(CaptureFileTest, ClassicFilesKeepEveryField) {
 
 TEST_F(CaptureFileTest, PcapngBecomesNanoseconds) {
     CaptureBytes file;
-    // Section header; an interface with a resolution of 10^-9; one frame of 4 bytes.
-    file.U32(0x0A0D0D0A).U32(28).U32(0x1A2B3C4D).U16(1).U16(0).U32(~0u).U32(~0u).U32(28);
+    // An interface with a resolution of 10^-9; one frame of 4 bytes.
+    file.SectionHeader(1);
     file.U32(1).U32(32).U16(1).U16(0).U32(96).U16(9).U16(1).Raw({9, 0, 0, 0}).U32(0).U32(32);
     const std::uint64_t stamp = 1'700'000'000'123'456'789;
     file.U32(6).U32(36).U32(0).U32(stamp >> 32).U32(static_cast<std::uint32_t>(stamp));
@@ -89,17 +89,7 @@ TEST_F(CaptureFileTest, WhatIsWrongIsToldApart) {
         {"compressed", "\x1F\x8B\x08 and so on, up to twenty-four", CaptureFault::kNotACapture, 0},
         {"old version", CaptureBytes().FileHeader(0xA1B2C3D4, 96, 1, 1).Bytes(),
          CaptureFault::kUnsupportedVersion, 0},
-        {"pcapng of version 7",
-         CaptureBytes()
-             .U32(0x0A0D0D0A)
-             .U32(28)
-             .U32(0x1A2B3C4D)
-             .U16(7)
-             .U16(0)
-             .U32(~0u)
-             .U32(~0u)
-             .U32(28)
-             .Bytes(),
+        {"pcapng of version 7", CaptureBytes().SectionHeader(7).Bytes(),
          CaptureFault::kUnsupportedVersion, 0},
         {"half a file header", CaptureBytes().FileHeader().Bytes().substr(0, 20),
          CaptureFault::kDamagedHeader, 0},

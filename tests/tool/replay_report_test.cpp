@@ -21,30 +21,23 @@ ReplayReport CleanReport() {
 }
 
 TEST(ReplayReportTest, StatusIsTheGravestThatApplies) {
+    using enum ExitStatus;
+    const CaptureFailure wrong{CaptureFault::kLinkType, "link type"};
+    const CaptureFailure cut{CaptureFault::kBrokenOff, "broken off"};
+    const Finding finding{"NblLost", "lost"};
     const struct {
         std::function<void(ReplayReport&)> spoil;
         ExitStatus status;
     } steps[] = {
         // Each step adds something graver than all before it.
-        {[](ReplayReport&) {}, ExitStatus::kClean},
-        {[](ReplayReport& report) {
-             report.inputFailure = CaptureFailure{CaptureFault::kLinkType, "link type"};
-         },
-         ExitStatus::kInputUnreadable},
-        {[](ReplayReport& report) {
-             report.inputFailure = CaptureFailure{CaptureFault::kBrokenOff, "broken off"};
-         },
-         ExitStatus::kInputBrokenOff},
-        {[](ReplayReport& report) { report.notRepresentable = 1; }, ExitStatus::kNotRepresentable},
-        {[](ReplayReport& report) { report.outputFailure = "disk full"; },
-         ExitStatus::kOutputFailed},
-        {[](ReplayReport& report) { report.driverFailure = "no driver"; },
-         ExitStatus::kDriverNotLoaded},
-        {[](ReplayReport& report) { report.leftover = "1 NBL"; }, ExitStatus::kFramesLost},
-        {[](ReplayReport& report) {
-             report.findings.push_back({"NblLost", "lost"});
-         },
-         ExitStatus::kRuleBroken},
+        {[](auto&) {}, kClean},
+        {[&](auto& report) { report.inputFailure = wrong; }, kInputUnreadable},
+        {[&](auto& report) { report.inputFailure = cut; }, kInputBrokenOff},
+        {[](auto& report) { report.notRepresentable = 1; }, kNotRepresentable},
+        {[](auto& report) { report.outputFailure = "disk full"; }, kOutputFailed},
+        {[](auto& report) { report.driverFailure = "no driver"; }, kDriverNotLoaded},
+        {[](auto& report) { report.leftover = "1 NBL"; }, kFramesLost},
+        {[&](auto& report) { report.findings.push_back(finding); }, kRuleBroken},
     };
     ReplayReport report = CleanReport();
     for (const auto& step : steps) {
