@@ -36,14 +36,9 @@ class Events : public testing::TestWithParam<SchedulerKind> {
     std::atomic<int> released_ = 0;
 };
 
-std::string NameOf(const testing::TestParamInfo<SchedulerKind>& info) {
-    return info.param == SchedulerKind::kSimulated ? "Simulated" : "Threaded";
-}
-
-INSTANTIATE_TEST_SUITE_P(,
+INSTANTIATE_TEST_SUITE_P(Schedulers,
                          Events,
-                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded),
-                         NameOf);
+                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded));
 
 TEST_P(Events, ANotificationReleasesAllWhoWaitEvenIfItIsClearedAtOnce) {
     machine_.Run([&] {

@@ -17,14 +17,9 @@ class BothSchedulers : public testing::TestWithParam<SchedulerKind> {
     Scheduler& scheduler_ = machine_.scheduler();
 };
 
-std::string NameOf(const testing::TestParamInfo<SchedulerKind>& info) {
-    return info.param == SchedulerKind::kSimulated ? "Simulated" : "Threaded";
-}
-
-INSTANTIATE_TEST_SUITE_P(,
+INSTANTIATE_TEST_SUITE_P(Schedulers,
                          BothSchedulers,
-                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded),
-                         NameOf);
+                         testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded));
 
 TEST_P(BothSchedulers, ASpinLockExcludesThreadsAndDpcs) {
     KSPIN_LOCK lock;
