@@ -1,4 +1,5 @@
 // How modules go: while calls are inside, with the driver, and again.
+#include "module/module_reference.h"
 #include "tests/driver/detaching_stack.h"
 
 namespace netsieve::host {
@@ -11,8 +12,7 @@ TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
         Stack& stack = machine.ndis().AddAdapter();
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
         Traffic traffic(machine, stack);
-        stack.adapter().queue().SetMode(ReleaseMode::kHold);
-        stack.protocol().queue().SetMode(ReleaseMode::kHold);
+        SetRelease(stack, ReleaseMode::kHold);
         stack.protocol().Send(traffic.MakeSends(2));
         stack.adapter().Indicate(traffic.MakeReceives(3));
         PNET_BUFFER_LIST const resources = traffic.MakeReceives(2);
@@ -95,6 +95,25 @@ TEST_P(DetachTest, OfAllModulesComesWithUnload) {
 INSTANTIATE_TEST_SUITE_P(Schedulers,
                          DetachTest,
                          testing::Values(SchedulerKind::kSimulated, SchedulerKind::kThreaded));
+
+#if !defined(NETSIEVE_TEST_IMAGE)
+// What is no module any more, or never was.
+TEST(ModuleReferenceTest, RefusesWhatIsOnNeitherList) {
+    RunClean({}, [](Machine& machine) {
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        FILTER_MODULE unknown{};
+        const std::pair<FILTER_MODULE*, NDIS_STATUS> cases[] = {
+            {nullptr, NDIS_STATUS_INVALID_PARAMETER}, {&unknown, NDIS_STATUS_CLOSING}};
+        for (const auto& [module, status] : cases) {
+            bool heldClosing = true;
+            EXPECT_EQ(ReferenceFilterModule(module, &heldClosing), status);
+            EXPECT_FALSE(heldClosing);
+        }
+        DereferenceFilterModule(nullptr);
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+#endif
 
 }  // namespace
 }  // namespace netsieve::host

@@ -73,6 +73,12 @@ inline std::vector<PNET_BUFFER_LIST> NblsOf(PNET_BUFFER_LIST chain) {
     return nbls;
 }
 
+/// How NBLs come back from both ends of `stack`.
+inline void SetRelease(Stack& stack, ReleaseMode mode) {
+    stack.adapter().queue().SetMode(mode);
+    stack.protocol().queue().SetMode(mode);
+}
+
 /// Counts what crosses a stack while it lives. NBLs are made beforehand, by one context; they may
 /// then be sent and indicated from any.
 class Traffic {

@@ -39,4 +39,30 @@ class Model {
     std::vector<std::uint32_t> contexts_;
 };
 
+/// A model by its name; `run` says what was wrong in a schedule, or nothing.
+struct ModelCase {
+    const char* name;
+    unsigned preemptions;
+    std::function<std::string(Machine&, ScheduleTree&)> run;
+    bool watchHooks = true;  ///< not where a hook breaks its rules on purpose
+};
+
+inline void PrintTo(const ModelCase& model, std::ostream* out) {
+    *out << model.name;
+}
+
+/// Runs every schedule of the model on three processors. Nothing may be left of any.
+inline void RunCase(const ModelCase& model) {
+    std::string wrong;
+    RunModel(
+        {.name = model.name,
+         .machine = {.processors = 3, .watchHooks = model.watchHooks},
+         .preemptions = model.preemptions},
+        [&](Machine& machine, ScheduleTree& tree) { wrong = model.run(machine, tree); },
+        [&](Machine& machine) {
+            const Accounting stock = TakeStock(machine);
+            return stock.Balanced() ? wrong : wrong + stock.Describe();
+        });
+}
+
 }  // namespace netsieve::host

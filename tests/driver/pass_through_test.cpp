@@ -123,8 +123,7 @@ TEST_P(PassThroughTest, KeepsMixedTrafficWhole) {
             std::deque<Traffic> traffic;
             std::vector<std::uint32_t> callers;
             for (Stack* const stack : stacks) {
-                stack->adapter().queue().SetMode(mode);
-                stack->protocol().queue().SetMode(mode);
+                SetRelease(*stack, mode);
                 Traffic& counts = traffic.emplace_back(machine, *stack);
                 for (unsigned i = 0; i < 4; ++i) {
                     PNET_BUFFER_LIST const sends = counts.MakeSends(5, layouts[i % 2]);

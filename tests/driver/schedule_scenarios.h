@@ -34,6 +34,13 @@ class Scenario {
     std::uint64_t Meetings() const { return meetings_; }
 
   protected:
+    /// Begins a run on a stack with the driver.
+    Stack& Begin(Machine& machine) {
+        verdict_.clear();
+        Stack& stack = machine.ndis().AddAdapter();
+        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        return stack;
+    }
     void Demand(bool good, std::string what) {
         if (!good && verdict_.empty()) {
             verdict_ = std::move(what);
@@ -63,8 +70,7 @@ class LifeUnderTraffic final : public Scenario {
         verdict_.clear();
         Stack& stack = machine.ndis().AddAdapter();
         Traffic traffic(machine, stack);
-        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
-        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
+        SetRelease(stack, ReleaseMode::kMixed);
         const auto sender = [&](int nbls) {
             return [&, chain = traffic.MakeSends(nbls)] { stack.protocol().Send(chain); };
         };
@@ -98,13 +104,10 @@ class LifeUnderTraffic final : public Scenario {
 class CallsDuringDetach final : public Scenario {
   public:
     void Run(Machine& machine) override {
-        verdict_.clear();
         Scheduler& scheduler = machine.scheduler();
-        Stack& stack = machine.ndis().AddAdapter();
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Stack& stack = Begin(machine);
         Traffic traffic(machine, stack);
-        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
-        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
+        SetRelease(stack, ReleaseMode::kMixed);
         PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(1), traffic.MakeSends(1)};
         PNET_BUFFER_LIST const given[] = {traffic.MakeReceives(1), traffic.MakeReceives(1)};
         PNET_BUFFER_LIST const resources = traffic.MakeReceives(1);

@@ -1,7 +1,7 @@
 // Searches through the ways in which hooks come and go while frames are offered to them.
 #include "hook/hook_notify.h"
 #include "tests/driver/model.h"
-#include "tests/hook/hook_rig.h"
+#include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {
 namespace {
@@ -21,10 +21,8 @@ class HooksComeAndGo final : public Scenario {
     explicit HooksComeAndGo(Change change) : change_(change) {}
 
     void Run(Machine& machine) override {
-        verdict_.clear();
         Scheduler& scheduler = machine.scheduler();
-        Stack& stack = machine.ndis().AddAdapter();
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Stack& stack = Begin(machine);
         Traffic traffic(machine, stack);
         stack.adapter().queue().SetMode(ReleaseMode::kMixed);
         Client steady(u"steady");
@@ -65,36 +63,21 @@ class HooksComeAndGo final : public Scenario {
             scheduler.Start({.name = "sender", .kind = ContextKind::kDpc, .processor = 2},
                             [&] { stack.protocol().Send(sends[1]); }),
             scheduler.Start({.name = "changer", .processor = 3}, [&] {
-                switch (change_) {
-                    case Change::kAttachDetach:
-                        ITarnHKDettachFilter(changing.attached[0], changing.hook);
-                        ITarnHKAttachFilter(changing.attached[0], changing.hook);
-                        break;
-                    case Change::kDetachModule:
-                        stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
-                        break;
-                    case Change::kRegisterTwice:
-                        twin.Start();
-                        break;
-                    default:
-                        break;
+                if (change_ == Change::kAttachDetach) {
+                    Reattach(changing);
+                } else if (change_ == Change::kDetachModule) {
+                    stack.Detach(*stack.FindModule(machine.FindDriver("NETSIEVE")));
+                } else if (change_ == Change::kRegisterTwice) {
+                    twin.Start();
                 }
             })};
-        switch (change_) {
-            case Change::kRegisterTwice:
-                changing.Start();
-                break;
-            case Change::kAttachDetach:
-                ITarnHKDettachFilter(guest.attached[0], guest.hook);
-                ITarnHKAttachFilter(guest.attached[0], guest.hook);
-                break;
-            case Change::kDeregister:
-            case Change::kDetachModule:
-                changing.Stop();
-                gone = true;
-                break;
-            default:
-                break;
+        if (change_ == Change::kRegisterTwice) {
+            changing.Start();
+        } else if (change_ == Change::kAttachDetach) {
+            Reattach(guest);
+        } else if (change_ == Change::kDeregister || change_ == Change::kDetachModule) {
+            changing.Stop();
+            gone = true;
         }
         scheduler.JoinAll(contexts);
         stack.Pause();
@@ -129,6 +112,11 @@ class HooksComeAndGo final : public Scenario {
     }
 
   private:
+    static void Reattach(const Client& client) {
+        ITarnHKDettachFilter(client.attached[0], client.hook);
+        ITarnHKAttachFilter(client.attached[0], client.hook);
+    }
+
     Change change_;
 };
 
@@ -137,9 +125,7 @@ class HooksComeAndGo final : public Scenario {
 class HooksLeaveDuringUnload final : public Scenario {
   public:
     void Run(Machine& machine) override {
-        verdict_.clear();
-        Stack& stack = machine.ndis().AddAdapter();
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
+        Stack& stack = Begin(machine);
         Traffic traffic(machine, stack);
         Client leaving(u"leaving");
         Client silent(u"silent");
@@ -175,11 +161,9 @@ class HooksLeaveDuringUnload final : public Scenario {
 class ProtocolsFillTheTable final : public Scenario {
   public:
     void Run(Machine& machine) override {
-        verdict_.clear();
         Scheduler& scheduler = machine.scheduler();
-        Stack& stack = machine.ndis().AddAdapter();
+        Stack& stack = Begin(machine);
         stack.AddProtocol(u"SECOND");
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         Client client(u"hook");
         client.Start();
         std::vector<std::unique_ptr<NblFactory>> nbls;
@@ -392,40 +376,25 @@ std::string RunAdapterComes(Machine& machine, ScheduleTree& tree) {
            leaving.Verdict() + coming.Verdict();
 }
 
-struct HookModel {
-    const char* name;
-    std::string (*run)(Machine&, ScheduleTree&);
-    unsigned preemptions = 2;
+const ModelCase kModels[] = {
+    {"registration against deregistration", 2, RunNameOnItsWayOut},
+    {"both ends of a shared name", 2, RunBothEnds},
+    {"adapter that goes against leaver", 2, RunAdapterAgainstLeaver},
+    {"adapter that goes against unload", 2, RunAdapterAgainstUnload},
+    {"claim against leaver", 2, RunClaimAgainstLeaver},
+#if !defined(NETSIEVE_TEST_IMAGE)
+    {"late attachment against the end of the table", 2, RunLateAttachment},
+#endif
+    {"adapter that comes", 1, RunAdapterComes},
 };
 
-void PrintTo(const HookModel& model, std::ostream* out) {
-    *out << model.name;
-}
-
-class HookModels : public testing::TestWithParam<HookModel> {};
+class HookModels : public testing::TestWithParam<ModelCase> {};
 
 TEST_P(HookModels, EveryScheduleIsGood) {
-    std::string wrong;
-    RunModel(
-        {.name = GetParam().name,
-         .machine = {.processors = 3},
-         .preemptions = GetParam().preemptions},
-        [&](Machine& machine, ScheduleTree& tree) { wrong = GetParam().run(machine, tree); },
-        [&](Machine&) { return wrong; });
+    RunCase(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Models,
-    HookModels,
-    testing::Values(HookModel{"registration against deregistration", &RunNameOnItsWayOut},
-                    HookModel{"both ends of a shared name", &RunBothEnds},
-                    HookModel{"adapter that goes against leaver", &RunAdapterAgainstLeaver},
-                    HookModel{"adapter that goes against unload", &RunAdapterAgainstUnload},
-                    HookModel{"claim against leaver", &RunClaimAgainstLeaver},
-#if !defined(NETSIEVE_TEST_IMAGE)
-                    HookModel{"late attachment against the end of the table", &RunLateAttachment},
-#endif
-                    HookModel{"adapter that comes", &RunAdapterComes, 1}));
+INSTANTIATE_TEST_SUITE_P(Models, HookModels, testing::ValuesIn(kModels));
 
 }  // namespace
 }  // namespace netsieve::host

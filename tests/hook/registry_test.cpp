@@ -1,7 +1,7 @@
 // Registering, attaching and dispatching, one thing at a time.
 #include "hook/hook_notify.h"
 #include "hook/source_handle.h"
-#include "tests/hook/hook_rig.h"
+#include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {
 namespace {
@@ -28,9 +28,6 @@ TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
         empty.Start();
         EXPECT_EQ(alpha.Register(), STATUS_SUCCESS);
         EXPECT_EQ(alpha.hook, empty.hook);
-        for (Client* client : {&alpha, &beta, &empty}) {
-            client->Stop();
-        }
     });
 }
 
@@ -56,7 +53,6 @@ TEST(HookRegistryTest, TheFirstEndOfASharedNameTakesTheHookDown) {
             scene.Pass(true, {MakeFrame(1)});
             EXPECT_EQ(owner.calls + next.calls * 10, 10);
             left.Stop();
-            next.Stop();
             EXPECT_EQ(owner.detached.size() + joined.detached.size(), 1u);
         });
     }
@@ -122,25 +118,21 @@ TEST(HookRegistryTest, TheBasicBlockGivesAPriorityAndNoFrames) {
 TEST(HookRegistryTest, TheBasicBlockIsRefusedWholeAndToldOfTheUnload) {
     RunClean({}, [](Machine& machine) {
         Scene scene(machine);
-        static Client client(u"basic");
-        static int told;
-        told = 0;
-        client.attached.clear();
+        Client client(u"basic");
+        int told = 0;
+        client.unload = [&] {
+            ++told;
+            client.Stop();
+        };
         const HOOK_FILTER_REGISTRATION block = {.Name = client.block.Name,
                                                 .AttachNotify = client.block.AttachNotify,
                                                 .DetachNotify = nullptr,
-                                                .UnloadNotify =
-                                                    [](PVOID context) NTAPI {
-                                                        EXPECT_EQ(context, &client);
-                                                        ++told;
-                                                        client.Stop();
-                                                    },
+                                                .UnloadNotify = &Client::Unload,
                                                 .OpaqueData = {}};
-        const NTSTATUS refusals[] = {STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES,
-                                     STATUS_OPEN_FAILED};
-        for (const NTSTATUS& refusal : refusals) {
-            machine.faults().Arm({.kind = FaultKind::kPool,
-                                  .nth = static_cast<std::uint64_t>(&refusal - refusals + 1)});
+        std::uint64_t nth = 0;
+        for (const NTSTATUS refusal :
+             {STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES, STATUS_OPEN_FAILED}) {
+            machine.faults().Arm({.kind = FaultKind::kPool, .nth = ++nth});
             EXPECT_EQ(ITarnHKRegisterFilter(&block, &client, 0, &client.hook), refusal);
             machine.faults().Disarm();
             EXPECT_EQ(client.hook, nullptr);
@@ -150,7 +142,6 @@ TEST(HookRegistryTest, TheBasicBlockIsRefusedWholeAndToldOfTheUnload) {
         EXPECT_EQ(client.attached.size(), 1u);
         machine.UnloadDriver("NETSIEVE");
         EXPECT_EQ(told, 1);
-        client.hook = nullptr;
     });
 }
 
@@ -217,7 +208,6 @@ TEST(HookRegistryTest, OnlyTwoStatesAreShownFrames) {
             expected += state == 11 || state == 13 ? 1 : 0;
             EXPECT_EQ(client.calls, expected) << state;
         }
-        client.Stop();
     });
 }
 
@@ -258,16 +248,9 @@ TEST(HookRegistryTest, TheUnloadTellsEachHookOnceAndItsModulesNoMore) {
     RunClean({}, [](Machine& machine) {
         Scene scene(machine);
         Client told(u"told");
-        Client untold(u"untold");
-        static Client* leaving = nullptr;
-        leaving = &told;
-        told.block.UnloadNotify = [](PVOID context) NTAPI {
-            EXPECT_EQ(context, leaving);
-            leaving->Stop();
-        };
+        Client untold(u"other");
+        told.unload = [&] { told.Stop(); };
         told.Start();
-        untold.name = u"other";
-        untold.block.Name = {10, 12, untold.name.data()};
         untold.Start();
         untold.Stop();
         machine.UnloadDriver("NETSIEVE");
@@ -435,10 +418,27 @@ TEST(PacketQueriesTest, ReadWhatEachNdisVersionKeeps) {
             scene.Pass(false, {MakeFrame(1)});
             EXPECT_EQ(client.calls, 2);
             EXPECT_EQ(scene.module->ProtocolCount, 1u);
-            client.Stop();
         };
         OnScene(body, {.ndisVersion = c.version});
     }
+}
+
+/// Shows a hook one sent frame and the entry of its protocol, which is there when it is `known`.
+void AskOnce(Scene& scene,
+             bool known,
+             const std::function<void(NIRP*, const PROTOCOL_ENTRY*)>& look) {
+    Client client(u"asks");
+    client.handler = [&](NIRP* nirp) -> LONG {
+        PROTOCOL_ENTRY* entry = nullptr;
+        EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
+        EXPECT_EQ(entry != nullptr, known);
+        look(nirp, entry);
+        return HOOK_VERDICT_PASS;
+    };
+    client.Start();
+    scene.Pass(true, {MakeFrame(1)});
+    EXPECT_EQ(client.calls, 1);
+    EXPECT_EQ(scene.module->ProtocolCount, known ? 1u : 0u);
 }
 
 // A filter above, or an adapter, sends an NBL. Where an open object has its pointers, what it has
@@ -462,27 +462,18 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
             object.Put(24, (open ? adapterObject : protocolObject).address());
             const NDIS_HANDLE source = c.kind ? object.address() : nullptr;
             scene.stack.protocol().component().handle = source;
-            Client client(u"asks");
-            client.handler = [&](NIRP* nirp) -> LONG {
+            AskOnce(scene, false, [&](NIRP* nirp, const PROTOCOL_ENTRY*) {
                 EXPECT_EQ(nirp->SendSourceHandle, source);
                 HOOK_PROTOCOL_INFO protocol{};
                 HOOK_ADAPTER_INFO adapter{};
-                PROTOCOL_ENTRY* entry = nullptr;
                 EXPECT_EQ(ITarnHKGetProtocolInfo(nirp, &protocol), c.status);
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, &adapter), c.status);
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nirp, nullptr), STATUS_INVALID_PARAMETER);
                 EXPECT_EQ(ITarnHKGetAdapterInfo(nullptr, &adapter), STATUS_INVALID_PARAMETER);
-                EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
-                EXPECT_EQ(entry, nullptr);
+                PROTOCOL_ENTRY* entry = nullptr;
                 EXPECT_EQ(ITarnHKGetProtocolName(nullptr, &entry), STATUS_INVALID_PARAMETER);
                 EXPECT_EQ(ITarnHKGetProtocolName(nirp, nullptr), STATUS_INVALID_PARAMETER);
-                return HOOK_VERDICT_PASS;
-            };
-            client.Start();
-            scene.Pass(true, {MakeFrame(1)});
-            EXPECT_EQ(client.calls, 1);
-            EXPECT_EQ(scene.module->ProtocolCount, 0u);
-            client.Stop();
+            });
         });
     }
 }
@@ -490,29 +481,22 @@ TEST(PacketQueriesTest, DoNotFollowASourceThatIsNoOpen) {
 // A name ends with its length, whatever lies behind it. One byte more than the longest buffer has
 // is 0 as a 16-bit number, too few for any name.
 TEST(PacketQueriesTest, TheSizeOfANameIsThatOfItsBufferAndOneMore) {
-    for (const auto& [length, maximum, name] : {std::tuple<USHORT, USHORT, const char*>{4, 6, "xy"},
-                                                {0, 0xFFFF, nullptr},
-                                                {2, 0xFFFF, nullptr}}) {
+    struct Case {
+        USHORT length;
+        USHORT maximum;
+        const char* name;
+    };
+    for (const Case& c : {Case{4, 6, "xy"}, Case{0, 0xFFFF, nullptr}, Case{2, 0xFFFF, nullptr}}) {
         const auto body = [&](Scene& scene) {
             WCHAR text[] = u"xyz";
-            scene.stack.protocol().objects().protocol.Put(64,
-                                                          UNICODE_STRING{length, maximum, text});
-            Client client(u"asks");
-            client.handler = [&](NIRP* nirp) -> LONG {
-                PROTOCOL_ENTRY* entry = nullptr;
-                EXPECT_EQ(ITarnHKGetProtocolName(nirp, &entry), STATUS_SUCCESS);
-                EXPECT_EQ(entry != nullptr, name != nullptr);
-                if (entry != nullptr && name != nullptr) {
-                    EXPECT_STREQ(entry->Buffer, name);
-                    EXPECT_EQ(entry->MaximumLength, maximum + 1);
+            scene.stack.protocol().objects().protocol.Put(
+                64, UNICODE_STRING{c.length, c.maximum, text});
+            AskOnce(scene, c.name != nullptr, [&](NIRP*, const PROTOCOL_ENTRY* entry) {
+                if (entry != nullptr && c.name != nullptr) {
+                    EXPECT_STREQ(entry->Buffer, c.name);
+                    EXPECT_EQ(entry->MaximumLength, c.maximum + 1);
                 }
-                return HOOK_VERDICT_PASS;
-            };
-            client.Start();
-            scene.Pass(true, {MakeFrame(1)});
-            EXPECT_EQ(client.calls, 1);
-            EXPECT_EQ(scene.module->ProtocolCount, name != nullptr ? 1u : 0u);
-            client.Stop();
+            });
         };
         OnScene(body, {.ndisVersion = 0x60000});
     }
@@ -532,7 +516,7 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
         for (int i = 0; i < 26; ++i) {
             Protocol& protocol = scene.stack.AddProtocol(u"\u0141" + std::u16string(3, u'x'));
             NblFactory nbls(scene.machine_, protocol.pool());
-            protocol.Send(nbls.Make(std::span<const std::uint8_t>(MakeFrame(1))));
+            protocol.Send(nbls.Make(MakeFrame(1)));
             scene.stack.Pause();
             scene.stack.Restart();
         }
@@ -541,7 +525,6 @@ TEST(PacketQueriesTest, TheTwentyFifthProtocolHasNoName) {
         const PROTOCOL_ENTRY& first = scene.module->ProtocolNames[0];
         EXPECT_EQ(std::string(first.Buffer), "Axxx");
         EXPECT_EQ(first.Length, 4);
-        client.Stop();
     });
 }
 

@@ -110,8 +110,7 @@ TEST(StackTest, TakesNoNblsWhilePausedAndWaitsForAllFirst) {
     RunClean({}, [](Machine& machine) {
         Stack& stack = machine.ndis().AddAdapter();
         Traffic traffic(machine, stack);
-        stack.adapter().queue().SetMode(ReleaseMode::kHold);
-        stack.protocol().queue().SetMode(ReleaseMode::kHold);
+        SetRelease(stack, ReleaseMode::kHold);
         stack.protocol().Send(traffic.MakeSends(2));
         stack.adapter().Indicate(traffic.MakeReceives(2));
         EXPECT_EQ(traffic.completed + traffic.returned, 0);
@@ -122,8 +121,7 @@ TEST(StackTest, TakesNoNblsWhilePausedAndWaitsForAllFirst) {
         EXPECT_EQ(traffic.refused, 2);
         EXPECT_FALSE(stack.adapter().Indicate(traffic.MakeReceives(1)));
         EXPECT_EQ(traffic.onWire, 2);
-        stack.adapter().queue().SetMode(ReleaseMode::kInline);
-        stack.protocol().queue().SetMode(ReleaseMode::kInline);
+        SetRelease(stack, ReleaseMode::kInline);
         stack.Restart();
         traffic.ExpectPassing();
     });

@@ -18,8 +18,7 @@ class BusyNeighbours final : public Scenario {
                    machine.LoadDriver(BusyFilter(false, {.failsRestart = 16})) == STATUS_SUCCESS,
                "not loaded");
         Traffic traffic(machine, stack);
-        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
-        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
+        SetRelease(stack, ReleaseMode::kMixed);
         const PNET_BUFFER_LIST sends[] = {traffic.MakeSends(3), traffic.MakeSends(2)};
         const PNET_BUFFER_LIST receives[] = {traffic.MakeReceives(3), traffic.MakeReceives(1)};
         int given = 0;

@@ -1,7 +1,5 @@
 // Every call that the platform may refuse, refused in turn, through the whole life of a driver with
 // hooks and traffic.
-#include <optional>
-
 #include "tests/packet/pending_rig.h"
 
 namespace netsieve::host {
@@ -21,12 +19,16 @@ class FailureSweep : public testing::TestWithParam<bool> {
                 Scene scene(machine, Scene::Load::kMayFail);
                 std::vector<NIRP*> taken;
                 // Nothing that imports from a driver that is not there gets loaded.
-                std::optional<TestHook> hook;
-                if (machine.FindDriver("NETSIEVE") != nullptr) {
-                    hook.emplace([&](NIRP* nirp) { return Judge(nirp, taken); }, u"judge",
-                                 TestHook::Registration::kMayFail);
+                const bool loaded = machine.FindDriver("NETSIEVE") != nullptr;
+                Client client(u"judge");
+                client.detach = false;
+                client.handler = [&](NIRP* nirp) { return Judge(nirp, taken); };
+                if (loaded && client.Register() == STATUS_SUCCESS) {
+                    ITarnHKFlowControl(client.hook, HOOK_STATE_ACTIVE);
+                } else {
+                    EXPECT_EQ(client.hook, nullptr);
                 }
-                Live(scene, taken, hook.has_value());
+                Live(scene, taken, loaded);
                 injected = machine.faults().Injected();
                 machine.faults().Disarm();
                 ExpectSettled(scene, taken);

@@ -14,14 +14,8 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
                 Stack& paused = machine.ndis().AddAdapter({.ifIndex = 3});
                 Stack& other = machine.ndis().AddAdapter({.mac = {2, 0, 0, 0, 0, 9}, .ifIndex = 4});
                 paused.Pause();
-                int elsewhere = 0;
-                int fromTwin = 0;
-                twin.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
-                    ++fromTwin;
-                };
-                other.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) {
-                    ++elsewhere;
-                };
+                Scene second(machine, twin);
+                Scene elsewhere(machine, other);
                 int shown = 0;
                 TestHook hook([&](NIRP*) -> LONG {
                     ++shown;
@@ -34,10 +28,12 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
                     EXPECT_EQ(first.wire.size(), irql == PASSIVE_LEVEL ? 1u : 0u);
                 });
                 EXPECT_TRUE(
-                    Await(machine, [&] { return first.wire.size() == 1 && fromTwin == 1; }));
+                    Await(machine, [&] { return first.wire.size() + second.wire.size() == 2; }));
                 EXPECT_EQ(first.wire, std::vector<Frame>{frame});
+                EXPECT_EQ(second.wire, std::vector<Frame>{frame});
                 EXPECT_EQ(first.wirePort, 0u);
-                EXPECT_EQ(elsewhere + shown, 0);
+                EXPECT_TRUE(elsewhere.wire.empty());
+                EXPECT_EQ(shown, 0);
                 EXPECT_EQ(TracesOf(DriverModuleOf(machine, paused)), "[0 NSVFSendPacket->2363]\n");
                 first.ExpectPoolWhole();
                 paused.Restart();

@@ -15,6 +15,16 @@ namespace {
 
 constexpr std::size_t kSizes[] = {1, 5, 6, 14, 60, 256, 1514, 1515, 9000, 65535, 65536};
 
+using Buffers = std::vector<std::pair<NET_BUFFER*, Frame>>;
+
+Buffers BuffersOf(PNET_BUFFER_LIST nbl) {
+    Buffers buffers;
+    for (NET_BUFFER* at = nbl->FirstNetBuffer; at != nullptr; at = at->Next) {
+        buffers.push_back({at, NblFactory::BytesOf(*at)});
+    }
+    return buffers;
+}
+
 /// Traffic of random NBLs from `top` to `bottom`, or up, of which a hook withholds at random.
 /// Every frame starts with the broadcast address and its own number, as far as it reaches.
 class RandomTraffic {
@@ -102,9 +112,7 @@ class RandomTraffic {
                                  .mapped = random_.Below(2) == 0};
         std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
         PNET_BUFFER_LIST const nbl = nbls_.Make(spans, layout);
-        for (NET_BUFFER* at = nbl->FirstNetBuffer; at != nullptr; at = at->Next) {
-            made_[nbl].push_back({at, NblFactory::BytesOf(*at)});
-        }
+        made_[nbl] = BuffersOf(nbl);
         return nbl;
     }
 
@@ -113,13 +121,11 @@ class RandomTraffic {
         for (; chain != nullptr; chain = chain->Next) {
             std::size_t at = 0;
             const auto& made = made_.at(chain);
-            for (NET_BUFFER* buffer = chain->FirstNetBuffer; buffer != nullptr;
-                 buffer = buffer->Next) {
+            for (const auto& [buffer, frame] : BuffersOf(chain)) {
                 while (at < made.size() && made[at].first != buffer) {
                     ++at;
                 }
                 ASSERT_LT(at, made.size()) << "a frame passed out of its order";
-                const Frame frame = NblFactory::BytesOf(*buffer);
                 ++arrived_[std::string(frame.begin(), frame.end())];
             }
         }
@@ -128,11 +134,8 @@ class RandomTraffic {
     void TakeBack(PNET_BUFFER_LIST chain) {
         const HostLock lock(mutex_);
         for (; chain != nullptr; chain = chain->Next) {
-            std::vector<std::pair<NET_BUFFER*, Frame>> now;
-            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
-                now.push_back({at, NblFactory::BytesOf(*at)});
-            }
-            EXPECT_TRUE(now == made_.at(chain)) << "an NBL was completed or returned changed";
+            EXPECT_TRUE(BuffersOf(chain) == made_.at(chain))
+                << "an NBL was completed or returned changed";
             ++back_;
         }
     }
@@ -145,7 +148,7 @@ class RandomTraffic {
     HostMutex mutex_;
     std::uint64_t number_ = 0;
     std::size_t back_ = 0;
-    std::map<PNET_BUFFER_LIST, std::vector<std::pair<NET_BUFFER*, Frame>>> made_;
+    std::map<PNET_BUFFER_LIST, Buffers> made_;
     std::map<std::string, int> frames_, withheld_, arrived_;
 };
 
@@ -343,9 +346,8 @@ TEST(InterceptionEdges, NoRecordIsKeptWhileAnNblLeaves) {
                 return HOOK_VERDICT_PASS;
             });
             NblFactory& nbls = send ? scene.sends : scene.receives;
-            const Frame frame = MakeFrame(1);
-            PNET_BUFFER_LIST const first = nbls.Make(std::span<const std::uint8_t>(frame));
-            PNET_BUFFER_LIST const empty = nbls.Make(std::span<const std::uint8_t>(frame));
+            PNET_BUFFER_LIST const first = nbls.Make(MakeFrame(1));
+            PNET_BUFFER_LIST const empty = nbls.Make(MakeFrame(1));
             PNET_BUFFER const buffer = std::exchange(empty->FirstNetBuffer, nullptr);
             first->Next = empty;
             bool nested = false;
@@ -356,13 +358,8 @@ TEST(InterceptionEdges, NoRecordIsKeptWhileAnNblLeaves) {
                     scene.Pass(send, {MakeFrame(2)});
                 }
             };
-            if (send) {
-                scene.stack.protocol().onSendComplete = nest;
-                scene.stack.protocol().Send(first);
-            } else {
-                scene.stack.adapter().onReturned = nest;
-                scene.stack.adapter().Indicate(first);
-            }
+            scene.stack.protocol().onSendComplete = scene.stack.adapter().onReturned = nest;
+            scene.Pass(send, first);
             EXPECT_TRUE(nested);
             EXPECT_EQ(offered, 2);
             for (NIRP* nirp : others) {

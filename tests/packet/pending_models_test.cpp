@@ -219,18 +219,15 @@ std::string RunSecondCompletion(Machine& machine, ScheduleTree& tree, bool waits
 
 enum class Against { kPause, kDetach, kUnload };
 
-/// A frame is injected while the adapter is paused, detached or the driver unloaded. `worker`: the
-/// injection has been left to a worker by then.
-std::string RunInjection(Machine& machine,
-                         ScheduleTree& tree,
-                         Against against,
-                         bool worker,
-                         ContextKind kind) {
+/// A frame is injected while the adapter is paused, detached or the driver unloaded, or has been
+/// left to a worker by then.
+std::string RunInjection(Machine& machine, ScheduleTree& tree, Against against, ContextKind kind) {
     Model model(machine, tree);
     model.stack.adapter().queue().SetMode(ReleaseMode::kDeferred);
     int sent = 0;
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG) { ++sent; };
     const auto inject = [] { Inject(FromAdapter(1)); };
+    const bool worker = kind == ContextKind::kWorker;
     if (worker) {
         model.Start(ContextKind::kDpc, 1, inject);
         model.JoinAll();
@@ -255,89 +252,49 @@ std::string RunInjection(Machine& machine,
     return sent > 1 ? "the frame was sent twice" : "";
 }
 
-struct Case {
-    const char* name;
-    unsigned preemptions;
-    std::function<std::string(Machine&, ScheduleTree&)> run;
-    bool watchHooks = true;  ///< not where a hook breaks its rules on purpose
-};
-
-void PrintTo(const Case& model, std::ostream* out) {
-    *out << model.name;
-}
-
-Case OfRequest(const char* name, Request request, unsigned preemptions = 2) {
-    return {name, preemptions, [request](Machine& machine, ScheduleTree& tree) {
-                return RunRequest(machine, tree, request);
-            }};
-}
-
-Case OfLateMark(const char* name, bool refused, unsigned preemptions) {
-    return {.name = name,
-            .preemptions = preemptions,
-            .run = [refused](Machine& machine,
-                             ScheduleTree& tree) { return RunLateMark(machine, tree, refused); },
-            .watchHooks = false};
-}
-
-Case OfInjection(const char* name,
-                 Against against,
-                 bool worker,
-                 ContextKind kind = ContextKind::kThread) {
-    return {name, 2, [=](Machine& machine, ScheduleTree& tree) {
-                return RunInjection(machine, tree, against, worker, kind);
-            }};
-}
-
-Case OfSecondCompletion(const char* name, bool waits) {
-    return {
-        .name = name,
-        .preemptions = 2,
-        .run = [waits](Machine& machine,
-                       ScheduleTree& tree) { return RunSecondCompletion(machine, tree, waits); },
-        .watchHooks = false};
+/// `run` with `settings` behind the machine and the tree.
+template <typename Run, typename... Settings>
+auto With(Run run, Settings... settings) {
+    return [=](Machine& machine, ScheduleTree& tree) { return run(machine, tree, settings...); };
 }
 
 // Five contexts that meet all at once have too many schedules of two preemptions.
-const Case kCases[] = {
-    OfRequest("completion against restore", {.restore = true}),
-    OfRequest("receive completion against restore", {.receive = true, .restore = true}),
-    OfRequest("completion against flush", {.pause = true}),
-    OfRequest("receive completion against flush", {.receive = true, .pause = true}),
-    OfRequest("completion against restore and flush", {.restore = true, .pause = true}, 1),
-    OfRequest("two completions against restore", {.marks = 2, .restore = true}),
-    OfRequest("second mark against first completion", {.secondHook = true, .markInside = true}),
-    OfRequest("mark against pause", {.pause = true, .markInside = true}),
-    OfLateMark("late mark against the next frame", false, 2),
-    OfLateMark("late mark that is refused", true, 3),
-    OfSecondCompletion("second completion against the other direction", false),
-    OfSecondCompletion("second completion against a pending frame", true),
-    OfInjection("injection against pause", Against::kPause, false),
-    OfInjection("injection against detach", Against::kDetach, false),
+constexpr bool kUnwatched = false;  // the hook breaks its rules on purpose
+const ModelCase kModels[] = {
+    {"completion against restore", 2, With(RunRequest, Request{.restore = true})},
+    {"receive completion against restore", 2,
+     With(RunRequest, Request{.receive = true, .restore = true})},
+    {"completion against flush", 2, With(RunRequest, Request{.pause = true})},
+    {"receive completion against flush", 2,
+     With(RunRequest, Request{.receive = true, .pause = true})},
+    {"completion against restore and flush", 1,
+     With(RunRequest, Request{.restore = true, .pause = true})},
+    {"two completions against restore", 2, With(RunRequest, Request{.marks = 2, .restore = true})},
+    {"second mark against first completion", 2,
+     With(RunRequest, Request{.secondHook = true, .markInside = true})},
+    {"mark against pause", 2, With(RunRequest, Request{.pause = true, .markInside = true})},
+    {"late mark against the next frame", 2, With(RunLateMark, false), kUnwatched},
+    {"late mark that is refused", 3, With(RunLateMark, true), kUnwatched},
+    {"second completion against the other direction", 2, With(RunSecondCompletion, false),
+     kUnwatched},
+    {"second completion against a pending frame", 2, With(RunSecondCompletion, true), kUnwatched},
+    {"injection against pause", 2, With(RunInjection, Against::kPause, ContextKind::kThread)},
+    {"injection against detach", 2, With(RunInjection, Against::kDetach, ContextKind::kThread)},
 #if !defined(NETSIEVE_TEST_IMAGE)  // there is no export to call once the image has gone
-    OfInjection("injection raised against unload", Against::kUnload, false, ContextKind::kDpc),
+    {"injection raised against unload", 2, With(RunInjection, Against::kUnload, ContextKind::kDpc)},
 #endif
-    OfInjection("work item against pause", Against::kPause, true),
-    OfInjection("work item against detach", Against::kDetach, true),
-    OfInjection("work item against unload", Against::kUnload, true),
+    {"work item against pause", 2, With(RunInjection, Against::kPause, ContextKind::kWorker)},
+    {"work item against detach", 2, With(RunInjection, Against::kDetach, ContextKind::kWorker)},
+    {"work item against unload", 2, With(RunInjection, Against::kUnload, ContextKind::kWorker)},
 };
 
-class PendingModels : public testing::TestWithParam<Case> {};
+class PendingModels : public testing::TestWithParam<ModelCase> {};
 
 TEST_P(PendingModels, EveryScheduleIsGood) {
-    std::string wrong;
-    RunModel(
-        {.name = GetParam().name,
-         .machine = {.processors = 3, .watchHooks = GetParam().watchHooks},
-         .preemptions = GetParam().preemptions},
-        [&](Machine& machine, ScheduleTree& tree) { wrong = GetParam().run(machine, tree); },
-        [&](Machine& machine) {
-            const Accounting stock = TakeStock(machine);
-            return stock.Balanced() ? wrong : wrong + stock.Describe();
-        });
+    RunCase(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(Models, PendingModels, testing::ValuesIn(kCases));
+INSTANTIATE_TEST_SUITE_P(Models, PendingModels, testing::ValuesIn(kModels));
 
 }  // namespace
 }  // namespace netsieve::host

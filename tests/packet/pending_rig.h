@@ -1,68 +1,18 @@
-// A hook that takes frames over, and what it needs to decide about them later.
+// Frames on one stack with the driver, and what there is to see of its records.
 #pragma once
 
 #include <fmt/format.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "client/exports.h"
 #include "packet/nirp_pool.h"
 #include "platform/list.h"
 #include "tests/driver/driver_scenario.h"
+#include "tests/hook/hook_rig.h"
 
 namespace netsieve::host {
-
-/// A registered hook with one handler for both directions, on every adapter, until it goes.
-class TestHook {
-  public:
-    using Handler = std::function<LONG(NIRP*)>;
-
-    enum class Registration { kMustSucceed, kMayFail };
-
-    explicit TestHook(Handler handler,
-                      std::u16string name = u"taker",
-                      Registration registration = Registration::kMustSucceed)
-        : handler_(std::move(handler)) {
-        HOOK_FILTER_REGISTRATION_EX block{};
-        block.AttachNotify = [](FILTER_MODULE* module, HOOK_FILTER* hook, PVOID)
-                                 NTAPI { ITarnHKAttachFilter(module, hook); };
-        block.DetachNotify = [](FILTER_MODULE*, HOOK_FILTER*, PVOID context) NTAPI {
-            const auto* hook = static_cast<TestHook*>(context);
-            if (hook->onDetach) {
-                hook->onDetach();
-            }
-        };
-        block.SendHandler = [](PVOID context, NIRP* nirp)
-                                NTAPI { return static_cast<TestHook*>(context)->handler_(nirp); };
-        block.ReceiveHandler = block.SendHandler;
-        block.Name = {static_cast<USHORT>(name.size() * 2),
-                      static_cast<USHORT>(name.size() * 2 + 2), name.data()};
-        const NTSTATUS status = ITarnHKRegisterFilterEx(&block, this, &hook_);
-        EXPECT_TRUE(status == STATUS_SUCCESS || registration == Registration::kMayFail);
-        if (status == STATUS_SUCCESS) {
-            ITarnHKFlowControl(hook_, HOOK_STATE_ACTIVE);
-        } else {
-            EXPECT_EQ(hook_, nullptr);
-        }
-    }
-    ~TestHook() {
-        if (hook_ != nullptr) {
-            ITarnHKDeregisterFilter(hook_);
-        }
-    }
-    TestHook(const TestHook&) = delete;
-    TestHook& operator=(const TestHook&) = delete;
-
-    std::function<void()> onDetach;  ///< called at DISPATCH_LEVEL, under a lock of the driver
-
-  private:
-    Handler handler_;
-    HOOK_FILTER* hook_ = nullptr;
-};
 
 inline std::string TracesOf(const FILTER_MODULE* module) {
     std::string traces;
@@ -137,14 +87,18 @@ class Scene {
         };
     }
 
-    /// Down or up in one NBL, on port 7.
+    /// Down or up, on port 7.
+    void Pass(bool send, PNET_BUFFER_LIST chain) {
+        if (send) {
+            stack.protocol().Send(chain, 7);
+        } else {
+            EXPECT_TRUE(stack.adapter().Indicate(chain, 7));
+        }
+    }
+    /// The same, in one NBL.
     void Pass(bool send, const std::vector<Frame>& frames, const FrameLayout& layout = {}) {
         std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
-        if (send) {
-            stack.protocol().Send(sends.Make(spans, layout), 7);
-        } else {
-            EXPECT_TRUE(stack.adapter().Indicate(receives.Make(spans, layout), 7));
-        }
+        Pass(send, (send ? sends : receives).Make(spans, layout));
     }
 
     /// Every record is in the pool, and counted.

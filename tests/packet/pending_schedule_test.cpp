@@ -38,19 +38,16 @@ class TakenFrame final : public Scenario {
     explicit TakenFrame(Actors actors) : actors_(actors) {}
 
     void Run(Machine& machine) override {
-        verdict_.clear();
+        Stack& stack = Begin(machine);
         arrived_ = 0;
         marked_ = false;
         gone_ = false;
         KeInitializeSpinLock(&completing_);
         contexts_.clear();
-        Stack& stack = machine.ndis().AddAdapter();
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         const ULONG records = FreeRecordsOf(DriverModuleOf(machine, stack));
         NblFactory sends(machine, stack.protocol().pool());
         NblFactory receives(machine, stack.adapter().pool());
-        stack.adapter().queue().SetMode(ReleaseMode::kMixed);
-        stack.protocol().queue().SetMode(ReleaseMode::kMixed);
+        SetRelease(stack, ReleaseMode::kMixed);
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             Count(chain);
         };
@@ -212,15 +209,13 @@ class Injections final : public Scenario {
         : against_(against), refusals_(refusals) {}
 
     void Run(Machine& machine) override {
-        verdict_.clear();
         Scheduler& scheduler = machine.scheduler();
-        Stack& stack = machine.ndis().AddAdapter();
+        Stack& stack = Begin(machine);
         stack.adapter().queue().SetMode(ReleaseMode::kMixed);
         std::atomic<int> sent = 0;
         stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             sent += static_cast<int>(NblsOf(chain).size());
         };
-        Demand(machine.LoadDriver(DriverUnderTest()) == STATUS_SUCCESS, "not loaded");
         const auto inject = [] { Inject(FromAdapter(1)); };
         if (refusals_) {
             RefuseACall(machine);

@@ -85,12 +85,8 @@ TEST(PendingTest, ACloneCarriesTheOutOfBandData) {
     constexpr unsigned kSent = 0b101'1000'1011'0111, kReceived = 0b101'1011'1001'0111;
     for (const bool send : {true, false}) {
         OnScene([&](Scene& scene) {
-            NIRP* taken = nullptr;
-            TestHook hook([&](NIRP* nirp) -> LONG {
-                taken = nirp;
-                EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
-                return HOOK_VERDICT_PENDING;
-            });
+            std::vector<NIRP*> taken;
+            TestHook hook(TakeInto(taken));
             unsigned copied = 0;
             const auto look = [&](PNET_BUFFER_LIST chain) {
                 for (unsigned id = 0; id <= NetBufferListFilteringInfo; ++id) {
@@ -108,13 +104,9 @@ TEST(PendingTest, ACloneCarriesTheOutOfBandData) {
             for (unsigned id = 0; id <= NetBufferListFilteringInfo; ++id) {
                 NET_BUFFER_LIST_INFO(nbl, id) = &scene + 1 + id;
             }
-            if (send) {
-                scene.stack.protocol().Send(nbl);
-            } else {
-                EXPECT_TRUE(scene.stack.adapter().Indicate(nbl));
-            }
+            scene.Pass(send, nbl);
             EXPECT_EQ(scene.completed.size() + scene.returned.size(), 1u);
-            ITarnHKCompleteRequest(taken, 0);
+            ITarnHKCompleteRequest(taken.front(), 0);
             EXPECT_EQ(copied, send ? kSent : kReceived);
         });
     }
@@ -156,15 +148,11 @@ TEST(PendingTest, APauseDropsWhatIsPendingAndLateCompletionsArePaid) {
 TEST(PendingTest, ACompletionAheadOfTheFlushSendsNothing) {
     for (const bool send : {true, false}) {
         OnScene([&](Scene& scene) {
-            NIRP* taken = nullptr;
-            TestHook hook([&](NIRP* nirp) -> LONG {
-                EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
-                taken = nirp;
-                return HOOK_VERDICT_PENDING;
-            });
+            std::vector<NIRP*> taken;
+            TestHook hook(TakeInto(taken));
             scene.Pass(send, {MakeFrame(1)});
             WriteRelease(&scene.module->State, FILTER_STATE_PAUSED);
-            ITarnHKCompleteRequest(taken, 0);
+            ITarnHKCompleteRequest(taken.front(), 0);
             WriteRelease(&scene.module->State, FILTER_STATE_RUNNING);
             EXPECT_EQ(scene.wire.size() + scene.up.size(), 0u);
             EXPECT_EQ(TracesOf(scene.module), "");
@@ -226,16 +214,12 @@ TEST(PendingTest, MisuseIsHarmless) {
 // A frame whose NBL also carries what no hook may see is no different from any other.
 TEST(PendingTest, TakesFramesOfAnNblThatIsPartlyUninspected) {
     OnScene([](Scene& scene) {
-        NIRP* taken = nullptr;
-        TestHook hook([&](NIRP* nirp) -> LONG {
-            EXPECT_EQ(ITarnHKMarkPending(nirp), STATUS_SUCCESS);
-            taken = nirp;
-            return HOOK_VERDICT_PENDING;
-        });
+        std::vector<NIRP*> taken;
+        TestHook hook(TakeInto(taken));
         Frame multicast = MakeFrame(1);
         multicast[0] = 1;
         scene.Pass(false, {multicast, MakeFrame(2)});
-        ITarnHKCompleteRequest(taken, 0);
+        ITarnHKCompleteRequest(taken.front(), 0);
         EXPECT_EQ(scene.up, (std::vector<Frame>{multicast, MakeFrame(2)}));
     });
 }
