@@ -57,6 +57,7 @@ std::optional<std::string> BuiltInHook::Register(bool countsOffers) {
                            static_cast<std::uint32_t>(status));
     }
     if (attachStatus_ != STATUS_SUCCESS) {
+        Deregister();
         return fmt::format("the hook {} could not be attached to the adapter, status 0x{:08X}",
                            spec_.text, static_cast<std::uint32_t>(attachStatus_));
     }
@@ -73,6 +74,10 @@ void BuiltInHook::Deregister() {
 
 VOID NTAPI BuiltInHook::OnAttach(FILTER_MODULE* module, HOOK_FILTER* hook, PVOID context) {
     auto& self = *static_cast<BuiltInHook*>(context);
+    std::optional<WithoutFaults> guard;
+    if (self.number_ == 0) {
+        guard.emplace(*self.shared_.faults);  // without it the summary would be wrong
+    }
     self.attachStatus_ = self.shared_.exports.attachFilter(module, hook);
 }
 

@@ -11,6 +11,7 @@
 #include "tools/netsieve/offer_counts.h"
 #include "tools/netsieve/records/held_frames.h"
 #include "tools/netsieve/replay_clock.h"
+#include "tools/netsieve/replay_faults.h"
 
 namespace netsieve::tool {
 
@@ -19,8 +20,9 @@ struct SharedHookData {
     HookExports exports{};
     OfferCounts offers;
     HeldFrames held;
-    ReplayClock* clock = nullptr;  ///< the capture's time
-    FILE* log = stdout;            ///< output of log hooks
+    ReplayClock* clock = nullptr;    ///< the capture's time
+    ReplayFaults* faults = nullptr;  ///< null until the machine is there
+    FILE* log = stdout;              ///< output of log hooks
 };
 
 /// One of the program's own hooks. Its address is the context that the driver passes to its

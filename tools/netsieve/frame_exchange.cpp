@@ -189,11 +189,13 @@ void FrameExchange::Submit(Path& path) {
     if (chain == nullptr) {
         return;
     }
-    if (path.direction == Direction::kSent) {
-        stack_->protocol().Send(chain);
-    } else {
-        Indicate(chain);
-    }
+    variation_.Make([&] {
+        if (path.direction == Direction::kSent) {
+            stack_->protocol().Send(chain);
+        } else {
+            Indicate(chain);
+        }
+    });
 }
 
 void FrameExchange::Indicate(PNET_BUFFER_LIST chain) {
@@ -246,8 +248,10 @@ bool FrameExchange::Inject(const HookExports& exports, const CaptureFrame& frame
         injector_ = context;
         return std::exchange(injectedNow_, 0);
     };
-    begin(host::CurrentContext().id);
-    exports.sendPacket(nullptr, frame.bytes, frame.capturedLength);
+    variation_.Make([&] {
+        begin(host::CurrentContext().id);
+        exports.sendPacket(nullptr, frame.bytes, frame.capturedLength);
+    });
     return begin(std::nullopt) != 0;
 }
 

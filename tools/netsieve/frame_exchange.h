@@ -21,6 +21,7 @@
 #include "tools/netsieve/replay_clock.h"
 #include "tools/netsieve/replay_options.h"
 #include "tools/netsieve/replay_report.h"
+#include "tools/netsieve/replay_variation.h"
 
 namespace netsieve::tool {
 
@@ -52,11 +53,12 @@ struct Release {
 /// run.
 class FrameExchange {
   public:
-    /// Notes in `report` the frames that could not be written.
-    FrameExchange(const ReplayOptions& options, ReplayReport& report)
-        : options_(options), report_(report) {}
+    /// Notes in `report` the frames that could not be written. `variation` makes the calls.
+    FrameExchange(const ReplayOptions& options, ReplayReport& report, ReplayVariation& variation)
+        : options_(options), report_(report), variation_(variation) {}
 
-    /// Sets the callbacks of the protocol and the adapter of `stack`. Once, before any frame.
+    /// Sets the callbacks of the protocol and the adapter of `stack`, which take the place of those
+    /// of an earlier stack. While no NBL is outstanding.
     void Connect(host::Machine& machine, host::Stack& stack, ReplayClock& clock);
     /// Frames that arrive are written to `writer` from now on; null writes none.
     void SetWriter(CaptureWriter* writer) { writer_ = writer; }
@@ -72,7 +74,7 @@ class FrameExchange {
 
     /// Sets the pending frame whose clone arrives from now on; null for none.
     void Expect(Release* release);
-    /// Has the driver inject a frame, from the calling context. True when it was sent meanwhile.
+    /// Has the driver inject a frame. True when it was sent meanwhile.
     bool Inject(const HookExports& exports, const CaptureFrame& frame);
 
     /// What became of the frames. With hooks, `offers` counts what they were offered.
@@ -133,6 +135,7 @@ class FrameExchange {
 
     const ReplayOptions& options_;
     ReplayReport& report_;
+    ReplayVariation& variation_;
     std::uint32_t nblsPerCall_ = 1;
     host::Stack* stack_ = nullptr;
     ReplayClock* clock_ = nullptr;

@@ -319,9 +319,16 @@ void AddOptions(CLI::App& command, ReplayOptions& options) {
         ->default_str("auto");
     command
         .add_option("--seed", options.seed,
-                    "Every random choice of the machine follows from this number (default 1)")
+                    "Every random choice of the machine follows from this number (default 1), and "
+                    "the replay is varied by it: sends and indications come from threads and DPCs "
+                    "of any processor, NBLs are completed and returned inline, later or out of "
+                    "order, the adapter goes and is back before the next frame, and a second "
+                    "adapter comes and goes; the frames fare as without it")
         ->type_name("N")
         ->check(WholeNumber(0, std::numeric_limits<std::uint64_t>::max()));
+    command.add_flag("--faults", options.faults,
+                     "Make allocations and other calls that may fail do so, one in so many by the "
+                     "seed; what does not come up for that is named, and is no failure");
     command.add_flag_callback(
         "--no-verify", [&options] { options.verify = false; },
         "Do not check the platform's rules: much faster");

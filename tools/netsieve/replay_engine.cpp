@@ -11,19 +11,24 @@
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
 #include "host/verifier/run_notes.h"
+#include "platform/atomics.h"
 #include "tools/netsieve/driver_exports.h"
 #include "tools/netsieve/frame_exchange.h"
+#include "tools/netsieve/other_adapter.h"
+#include "tools/netsieve/records/driver_structures.h"
 #include "tools/netsieve/records/module_trace.h"
 #include "tools/netsieve/replay_clock.h"
+#include "tools/netsieve/replay_faults.h"
 #include "tools/netsieve/replay_hooks.h"
+#include "tools/netsieve/replay_variation.h"
 
 namespace netsieve::tool {
 namespace {
 
-/// Without the verifier and without a seed the machine has real threads, for speed. Otherwise it
+/// Without the verifier, a seed and faults the machine has real threads, for speed. Otherwise it
 /// runs under the simulated scheduler, in the capture's time.
 bool WantsPlainMachine(const ReplayOptions& options) {
-    return !options.verify && !options.seed;
+    return !options.verify && !options.seed && !options.faults;
 }
 
 host::MachineOptions MachineOptionsFor(const ReplayOptions& options) {
@@ -55,8 +60,10 @@ class ReplayRun {
           job_(job),
           report_(report),
           adapter_(adapter),
-          hooks_(options.hooks, clock_, job.log),
-          exchange_(options, report),
+          faults_(options.faults, options.seed.value_or(host::MachineOptions().seed)),
+          variation_(options.seed),
+          hooks_(options.hooks, clock_, faults_, job.log),
+          exchange_(options, report, variation_),
           machine_(MachineOptionsFor(options)),
           clock_(machine_.scheduler(), !WantsPlainMachine(options)) {}
 
@@ -74,17 +81,24 @@ class ReplayRun {
 
   private:
     void Body() {
+        faults_.TurnOn();
         if (StartDriver() && StartAdapter() && StartHooks() && OpenOutput()) {
             report_.ran = true;
             PushFrames();
             CollectModuleTraces();
         }
         machine_.scheduler().FastForward();
+        // A second adapter may outlive the hooks or go before them.
+        if (variation_.Either()) {
+            otherAdapter_.Go(machine_);
+        }
         StopHooks();
         if (stack_ != nullptr) {
             machine_.ndis().RemoveAdapter(*stack_);
         }
+        otherAdapter_.Go(machine_);
         machine_.UnloadDriver(kDriverName);
+        faults_.TurnOff();
         machine_.scheduler().WaitUntilIdle();
         if (report_.ran) {
             machine_.ndis().ReportLostNbls();
@@ -92,7 +106,13 @@ class ReplayRun {
     }
 
     bool StartDriver() {
-        const NTSTATUS status = machine_.LoadDriver(SourceOf(options_.driver));
+        NTSTATUS status = machine_.LoadDriver(SourceOf(options_.driver));
+        if (!NT_SUCCESS(status) && faults_.Failed() > 0) {
+            NoteEffect(fmt::format("the driver did not start at first, status 0x{:08X}",
+                                   static_cast<std::uint32_t>(status)));
+            const WithoutFaults guard(faults_);
+            status = machine_.LoadDriver(SourceOf(options_.driver));
+        }
         if (NT_SUCCESS(status)) {
             driver_ = machine_.FindDriver(kDriverName);
             return true;
@@ -106,11 +126,19 @@ class ReplayRun {
     }
 
     bool StartAdapter() {
-        stack_ = &machine_.ndis().AddAdapter({.mac = adapter_.address});
+        AddAdapter();
+        if (!DriverIsBound() && faults_.Failed() > 0) {
+            NoteEffect("the driver did not bind to the adapter at first");
+            const WithoutFaults guard(faults_);
+            machine_.ndis().RemoveAdapter(*stack_);
+            AddAdapter();
+        }
         const std::u16string& name = stack_->adapter().options().instanceName;
         adapter_.name.assign(name.begin(), name.end());
-        exchange_.Connect(machine_, *stack_, clock_);
-        if (stack_->FindModule(driver_) != nullptr && stack_->running()) {
+        if (DriverIsBound()) {
+            if (variation_.Either()) {
+                AddOtherAdapter();
+            }
             return true;
         }
         report_.driverFailure =
@@ -118,9 +146,28 @@ class ReplayRun {
         return false;
     }
 
+    void AddAdapter() {
+        stack_ = &machine_.ndis().AddAdapter({.mac = adapter_.address});
+        variation_.ChooseReleases(*stack_);
+        exchange_.Connect(machine_, *stack_, clock_);
+        FILTER_MODULE* const module = DriverModule();
+        nirpCapacity_ = module != nullptr ? ReadAcquire(&module->FreeNirpCount) : 0;
+    }
+
+    bool DriverIsBound() { return stack_->FindModule(driver_) != nullptr && stack_->running(); }
+
+    /// The driver's module on the adapter; null when it is not bound or is no driver that we know.
+    FILTER_MODULE* DriverModule() {
+        const host::FilterModule* const module = stack_->FindModule(driver_);
+        return module != nullptr ? DriverModuleOf(*module) : nullptr;
+    }
+
+    void NoteEffect(std::string effect) { effects_.push_back(std::move(effect)); }
+
     bool StartHooks() {
         if (hooks_.Any() || job_.feed != nullptr) {
-            report_.driverFailure = hooks_.Start(machine_, *driver_, *stack_->FindModule(driver_));
+            report_.driverFailure =
+                hooks_.Start(machine_, *driver_, *stack_->FindModule(driver_), effects_);
         }
         return !report_.driverFailure;
     }
@@ -145,6 +192,8 @@ class ReplayRun {
             report_.bytesRead += frame.capturedLength;
             host::NoteStep("frame", report_.framesRead);
             CatchUpTo(frame.stamp);
+            PlayInterlude(variation_.Before(report_.framesRead));
+            LetNirpsReturn();
             const Direction direction = DirectionOf(frame);
             exchange_.SetDirection(direction);
             clock_.Reach(frame.stamp);
@@ -179,8 +228,9 @@ class ReplayRun {
             // Frames before it are sent and indicated first.
             exchange_.Flush();
             clock_.Reach(*next);
+            LetNirpsReturn();
             if (releasesFirst) {
-                hooks_.held().ReleaseNext(hooks_.exports(), exchange_);
+                ReleaseNextHeld();
             } else {
                 InjectNext();
             }
@@ -193,15 +243,103 @@ class ReplayRun {
     }
 
     void ReleaseHeldFrames() {
-        if (hooks_.Any()) {
-            hooks_.held().ReleaseAll(hooks_.exports(), exchange_);
+        while (hooks_.held().Any()) {
+            LetNirpsReturn();
+            ReleaseNextHeld();
         }
+    }
+
+    void ReleaseNextHeld() {
+        variation_.Make([this] { hooks_.held().ReleaseNext(hooks_.exports(), exchange_); });
+    }
+
+    /// A NIRP that is still on its way when the next frame comes would be missing for that frame,
+    /// which then fares otherwise.
+    void LetNirpsReturn() {
+        if (!variation_.varied()) {
+            return;
+        }
+        variation_.LetRunUntil([this] {
+            FILTER_MODULE* const module = DriverModule();
+            return module == nullptr || NirpsInTransit(*module, nirpCapacity_) == 0;
+        });
+    }
+
+    void PlayInterlude(Interlude interlude) {
+        switch (interlude) {
+            case Interlude::kNone:
+                return;
+            case Interlude::kAdapterReturns:
+                ReplaceAdapter();
+                return;
+            case Interlude::kOtherTraffic:
+                if (otherAdapter_.stack() != nullptr) {
+                    variation_.Make([this] { otherAdapter_.Receive(); });
+                    return;
+                }
+                [[fallthrough]];
+            case Interlude::kOtherAdapter:
+                if (otherAdapter_.stack() != nullptr) {
+                    otherAdapter_.Go(machine_);
+                } else {
+                    AddOtherAdapter();
+                }
+                return;
+        }
+    }
+
+    void AddOtherAdapter() {
+        ++variation_.counts().otherAdapters;
+        otherAdapter_.Come(machine_, variation_.Draw());
+        variation_.ChooseReleases(*otherAdapter_.stack());
+    }
+
+    /// The adapter goes and comes back, unless a pending frame would be flushed.
+    void ReplaceAdapter() {
+        exchange_.Flush();
+        FILTER_MODULE* const before = DriverModule();
+        if (before != nullptr && HoldsFrames(*before)) {
+            return;
+        }
+        const LONG hooksBefore = before != nullptr ? ReadAcquire(&before->HookCount) : 0;
+        ++variation_.counts().adapterReturns;
+        AppendModuleTraces();
+        machine_.ndis().RemoveAdapter(*stack_);
+        AddAdapter();
+        NoteReturn(hooksBefore);
+    }
+
+    void NoteReturn(LONG hooksBefore) {
+        const FILTER_MODULE* const module = DriverModule();
+        if (!DriverIsBound()) {
+            NoteEffect(
+                fmt::format("the driver did not bind to the adapter that was back before "
+                            "frame {}: frames pass without it",
+                            report_.framesRead));
+        } else if (module != nullptr) {
+            const LONG missing = hooksBefore - ReadAcquire(&module->HookCount);
+            if (missing > 0) {
+                NoteEffect(
+                    fmt::format("{} of {} hooks did not attach to the adapter that was back "
+                                "before frame {}",
+                                missing, hooksBefore, report_.framesRead));
+            }
+            hooks_.NoteAdapterBack(*module);
+        }
+    }
+
+    static bool HoldsFrames(FILTER_MODULE& module) {
+        std::uint64_t held = 0;
+        for (const Direction direction : {Direction::kSent, Direction::kReceived}) {
+            held += PendingRequests(module, direction) + UnpaidRequests(module, direction);
+        }
+        return held != 0;
     }
 
     void PauseAdapter() {
         exchange_.Flush();
         stack_->Pause();
-        FILTER_MODULE* const module = DriverModuleOf(*stack_->FindModule(driver_));
+        FILTER_MODULE* const module = DriverModule();
         report_.flushedByPause = module != nullptr ? hooks_.held().NotePause(*module) : 0;
         stack_->Restart();
     }
@@ -229,6 +367,10 @@ class ReplayRun {
             return;
         }
         traceCollected_ = true;
+        AppendModuleTraces();
+    }
+
+    void AppendModuleTraces() {
         for (const host::FilterModule* module : stack_->modules()) {
             for (std::string& line : ReadModuleTrace(*module)) {
                 report_.trace.push_back(std::move(line));
@@ -251,6 +393,12 @@ class ReplayRun {
         adapter_.sent = CountsOf(Direction::kSent, offers);
         adapter_.received = CountsOf(Direction::kReceived, offers);
         report_.adapters = {adapter_};
+        if (variation_.varied()) {
+            report_.variation = variation_.counts();
+        }
+        if (faults_.wanted()) {
+            report_.faults = {faults_.oneIn(), faults_.Failed(), effects_};
+        }
         report_.hooks = hooks_.Report();
         if (job_.feed != nullptr) {
             report_.injection = job_.feed->counts();
@@ -282,14 +430,19 @@ class ReplayRun {
     ReplayReport& report_;
     AdapterReport adapter_;
     // Drivers call these and hold their NBLs until the machine is destroyed.
+    ReplayFaults faults_;
+    ReplayVariation variation_;
     ReplayHooks hooks_;
     FrameExchange exchange_;
+    OtherAdapter otherAdapter_;
     host::Machine machine_;
     ReplayClock clock_;
     host::LoadedDriver* driver_ = nullptr;
     host::Stack* stack_ = nullptr;
     CaptureWriter* writer_ = nullptr;
     bool traceCollected_ = false;
+    ULONG nirpCapacity_ = 0;            ///< free NIRPs of the driver's module before any traffic
+    std::vector<std::string> effects_;  ///< of calls made to fail
 };
 
 }  // namespace

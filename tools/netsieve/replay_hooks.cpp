@@ -18,21 +18,24 @@ void Enter(const HookTally& tally, HookReport& report) {
 
 }  // namespace
 
-ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log) {
+ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs,
+                         ReplayClock& clock,
+                         ReplayFaults& faults,
+                         FILE* log) {
     shared_.log = log;
     shared_.clock = &clock;
-    bool hookDrivers = false;
+    shared_.faults = &faults;
     for (const HookOption& spec : specs) {
         const unsigned number = static_cast<unsigned>(hooks_.size()) + 1;
         Hook& hook = hooks_.emplace_back();
         if (spec.kind == HookKind::kDriver) {
             hook.driver = std::make_unique<HookDriver>(spec, number);
-            hookDrivers = true;
+            hookDrivers_ = true;
         } else {
             hook.builtIn = std::make_unique<BuiltInHook>(shared_, spec, number);
         }
     }
-    if (hookDrivers) {
+    if (hookDrivers_ || (faults.wanted() && Any())) {
         HookOption watching{.text = "that counts for the summary"};
         observer_ = std::make_unique<BuiltInHook>(shared_, std::move(watching), 0);
     }
@@ -40,7 +43,8 @@ ReplayHooks::ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& cloc
 
 std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
                                               host::LoadedDriver& driver,
-                                              const host::FilterModule& module) {
+                                              const host::FilterModule& module,
+                                              std::vector<std::string>& leftOut) {
     if (const auto missing = FindHookExports(driver, shared_.exports)) {
         return fmt::format("the driver takes no hooks: it does not export {}", *missing);
     }
@@ -55,8 +59,14 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
         static_cast<std::size_t>(std::max<LONG>(driverModule->FreeNirpCount, 1) - 1) / 2);
     // Before the hook drivers: if one's hook had a name that is contained in ours, the driver would
     // join our hook with it.
+    const auto fatal = [&](const std::optional<std::string>& failure) {
+        if (failure && shared_.faults->wanted()) {
+            leftOut.push_back(*failure);
+        }
+        return failure && !shared_.faults->wanted();
+    };
     for (BuiltInHook* hook : BuiltIn()) {
-        if (auto failure = Register(*hook)) {
+        if (auto failure = Register(*hook); fatal(failure)) {
             return failure;
         }
     }
@@ -64,30 +74,34 @@ std::optional<std::string> ReplayHooks::Start(host::Machine& machine,
         if (hook.driver == nullptr) {
             continue;
         }
-        if (auto failure = LoadHookDriver(hook, machine, driver, *driverModule)) {
+        if (auto failure = hook.driver->Load(machine, driver); fatal(failure)) {
             return failure;
         }
+        hook.meters = Meter(*driverModule);
     }
     return std::nullopt;
 }
 
 std::optional<std::string> ReplayHooks::Register(BuiltInHook& hook) {
+    std::optional<WithoutFaults> guard;
+    if (&hook == observer_.get()) {
+        guard.emplace(*shared_.faults);
+    }
     return hook.Register(&hook == &CountingHook());
 }
 
-std::optional<std::string> ReplayHooks::LoadHookDriver(Hook& hook,
-                                                       host::Machine& machine,
-                                                       const host::LoadedDriver& driver,
-                                                       const FILTER_MODULE& driverModule) {
-    if (auto failure = hook.driver->Load(machine, driver)) {
-        return failure;
+void ReplayHooks::NoteAdapterBack(const FILTER_MODULE& driverModule) {
+    if (hookDrivers_) {
+        Meter(driverModule);
     }
+}
+
+std::vector<const HookMeter*> ReplayHooks::Meter(const FILTER_MODULE& driverModule) {
     std::vector<const HOOK_FILTER*> own;
     for (const BuiltInHook* builtIn : BuiltIn()) {
         own.push_back(builtIn->handle());
     }
-    hook.meters = meters_.Attach(driverModule, own, CountingHook().handle(), shared_.offers);
-    return std::nullopt;
+    return meters_.Attach(driverModule, own, CountingHook().handle(), shared_.offers);
 }
 
 void ReplayHooks::Stop(host::Machine& machine) {

@@ -20,16 +20,24 @@ namespace netsieve::tool {
 class ReplayHooks {
   public:
     /// Lines of log hooks go to `log`.
-    ReplayHooks(const std::vector<HookOption>& specs, ReplayClock& clock, FILE* log);
+    ReplayHooks(const std::vector<HookOption>& specs,
+                ReplayClock& clock,
+                ReplayFaults& faults,
+                FILE* log);
 
     bool Any() const { return !hooks_.empty(); }
 
     /// Registers the program's hooks and loads the hook drivers, which register theirs. Returns
-    /// what went wrong, or nothing. Inside Run at PASSIVE_LEVEL, with the driver attached to the
-    /// adapter as `module` and no traffic.
+    /// what went wrong, or nothing; with faults a hook that does not come up is left out, and noted
+    /// in `leftOut`. Inside Run at PASSIVE_LEVEL, with the driver attached to the adapter as
+    /// `module` and no traffic.
     std::optional<std::string> Start(host::Machine& machine,
                                      host::LoadedDriver& driver,
-                                     const host::FilterModule& module);
+                                     const host::FilterModule& module,
+                                     std::vector<std::string>& leftOut);
+    /// The adapter is back, with the driver attached as `driverModule`: counts for hooks that have
+    /// attached only now. With no traffic.
+    void NoteAdapterBack(const FILTER_MODULE& driverModule);
     /// Deregisters and unloads what Start registered and loaded. Inside Run at PASSIVE_LEVEL,
     /// before the driver unloads.
     void Stop(host::Machine& machine);
@@ -39,7 +47,7 @@ class ReplayHooks {
     HeldFrames& held() { return shared_.held; }
     const HeldFrames& held() const { return shared_.held; }
     /// Whether every hook is the program's own, so that all pending requests are known.
-    bool AllKnown() const { return observer_ == nullptr; }
+    bool AllKnown() const { return !hookDrivers_; }
     /// One entry for each hook, in the order of the command line.
     std::vector<HookReport> Report() const;
 
@@ -54,16 +62,14 @@ class ReplayHooks {
     /// The program's hook that sees a frame before its others; it counts the offered frames.
     BuiltInHook& CountingHook();
     std::optional<std::string> Register(BuiltInHook& hook);
-    std::optional<std::string> LoadHookDriver(Hook& hook,
-                                              host::Machine& machine,
-                                              const host::LoadedDriver& driver,
-                                              const FILTER_MODULE& driverModule);
+    std::vector<const HookMeter*> Meter(const FILTER_MODULE& driverModule);
     std::vector<BuiltInHook*> BuiltIn();
 
     SharedHookData shared_;
     HookMeters meters_;
     std::vector<Hook> hooks_;
-    /// Only counts offers, when there are hook drivers.
+    bool hookDrivers_ = false;
+    /// Only counts offers, when there are hook drivers or a hook may not come up.
     std::unique_ptr<BuiltInHook> observer_;
 };
 

@@ -26,7 +26,8 @@ struct ReplayOptions {
     std::optional<std::uint32_t> nblsPerCall;  ///< nothing: as many as suit the machine
     bool resourcesFlag = false;  ///< NBLs are indicated with NDIS_RECEIVE_FLAGS_RESOURCES
     bool offload = false;  ///< checksums and tags are left to the adapter, or taken over by it
-    std::optional<std::uint64_t> seed;
+    std::optional<std::uint64_t> seed;  ///< nothing: 1, and the replay is not varied
+    bool faults = false;                ///< allocations are made to fail
     bool verify = true;
     bool json = false;
 };

@@ -194,13 +194,14 @@ void AddPause(SummaryText& text, const ReplayReport& report) {
 }
 
 void AddUninspected(SummaryText& text, const ReplayReport& report) {
-    static constexpr struct {
+    const struct {
         std::uint64_t UninspectedCounts::*count;
         const char* reason;
     } kReasons[] = {{&UninspectedCounts::notAddressed, "not addressed to the adapter"},
                     {&UninspectedCounts::tooLarge, "too large"},
                     {&UninspectedCounts::copyFailed, "copy failed"},
-                    {&UninspectedCounts::poolEmpty, "pool empty"}};
+                    {&UninspectedCounts::poolEmpty,
+                     report.faults ? "pool empty or a call made to fail" : "pool empty"}};
     if (report.hooks.empty()) {
         return;
     }
@@ -218,6 +219,27 @@ void AddUninspected(SummaryText& text, const ReplayReport& report) {
     text.Line("uninspected", "{}{}", Counted(total, "frame"), reasons);
 }
 
+void AddLines(SummaryText& text, const char* label, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        text.Line(label, "{}", host::VisibleText(line));
+        label = "";
+    }
+}
+
+void AddVariation(SummaryText& text, const ReplayReport& report) {
+    if (const auto& varied = report.variation) {
+        text.Line("varied", "by seed {}: {} of {} from DPCs, {} of the adapter, {}", report.seed,
+                  varied->raisedCalls, Counted(varied->calls, "call"),
+                  Counted(varied->adapterReturns, "return"),
+                  Counted(varied->otherAdapters, "other adapter"));
+    }
+    if (const auto& faults = report.faults) {
+        text.Line("faults", "{} of the platform made to fail, one in {}",
+                  Counted(faults->failed, "call"), faults->oneIn);
+        AddLines(text, "", faults->effects);
+    }
+}
+
 void AddOutput(SummaryText& text, const ReplayReport& report) {
     if (report.output.empty()) {
         return;
@@ -230,13 +252,6 @@ void AddOutput(SummaryText& text, const ReplayReport& report) {
     if (report.notRepresentable > 0) {
         text.Line("", "{} not written, the first is frame {}: no room for such a time",
                   Counted(report.notRepresentable, "frame"), report.firstNotRepresentable);
-    }
-}
-
-void AddLines(SummaryText& text, const char* label, const std::vector<std::string>& lines) {
-    for (const std::string& line : lines) {
-        text.Line(label, "{}", host::VisibleText(line));
-        label = "";
     }
 }
 
@@ -352,6 +367,26 @@ Json PauseJson(const ReplayReport& report) {
     return pause;
 }
 
+Json VariationJson(const ReplayReport& report) {
+    if (!report.variation) {
+        return nullptr;
+    }
+    const VariationCounts& varied = *report.variation;
+    return {{"calls", varied.calls},
+            {"raised_calls", varied.raisedCalls},
+            {"adapter_returns", varied.adapterReturns},
+            {"other_adapters", varied.otherAdapters}};
+}
+
+Json FaultsJson(const ReplayReport& report) {
+    if (!report.faults) {
+        return nullptr;
+    }
+    return {{"one_in", report.faults->oneIn},
+            {"failed", report.faults->failed},
+            {"effects", report.faults->effects}};
+}
+
 Json CaptureJson(const ReplayReport& report) {
     return {{"path", report.capture},
             {"format", report.pcapng ? "pcapng" : "pcap"},
@@ -435,6 +470,7 @@ std::string FormatReport(const ReplayReport& report) {
     AddUninspected(text, report);
     AddInjection(text, report);
     AddPause(text, report);
+    AddVariation(text, report);
     AddOutput(text, report);
     AddLines(text, "trace", report.trace);
     AddVerifier(text, report);
@@ -449,6 +485,8 @@ std::string FormatReportJson(const ReplayReport& report) {
                      {"hooks", HooksJson(report)},
                      {"injection", InjectionJson(report)},
                      {"pause", PauseJson(report)},
+                     {"variation", VariationJson(report)},
+                     {"faults", FaultsJson(report)},
                      {"output", OutputJson(report)},
                      {"trace", report.trace},
                      {"verifier", VerifierJson(report)},

@@ -84,6 +84,21 @@ struct HookReport {
     std::optional<std::uint64_t> matched{};
 };
 
+/// What a varied replay did beside passing the frames.
+struct VariationCounts {
+    std::uint64_t calls = 0;           ///< of the stack and of the driver
+    std::uint64_t raisedCalls = 0;     ///< of these, from a DPC
+    std::uint64_t adapterReturns = 0;  ///< the adapter went and came back
+    std::uint64_t otherAdapters = 0;   ///< a second adapter came
+};
+
+/// The allocations and calls of the platform that were made to fail.
+struct FaultReport {
+    std::uint32_t oneIn = 0;             ///< one call in so many
+    std::uint64_t failed = 0;            ///< failed calls
+    std::vector<std::string> effects{};  ///< what did not come up for that
+};
+
 /// A broken rule of the platform.
 struct Finding {
     std::string rule;
@@ -122,6 +137,8 @@ struct ReplayReport {
     bool ran = false;  ///< the driver was loaded and frames were given to it
     bool verified = false;
     std::uint64_t seed = 0;
+    std::optional<VariationCounts> variation;  ///< nothing when the replay was not varied
+    std::optional<FaultReport> faults;         ///< nothing when no call was made to fail
     std::vector<Finding> findings;
     std::optional<std::string> leftover;   ///< what was not given back at the end
     std::optional<std::string> abandoned;  ///< why the run did not come to its end

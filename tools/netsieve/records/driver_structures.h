@@ -14,9 +14,16 @@ namespace netsieve::tool {
 /// the module is another driver's.
 FILTER_MODULE* DriverModuleOf(const host::FilterModule& module);
 
+/// Number of requests of one direction that hooks have marked pending. IRQL <= DISPATCH_LEVEL.
+std::uint64_t PendingRequests(FILTER_MODULE& module, Direction direction);
+
 /// Number of pending requests of one direction that a pause has flushed and whose marks are not all
 /// completed. Between a pause and the next restart. IRQL <= DISPATCH_LEVEL.
 std::uint64_t UnpaidRequests(FILTER_MODULE& module, Direction direction);
+
+/// Number of NIRPs of the module that are neither free nor hold a pending or flushed request, where
+/// `capacity` of them were free before any traffic. PASSIVE_LEVEL.
+std::uint64_t NirpsInTransit(FILTER_MODULE& module, ULONG capacity);
 
 /// An NBL of our driver's own.
 struct DriverNbl {

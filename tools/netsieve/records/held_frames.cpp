@@ -46,12 +46,6 @@ void HeldFrames::ReleaseNext(const HookExports& exports, FrameExchange& exchange
     Complete(mark, exports, exchange);
 }
 
-void HeldFrames::ReleaseAll(const HookExports& exports, FrameExchange& exchange) {
-    while (!marks_.empty()) {
-        ReleaseNext(exports, exchange);
-    }
-}
-
 void HeldFrames::Complete(const Mark& mark, const HookExports& exports, FrameExchange& exchange) {
     const auto at = requests_.find(mark.nirp);
     Request& request = at->second;

@@ -43,10 +43,11 @@ class HeldFrames {
 
     /// When the next mark is due; nothing when none is due before the end.
     std::optional<CaptureStamp> NextDue() const;
-    /// Completes the mark that is due next; `exchange` gets its frame. PASSIVE_LEVEL.
+    /// Completes the mark that is due next; `exchange` gets its frame.
+    /// IRQL <= DISPATCH_LEVEL.
     void ReleaseNext(const HookExports& exports, FrameExchange& exchange);
-    /// Completes the marks that wait for the end, in the order in which they were made.
-    void ReleaseAll(const HookExports& exports, FrameExchange& exchange);
+    /// Whether there are marks, those that wait for the end too.
+    bool Any() const { return !marks_.empty(); }
     /// The adapter of `module` was paused: notes which requests were flushed, those of hook drivers
     /// too, and returns their number. Their marks stay to be completed.
     std::uint64_t NotePause(FILTER_MODULE& module);
