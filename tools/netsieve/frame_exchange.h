@@ -71,6 +71,10 @@ class FrameExchange {
     void Push(Direction direction, const CaptureFrame& frame, std::uint64_t number);
     /// Makes the calls for the frames that were added and not sent or indicated yet.
     void Flush();
+    /// Whether there are such frames.
+    bool Waits() const {
+        return !gathered_.tags.empty() || paths_[0].head != nullptr || paths_[1].head != nullptr;
+    }
 
     /// Sets the pending frame whose clone arrives from now on; null for none.
     void Expect(Release* release);

@@ -276,7 +276,7 @@ void AddTrafficOptions(CLI::App& command, ReplayOptions& options) {
     command
         .add_option("--nbls-per-call", options.nblsPerCall,
                     "NBLs in one call of the driver (default 1; 32 where only speed is wanted, "
-                    "with --no-verify and without --seed)")
+                    "with --no-verify and without --seed and --faults)")
         ->type_name("N")
         ->check(WholeNumber(1, kMostPerUnit));
     command.add_flag("--resources", options.resourcesFlag,

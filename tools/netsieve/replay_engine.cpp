@@ -294,11 +294,11 @@ class ReplayRun {
         variation_.ChooseReleases(*otherAdapter_.stack());
     }
 
-    /// The adapter goes and comes back, unless a pending frame would be flushed.
+    /// The adapter goes and comes back, unless a pending frame would be flushed, or frames sent
+    /// before their call is full: at another time a hook may delay them otherwise.
     void ReplaceAdapter() {
-        exchange_.Flush();
         FILTER_MODULE* const before = DriverModule();
-        if (before != nullptr && HoldsFrames(*before)) {
+        if (exchange_.Waits() || (before != nullptr && HoldsFrames(*before))) {
             return;
         }
         const LONG hooksBefore = before != nullptr ? ReadAcquire(&before->HookCount) : 0;

@@ -25,6 +25,7 @@ NIRP* g_nirp;
 KSPIN_LOCK g_lock;
 NDIS_TIMER g_timer;
 UCHAR g_frame[60];
+PVOID g_block;
 
 VOID NTAPI NoTimerRoutine(PVOID, PVOID, PVOID, PVOID) {}
 
@@ -74,6 +75,24 @@ LONG SendPaged(NIRP*) {
     return HOOK_VERDICT_PASS;
 }
 
+// Right only as long as frames come at PASSIVE_LEVEL.
+LONG TakePaged(NIRP*) {
+    ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 16, kTag), kTag);
+    return HOOK_VERDICT_PASS;
+}
+
+// Right only as long as there is one adapter at a time.
+void KeepBlock() {
+    NdisAllocateMemoryWithTag(&g_block, 16, kTag);
+}
+
+void FreeBlock(HOOK_FILTER*) {
+    if (g_block != nullptr) {
+        NdisFreeMemory(g_block, 16, 0);
+        g_block = nullptr;
+    }
+}
+
 void SendFrame() {
     ITarnHKSendPacket(nullptr, g_frame, sizeof(g_frame));
 }
@@ -102,6 +121,8 @@ const Fault kFaults[] = {
     {"PoolLeak", Leak, nullptr, nullptr, nullptr},
     {"RoutineOutlivesDriver", ArmTimer, nullptr, nullptr, nullptr},
     {"CallbackHoldsLock", KeepLock, nullptr, nullptr, nullptr},
+    {"PagedPoolLevel", TakePaged, nullptr, nullptr, nullptr},
+    {"PoolLeak-adapter", nullptr, KeepBlock, FreeBlock, nullptr},
 };
 
 LONG NTAPI OnSend(PVOID, NIRP* nirp) {
