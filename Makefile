@@ -15,7 +15,7 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
 .PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz \
-    search nightly mutants mutants-generated clean
+    search nightly mutants mutants-checks mutants-generated clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-17s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -107,6 +107,10 @@ nightly: image ## run every schedule search with NIGHTLY_SCHEDULES schedules (10
 mutants: ## put the hand-made faults into the driver, one at a time, and see that the tests find each
 	@scripts/bootstrap.sh build test checks
 	@scripts/mutants.py --jobs $(JOBS)
+
+mutants-checks: ## disable each check of the verifier alone, and see that the tests find it
+	@scripts/bootstrap.sh build test checks
+	@scripts/mutants.py --checks --jobs $(JOBS)
 
 # What was found is kept, and an interrupted run goes on. MUTANTS takes what else the script knows.
 SEED ?= 1

@@ -78,8 +78,9 @@ class Finding:
     seconds: float
 
 
-def run_stage(stage, binary, log, limit):
-    """Runs a part of a test program until its first failure, for `limit` seconds at most."""
+def run_stage(stage, binary, log, limit, environment=None):
+    """Runs a part of a test program until its first failure, for `limit` seconds at most, with what
+    `environment` has besides."""
     # The command timeout is for a program that outlives this one.
     command = ["timeout", "-s", "KILL", str(limit + 10), "sh", "-c",
                f'ulimit -c 0 -v {MEMORY_LIMIT}; exec "$@"', "sh", str(binary),
@@ -88,7 +89,7 @@ def run_stage(stage, binary, log, limit):
     outcome = "passed"
     with open(log, "w") as output:
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                                   env=stage.environment(), start_new_session=True, cwd=log.parent)
+                                   env={**stage.environment(), **(environment or {})}, start_new_session=True, cwd=log.parent)
         try:
             status = process.wait(limit)
             if _ended_from_outside(status):
@@ -121,11 +122,13 @@ def _first_failure(log):
 class Build:
     """One build of the unbroken tree: how its objects are compiled and its programs are linked."""
 
-    def __init__(self, tree, preset, programs, jobs):
+    def __init__(self, tree, preset, programs, jobs, without=()):
+        """`without`: tests that are left out."""
         self.tree = pathlib.Path(tree)
         self.preset = preset
         self.folder = self.tree / "build" / preset
         self.programs = list(programs)
+        self.others = ":".join([OTHERS, *without])
         self._make(jobs)
         self._read()
         self._measure()
@@ -190,8 +193,8 @@ class Build:
         for program in self.programs:
             searches = "schedule" in program
             if searches:
-                others.append(Stage(program, OTHERS, FEW_SCHEDULES))
-            others.append(Stage(program, OTHERS, SCHEDULES))
+                others.append(Stage(program, self.others, FEW_SCHEDULES))
+            others.append(Stage(program, self.others, SCHEDULES))
             if self._has_tests(program, MODELS):
                 models.append(Stage(program, MODELS, MODEL_SCHEDULES.get(self.preset)))
         self.seconds = self._known_times()

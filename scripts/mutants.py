@@ -6,6 +6,7 @@
     scripts/mutants.py --only ID [ID...]        generated faults, whatever is known of them
     scripts/mutants.py --show ID [ID...]        prints them
     scripts/mutants.py --report [--seed S] [--count N]
+    scripts/mutants.py --checks                 each check of the verifier disabled (check_mutants.py)
 
 A patch begins with two lines of text: what it breaks, and `build: release`, or `build: search` for
 a fault that shows only where every load and store is a scheduling point. A hand-made fault that
@@ -41,6 +42,7 @@ import time
 from dataclasses import dataclass
 
 sys.dont_write_bytecode = True
+import check_mutants
 import mutator
 from mutant_builds import Bench, Build, MutantError, References, snapshot
 
@@ -391,6 +393,7 @@ def parse_options():
     mode.add_argument("--only", nargs="+", metavar="ID")
     mode.add_argument("--show", nargs="+", metavar="ID")
     mode.add_argument("--report", action="store_true")
+    mode.add_argument("--checks", action="store_true")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--rate", type=float, default=97)
@@ -413,7 +416,7 @@ def lock_work():
 
 
 def run(options):
-    settings = json.loads((PATCHES / "sets.json").read_text())[options.set]
+    settings = json.loads((PATCHES / "sets.json").read_text())["checks" if options.checks else options.set]
     generated = options.generated or options.only or options.show or options.report
     drawn = Drawn(options, settings) if generated else None
     if options.show:
@@ -424,6 +427,8 @@ def run(options):
         return report(drawn)
     with lock_work():
         snapshot(TOP, WORK / "tree")
+        if options.checks:
+            return check_mutants.run(TOP, WORK, settings, options.jobs)
         runner = Runner(WORK / "tree", settings, options.jobs)
         if options.only:
             return test_named(runner, drawn, options.only)

@@ -392,7 +392,8 @@ void ClientWatch::EndModule(WatchedHook& hook, const FILTER_MODULE* module) {
 
 void ClientWatch::ReportOpenMarks(WatchedHook& hook,
                                   const FILTER_MODULE* module,
-                                  const char* when) {
+                                  const char* when,
+                                  CheckSite site) {
     unsigned open = 0;
     HostLock lock(mutex_);
     for (Marks* marks : ledger_.OwedBy(&hook, module)) {
@@ -403,13 +404,14 @@ void ClientWatch::ReportOpenMarks(WatchedHook& hook,
     if (open != 0) {
         machine_.verifier().Report(Rule::kHookMarkLeft,
                                    fmt::format("{} has {} mark(s) that are not completed when {}",
-                                               hook.Describe(), open, when));
+                                               hook.Describe(), open, when),
+                                   site);
     }
 }
 
 // ---- Where a call is allowed ---------------------------------------------------------------
 
-bool ClientWatch::MayCall(const char* routine, InUnload inUnload) {
+bool ClientWatch::MayCall(const char* routine, InUnload inUnload, CheckSite site) {
     const CallFrame* const frame = EnclosingNotification();
     if (frame == nullptr ||
         (frame->hookRoutine == HookRoutine::kUnloadNotify && inUnload == InUnload::kAllowed)) {
@@ -417,11 +419,12 @@ bool ClientWatch::MayCall(const char* routine, InUnload inUnload) {
     }
     machine_.verifier().Report(Rule::kHookNotification,
                                fmt::format("{} called by {} from its {}", routine,
-                                           frame->hook->Describe(), frame->routine));
+                                           frame->hook->Describe(), frame->routine),
+                               site);
     return false;
 }
 
-bool ClientWatch::MayUse(const NIRP* nirp, const char* routine) {
+bool ClientWatch::MayUse(const NIRP* nirp, const char* routine, CheckSite site) {
     const LoadedDriver* const client = FindCaller().driver;
     HostLock lock(mutex_);
     if (ledger_.IsValid(nirp, [&](const WatchedHook& hook) { return hook.owner == client; })) {
@@ -433,15 +436,16 @@ bool ClientWatch::MayUse(const NIRP* nirp, const char* routine) {
         Rule::kHookNirpUse,
         fmt::format("{} called by {} for a NIRP whose handler has returned and that it owes no "
                     "completion",
-                    routine, user));
+                    routine, user),
+        site);
     return false;
 }
 
 // After the report the call is made if there is something to read.
-bool ClientWatch::MayQuery(const NIRP* nirp, const char* routine) {
+bool ClientWatch::MayQuery(const NIRP* nirp, const char* routine, CheckSite site) {
     return nirp == nullptr ||
-           (MayCall(routine) &&
-            (MayUse(nirp, routine) || machine_.pool().IsIn(nirp, PoolKind::kNonPaged)));
+           (MayCall(routine, InUnload::kAllowed, site) &&
+            (MayUse(nirp, routine, site) || machine_.pool().IsIn(nirp, PoolKind::kNonPaged)));
 }
 
 // ---- The other exports ---------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include "host/client/watched_hook.h"
 #include "host/sched/context.h"
 #include "host/sched/scheduler.h"
+#include "host/verifier/check_site.h"
 #include "host/verifier/rules.h"
 
 namespace netsieve::host {
@@ -112,7 +113,10 @@ class ClientWatch {
     LONG Offer(WatchedHook& hook, HOOK_PACKET_HANDLER handler, const char* routine, NIRP* nirp);
     void CheckVerdict(LONG verdict, WatchedHook& hook, const CallFrame& frame);
     void EndModule(WatchedHook& hook, const FILTER_MODULE* module);
-    void ReportOpenMarks(WatchedHook& hook, const FILTER_MODULE* module, const char* when);
+    void ReportOpenMarks(WatchedHook& hook,
+                         const FILTER_MODULE* module,
+                         const char* when,
+                         CheckSite site = CheckSite::Here());
     void NoteAttachment(const FILTER_MODULE* module, const HOOK_FILTER* handle);
     void NoteDetachment(const FILTER_MODULE* module, const HOOK_FILTER* handle);
 
@@ -121,9 +125,11 @@ class ClientWatch {
     std::string DescribeUser(const NIRP* nirp);
     Marks* FindMarks(const NIRP* nirp, const Caller& caller);
     enum class InUnload : std::uint8_t { kAllowed, kForbidden };
-    bool MayCall(const char* routine, InUnload inUnload = InUnload::kAllowed);
-    bool MayUse(const NIRP* nirp, const char* routine);
-    bool MayQuery(const NIRP* nirp, const char* routine);
+    bool MayCall(const char* routine,
+                 InUnload inUnload = InUnload::kAllowed,
+                 CheckSite site = CheckSite::Here());
+    bool MayUse(const NIRP* nirp, const char* routine, CheckSite site = CheckSite::Here());
+    bool MayQuery(const NIRP* nirp, const char* routine, CheckSite site = CheckSite::Here());
     WatchedHook* BeginCompletion(const NIRP* nirp);
 
     template <typename Function, typename... Arguments>

@@ -29,12 +29,13 @@ void Events::Initialise(PKEVENT event, EVENT_TYPE type, bool state) {
     __atomic_store_n(&event->Header.SignalState, state ? 1 : 0, __ATOMIC_SEQ_CST);
 }
 
-void Events::CheckInitialised(PKEVENT event, const char* routine) {
+void Events::CheckInitialised(PKEVENT event, const char* routine, CheckSite site) {
     if (verifier_.enabled() &&
         (event->Header.Size != kEventSize || event->Header.Type > SynchronizationEvent)) {
-        verifier_.Report(Rule::kEventUninitialised,
-                         fmt::format("{} on an event in {}", routine,
-                                     Machine::Current().pool().Describe(event)));
+        verifier_.Report(
+            Rule::kEventUninitialised,
+            fmt::format("{} on an event in {}", routine, Machine::Current().pool().Describe(event)),
+            site);
     }
 }
 

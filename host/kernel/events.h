@@ -35,7 +35,7 @@ class Events {
     };
 
     bool TryTake(PKEVENT event);
-    void CheckInitialised(PKEVENT event, const char* routine);
+    void CheckInitialised(PKEVENT event, const char* routine, CheckSite site = CheckSite::Here());
     void CheckWaitAllowed(const char* routine);
     void NoteTimeout(PKEVENT event, const char* routine);
 

@@ -110,10 +110,11 @@ void MemoryPool::Free(void* block, std::uint32_t tag) {
     std::free(block);
 }
 
-void MemoryPool::DemandPageable(PoolKind kind, const char* what) {
+void MemoryPool::DemandPageable(PoolKind kind, const char* what, CheckSite site) {
     if (kind == PoolKind::kPaged && CurrentContext().irql >= DISPATCH_LEVEL) {
-        verifier_.Report(Rule::kPagedPoolLevel, fmt::format("a paged block is {} at IRQL {}", what,
-                                                            CurrentContext().irql));
+        verifier_.Report(Rule::kPagedPoolLevel,
+                         fmt::format("a paged block is {} at IRQL {}", what, CurrentContext().irql),
+                         site);
     }
 }
 

@@ -59,7 +59,7 @@ class MemoryPool {
   private:
     void* AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind kind);
     void FreeChecked(void* block, std::uint32_t tag);
-    void DemandPageable(PoolKind kind, const char* what);
+    void DemandPageable(PoolKind kind, const char* what, CheckSite site = CheckSite::Here());
     bool EndsIntact(const void* block, const PoolBlock& info) const;
 
     Verifier& verifier_;

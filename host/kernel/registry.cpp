@@ -136,12 +136,13 @@ NTSTATUS Registry::Use(HANDLE handle, ACCESS_MASK access, KeyHandle* used) {
     return (used->access & access) == access ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
-void Registry::ReportNotOpen(HANDLE handle) {
+void Registry::ReportNotOpen(HANDLE handle, CheckSite site) {
     const std::uintptr_t number = reinterpret_cast<std::uintptr_t>(handle) & ~kKernelHandles;
     const bool closed = number != 0 && number <= lastHandle_ && number % kHandleStep == 0;
     machine_.verifier().Report(
         Rule::kHandleNotOpen,
-        fmt::format("handle {} {}", handle, closed ? "is closed already" : "was never given out"));
+        fmt::format("handle {} {}", handle, closed ? "is closed already" : "was never given out"),
+        site);
 }
 
 NTSTATUS Registry::Close(HANDLE handle) {

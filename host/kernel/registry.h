@@ -9,6 +9,7 @@
 #include "host/kernel/registry_memory_store.h"
 #include "host/kernel/registry_store.h"
 #include "host/sched/scheduler.h"
+#include "host/verifier/check_site.h"
 
 namespace netsieve::host {
 
@@ -62,7 +63,7 @@ class Registry {
     NTSTATUS Find(const OBJECT_ATTRIBUTES& attributes, KeyHandle* found);
     NTSTATUS FindAbsolute(const std::vector<std::u16string>& path, KeyHandle* found);
     NTSTATUS Use(HANDLE handle, ACCESS_MASK access, KeyHandle* used);
-    void ReportNotOpen(HANDLE handle);
+    void ReportNotOpen(HANDLE handle, CheckSite site = CheckSite::Here());
 
     Machine& machine_;
     HostMutex mutex_;

@@ -36,13 +36,14 @@ void Timers::Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID 
     timer->Dpc.DeferredContext = context;
 }
 
-bool Timers::IsInitialised(PNDIS_TIMER timer, const char* routine) {
+bool Timers::IsInitialised(PNDIS_TIMER timer, const char* routine, CheckSite site) {
     if (timer->Timer.Header.Type == kTimerType && timer->Timer.Header.Size == kTimerSize) {
         return true;
     }
     verifier_.Report(
         Rule::kTimerUninitialised,
-        fmt::format("{} of a timer in {}", routine, Machine::Current().pool().Describe(timer)));
+        fmt::format("{} of a timer in {}", routine, Machine::Current().pool().Describe(timer)),
+        site);
     return false;
 }
 

@@ -18,7 +18,7 @@ class Timers {
 
     void Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID context);
     /// Whether it looks like one that Initialise wrote; reports one that does not.
-    bool IsInitialised(PNDIS_TIMER timer, const char* routine);
+    bool IsInitialised(PNDIS_TIMER timer, const char* routine, CheckSite site = CheckSite::Here());
     /// Arms, or arms anew, for `milliseconds` from now.
     void Set(PNDIS_TIMER timer, UINT milliseconds);
     /// True when the timer was armed and will not fire. A routine that has started goes on.

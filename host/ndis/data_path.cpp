@@ -74,11 +74,13 @@ void CallDataPath(const char* routine,
 void CheckDispatchFlag(Machine& machine,
                        const Component& component,
                        ULONG flags,
-                       const char* call) {
+                       const char* call,
+                       CheckSite site = CheckSite::Here()) {
     if ((flags & 1) != 0 && CurrentContext().irql != DISPATCH_LEVEL) {
         machine.verifier().Report(Rule::kDispatchFlag,
                                   fmt::format("{} by {} with the flag set at IRQL {}", call,
-                                              component.name, CurrentContext().irql));
+                                              component.name, CurrentContext().irql),
+                                  site);
     }
 }
 

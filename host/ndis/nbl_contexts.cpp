@@ -141,7 +141,7 @@ NDIS_STATUS NblContexts::Allocate(PNET_BUFFER_LIST nbl,
 }
 
 // The head counts as the guard below an area with no unused space before it.
-void NblContexts::CheckGuards(PNET_BUFFER_LIST nbl, const Area& area) {
+void NblContexts::CheckGuards(PNET_BUFFER_LIST nbl, const Area& area, CheckSite site) {
     NET_BUFFER_LIST_CONTEXT* const block = area.block;
     const std::size_t end = area.head.Offset + area.size;
     const bool whole = nbl->Context == block && SameHead(*block, area.head) &&
@@ -152,7 +152,7 @@ void NblContexts::CheckGuards(PNET_BUFFER_LIST nbl, const Area& area) {
     if (!whole) {
         machine_.verifier().Report(
             Rule::kContextOverrun,
-            fmt::format("seen when the area of {} bytes is freed", area.size));
+            fmt::format("seen when the area of {} bytes is freed", area.size), site);
         nbl->Context = block;
         *block = area.head;
     }

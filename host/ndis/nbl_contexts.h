@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/kernel/quarantine.h"
+#include "host/verifier/check_site.h"
 #include "platform/ndis.h"
 
 namespace netsieve::host {
@@ -50,7 +51,7 @@ class NblContexts {
     };
 
     NET_BUFFER_LIST_CONTEXT* NewBlock(PNET_BUFFER_LIST nbl, std::size_t space);
-    void CheckGuards(PNET_BUFFER_LIST nbl, const Area& area);
+    void CheckGuards(PNET_BUFFER_LIST nbl, const Area& area, CheckSite site = CheckSite::Here());
     bool CheckFree(PNET_BUFFER_LIST nbl, USHORT size, Area& freed);
     void ReleaseBlock(NET_BUFFER_LIST_CONTEXT* block);
 

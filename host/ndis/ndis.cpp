@@ -22,7 +22,6 @@ Ndis::Ndis(Machine& machine) : machine_(machine), nblPools_(machine) {}
 Ndis::~Ndis() = default;
 
 Stack& Ndis::AddAdapter(AdapterOptions options) {
-    machine_.verifier().DemandPassive("arrival of an adapter");
     auto made = std::make_unique<Stack>(machine_, std::move(options));
     Stack& stack = *made;
     stack.AddProtocol(u"TCPIP");

@@ -17,6 +17,13 @@ UNICODE_STRING Counted(const std::u16string& text) {
     return {.Length = bytes, .MaximumLength = bytes, .Buffer = const_cast<PWSTR>(text.data())};
 }
 
+void ReportLeftBehind(Machine& machine,
+                      const FilterModule& module,
+                      const std::string& what,
+                      CheckSite site = CheckSite::Here()) {
+    machine.verifier().Report(Rule::kAttachLeftBehind, module.component.name + ": " + what, site);
+}
+
 }  // namespace
 
 FilterModule::FilterModule(FilterRegistration& itsRegistration, Stack& itsStack, std::string name)
@@ -198,22 +205,20 @@ NDIS_STATUS Stack::CallAttach(FilterModule& module) {
 }
 
 void Stack::CheckAttachLeftNothing(FilterModule& module) {
-    const auto report = [&](const std::string& what) {
-        machine_.verifier().Report(Rule::kAttachLeftBehind, module.component.name + ": " + what);
-    };
     const auto blocks =
         machine_.pool().Find([&](const PoolBlock& block) { return block.module == &module; });
     for (const PoolBlock& block : blocks) {
-        report(fmt::format("block '{}' of {} bytes", TagText(block.tag), block.size));
+        ReportLeftBehind(machine_, module,
+                         fmt::format("block '{}' of {} bytes", TagText(block.tag), block.size));
     }
     if (machine_.ndis().nblPools().PoolsOwnedBy(module.component) != 0) {
-        report("an NBL pool");
+        ReportLeftBehind(machine_, module, "an NBL pool");
     }
     if (machine_.mdls().AllocatedIn(&module) != 0) {
-        report("an MDL");
+        ReportLeftBehind(machine_, module, "an MDL");
     }
     if (machine_.timers().ArmedIn(&module) != 0) {
-        report("an armed timer");
+        ReportLeftBehind(machine_, module, "an armed timer");
     }
 }
 

@@ -59,14 +59,15 @@ std::uint32_t LockTracker::Resolve(PKSPIN_LOCK lock) {
     return Register(lock);
 }
 
-void LockTracker::CheckHeldWord(std::uint32_t record) {
+void LockTracker::CheckHeldWord(std::uint32_t record, CheckSite site) {
     PKSPIN_LOCK const lock = records_[record].lock;
     const KSPIN_LOCK expected = FreeWord(record) | 1;
     if (const KSPIN_LOCK word = LoadWord(lock); word != expected) {
         verifier_.Report(
             Rule::kLockOverwritten,
             fmt::format("the word of the lock in {}, which is held, is {:#x} and was {:#x}",
-                        describe_(lock), word, expected));
+                        describe_(lock), word, expected),
+            site);
         __atomic_store_n(lock, expected, __ATOMIC_RELEASE);
     }
 }

@@ -42,7 +42,7 @@ class LockTracker {
     std::uint32_t Register(PKSPIN_LOCK lock);
     std::uint32_t Resolve(PKSPIN_LOCK lock);
     /// Reports a held lock whose word is not as it was left, and puts it right.
-    void CheckHeldWord(std::uint32_t record);
+    void CheckHeldWord(std::uint32_t record, CheckSite site = CheckSite::Here());
     void NoteOrder(std::uint32_t record);
     bool Reaches(std::uint32_t from, std::uint32_t to) const;
     std::string Name(std::uint32_t record) const;

@@ -392,11 +392,13 @@ void NblTracker::CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Compo
 
 void NblTracker::ReportWritten(Record& record,
                                const Component& holder,
-                               const NblDifference& difference) {
+                               const NblDifference& difference,
+                               CheckSite site) {
     record.changeReported = true;
     Report(Rule::kNblWritten, record,
            fmt::format("{} was written while {} held it{}", difference.field, holder.name,
-                       record.route.GivenBy()));
+                       record.route.GivenBy()),
+           site);
 }
 
 // An NBL may travel with other NET_BUFFERs and bytes than it came with: those are compared when it
@@ -472,7 +474,7 @@ void NblTracker::ResourcesCallEnded(const std::vector<PNET_BUFFER_LIST>& chain,
     }
 }
 
-void NblTracker::ReportOutstanding(const std::string& when, const Which& which) {
+void NblTracker::ReportOutstanding(const std::string& when, const Which& which, CheckSite site) {
     HostLock lock(mutex_);
     std::map<std::uint64_t, const Record*> outstanding;
     for (const auto& [nbl, record] : records_) {
@@ -481,7 +483,7 @@ void NblTracker::ReportOutstanding(const std::string& when, const Which& which) 
         }
     }
     for (const auto& [id, record] : outstanding) {
-        Report(Rule::kNblLost, *record, when);
+        Report(Rule::kNblLost, *record, when, site);
     }
 }
 
@@ -534,8 +536,8 @@ std::string NblTracker::Describe(const Record& record) {
     return text;
 }
 
-void NblTracker::Report(Rule rule, const Record& record, const std::string& what) {
-    verifier_.Report(rule, what + ": " + Describe(record));
+void NblTracker::Report(Rule rule, const Record& record, const std::string& what, CheckSite site) {
+    verifier_.Report(rule, what + ": " + Describe(record), site);
 }
 
 }  // namespace netsieve::host

@@ -97,7 +97,9 @@ class NblTracker {
 
     /// Reports as lost every outstanding NBL, or only those for which `which` holds.
     using Which = std::function<bool(const Component& owner, const Component& holder)>;
-    void ReportOutstanding(const std::string& when, const Which& which = {});
+    void ReportOutstanding(const std::string& when,
+                           const Which& which = {},
+                           CheckSite site = CheckSite::Here());
     /// Number of outstanding NBLs.
     std::size_t Outstanding();
     /// Of those that others own, how many `holder` keeps: 0 while it is being passed some.
@@ -178,7 +180,10 @@ class NblTracker {
                         const Component& from,
                         NblTransfer transfer);
     void CheckEndpoint(PNET_BUFFER_LIST nbl, Record& record, const Component& from);
-    void ReportWritten(Record& record, const Component& holder, const NblDifference& difference);
+    void ReportWritten(Record& record,
+                       const Component& holder,
+                       const NblDifference& difference,
+                       CheckSite site = CheckSite::Here());
     static std::optional<NblDifference> FindChangeByFilter(PNET_BUFFER_LIST nbl,
                                                            const Record& record,
                                                            const Component& from,
@@ -188,7 +193,10 @@ class NblTracker {
                             const Component& to,
                             NblTransfer transfer);
     void Note(Record& record, const char* verb, const Component* from, const Component* to);
-    void Report(Rule rule, const Record& record, const std::string& what);
+    void Report(Rule rule,
+                const Record& record,
+                const std::string& what,
+                CheckSite site = CheckSite::Here());
     static std::string Describe(const Record& record);
 
     Verifier& verifier_;

@@ -44,13 +44,13 @@ std::string Violation::Describe() const {
                        where);
 }
 
-void Verifier::Report(Rule rule, std::string what) {
+void Verifier::Report(Rule rule, std::string what, CheckSite site) {
     if (!enabled_ && rule != Rule::kDeadlock && rule != Rule::kHang) {
         return;
     }
     HostLock lock(mutex_);
     if (violations_.size() < kMostViolations) {
-        violations_.push_back({rule, std::move(what), DescribeHere()});
+        violations_.push_back({rule, std::move(what), DescribeHere(), site});
     }
 }
 
@@ -62,17 +62,17 @@ std::string Verifier::Describe() const {
     return text;
 }
 
-void Verifier::DemandPassive(const char* routine) {
+void Verifier::DemandPassive(const char* routine, CheckSite site) {
     if (enabled_ && CurrentContext().irql != PASSIVE_LEVEL) {
         Report(Rule::kPassiveLevelRequired,
-               fmt::format("{} called at IRQL {}", routine, CurrentContext().irql));
+               fmt::format("{} called at IRQL {}", routine, CurrentContext().irql), site);
     }
 }
 
-void Verifier::DemandUpToDispatch(const char* routine) {
+void Verifier::DemandUpToDispatch(const char* routine, CheckSite site) {
     if (enabled_ && CurrentContext().irql > DISPATCH_LEVEL) {
         Report(Rule::kDispatchLevelExceeded,
-               fmt::format("{} called at IRQL {}", routine, CurrentContext().irql));
+               fmt::format("{} called at IRQL {}", routine, CurrentContext().irql), site);
     }
 }
 

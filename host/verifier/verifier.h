@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/sched/scheduler.h"
+#include "host/verifier/check_site.h"
 #include "host/verifier/rules.h"
 
 namespace netsieve::host {
@@ -16,6 +17,7 @@ struct Violation {
     Rule rule = Rule::kCount;
     std::string what;   ///< what was seen: the call, the values, the object
     std::string where;  ///< the context and the callbacks it was inside of
+    CheckSite site;     ///< the check that found it
 
     /// One or more lines for people: name, demand, what was seen, where.
     std::string Describe() const;
@@ -32,7 +34,7 @@ class Verifier {
 
     /// Notes a violation. Any context, any IRQL; nothing is noted when the verifier is off, but for
     /// Deadlock and Hang, which end a run.
-    void Report(Rule rule, std::string what);
+    void Report(Rule rule, std::string what, CheckSite site = CheckSite::Here());
 
     /// Every violation so far, in order. Read it when the machine is quiet.
     const std::vector<Violation>& violations() const { return violations_; }
@@ -41,8 +43,8 @@ class Verifier {
     std::string Describe() const;
 
     /// Demands an IRQL of PASSIVE_LEVEL, or at most DISPATCH_LEVEL, of the caller of `routine`.
-    void DemandPassive(const char* routine);
-    void DemandUpToDispatch(const char* routine);
+    void DemandPassive(const char* routine, CheckSite site = CheckSite::Here());
+    void DemandUpToDispatch(const char* routine, CheckSite site = CheckSite::Here());
 
   private:
     bool enabled_;

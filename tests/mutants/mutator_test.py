@@ -12,6 +12,7 @@ import unittest
 SOURCE_DIR = sys.argv.pop()
 sys.path.insert(0, f"{SOURCE_DIR}/scripts")
 sys.dont_write_bytecode = True
+import check_mutants
 import mutator
 
 PLATFORM = """\
@@ -142,6 +143,17 @@ class Mutator(unittest.TestCase):
         mutant = mutants_of(text)[0]
         self.assertIn("-Free(list);\n+;\n", mutant.diff(text))
         self.assertTrue(mutant.diff(text).startswith("--- a/src/driver/example.cpp\n+++ b/"))
+
+    def test_puts_a_switch_at_each_check(self):
+        header = "bool MayCall(int a = {}, CheckSite site = CheckSite::Here());\n"
+        body = "if (!MayCall(1)) {\nMachine::Current().pool(2).MayCall(\n3);\n}\nMayCall(4, site);\nOther(5);"
+        checks, switched = check_mutants.with_switches({"a.h": header, "b.cpp": in_body(body)})
+        self.assertEqual([(check.number, check.path, check.line) for check in checks],
+                         [(1, "b.cpp", 2), (2, "b.cpp", 3)])
+        self.assertEqual(switched, {"b.cpp": check_mutants.PROLOGUE + in_body(
+            body.replace("!MayCall(1)", "!(MutantCheckIsOff(1) || MayCall(1))").replace(
+                "Machine::Current().pool(2).MayCall(\n3);",
+                "if (!MutantCheckIsOff(2)) { Machine::Current().pool(2).MayCall(\n3); };"))})
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@ namespace netsieve::host {
 namespace {
 
 constexpr ULONG kTag = SmallFilter::kTag;
+constexpr KIRQL kDeviceLevel = 5;
 
 UCHAR* Block(UINT size = 64) {
     PVOID block = nullptr;
@@ -132,6 +133,17 @@ void TouchPagedInTurns(Scene& scene) {
     ExFreePoolWithTag(const_cast<UCHAR*>(block), kTag);
 }
 
+HANDLE OpenKey() {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Registry\\Machine");
+    OBJECT_ATTRIBUTES attributes{};
+    attributes.Length = sizeof(attributes);
+    attributes.ObjectName = &name;
+    HANDLE key = nullptr;
+    ZwOpenKey(&key, KEY_ALL_ACCESS, &attributes);
+    return key;
+}
+
 void ReadUnmapped(Scene&) {
     UCHAR frame[64] = {};
     MDL mdl;
@@ -177,11 +189,32 @@ void RunPastUnload(Scene& scene) {
 
 std::vector<Breaker> LockBreakers() {
     return {
-        {Rule::kLockForm, "at-DPC form at PASSIVE_LEVEL",
+        {Rule::kLockForm, "acquired in the at-DPC form at PASSIVE_LEVEL",
          [](Scene&) {
              Lock lock;
              KeAcquireSpinLockAtDpcLevel(&lock.word);
+             AtDispatch([&] { KeReleaseSpinLockFromDpcLevel(&lock.word); });
+         }},
+        {Rule::kLockForm, "released at PASSIVE_LEVEL",
+         [](Scene&) {
+             Lock lock;
+             AtDispatch([&] { KeAcquireSpinLockAtDpcLevel(&lock.word); });
              KeReleaseSpinLockFromDpcLevel(&lock.word);
+         }},
+        {Rule::kLockForm, "acquired raising and released in the at-DPC form",
+         [](Scene&) {
+             Lock lock;
+             AtDispatch([&] {
+                 KeAcquireSpinLockRaiseToDpc(&lock.word);
+                 KeReleaseSpinLockFromDpcLevel(&lock.word);
+             });
+         }},
+        {Rule::kDispatchLevelExceeded, "acquired in an interrupt",
+         [](Scene& scene) {
+             Lock lock;
+             scene.machine.scheduler().SetIrql(kDeviceLevel);
+             KeReleaseSpinLock(&lock.word, KeAcquireSpinLockRaiseToDpc(&lock.word));
+             scene.machine.scheduler().SetIrql(PASSIVE_LEVEL);
          }},
         {Rule::kLockForm, "released to another IRQL than was saved",
          [](Scene&) {
@@ -246,6 +279,11 @@ std::vector<Breaker> PoolBreakers() {
              AtDispatch([&] { block = pool.Allocate(8, kTag, PoolKind::kPaged); });
              pool.Free(block, kTag);
          }},
+        {Rule::kPagedPoolLevel, "paged pool freed at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             void* const block = scene.machine.pool().Allocate(8, kTag, PoolKind::kPaged);
+             AtDispatch([&] { scene.machine.pool().Free(block, kTag); });
+         }},
         {Rule::kPagedPoolTouched, "read at DISPATCH_LEVEL",
          [](Scene&) { TouchPaged([](volatile UCHAR* block) { static_cast<void>(block[8]); }); }},
         {Rule::kPagedPoolTouched, "written at DISPATCH_LEVEL, once it was written below it",
@@ -276,6 +314,47 @@ std::vector<Breaker> PoolBreakers() {
              UCHAR* const block = Block();
              Free(block);
              Free(block);
+         }},
+        {Rule::kPoolDoubleFree, "an MDL that was not allocated",
+         [](Scene&) {
+             MDL mdl{};
+             NdisFreeMdl(&mdl);
+         }},
+        {Rule::kPoolDoubleFree, "a work item freed twice",
+         [](Scene& scene) {
+             WithWorkItem(
+                 scene,
+                 [](PIO_WORKITEM item) {
+                     IoFreeWorkItem(item);
+                     IoFreeWorkItem(item);
+                 },
+                 false);
+         }},
+        {Rule::kPoolDoubleFree, "an NBL pool freed twice",
+         [](Scene& scene) {
+             scene.Start();
+             NDIS_HANDLE const pool = scene.MakeOwn()->NdisPoolHandle;
+             scene.FreeOwn();
+             NdisFreeNetBufferListPool(pool);
+         }},
+        {Rule::kPoolDoubleFree, "deregistered twice",
+         [](Scene& scene) {
+             scene.filter.unload = [&] { NdisFDeregisterFilterDriver(scene.filter.registration); };
+             scene.Start();
+         }},
+        {Rule::kPoolInvalidPointer, "a device deleted twice",
+         [](Scene& scene) {
+             scene.Start();
+             PDEVICE_OBJECT const device = Device(scene);
+             IoDeleteDevice(device);
+             IoDeleteDevice(device);
+         }},
+        {Rule::kPoolInvalidPointer, "a work item for a deleted device",
+         [](Scene& scene) {
+             scene.Start();
+             PDEVICE_OBJECT const device = Device(scene);
+             IoDeleteDevice(device);
+             IoAllocateWorkItem(device);
          }},
         {Rule::kPoolInvalidPointer, "not by its first byte",
          [](Scene&) {
@@ -322,15 +401,17 @@ std::vector<Breaker> PoolBreakers() {
          }},
         {Rule::kHandleNotOpen, "a handle closed twice",
          [](Scene&) {
-             UNICODE_STRING name;
-             RtlInitUnicodeString(&name, u"\\Registry\\Machine");
-             OBJECT_ATTRIBUTES attributes{};
-             attributes.Length = sizeof(attributes);
-             attributes.ObjectName = &name;
-             HANDLE key = nullptr;
-             ZwOpenKey(&key, KEY_ALL_ACCESS, &attributes);
+             HANDLE const key = OpenKey();
              ZwClose(key);
              ZwClose(key);
+         }},
+        {Rule::kHandleNotOpen, "a value deleted by a closed handle",
+         [](Scene&) {
+             HANDLE const key = OpenKey();
+             ZwClose(key);
+             UNICODE_STRING value;
+             RtlInitUnicodeString(&value, u"Value");
+             ZwDeleteValueKey(key, &value);
          }},
         {Rule::kPoolLeak, "a block outlives the driver",
          [](Scene& scene) {
@@ -341,6 +422,20 @@ std::vector<Breaker> PoolBreakers() {
          [](Scene& scene) {
              scene.Start();
              Device(scene);
+         }},
+        {Rule::kObjectLeak, "a work item outlives the driver",
+         [](Scene& scene) {
+             WithWorkItem(
+                 scene, [](PIO_WORKITEM) {}, false);
+         }},
+        {Rule::kObjectLeak, "an NBL pool outlives the driver",
+         [](Scene& scene) {
+             scene.filter.restart = [&] {
+                 NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+                 NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+                 return NDIS_STATUS_SUCCESS;
+             };
+             scene.Start();
          }},
     };
 }
@@ -406,11 +501,65 @@ std::vector<Breaker> LevelBreakers() {
              scene.Start();
              AtDispatch([&] { NdisFDevicePnPEventNotify(scene.filter.handle, nullptr); });
          }},
+        {Rule::kPassiveLevelRequired, "a network PnP event at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             AtDispatch([&] { NdisFNetPnPEvent(scene.filter.handle, nullptr); });
+         }},
+        {Rule::kPassiveLevelRequired, "a registration at DISPATCH_LEVEL",
+         [](Scene&) {
+             NDIS_FILTER_DRIVER_CHARACTERISTICS none{};
+             NDIS_HANDLE handle = nullptr;
+             AtDispatch([&] { NdisFRegisterFilterDriver(nullptr, nullptr, &none, &handle); });
+         }},
+        {Rule::kPassiveLevelRequired, "a deregistration at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.filter.deregisters = false;
+             scene.filter.unload = [&] {
+                 AtDispatch([&] { NdisFDeregisterFilterDriver(scene.filter.registration); });
+             };
+             scene.Start();
+         }},
+        {Rule::kPassiveLevelRequired, "attributes set at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             NDIS_FILTER_ATTRIBUTES attributes{};
+             AtDispatch([&] { NdisFSetAttributes(scene.filter.handle, nullptr, &attributes); });
+         }},
+        {Rule::kPassiveLevelRequired, "a stack is paused at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             AtDispatch([&] { scene.stack->Pause(); });
+         }},
+        {Rule::kPassiveLevelRequired, "a stack is restarted at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             scene.stack->Pause();
+             AtDispatch([&] { scene.stack->Restart(); });
+         }},
+        {Rule::kPassiveLevelRequired, "a filter attaches and detaches at DISPATCH_LEVEL",
+         [](Scene& scene) {
+             scene.Start();
+             FilterModule& module = *scene.stack->modules().front();
+             AtDispatch([&] {
+                 scene.stack->Detach(module);
+                 scene.filter.attach = [] { return NDIS_STATUS_FAILURE; };
+                 scene.stack->Attach(module.registration);
+             });
+         },
+         false, 2},
+        {Rule::kPassiveLevelRequired, "a registry call with a spin lock held",
+         [](Scene&) {
+             Lock lock;
+             HANDLE const key = OpenKey();
+             AtDispatch([&] { KeAcquireSpinLockAtDpcLevel(&lock.word); });
+             ZwClose(key);
+             AtDispatch([&] { KeReleaseSpinLockFromDpcLevel(&lock.word); });
+         }},
         {Rule::kDispatchLevelExceeded, "an event set in an interrupt",
          [](Scene& scene) {
              KEVENT event;
              KeInitializeEvent(&event, NotificationEvent, FALSE);
-             constexpr KIRQL kDeviceLevel = 5;
              scene.machine.scheduler().SetIrql(kDeviceLevel);
              KeSetEvent(&event, 0, FALSE);
              scene.machine.scheduler().SetIrql(PASSIVE_LEVEL);
@@ -432,6 +581,22 @@ std::vector<Breaker> LevelBreakers() {
          [](Scene&) {
              KEVENT event{};
              KeSetEvent(&event, 0, FALSE);
+         }},
+        {Rule::kEventUninitialised, "an event of zeroes is cleared",
+         [](Scene&) {
+             KEVENT event{};
+             KeClearEvent(&event);
+         }},
+        {Rule::kEventUninitialised, "an event of zeroes is waited for",
+         [](Scene&) {
+             KEVENT event{};
+             WaitFor(event, -kTicksPerMillisecond);
+         }},
+        {Rule::kHang, "a routine that goes round and round",
+         [](Scene&) {
+             for (;;) {
+                 KeStallExecutionProcessor(1);
+             }
          }},
         {Rule::kHang, "the same wait times out for ever",
          [](Scene&) {

@@ -54,6 +54,7 @@ struct Breaker {
     std::function<void(Scene&)> act;  ///< in the machine, as its first thread
     /// AddressSanitizer stops the program at the access itself, before any rule could report it.
     bool stopsAddressSanitizer = false;
+    std::size_t reports = 0;  ///< how many there are, where several checks find the same
 };
 
 /// Something that a filter must not leave changed in an NBL that it passes on or back.
@@ -69,12 +70,17 @@ std::vector<NblChange> NblChanges();
 std::vector<Breaker> KernelBreakers();
 std::vector<Breaker> NblBreakers();
 std::vector<Breaker> HookBreakers();
+/// Calls that are made at too high an IRQL; some break the rule of waits as well.
+std::vector<Breaker> CallBreakers();
 
 /// Makes the compiler keep all of the memory, which it may otherwise leave out for what is used of
 /// it.
 inline void KeepAll(void* memory) {
     asm volatile("" : : "r"(memory) : "memory");
 }
+
+/// How a pool of NBLs with a NET_BUFFER each is asked for.
+NET_BUFFER_LIST_POOL_PARAMETERS PoolParameters();
 
 /// Runs `body` at DISPATCH_LEVEL.
 void AtDispatch(const std::function<void()>& body);

@@ -152,6 +152,11 @@ std::vector<Breaker> MarkBreakers() {
         {Rule::kHookMarkLeft, "detached by itself with a mark open",
          WithHook({.send = Hold},
                   [](Scene&, SmallHook& hook) { ITarnHKDettachFilter(hook.module, hook.handle); })},
+        {Rule::kHookMarkLeft,
+         "attached twice, detached by itself, and deregistered with a mark open",
+         WithHook(
+             {.send = Hold, .attach = [] { ITarnHKAttachFilter(g_hook->module, g_hook->handle); }},
+             [](Scene&, SmallHook& hook) { ITarnHKDettachFilter(hook.module, hook.handle); })},
         {Rule::kHookMarkVoid, "completed when its adapter is gone",
          WithHook({.send = Hold},
                   [](Scene& scene, SmallHook& hook) {
@@ -166,6 +171,17 @@ std::vector<Breaker> MarkBreakers() {
         {Rule::kHookNirpUse, "read when its handler is over",
          WithHook({.send = Let},
                   [](Scene&, SmallHook& hook) { ITarnHKGetBufferLength(hook.nirp); })},
+        {Rule::kHookNirpUse, "its protocol and adapter are asked for when its handler is over",
+         WithHook({.send = Let},
+                  [](Scene&, SmallHook& hook) {
+                      PROTOCOL_ENTRY* entry = nullptr;
+                      HOOK_PROTOCOL_INFO protocol{};
+                      HOOK_ADAPTER_INFO adapter{};
+                      ITarnHKGetProtocolName(hook.nirp, &entry);
+                      ITarnHKGetProtocolInfo(hook.nirp, &protocol);
+                      ITarnHKGetAdapterInfo(hook.nirp, &adapter);
+                  }),
+         false, 3},
         {Rule::kHookNirpUse, "marked when its handler is over",
          WithHook({.send = Let}, [](Scene&, SmallHook& hook) { ITarnHKMarkPending(hook.nirp); })},
         {Rule::kHookNirpUse, "read when its mark is completed",
@@ -177,7 +193,7 @@ std::vector<Breaker> MarkBreakers() {
     };
 }
 
-std::vector<Breaker> CallBreakers() {
+std::vector<Breaker> ForbiddenCallBreakers() {
     static constexpr UCHAR kFrame[60] = {};
     return {
         {Rule::kHookNotification, "sends from AttachNotify",
@@ -189,6 +205,21 @@ std::vector<Breaker> CallBreakers() {
                            const HOOK_FILTER_REGISTRATION_EX block = Block();
                            ITarnHKRegisterFilterEx(&block, nullptr, &other);
                        }})},
+        {Rule::kHookNotification, "registers in the older form from AttachNotify",
+         WithHook({.attach =
+                       [] {
+                           HOOK_FILTER* other = nullptr;
+                           const HOOK_FILTER_REGISTRATION block{};
+                           ITarnHKRegisterFilter(&block, nullptr, 0, &other);
+                       }})},
+        {Rule::kHookNotification, "marks, and asks for a protocol's name, in DetachNotify",
+         WithHook({.send = Let,
+                   .detach =
+                       [] {
+                           ITarnHKMarkPending(g_hook->nirp);
+                           ITarnHKQueryProtocolName(nullptr, nullptr);
+                       }}),
+         false, 2},
         {Rule::kHookNotification, "deregisters from DetachNotify",
          WithHook({.detach = [] { ITarnHKDeregisterFilter(g_hook->handle); }})},
         {Rule::kHookNotification, "completes in DetachNotify",
@@ -271,7 +302,7 @@ std::vector<Breaker> BlameBreakers() {
 
 std::vector<Breaker> HookBreakers() {
     std::vector<Breaker> all = MarkBreakers();
-    for (const auto& part : {CallBreakers(), BlameBreakers()}) {
+    for (const auto& part : {ForbiddenCallBreakers(), BlameBreakers()}) {
         all.insert(all.end(), part.begin(), part.end());
     }
     return all;

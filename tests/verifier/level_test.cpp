@@ -95,6 +95,10 @@ const Call kCalls[] = {
      }},
 };
 
+Rule RuleOf(const Call& call) {
+    return call.irql == DISPATCH_LEVEL ? Rule::kPassiveLevelRequired : Rule::kDispatchLevelExceeded;
+}
+
 void MakeCall(Scene& scene, const Call& call) {
     Objects use;
     Scheduler& scheduler = scene.machine.scheduler();
@@ -124,6 +128,21 @@ void MakeCall(Scene& scene, const Call& call) {
     }
 }
 
+}  // namespace
+
+std::vector<Breaker> CallBreakers() {
+    std::vector<Breaker> all;
+    for (const Call& call : kCalls) {
+        all.push_back({RuleOf(call), call.name, [&call](Scene& scene) {
+                           scene.Start();
+                           MakeCall(scene, call);
+                       }});
+    }
+    return all;
+}
+
+namespace {
+
 TEST(Levels, OfEachCallAreKept) {
     for (const Call& call : kCalls) {
         SCOPED_TRACE(call.name);
@@ -134,8 +153,7 @@ TEST(Levels, OfEachCallAreKept) {
             MakeCall(scene, call);
             scene.Finish();
         });
-        const Rule rule = call.irql == DISPATCH_LEVEL ? Rule::kPassiveLevelRequired
-                                                      : Rule::kDispatchLevelExceeded;
+        const Rule rule = RuleOf(call);
         for (const Violation& violation : machine.verifier().violations()) {
             // A wait breaks the rule of waits too.
             if (violation.rule != Rule::kWaitLevel) {

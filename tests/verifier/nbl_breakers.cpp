@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "host/ndis/other_filter.h"
 #include "tests/verifier/breakers.h"
 
 namespace netsieve::host {
@@ -7,14 +8,6 @@ namespace netsieve::host {
 namespace {
 
 constexpr ULONG kResources = NDIS_RECEIVE_FLAGS_RESOURCES;
-
-NET_BUFFER_LIST_POOL_PARAMETERS PoolParameters() {
-    NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
-    parameters.Header = {NDIS_OBJECT_TYPE_DEFAULT, 1, sizeof(parameters)};
-    parameters.fAllocateNetBuffer = TRUE;
-    parameters.PoolTag = 0x74736574;
-    return parameters;
-}
 
 UCHAR& FirstByte(PNET_BUFFER_LIST nbl) {
     const NET_BUFFER& buffer = *nbl->FirstNetBuffer;
@@ -86,6 +79,102 @@ void WriteWhileGivenAway(Scene& scene) {
     scene.stack->adapter().queue().ReleaseAll();
 }
 
+void ReturnWithDispatchFlag(Scene& scene) {
+    scene.filter.returned = [&](PNET_BUFFER_LIST chain, ULONG) {
+        NdisFReturnNetBufferLists(scene.filter.handle, chain, NDIS_RETURN_FLAGS_DISPATCH_LEVEL);
+    };
+    scene.Start();
+    scene.Receive();
+}
+
+/// What the adapter completes does not come back to the filter.
+void HideCompletions(Scene& scene) {
+    scene.filter.describe = [](NDIS_FILTER_DRIVER_CHARACTERISTICS& handlers) {
+        handlers.SendNetBufferListsCompleteHandler = nullptr;
+    };
+}
+
+/// Another NBL from the pool of the filter's own.
+PNET_BUFFER_LIST OneMore(Scene& scene, USHORT contextSize = 0) {
+    return NdisAllocateNetBufferAndNetBufferList(scene.own->NdisPoolHandle, contextSize, 0, nullptr,
+                                                 0, 0);
+}
+
+/// The filter passes on another filter's context with other bytes in it.
+void ChangeContextOfOther(Scene& scene) {
+    scene.filter.sendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
+        constexpr std::size_t kNblOfMark = 16;
+        NET_BUFFER_LIST_CONTEXT* const block = chain->Context;
+        reinterpret_cast<UCHAR*>(block + 1)[block->Offset + kNblOfMark] ^= 1;
+        CompleteOn(scene, chain);
+    };
+    scene.Start();
+    scene.machine.LoadDriver(OtherFilter(true));
+    scene.Send();
+    scene.machine.UnloadDriver("OTHERUP");
+}
+
+void FreeContextOfOther(Scene& scene) {
+    scene.filter.sendComplete = [&](PNET_BUFFER_LIST chain, ULONG) {
+        NdisFreeNetBufferListContext(chain, 32);
+        CompleteOn(scene, chain);
+    };
+    scene.Start();
+    scene.machine.LoadDriver(OtherFilter(true));
+    scene.Send();
+    scene.machine.UnloadDriver("OTHERUP");
+}
+
+/// The protocol still has what was indicated to it when the filter's own call returns.
+void IndicateFromAnotherThread(Scene& scene) {
+    static KEVENT inside;
+    static KEVENT go;
+    KeInitializeEvent(&inside, NotificationEvent, FALSE);
+    KeInitializeEvent(&go, NotificationEvent, FALSE);
+    const auto wait = [](KEVENT& event) {
+        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+    };
+    Scheduler& scheduler = scene.machine.scheduler();
+    std::uint32_t other = 0;
+    scene.filter.receive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG count, ULONG) {
+        other = scheduler.Start({.name = "other", .processor = 1},
+                                [&, chain, count] { IndicateOn(scene, chain, count, kResources); });
+        wait(inside);
+    };
+    scene.Start();
+    scene.stack->protocol().onReceive = [&](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG, ULONG) {
+        KeSetEvent(&inside, 0, FALSE);
+        wait(go);
+    };
+    scene.Receive(kResources);
+    KeSetEvent(&go, 0, FALSE);
+    scheduler.Join(other);
+}
+
+/// The tracker is told of a driver between two stacks that takes, and ends, what is not its own.
+void TakeWhatIsNotHeld(Scene& scene) {
+    StartWithOwn(scene);
+    NblTracker& tracker = scene.machine.ndis().nblPools().tracker();
+    Component& adapter = scene.stack->adapter().component();
+    tracker.TakeOwnership(scene.own, adapter, adapter);
+    tracker.RestoreOwnership(scene.own);
+}
+
+void RestoreWhatIsOut(Scene& scene) {
+    scene.stack = &scene.machine.ndis().AddAdapter();
+    NblFactory nbls(scene.machine, scene.stack->protocol().pool());
+    NblTracker& tracker = scene.machine.ndis().nblPools().tracker();
+    Component& protocol = scene.stack->protocol().component();
+    const std::uint8_t frame[60] = {};
+    PNET_BUFFER_LIST const nbl = nbls.Make(frame);
+    tracker.TakeOwnership(nbl, protocol, protocol);
+    scene.stack->adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+        tracker.RestoreOwnership(chain);
+    };
+    scene.stack->protocol().Send(nbl);
+    nbls.Free(nbl);
+}
+
 void SwapBuffers(PNET_BUFFER_LIST nbl) {
     PNET_BUFFER const first = nbl->FirstNetBuffer;
     nbl->FirstNetBuffer = std::exchange(first->Next, nullptr);
@@ -141,6 +230,17 @@ void LeaveTimerBehindFailedAttach(Scene& scene) {
     scene.Start();
 }
 
+void LeavePoolBehindFailedAttach(Scene& scene) {
+    static NDIS_HANDLE pool = nullptr;
+    scene.filter.attach = [&scene] {
+        NET_BUFFER_LIST_POOL_PARAMETERS parameters = PoolParameters();
+        pool = NdisAllocateNetBufferListPool(scene.filter.handle, &parameters);
+        return NDIS_STATUS_FAILURE;
+    };
+    scene.filter.unload = [] { NdisFreeNetBufferListPool(pool); };
+    scene.Start();
+}
+
 NDIS_STATUS WaitElevenSeconds() {
     KEVENT never;
     KeInitializeEvent(&never, NotificationEvent, FALSE);
@@ -168,7 +268,43 @@ std::vector<Breaker> HandOverBreakers() {
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
          })},
+        {Rule::kDispatchFlag, "a completion with the flag set at PASSIVE_LEVEL",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisFSendNetBufferListsComplete(scene.filter.handle, chain,
+                                             NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL);
+         })},
+        {Rule::kDispatchFlag, "an indication with the flag set at PASSIVE_LEVEL",
+         OnResourcesReceive([](Scene& scene, PNET_BUFFER_LIST chain) {
+             IndicateOn(scene, chain, 2, kResources | NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL);
+         })},
+        {Rule::kDispatchFlag, "a return with the flag set at PASSIVE_LEVEL",
+         &ReturnWithDispatchFlag},
         {Rule::kNblWritten, "written after it was sent on", &WriteWhileGivenAway, true},
+        {Rule::kNblWritten, "written while the adapter has it",
+         [](Scene& scene) {
+             scene.Start();
+             scene.stack->adapter().onSend = [](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
+                 FirstByte(chain) ^= 1;
+             };
+             scene.Send();
+         }},
+        {Rule::kNblData, "changed by a filter that does not see its completion",
+         [](Scene& scene) {
+             HideCompletions(scene);
+             OnSend([](Scene& inside, PNET_BUFFER_LIST chain) {
+                 FirstByte(chain) ^= 1;
+                 SendOn(inside, chain);
+             })(scene);
+         }},
+        {Rule::kFreedNblUsed, "the information of a freed NBL is copied",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PNET_BUFFER_LIST const own = scene.own;
+             PNET_BUFFER_LIST const freed = OneMore(scene);
+             NdisFreeNetBufferList(freed);
+             NdisCopySendNetBufferListInfo(own, freed);
+         },
+         true},
         {Rule::kNblRead, "its information is copied after it was sent on",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              PNET_BUFFER_LIST const own = scene.MakeOwn();
@@ -194,11 +330,28 @@ std::vector<Breaker> HandOverBreakers() {
              scene.Start();
              SendOn(scene, scene.MakeOwn());
          }},
+        {Rule::kOriginatedNblPassedOn, "an own NBL's completion passes the filter by",
+         [](Scene& scene) {
+             HideCompletions(scene);
+             scene.Start();
+             SendOn(scene, scene.MakeOwn());
+         }},
         {Rule::kNblNotOwned, "completed twice",
          OnSendComplete([](Scene& scene, PNET_BUFFER_LIST chain) {
              CompleteOn(scene, chain);
              CompleteOn(scene, chain);
          })},
+        {Rule::kNblNotOwned, "freed while the adapter has it",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
+             SendOn(scene, scene.own);
+             NdisFreeNetBufferList(scene.own);
+             scene.stack->adapter().queue().ReleaseAll();
+         }},
+        {Rule::kNblNotOwned, "taken over by a driver that does not hold it", &TakeWhatIsNotHeld},
+        {Rule::kNblNotOwned, "given back by the driver between two stacks while it is out",
+         &RestoreWhatIsOut, false, 2},
         {Rule::kNblDirection, "a sent NBL is returned",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisFReturnNetBufferLists(scene.filter.handle, chain, 0);
@@ -221,7 +374,8 @@ std::vector<Breaker> HandOverBreakers() {
              scene.Start();
              scene.stack->adapter().queue().SetMode(ReleaseMode::kHold);
              scene.Send();
-         }},
+         },
+         false, 3},
         {Rule::kNblPoolParameters, "a pool is asked for without a header",
          [](Scene& scene) {
              scene.Start();
@@ -280,6 +434,8 @@ std::vector<Breaker> HandOverBreakers() {
              IndicateOn(scene, chain, 3, kResources);
          })},
         {Rule::kResourcesNblKept, "indicated after the call", &KeepResourcesNbls},
+        {Rule::kResourcesNblKept, "with the protocol when the call returns",
+         &IndicateFromAnotherThread},
         {Rule::kResourcesChain, "the second NBL is gone from the chain",
          OnResourcesReceive([](Scene&, PNET_BUFFER_LIST chain) { chain->Next = nullptr; })},
         {Rule::kResourcesNblReturned, "returned during the call",
@@ -386,7 +542,15 @@ std::vector<Breaker> ModuleBreakers() {
              scene.Start();
              scene.stack->protocol().CancelSend(&scene);
          }},
+        {Rule::kAttachLeftBehind, "a failed attach leaves an NBL pool",
+         &LeavePoolBehindFailedAttach},
         {Rule::kModuleFreedInUse, "detached under a call", &DetachUnderCall},
+        {Rule::kModuleFreedInUse, "a call with the handle of a module that is gone",
+         [](Scene& scene) {
+             scene.Start();
+             scene.stack->Detach(*scene.stack->modules().front());
+             NdisFIndicateStatus(scene.filter.handle, nullptr);
+         }},
     };
 }
 
@@ -428,6 +592,26 @@ std::vector<Breaker> ContextAndPoolBreakers() {
              NdisFreeNetBufferListContext(chain, 32);
              SendOn(scene, chain);
          })},
+        {Rule::kContextNotOnTop, "freed where there is none",
+         OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
+             NdisFreeNetBufferListContext(chain, 32);
+             SendOn(scene, chain);
+         })},
+        {Rule::kContextNotOnTop, "another filter's is freed", &FreeContextOfOther},
+        {Rule::kContextNotOnTop, "another filter's is changed", &ChangeContextOfOther},
+        {Rule::kContextLeft, "freed with a context",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PushContext(scene.own, 0);
+         }},
+        {Rule::kContextOverrun, "behind the context that an NBL was allocated with",
+         [](Scene& scene) {
+             StartWithOwn(scene);
+             PNET_BUFFER_LIST const nbl = OneMore(scene, 32);
+             reinterpret_cast<UCHAR*>(nbl->Context + 1)[nbl->Context->Offset + 32] ^= 1;
+             NdisFreeNetBufferList(nbl);
+         },
+         true},
         ContextOverrun("behind a context", 0, 32),
         ContextOverrun("between two contexts of one block", 80, 32),
         ContextOverrun("in the head of a block", 0, -1),
@@ -488,6 +672,14 @@ std::vector<Breaker> ChangeBreakers() {
 }
 
 }  // namespace
+
+NET_BUFFER_LIST_POOL_PARAMETERS PoolParameters() {
+    NET_BUFFER_LIST_POOL_PARAMETERS parameters{};
+    parameters.Header = {NDIS_OBJECT_TYPE_DEFAULT, 1, sizeof(parameters)};
+    parameters.fAllocateNetBuffer = TRUE;
+    parameters.PoolTag = 0x74736574;
+    return parameters;
+}
 
 std::vector<NblChange> NblChanges() {
     using Nbl = PNET_BUFFER_LIST;

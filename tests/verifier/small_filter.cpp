@@ -16,6 +16,7 @@ NDIS_HANDLE HandleOf(NDIS_HANDLE context) {
 }
 
 NDIS_STATUS NTAPI Attach(NDIS_HANDLE handle, NDIS_HANDLE, PNDIS_FILTER_ATTACH_PARAMETERS) {
+    g_filter->handle = handle;
     const NDIS_STATUS status = g_filter->attach ? g_filter->attach() : NDIS_STATUS_SUCCESS;
     if (status != NDIS_STATUS_SUCCESS || !g_filter->setsAttributes) {
         return status;
@@ -26,7 +27,6 @@ NDIS_STATUS NTAPI Attach(NDIS_HANDLE handle, NDIS_HANDLE, PNDIS_FILTER_ATTACH_PA
         return NDIS_STATUS_RESOURCES;
     }
     static_cast<SmallModule*>(memory)->handle = handle;
-    g_filter->handle = handle;
     NDIS_FILTER_ATTRIBUTES attributes{};
     attributes.Header = {NDIS_OBJECT_TYPE_FILTER_ATTRIBUTES, 1, sizeof(attributes)};
     const NDIS_STATUS set = NdisFSetAttributes(handle, memory, &attributes);
