@@ -94,6 +94,15 @@ LONG Hold(NIRP* nirp) {
     return ITarnHKMarkPending(nirp) == STATUS_SUCCESS ? HOOK_VERDICT_PENDING : HOOK_VERDICT_PASS;
 }
 
+LONG MarkFromAnotherThread(NIRP* nirp) {
+    Machine& machine = Machine::Current();
+    machine.scheduler().Join(machine.scheduler().Start({.name = "marks"}, [&] {
+        const CallbackScope scope("a routine", machine.FindDriver("HOOK"), nullptr);
+        ITarnHKMarkPending(nirp);
+    }));
+    return HOOK_VERDICT_PASS;
+}
+
 LONG Let(NIRP*) {
     return HOOK_VERDICT_PASS;
 }
@@ -152,11 +161,8 @@ std::vector<Breaker> MarkBreakers() {
         {Rule::kHookMarkLeft, "detached by itself with a mark open",
          WithHook({.send = Hold},
                   [](Scene&, SmallHook& hook) { ITarnHKDettachFilter(hook.module, hook.handle); })},
-        {Rule::kHookMarkLeft,
-         "attached twice, detached by itself, and deregistered with a mark open",
-         WithHook(
-             {.send = Hold, .attach = [] { ITarnHKAttachFilter(g_hook->module, g_hook->handle); }},
-             [](Scene&, SmallHook& hook) { ITarnHKDettachFilter(hook.module, hook.handle); })},
+        {Rule::kHookMarkLeft, "deregistered with a mark open that a thread of the hook has made",
+         WithHook({.send = &MarkFromAnotherThread})},
         {Rule::kHookMarkVoid, "completed when its adapter is gone",
          WithHook({.send = Hold},
                   [](Scene& scene, SmallHook& hook) {
