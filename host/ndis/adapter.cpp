@@ -21,8 +21,7 @@ Adapter::Adapter(Machine& machine, Stack& stack, AdapterOptions options)
              machine.options().seed ^ (0xADA0ull + options_.ifIndex),
              [this](PNET_BUFFER_LIST chain, bool dispatch) {
                  AnswerLargeSends(chain);
-                 CompleteUp(stack_, nullptr, chain,
-                            dispatch ? NDIS_SEND_COMPLETE_FLAGS_DISPATCH_LEVEL : 0);
+                 CompleteUp(stack_, nullptr, chain, stack_.DispatchFlag(dispatch));
              }) {
     component_.kind = ComponentKind::kAdapter;
     component_.stack = &stack_;
@@ -39,12 +38,10 @@ bool Adapter::IndicateCounted(PNET_BUFFER_LIST chain,
                               ULONG count,
                               ULONG flags) {
     const ULONG nbls = CountNbls(chain);
-    if (!stack_.Enter(nbls)) {
+    if (!stack_.EnterReceive(nbls)) {
         return false;
     }
-    if (CurrentContext().irql == DISPATCH_LEVEL) {
-        flags |= NDIS_RECEIVE_FLAGS_DISPATCH_LEVEL;
-    }
+    flags |= stack_.DispatchFlag(CurrentContext().irql == DISPATCH_LEVEL);
     IndicateUp(stack_, nullptr, chain, port, count, flags);
     if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) != 0) {
         stack_.Leave(nbls);
@@ -86,6 +83,19 @@ void Adapter::Returned(PNET_BUFFER_LIST chain, ULONG flags) {
         onReturned(chain, flags);
     }
     stack_.Leave(nbls);
+}
+
+void Adapter::Cancel(PVOID cancelId) {
+    if (onCancel) {
+        onCancel(cancelId);
+    }
+    PNET_BUFFER_LIST const chain = queue_.TakeCancelled(cancelId);
+    for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
+        nbl->Status = NDIS_STATUS_SEND_ABORTED;
+    }
+    if (chain != nullptr) {
+        queue_.Release(chain, CurrentContext().irql == DISPATCH_LEVEL);
+    }
 }
 
 }  // namespace netsieve::host

@@ -14,6 +14,12 @@ namespace netsieve::host {
 
 class Stack;
 
+constexpr NDIS_STATUS NDIS_STATUS_SEND_ABORTED = MakeStatus(0xC023000C);
+
+/// Whether the adapter and the protocols of a stack set the dispatch flag in the calls that they
+/// make at DISPATCH_LEVEL, where it is theirs to set or not.
+enum class DispatchFlagUse : std::uint8_t { kBySeed, kAlways, kNever };
+
 struct AdapterOptions {
     std::u16string instanceName = u"Host Ethernet Adapter";
     std::u16string deviceName = u"\\DEVICE\\{6D1F0C53-9A42-4F0E-8B77-3C5A1E20D9F4}";
@@ -23,6 +29,7 @@ struct AdapterOptions {
     std::uint32_t ifIndex = 1;
     std::uint32_t mtu = 1500;
     bool restartAttributes = true;  ///< whether a restart carries the general attributes
+    DispatchFlagUse dispatchFlag = DispatchFlagUse::kBySeed;  ///< without the verifier: always
     /// Bind filters although the medium is not theirs, to see that they refuse.
     bool bindAnyway = false;
 };
@@ -41,10 +48,10 @@ class Adapter {
     /// The pool of the NBLs that the adapter indicates.
     NblPool* pool() { return pool_; }
 
-    /// Indicates a chain of the adapter's NBLs. False when the stack is paused: the NBLs stay the
-    /// caller's. NBLs indicated with NDIS_RECEIVE_FLAGS_RESOURCES are the caller's again when this
-    /// returns, the others when onReturned has been called with them. Adds the dispatch flag when
-    /// the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+    /// Indicates a chain of the adapter's NBLs. False when the adapter is paused, which it is after
+    /// every filter module: the NBLs stay the caller's. NBLs indicated with
+    /// NDIS_RECEIVE_FLAGS_RESOURCES are the caller's again when this returns, the others when
+    /// onReturned has been called with them. IRQL <= DISPATCH_LEVEL.
     bool Indicate(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
     /// The same, with the NumberOfNetBufferLists that the caller wants indicated, right or wrong.
     bool IndicateCounted(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG count, ULONG flags);
@@ -55,13 +62,15 @@ class Adapter {
     // is outstanding.
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags)> onSend;
     std::function<void(PNET_BUFFER_LIST, ULONG flags)> onReturned;
-    std::function<void(PVOID cancelId)> onCancel;
+    std::function<void(PVOID cancelId)> onCancel;  ///< before the sends are completed
     std::function<void(PNET_DEVICE_PNP_EVENT)> onDevicePnpEvent;
     std::function<NDIS_STATUS(PNET_PNP_EVENT_NOTIFICATION)> onNetPnpEvent;
 
     // Called by the stack.
     void Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags);
     void Returned(PNET_BUFFER_LIST chain, ULONG flags);
+    /// Completes the queued sends with this id as NDIS_STATUS_SEND_ABORTED.
+    void Cancel(PVOID cancelId);
 
   private:
     Machine& machine_;

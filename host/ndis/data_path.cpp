@@ -335,9 +335,7 @@ void NTAPI ReturnDown(Stack& stack,
 void CancelDown(Stack& stack, FilterModule* from, PVOID cancelId) {
     FilterModule* const next = NextLower<&Handlers::CancelSendNetBufferListsHandler>(stack, from);
     if (next == nullptr) {
-        if (stack.adapter().onCancel) {
-            stack.adapter().onCancel(cancelId);
-        }
+        stack.adapter().Cancel(cancelId);
         return;
     }
     CallbackScope scope("FilterCancelSendNetBufferLists", next->registration.driver, next);

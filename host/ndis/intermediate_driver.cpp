@@ -22,6 +22,7 @@ IntermediateDriver::IntermediateDriver(Stack& upper, Stack& lower) : upper_(uppe
     above.onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG) {
         SendThrough(chain, port);
     };
+    above.onCancel = [this](PVOID cancelId) { lower_.protocol().CancelSend(cancelId); };
     below.onSendComplete = [this](PNET_BUFFER_LIST chain, ULONG) { Completed(chain); };
     below.onReceive = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG, ULONG flags) {
         IndicateThrough(chain, port, flags);

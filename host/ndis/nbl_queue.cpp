@@ -47,16 +47,18 @@ void NblQueue::Add(PNET_BUFFER_LIST chain, bool dispatch) {
 
 // Nobody touches an NBL while it is queued.
 void NblQueue::PutAway(PNET_BUFFER_LIST nbl) {
+    queued_.push_back({nbl, NET_BUFFER_LIST_INFO(nbl, NetBufferListCancelId)});
     if (machine_.verifier().enabled()) {
         machine_.ndis().nblPools().tracker().PutAway(nbl);
     }
-    queued_.push_back(nbl);
 }
 
-void NblQueue::TakeUp(PNET_BUFFER_LIST nbl) {
+PNET_BUFFER_LIST NblQueue::TakeUp(const Entry& entry, PNET_BUFFER_LIST next) {
     if (machine_.verifier().enabled()) {
-        machine_.ndis().nblPools().tracker().TakeUp(nbl);
+        machine_.ndis().nblPools().tracker().TakeUp(entry.nbl);
     }
+    entry.nbl->Next = next;
+    return entry.nbl;
 }
 
 void NblQueue::Schedule() {
@@ -84,9 +86,7 @@ void NblQueue::ReleaseSome(bool dispatch) {
         for (std::uint64_t count = 1 + random_.Below(queued_.size()); count > 0; --count) {
             const auto at =
                 queued_.begin() + static_cast<std::ptrdiff_t>(random_.Below(queued_.size()));
-            TakeUp(*at);
-            (*at)->Next = chain;
-            chain = *at;
+            chain = TakeUp(*at, chain);
             queued_.erase(at);
         }
         more = !queued_.empty();
@@ -102,15 +102,24 @@ void NblQueue::ReleaseAll() {
     {
         HostLock lock(mutex_);
         for (auto it = queued_.rbegin(); it != queued_.rend(); ++it) {
-            TakeUp(*it);
-            (*it)->Next = chain;
-            chain = *it;
+            chain = TakeUp(*it, chain);
         }
         queued_.clear();
     }
     if (chain != nullptr) {
         release_(chain, CurrentContext().irql == DISPATCH_LEVEL);
     }
+}
+
+PNET_BUFFER_LIST NblQueue::TakeCancelled(PVOID cancelId) {
+    HostLock lock(mutex_);
+    PNET_BUFFER_LIST chain = nullptr;
+    std::erase_if(queued_, [&](const Entry& entry) {
+        const bool cancelled = entry.cancelId == cancelId;
+        chain = cancelled ? TakeUp(entry, chain) : chain;
+        return cancelled;
+    });
+    return chain;
 }
 
 void NblQueue::SetDraining(bool draining) {

@@ -43,6 +43,8 @@ class NblQueue {
     void ReleaseAll();
     /// Releases NBLs that were not queued because the mode is kForwarded.
     void Release(PNET_BUFFER_LIST chain, bool dispatch) { release_(chain, dispatch); }
+    /// Takes the queued NBLs with this cancel id out of the queue, without releasing them.
+    PNET_BUFFER_LIST TakeCancelled(PVOID cancelId);
     /// While the stack is pausing: releases every queued NBL, and later ones inline where the mode
     /// is kHold.
     void SetDraining(bool draining);
@@ -50,8 +52,13 @@ class NblQueue {
     std::size_t Queued();
 
   private:
+    /// The id is read before the NBL is put away.
+    struct Entry {
+        PNET_BUFFER_LIST nbl;
+        PVOID cancelId;
+    };
     void PutAway(PNET_BUFFER_LIST nbl);
-    void TakeUp(PNET_BUFFER_LIST nbl);
+    PNET_BUFFER_LIST TakeUp(const Entry& entry, PNET_BUFFER_LIST next);
     void Schedule();
     void ReleaseSome(bool dispatch);
 
@@ -62,7 +69,7 @@ class NblQueue {
     HostMutex mutex_;
     bool draining_ = false;
     Random random_;
-    std::vector<PNET_BUFFER_LIST> queued_;
+    std::vector<Entry> queued_;
 };
 
 }  // namespace netsieve::host

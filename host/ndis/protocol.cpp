@@ -17,8 +17,7 @@ Protocol::Protocol(Machine& machine, Stack& stack, std::u16string name, std::uin
              fmt::format("protocol returns on adapter {}", stack.adapter().options().ifIndex),
              seed,
              [this](PNET_BUFFER_LIST chain, bool dispatch) {
-                 ReturnDown(stack_, nullptr, component_, chain,
-                            dispatch ? NDIS_RETURN_FLAGS_DISPATCH_LEVEL : 0);
+                 ReturnDown(stack_, nullptr, component_, chain, stack_.DispatchFlag(dispatch));
              }) {
     component_.kind = ComponentKind::kProtocol;
     component_.stack = &stack_;
@@ -32,7 +31,7 @@ void Protocol::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) 
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
         nbl->SourceHandle = component_.handle;
     }
-    if (!stack_.Enter(CountNbls(chain))) {
+    if (!stack_.EnterSend(CountNbls(chain))) {
         for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
             nbl->Status = NDIS_STATUS_PAUSED;
         }
@@ -41,14 +40,14 @@ void Protocol::Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port, ULONG flags) 
         }
         return;
     }
-    if (dispatch) {
-        flags |= NDIS_SEND_FLAGS_DISPATCH_LEVEL;
-    }
-    SendDown(stack_, nullptr, component_, chain, port, flags);
+    SendDown(stack_, nullptr, component_, chain, port, flags | stack_.DispatchFlag(dispatch));
 }
 
 void Protocol::CancelSend(PVOID cancelId) {
-    CancelDown(stack_, nullptr, cancelId);
+    if (stack_.EnterReceive(1)) {
+        CancelDown(stack_, nullptr, cancelId);
+        stack_.Leave(1);
+    }
 }
 
 void Protocol::DevicePnpEvent(PNET_DEVICE_PNP_EVENT event) {

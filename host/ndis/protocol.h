@@ -27,10 +27,11 @@ class Protocol {
     NblPool* pool() { return pool_; }
 
     /// Sends a chain of the protocol's NBLs; onSendComplete is called with each that is completed.
-    /// While the stack is paused they are completed at once with NDIS_STATUS_PAUSED. Adds the
-    /// dispatch flag when the caller is at DISPATCH_LEVEL. IRQL <= DISPATCH_LEVEL.
+    /// While the stack is paused they are completed at once with NDIS_STATUS_PAUSED. IRQL <=
+    /// DISPATCH_LEVEL.
     void Send(PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER port = 0, ULONG flags = 0);
-    /// Asks the adapter to cancel the sends with this id.
+    /// Asks the adapter to cancel the sends with this id (NetBufferListCancelId), which it does
+    /// with those that it has queued. No effect when the stack is paused. IRQL <= DISPATCH_LEVEL.
     void CancelSend(PVOID cancelId);
     /// Passes a PnP event down the stack; returns the status of the drivers below.
     void DevicePnpEvent(PNET_DEVICE_PNP_EVENT event);

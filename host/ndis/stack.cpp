@@ -71,9 +71,9 @@ Protocol& Stack::AddProtocol(std::u16string name) {
     return *protocols_.back();
 }
 
-bool Stack::Enter(ULONG nbls) {
+bool Stack::Enter(ULONG nbls, Gate least) {
     outstanding_.fetch_add(nbls, std::memory_order_seq_cst);
-    if (open_.load(std::memory_order_seq_cst)) {
+    if (gate_.load(std::memory_order_seq_cst) >= least) {
         return true;
     }
     Leave(nbls);
@@ -82,10 +82,18 @@ bool Stack::Enter(ULONG nbls) {
 
 void Stack::Leave(ULONG nbls) {
     const std::int64_t left = outstanding_.fetch_sub(nbls, std::memory_order_seq_cst) - nbls;
-    if (left == 0 && !open_.load(std::memory_order_seq_cst)) {
+    if (left == 0 && gate_.load(std::memory_order_seq_cst) == Gate::kClosed) {
         HostLock lock(mutex_);
         machine_.scheduler().Wake(drained_);
     }
+}
+
+ULONG Stack::DispatchFlag(bool known) {
+    const DispatchFlagUse use = adapter_->options().dispatchFlag;
+    if (known && use == DispatchFlagUse::kBySeed && g_verifyMode) {
+        return Random(machine_.options().seed + 0xD15Bull * ++dispatchCalls_).OneIn(3) ? 0 : 1;
+    }
+    return known && use != DispatchFlagUse::kNever ? 1 : 0;
 }
 
 void Stack::Pause() {
@@ -100,13 +108,16 @@ void Stack::Restart() {
     RestartStack();
 }
 
-// The filter modules are paused while NBLs are outstanding, as NDIS does. Only then are the NBLs
-// waited for.
+// The filter modules are paused while NBLs are outstanding and others are indicated, as NDIS does.
+// Only then are the NBLs waited for.
 void Stack::PauseStack() {
-    open_.store(false, std::memory_order_seq_cst);
+    if (running()) {
+        gate_.store(Gate::kNoSends, std::memory_order_seq_cst);
+    }
     for (FilterModule* module : modules_) {
         PauseModule(machine_, *module);
     }
+    gate_.store(Gate::kClosed, std::memory_order_seq_cst);
     WaitUntilDrained();
 }
 
@@ -121,7 +132,7 @@ void Stack::RestartStack() {
     for (const auto& protocol : protocols_) {
         protocol->queue().SetDraining(false);
     }
-    open_.store(true, std::memory_order_seq_cst);
+    gate_.store(Gate::kOpen, std::memory_order_seq_cst);
 }
 
 void Stack::WaitUntilDrained() {
@@ -149,7 +160,7 @@ NDIS_STATUS Stack::Attach(FilterRegistration& registration) {
     if (registration.deregistering) {
         return NDIS_STATUS_CLOSING;
     }
-    const bool wasOpen = open_;
+    const bool wasOpen = running();
     if (wasOpen) {
         PauseStack();
     }
@@ -255,7 +266,7 @@ void Stack::Detach(FilterModule& module) {
     if (module.state == ModuleState::kGone) {
         return;
     }
-    const bool wasOpen = open_;
+    const bool wasOpen = running();
     PauseStack();
     CallDetach(module);
     if (wasOpen) {
@@ -284,12 +295,12 @@ void Stack::CallDetach(FilterModule& module) {
 
 void Stack::DetachDriver(const LoadedDriver* driver) {
     const PnpTurn turn(*this);
-    const bool wasOpen = open_;
+    const bool wasOpen = running();
     while (FilterModule* const module = FindModule(driver)) {
         PauseStack();
         CallDetach(*module);
     }
-    if (wasOpen && !open_) {
+    if (wasOpen && !running()) {
         RestartStack();
     }
 }

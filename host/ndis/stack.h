@@ -30,12 +30,13 @@ class Stack {
     /// Index of the protocol that gets a received NBL.
     std::function<std::size_t(PNET_BUFFER_LIST)> chooseReceiver;
 
-    /// Pauses the stack, top down: refuses new NBLs, pauses the filter modules and waits until no
+    /// Pauses the stack, top down, as published: the protocols send nothing more, the filter
+    /// modules are paused, and the adapter, which may indicate until then, is paused last, when no
     /// NBL is outstanding. PASSIVE_LEVEL.
     void Pause();
     /// Restarts the stack, bottom up. A module that does not restart is detached, as NDIS does.
     void Restart();
-    bool running() const { return open_.load(); }
+    bool running() const { return gate_.load() == Gate::kOpen; }
 
     /// Attaches a module of the driver, with the stack paused meanwhile. Returns the status of its
     /// attach handler; a module that failed to attach is gone.
@@ -54,16 +55,26 @@ class Stack {
     const std::vector<FilterModule*>& modules() const { return modules_; }
 
     // Used by the data path.
-    /// Counts NBLs that a protocol sends or the adapter indicates; false when the stack is paused.
-    bool Enter(ULONG nbls);
+    /// Counts NBLs that a protocol sends; false from the moment the stack is being paused.
+    bool EnterSend(ULONG nbls) { return Enter(nbls, Gate::kOpen); }
+    /// Counts NBLs that the adapter indicates, or a call that is to find the stack's modules there;
+    /// false when all filter modules are paused.
+    bool EnterReceive(ULONG nbls) { return Enter(nbls, Gate::kNoSends); }
     /// Counts NBLs that are completed, returned or refused.
     void Leave(ULONG nbls);
     FilterModule* top() const { return top_.load(std::memory_order_acquire); }
     FilterModule* bottom() const { return bottom_.load(std::memory_order_acquire); }
     Machine& machine() { return machine_; }
 
+    /// The dispatch flag of a call that an end of the stack makes, `known` to be at DISPATCH_LEVEL:
+    /// what the adapter's options say.
+    ULONG DispatchFlag(bool known);
+
   private:
+    /// How far the pause is.
+    enum class Gate : std::uint8_t { kClosed, kNoSends, kOpen };
     class PnpTurn;
+    bool Enter(ULONG nbls, Gate least);
     void PauseStack();
     void RestartStack();
     NDIS_STATUS CallAttach(FilterModule& module);
@@ -81,7 +92,8 @@ class Stack {
     std::vector<std::unique_ptr<FilterModule>> allModules_;  ///< detached ones too
     std::atomic<FilterModule*> top_ = nullptr;
     std::atomic<FilterModule*> bottom_ = nullptr;
-    std::atomic<bool> open_ = false;
+    std::atomic<Gate> gate_ = Gate::kClosed;
+    std::atomic<std::uint64_t> dispatchCalls_ = 0;
     std::atomic<std::int64_t> outstanding_ = 0;  ///< NBLs not completed or returned yet
     HostMutex mutex_;
     WaitQueue drained_;

@@ -9,7 +9,7 @@ class DetachTest : public BothSchedulers {};
 
 TEST_P(DetachTest, GivesBackWhatComesWhileItWaits) {
     RunClean(Options(), [this](Machine& machine) {
-        Stack& stack = machine.ndis().AddAdapter();
+        Stack& stack = machine.ndis().AddAdapter({.dispatchFlag = DispatchFlagUse::kAlways});
         ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
         Traffic traffic(machine, stack);
         SetRelease(stack, ReleaseMode::kHold);

@@ -79,36 +79,55 @@ inline void SetRelease(Stack& stack, ReleaseMode mode) {
     stack.protocol().queue().SetMode(mode);
 }
 
-/// Counts what crosses a stack while it lives. NBLs are made beforehand, by one context; they may
-/// then be sent and indicated from any.
+/// Counts what crosses a stack while it lives, and compares each frame that arrives with how it was
+/// made. NBLs are made beforehand, by one context; they may then be sent and indicated from any.
+/// How many frames an NBL has, and how they lie in memory, follows from the machine's seed.
 class Traffic {
   public:
     Traffic(Machine& machine, Stack& stack)
         : stack_(stack),
+          random_(machine.options().seed),
           sends_(machine, stack.protocol().pool()),
           receives_(machine, stack.adapter().pool()) {
+        sends_.DrawLayouts(random_.Next());
+        receives_.DrawLayouts(random_.Next());
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             onWire += static_cast<int>(NblsOf(chain).size());
+            Compare(chain);
         };
         stack.adapter().onReturned = [this](PNET_BUFFER_LIST chain, ULONG flags) {
             returnFlags = flags;
             returned += static_cast<int>(NblsOf(chain).size());
         };
-        stack.protocol().onReceive = [this](PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG count,
-                                            ULONG) { received += static_cast<int>(count); };
+        stack.protocol().onReceive = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG count,
+                                            ULONG) {
+            received += static_cast<int>(count);
+            Compare(chain);
+        };
         stack.protocol().onSendComplete = [this](PNET_BUFFER_LIST chain, ULONG flags) {
             completeFlags = flags;
             for (; chain != nullptr; chain = chain->Next) {
                 ++(chain->Status == NDIS_STATUS_PAUSED ? refused : completed);
+                cancelled += chain->Status == NDIS_STATUS_SEND_ABORTED ? 1 : 0;
             }
         };
     }
 
-    PNET_BUFFER_LIST MakeSends(int nbls, const FrameLayout& layout = {}) {
-        return MakeChain(sends_, nbls, layout);
+    PNET_BUFFER_LIST MakeSends(int nbls) { return MakeChain(sends_, nbls); }
+    PNET_BUFFER_LIST MakeReceives(int nbls) { return MakeChain(receives_, nbls); }
+    /// Sends a chain and asks for its first NBL to be cancelled.
+    void SendAndCancel(PNET_BUFFER_LIST chain) {
+        PVOID const id = NET_BUFFER_LIST_INFO(chain, NetBufferListCancelId);
+        stack_.protocol().Send(chain);
+        stack_.protocol().CancelSend(id);
     }
-    PNET_BUFFER_LIST MakeReceives(int nbls, const FrameLayout& layout = {}) {
-        return MakeChain(receives_, nbls, layout);
+    /// A frame as MakeSends and MakeReceives make it: for everybody, with its number at byte 6.
+    static std::vector<std::uint8_t> FrameNumbered(std::uint8_t number, std::size_t size) {
+        std::vector<std::uint8_t> frame(size, 0xFF);
+        for (std::size_t i = 6; i < size; ++i) {
+            frame[i] = static_cast<std::uint8_t>(number + (i - 6) * 7);
+        }
+        return frame;
     }
     /// One of each, to see that the stack works: both must come back, through the driver or not.
     void ExpectPassing() {
@@ -121,26 +140,44 @@ class Traffic {
 
     std::atomic<int> onWire = 0;           ///< sent NBLs that the adapter got
     std::atomic<int> completed = 0;        ///< sent NBLs that came back
-    std::atomic<int> refused = 0;          ///< those that came back with NDIS_STATUS_PAUSED
+    std::atomic<int> cancelled = 0;        ///< those among them that were cancelled
+    std::atomic<int> refused = 0;          ///< sent NBLs that came back with NDIS_STATUS_PAUSED
     std::atomic<int> received = 0;         ///< indicated NBLs that the protocol got
     std::atomic<int> returned = 0;         ///< indicated NBLs that the adapter got back
+    std::atomic<int> changed = 0;          ///< frames that arrived otherwise than they were made
     std::atomic<ULONG> completeFlags = 0;  ///< of the latest completion
     std::atomic<ULONG> returnFlags = 0;    ///< of the latest return
 
   private:
-    static PNET_BUFFER_LIST MakeChain(NblFactory& from, int nbls, const FrameLayout& layout) {
-        std::array<std::uint8_t, 60> frame{};
+    PNET_BUFFER_LIST MakeChain(NblFactory& from, int nbls) {
         PNET_BUFFER_LIST chain = nullptr;
         for (; nbls > 0; --nbls) {
-            frame[20] = static_cast<std::uint8_t>(nbls);
-            PNET_BUFFER_LIST const nbl = from.Make(std::span<const std::uint8_t>(frame), layout);
+            const auto number = static_cast<std::uint8_t>(random_.Below(0x80));
+            const auto frame = FrameNumbered(number, 20 + random_.Below(60));
+            const std::span<const std::uint8_t> frames[] = {frame, frame, frame};
+            PNET_BUFFER_LIST const nbl =
+                from.Make(std::span(frames).first(random_.OneIn(2) ? 1 : 2 + random_.Below(2)));
             nbl->Next = chain;
             chain = nbl;
         }
         return chain;
     }
 
+    /// Frames of a busy filter may be among them.
+    void Compare(PNET_BUFFER_LIST chain) {
+        for (; chain != nullptr; chain = chain->Next) {
+            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
+                const auto frame = NblFactory::BytesOf(*at);
+                const bool whole =
+                    frame.size() >= 20 && (frame == FrameNumbered(frame[6], frame.size()) ||
+                                           frame == std::vector<std::uint8_t>(64, 0xB5));
+                changed += whole ? 0 : 1;
+            }
+        }
+    }
+
     Stack& stack_;
+    Random random_;
     NblFactory sends_;
     NblFactory receives_;
 };

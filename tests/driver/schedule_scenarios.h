@@ -56,6 +56,7 @@ class Scenario {
                    "returned",
                    sent, traffic.onWire.load(), traffic.completed.load(), traffic.refused.load(),
                    given, resources, traffic.received.load(), traffic.returned.load()));
+        Demand(traffic.changed == 0, "a frame arrived changed");
         meetings_ += traffic.refused != 0 ? 1 : 0;
     }
     std::string verdict_;
@@ -72,7 +73,7 @@ class LifeUnderTraffic final : public Scenario {
         Traffic traffic(machine, stack);
         SetRelease(stack, ReleaseMode::kMixed);
         const auto sender = [&](int nbls) {
-            return [&, chain = traffic.MakeSends(nbls)] { stack.protocol().Send(chain); };
+            return [&, chain = traffic.MakeSends(nbls)] { traffic.SendAndCancel(chain); };
         };
         int given = 0;
         int resources = 0;

@@ -42,7 +42,7 @@ class BusyNeighbours final : public Scenario {
             const std::uint32_t contexts[] = {
                 scheduler.Start({.name = "sender", .processor = 1},
                                 [&] {
-                                    stack.protocol().Send(sends[0]);
+                                    traffic.SendAndCancel(sends[0]);
                                     stack.protocol().Send(sends[1]);
                                 }),
                 scheduler.Start(
@@ -61,6 +61,7 @@ class BusyNeighbours final : public Scenario {
                fmt::format("{} sends completed, {} refused, {} of {} receives returned",
                            traffic.completed.load(), traffic.refused.load(),
                            traffic.returned.load(), given));
+        Demand(traffic.changed == 0, "a frame arrived changed");
         meetings_ += traffic.refused != 0 ? 1 : 0;
         for (const char* const driver : {"BUSYUP", "NETSIEVE", "BUSYLO"}) {
             machine.UnloadDriver(driver);

@@ -96,7 +96,9 @@ class Scene {
         }
     }
     /// The same, in one NBL.
-    void Pass(bool send, const std::vector<Frame>& frames, const FrameLayout& layout = {}) {
+    void Pass(bool send,
+              const std::vector<Frame>& frames,
+              const FrameLayout& layout = FrameLayout()) {
         std::vector<std::span<const std::uint8_t>> spans(frames.begin(), frames.end());
         Pass(send, (send ? sends : receives).Make(spans, layout));
     }

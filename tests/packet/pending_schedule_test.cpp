@@ -47,6 +47,8 @@ class TakenFrame final : public Scenario {
         const ULONG records = FreeRecordsOf(DriverModuleOf(machine, stack));
         NblFactory sends(machine, stack.protocol().pool());
         NblFactory receives(machine, stack.adapter().pool());
+        sends.DrawLayouts(machine.options().seed);
+        receives.DrawLayouts(machine.options().seed);
         SetRelease(stack, ReleaseMode::kMixed);
         stack.adapter().onSend = [this](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
             Count(chain);
@@ -63,18 +65,17 @@ class TakenFrame final : public Scenario {
             }
             const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
             const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
-            const FrameLayout layout{.mdlSizes = {20}, .mapped = !actors_.refusals};
             if (actors_.refusals) {
                 RefuseACall(machine);
             }
             Start(machine, 0, [&] {
                 if (actors_.receive) {
-                    PNET_BUFFER_LIST const nbl = receives.Make(spans, layout);
+                    PNET_BUFFER_LIST const nbl = receives.Make(spans);
                     if (!stack.adapter().Indicate(nbl)) {
                         receives.Free(nbl);
                     }
                 } else {
-                    stack.protocol().Send(sends.Make(spans, layout));
+                    stack.protocol().Send(sends.Make(spans));
                 }
             });
             if (actors_.pause) {
