@@ -127,6 +127,41 @@ TEST(StackTest, TakesNoNblsWhilePausedAndWaitsForAllFirst) {
     });
 }
 
+TEST(StackTest, TakesIndicationsButNoSendsWhileAFilterPauses) {
+    RunClean({}, [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        Traffic traffic(machine, stack);
+        SmallFilter filter;
+        filter.pause = [&] {
+            EXPECT_TRUE(stack.adapter().Indicate(traffic.MakeReceives(1)));
+            stack.protocol().Send(traffic.MakeSends(1));
+            return NDIS_STATUS_SUCCESS;
+        };
+        ASSERT_EQ(machine.LoadDriver(SmallFilter::Source()), STATUS_SUCCESS);
+        stack.Pause();
+        EXPECT_EQ(traffic.returned, 1);
+        EXPECT_EQ(traffic.refused, 1);
+        machine.UnloadDriver("SMALL");
+    });
+}
+
+TEST(StackTest, CancelsTheSendsThatTheProtocolNames) {
+    RunClean({}, [](Machine& machine) {
+        Stack& stack = machine.ndis().AddAdapter();
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        Traffic traffic(machine, stack);
+        stack.adapter().queue().SetMode(ReleaseMode::kHold);
+        stack.protocol().Send(traffic.MakeSends(2));
+        traffic.SendAndCancel(traffic.MakeSends(3));
+        EXPECT_EQ(traffic.cancelled, 1);
+        EXPECT_EQ(traffic.completed, 1);
+        stack.adapter().queue().ReleaseAll();
+        EXPECT_EQ(traffic.cancelled, 1);
+        EXPECT_EQ(traffic.completed, 5);
+        machine.UnloadDriver("NETSIEVE");
+    });
+}
+
 TEST(StackTest, GoesOnWithoutAModuleThatDoesNotRestart) {
     for (const bool pending : {false, true}) {
         RunClean({}, [&](Machine& machine) {
