@@ -121,6 +121,15 @@ class Traffic {
         stack_.protocol().Send(chain);
         stack_.protocol().CancelSend(id);
     }
+    static int FramesIn(PNET_BUFFER_LIST chain) {
+        int frames = 0;
+        for (; chain != nullptr; chain = chain->Next) {
+            for (NET_BUFFER* at = chain->FirstNetBuffer; at != nullptr; at = at->Next) {
+                ++frames;
+            }
+        }
+        return frames;
+    }
     /// A frame as MakeSends and MakeReceives make it: for everybody, with its number at byte 6.
     static std::vector<std::uint8_t> FrameNumbered(std::uint8_t number, std::size_t size) {
         std::vector<std::uint8_t> frame(size, 0xFF);

@@ -37,6 +37,9 @@ NTSTATUS NTAPI ITarnHKAttachFilter(FILTER_MODULE* module, HOOK_FILTER* hook) {
 NTSTATUS NTAPI ITarnHKDettachFilter(FILTER_MODULE* module, HOOK_FILTER* hook) {
     return NETSIEVE_EXPORT_OF(ITarnHKDettachFilter)(module, hook);
 }
+ULONG NTAPI ITarnHKGetBufferLength(NIRP* nirp) {
+    return NETSIEVE_EXPORT_OF(ITarnHKGetBufferLength)(nirp);
+}
 UCHAR* NTAPI ITarnHKGetBuffer(NIRP* nirp) {
     return NETSIEVE_EXPORT_OF(ITarnHKGetBuffer)(nirp);
 }

@@ -57,6 +57,7 @@ class HooksComeAndGo final : public Scenario {
             guest.Start();
         }
         PNET_BUFFER_LIST const sends[] = {traffic.MakeSends(2), traffic.MakeSends(1)};
+        const int frames = Traffic::FramesIn(sends[0]) + Traffic::FramesIn(sends[1]);
         const std::uint32_t contexts[] = {
             scheduler.Start({.name = "sender", .processor = 1},
                             [&] { stack.protocol().Send(sends[0]); }),
@@ -84,7 +85,7 @@ class HooksComeAndGo final : public Scenario {
         meetings_ += changing.calls != 0 ? 1 : 0;
         // Nothing of the table moves under the frames of the one who stays.
         if (change_ == Change::kDeregister || change_ == Change::kRegisterTwice) {
-            Demand(steady.calls == 3, "a frame missed a hook");
+            Demand(steady.calls == frames, "a frame missed a hook");
         }
         if (change_ == Change::kRegisterTwice) {
             twin.Stop();
@@ -147,12 +148,13 @@ class HooksLeaveDuringUnload final : public Scenario {
         }
         leaver =
             machine.scheduler().Start({.name = "leaver", .processor = 2}, [&] { leaving.Stop(); });
+        PNET_BUFFER_LIST const sends = traffic.MakeSends(2);
+        const int frames = Traffic::FramesIn(sends);
         const std::uint32_t sender = machine.scheduler().Start(
-            {.name = "sender", .processor = 1},
-            [&, chain = traffic.MakeSends(2)] { stack.protocol().Send(chain); });
+            {.name = "sender", .processor = 1}, [&] { stack.protocol().Send(sends); });
         machine.UnloadDriver("NETSIEVE");
         machine.scheduler().Join(sender);
-        meetings_ += silent.calls == 1 ? 1 : 0;
+        meetings_ += silent.calls != 0 && silent.calls != frames ? 1 : 0;
         Demand(traffic.completed + traffic.refused == 2, "an NBL did not come back");
     }
 };
