@@ -55,7 +55,7 @@ struct FilterModule {
     /// Calls that came through one of the module's data-path handlers and are inside an NDIS call
     /// that it made: when that returns, the driver will touch its module again.
     std::atomic<int> callsBelow = 0;
-    PnpCompletion completion;          ///< of the pause or restart in progress
+    PnpCompletion completion;  ///< of the pause or restart in progress
     /// LookaheadSize as the module left it in its latest restart attributes.
     std::uint32_t lookaheadSize = 0;
 };

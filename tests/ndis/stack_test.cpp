@@ -191,7 +191,11 @@ TEST(StackTest, GoesOnWithoutAModuleThatDoesNotRestart) {
 
 TEST(StackTest, RefusesDriversWithoutNamesOrForALaterVersion) {
     using Handlers = NDIS_FILTER_DRIVER_CHARACTERISTICS;
-    const std::pair<NDIS_STATUS, void (*)(Handlers&)> cases[] = {
+    struct Case {
+        NDIS_STATUS status;
+        void (*change)(Handlers&);
+    };
+    const Case cases[] = {
         {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.FriendlyName.Length = 0; }},
         {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.UniqueName.Length = 0; }},
         {NDIS_STATUS_BAD_CHARACTERISTICS, [](Handlers& h) { h.ServiceName.Length = 0; }},
@@ -200,11 +204,11 @@ TEST(StackTest, RefusesDriversWithoutNamesOrForALaterVersion) {
         {NDIS_STATUS_BAD_VERSION, [](Handlers& h) { h.MinorNdisVersion = 21; }},
         {NDIS_STATUS_SUCCESS, [](Handlers& h) { h.MinorNdisVersion = 20; }},
     };
-    for (const auto& [status, change] : cases) {
+    for (const Case& c : cases) {
         RunClean({.ndisVersion = 0x60014}, [&](Machine& machine) {
             SmallFilter filter;
-            filter.describe = change;
-            EXPECT_EQ(machine.LoadDriver(SmallFilter::Source()), status);
+            filter.describe = c.change;
+            EXPECT_EQ(machine.LoadDriver(SmallFilter::Source()), c.status);
             machine.UnloadDriver("SMALL");
         });
     }
