@@ -8,10 +8,10 @@
 extern "C" {
 
 VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString) {
-    DestinationString->Length = 0;
-    if (SourceString != nullptr) {
-        DestinationString->Length =
-            std::min(SourceString->Length, DestinationString->MaximumLength);
+    DestinationString->Length =
+        SourceString == nullptr ? USHORT{0}
+                                : std::min(SourceString->Length, DestinationString->MaximumLength);
+    if (DestinationString->Length != 0) {
         std::memmove(DestinationString->Buffer, SourceString->Buffer, DestinationString->Length);
     }
 }
