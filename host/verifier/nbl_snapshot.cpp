@@ -68,7 +68,17 @@ struct Field {
     Liberty liberty = Liberty::kNobody;
 };
 
-#define FIELD(type, name) #name, offsetof(type, name), sizeof(type::name)
+/// The size of a field, of a pointer too, where sizeof itself is taken for a slip.
+template <typename Member>
+struct Alone {
+    Member member;
+};
+template <typename Member, typename Owner>
+constexpr std::size_t SizeOf(Member Owner::*) {
+    return sizeof(Alone<Member>);
+}
+
+#define FIELD(type, name) #name, offsetof(type, name), SizeOf(&type::name)
 
 constexpr Field kHeaderFields[] = {
     {FIELD(NET_BUFFER_LIST, ParentNetBufferList), Rule::kNblFlags},
