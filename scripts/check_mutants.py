@@ -7,7 +7,6 @@ is off: a mutant costs a run of the tests and no compiling.
 """
 
 import concurrent.futures
-import pathlib
 import re
 from dataclasses import dataclass
 
@@ -113,11 +112,12 @@ class CheckRunner:
         return None
 
 
-def run(top, work, settings, jobs):
-    """Prints each check and what finds it disabled. True when all are found."""
-    paths = mutator.find_sources(top, settings["folders"])
-    checks, switched = with_switches({path: (pathlib.Path(top) / path).read_text() for path in paths})
-    runner = CheckRunner(work / "tree", work, settings, jobs)
+def run(work, settings, jobs):
+    """Prints each check of the tree in `work` and what finds it disabled. True when all are found."""
+    tree = work / "tree"
+    paths = mutator.find_sources(tree, settings["folders"])
+    checks, switched = with_switches({path: (tree / path).read_text() for path in paths})
+    runner = CheckRunner(tree, work, settings, jobs)
     runner.compile(switched)
     if found := runner.test(0):
         raise MutantError(f"{found} fails with no check disabled")

@@ -428,7 +428,7 @@ def run(options):
     with lock_work():
         snapshot(TOP, WORK / "tree")
         if options.checks:
-            return check_mutants.run(TOP, WORK, settings, options.jobs)
+            return check_mutants.run(WORK, settings, options.jobs)
         runner = Runner(WORK / "tree", settings, options.jobs)
         if options.only:
             return test_named(runner, drawn, options.only)
