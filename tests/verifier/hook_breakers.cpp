@@ -68,7 +68,7 @@ NTSTATUS NTAPI HookEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
 /// One frame past the hook, then `after` in HOOK's name, then the end of everything: of the hook
 /// first, unless `after` has ended something itself.
 using After = std::function<void(Scene&, SmallHook&)>;
-std::function<void(Scene&)> WithHook(SmallHook hook, After after = {}) {
+std::function<void(Scene&)> WithHook(const SmallHook& hook, const After& after = {}) {
     return [hook, after](Scene& scene) {
         SmallHook own = hook;
         g_hook = &own;
