@@ -11,7 +11,7 @@ struct LIFE {
 };
 
 ULONGLONG Pack(LIFE life) {
-    return PackNirpLife(life.State, life.Holds);
+    return __builtin_bit_cast(ULONGLONG, life);
 }
 
 LIFE ReadLife(NIRP* nirp) {
