@@ -104,13 +104,13 @@ nightly: image ## run every schedule search with NIGHTLY_SCHEDULES schedules (10
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SCHEDULES); $(call NIGHTLY_RUN,build/release)
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SEARCH_SCHEDULES); $(call NIGHTLY_RUN,build/search)
 
-mutants: ## put the hand-made faults into the driver, one at a time, and see that the tests find each
-	@scripts/bootstrap.sh build test checks
-	@scripts/mutants.py --jobs $(JOBS)
-
 mutants-checks: ## disable each check of the verifier alone, and see that the tests find it
 	@scripts/bootstrap.sh build test checks
 	@scripts/mutants.py --checks --jobs $(JOBS)
+
+mutants: mutants-checks ## put each hand-made fault into the driver, and see that the tests find it
+	@scripts/bootstrap.sh build test checks
+	@scripts/mutants.py --jobs $(JOBS)
 
 # What was found is kept, and an interrupted run goes on. MUTANTS takes what else the script knows.
 SEED ?= 1

@@ -256,7 +256,8 @@ std::vector<Breaker> LockBreakers() {
              lock.word = 0;
              KeReleaseSpinLock(&lock.word, irql);
          }},
-        {Rule::kLockOverwritten, "cleared, and then acquired by another", &TakeOverwrittenLock},
+        {Rule::kLockOverwritten, "cleared, and then acquired by another", &TakeOverwrittenLock,
+         false, 0, "thread 2 (other) on processor 1 at IRQL 0"},
         {Rule::kLockInFreedMemory, "freed while held, then released",
          [](Scene&) {
              auto* const lock = reinterpret_cast<PKSPIN_LOCK>(Block());

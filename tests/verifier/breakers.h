@@ -55,6 +55,7 @@ struct Breaker {
     /// AddressSanitizer stops the program at the access itself, before any rule could report it.
     bool stopsAddressSanitizer = false;
     std::size_t reports = 0;  ///< how many there are, where several checks find the same
+    const char* says = "";    ///< in one of them, where another check would find it later
 };
 
 /// Something that a filter must not leave changed in an NBL that it passes on or back.

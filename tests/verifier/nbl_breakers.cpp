@@ -267,7 +267,8 @@ std::vector<Breaker> HandOverBreakers() {
         {Rule::kDispatchFlag, "flag set at PASSIVE_LEVEL",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              SendOn(scene, chain, NDIS_SEND_FLAGS_DISPATCH_LEVEL);
-         })},
+         }),
+         false, 0, "send by SMALL on adapter 1 with the flag set"},
         {Rule::kDispatchFlag, "a completion with the flag set at PASSIVE_LEVEL",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisFSendNetBufferListsComplete(scene.filter.handle, chain,
@@ -584,7 +585,8 @@ std::vector<Breaker> ContextAndPoolBreakers() {
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisAllocateNetBufferListContext(chain, 32, 0, SmallFilter::kTag);
              SendOn(scene, chain);
-         })},
+         }),
+         false, 0, "the context on top is not its owner's"},
         {Rule::kContextNotOnTop, "freed with another size",
          OnSend([](Scene& scene, PNET_BUFFER_LIST chain) {
              NdisAllocateNetBufferListContext(chain, 32, 0, SmallFilter::kTag);

@@ -61,6 +61,7 @@ TEST_P(BrokenRule, IsReportedAndNoOther) {
         EXPECT_EQ(machine.verifier().violations().size(), breaker.reports)
             << machine.verifier().Describe();
     }
+    EXPECT_THAT(machine.verifier().Describe(), testing::HasSubstr(breaker.says)) << breaker.how;
 }
 
 INSTANTIATE_TEST_SUITE_P(, BrokenRule, testing::ValuesIn(AllBreakers()), NameOf);
