@@ -31,6 +31,28 @@ TEST(HookRegistryTest, ANameThatContainsARegisteredOneIsThatHook) {
     });
 }
 
+// Its deregistration has 100 milliseconds to go when there is nothing else left to unload. Without
+// the wait the rest of it runs in a driver that is gone.
+TEST(HookRegistryTest, TheUnloadWaitsForAHookThatIsBeingTakenDown) {
+    RunClean({.processors = 2}, [](Machine& machine) {
+        machine.ndis().AddAdapter();
+        ASSERT_EQ(machine.LoadDriver(DriverUnderTest()), STATUS_SUCCESS);
+        Client leaving(u"leaving");
+        Client told(u"told");
+        std::uint32_t leaver = 0;
+        told.unload = [&] {
+            told.Stop();
+            leaver = machine.scheduler().Start({.name = "leaver", .processor = 1},
+                                               [&] { leaving.Stop(); });
+            machine.scheduler().Sleep(10 * kTicksPerMillisecond);
+        };
+        told.Start();
+        leaving.Start();  // behind the other, so that the unload has not come to it yet
+        machine.UnloadDriver("NETSIEVE");
+        machine.scheduler().Join(leaver);
+    });
+}
+
 // Whoever of several clients goes first takes the hook down: its routines may be the leaver's. The
 // handles of the others stay, and do nothing.
 TEST(HookRegistryTest, TheFirstEndOfASharedNameTakesTheHookDown) {
