@@ -261,6 +261,18 @@ class Bench:
             self.objects[unit] = target if done.returncode == 0 else None
         return self.objects[unit] is not None
 
+    def is_refused_by_lock_analysis(self):
+        """Whether a clang build stops at the fault by what it says of locks, which is an error there."""
+        for unit in self.units():
+            command = self._compile_command(unit, self.folder / "unused.o")
+            if "-Wthread-safety" in command:
+                command[command.index("-w")] = "-Wno-everything"
+                command += ["-fsyntax-only", "-Wthread-safety", "-Werror"]
+                if subprocess.run(command, cwd=self.build.folder, stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.DEVNULL).returncode != 0:
+                    return True
+        return False
+
     def _compile_command(self, unit, target):
         """Warnings are off: code that is unused because of the fault is not the fault to find."""
         tree, command, at = str(self.build.tree), [], 0

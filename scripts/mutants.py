@@ -14,13 +14,14 @@ survives fails the run, as does a patch that no longer fits.
 
 Generated faults are drawn by the seed, each line of code as likely as any other. One that does not
 compile, or whose object files are those of the unbroken tree, is not counted and another is drawn.
-One that survives the release build is tried in the search build. What was found is kept in
-build/mutants, and a run that was interrupted goes on where it was; after a change of the tests
---retry runs the survivors again, and --fresh forgets everything. tests/mutants/equivalent.json
-lists those that were judged to change nothing, as objects with the members file, before, after (the
-line without and with the fault, as they are printed), reason, and where that names several, follows
-(the line ahead). The run fails when fewer than --rate percent of the others are found, when a removed
-guard is not, and when an entry of the list names no mutant, several, or one that is found.
+One that survives the release build is tried in the search build, and is found too when the lock
+analysis of clang refuses it there. What was found is kept in build/mutants, and a run that was
+interrupted goes on where it was; after a change of the tests --retry runs the survivors again, and
+--fresh forgets everything. tests/mutants/equivalent.json lists those that were judged to change
+nothing, as objects with the members file, before, after (the line without and with the fault, as
+they are printed), reason, and where that names several, follows (the line ahead). The run fails
+when fewer than --rate percent of the others are found, when a removed guard is not, and when an
+entry of the list names no mutant, several, or one that is found.
 
 Which folders are broken, and which programs test them, is in tests/mutants/sets.json (--set).
 """
@@ -139,8 +140,9 @@ def digest(sources):
 class Runner:
     """Tests faults on several benches at once."""
 
-    def __init__(self, tree, settings, jobs):
+    def __init__(self, tree, settings, jobs, analysis):
         self.tree, self.settings, self.jobs = tree, settings, jobs
+        self.analysis = analysis  # whether a fault that the lock analysis refuses is found
         self.folders = tuple(folder + "/" for folder in settings["folders"])
         self.builds = {}
         self.references = References(WORK / "unbroken")
@@ -191,7 +193,8 @@ class Runner:
         except ValueError:
             return "does not compile", ""
         if found is None:
-            return "survived", ""
+            refused = self.analysis and bench.is_refused_by_lock_analysis()
+            return ("failed", "lock analysis") if refused else ("survived", "")
         known = next((known for known in build.stages if known.program == stage.program and
                       known.schedules == stage.schedules), None)
         with self.lock:
@@ -429,7 +432,7 @@ def run(options):
         snapshot(TOP, WORK / "tree")
         if options.checks:
             return check_mutants.run(WORK, settings, options.jobs)
-        runner = Runner(WORK / "tree", settings, options.jobs)
+        runner = Runner(WORK / "tree", settings, options.jobs, analysis=drawn is not None)
         if options.only:
             return test_named(runner, drawn, options.only)
         if not options.generated:

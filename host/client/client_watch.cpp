@@ -194,24 +194,33 @@ WatchedHook* ClientWatch::HookOf(const HOOK_FILTER* handle) {
     return known == byHandle_.end() ? nullptr : known->second;
 }
 
+template <typename Block, typename Call>
+NTSTATUS ClientWatch::Register(const char* routine,
+                               const Block* registration,
+                               PVOID context,
+                               HOOK_FILTER** hookOut,
+                               Call call) {
+    if (!MayCall(routine, InUnload::kForbidden)) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    if (registration == nullptr || hookOut == nullptr) {
+        return call(nullptr, registration, context);
+    }
+    Block block = *registration;
+    WatchedHook& hook = TakeOver(block, context);
+    return Registered(call(&hook, &block, &hook), hook, hookOut);
+}
+
 NTSTATUS ClientWatch::ITarnHKRegisterFilterEx(const DriverExports& driver,
                                               const HOOK_FILTER_REGISTRATION_EX* registration,
                                               PVOID context,
                                               HOOK_FILTER** hookOut) {
     constexpr const char* kRoutine = "ITarnHKRegisterFilterEx";
-    if (!MayCall(kRoutine, InUnload::kForbidden)) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    const auto function = driver.ITarnHKRegisterFilterEx;
-    if (registration == nullptr || hookOut == nullptr) {
-        return CallDriver(kRoutine, function, nullptr, registration, context, hookOut);
-    }
-    HOOK_FILTER_REGISTRATION_EX block = *registration;
-    WatchedHook& hook = TakeOver(block, context);
-    const NTSTATUS status = CallDriver(kRoutine, function, &hook,
-                                       static_cast<const HOOK_FILTER_REGISTRATION_EX*>(&block),
-                                       static_cast<PVOID>(&hook), hookOut);
-    return Registered(status, hook, hookOut);
+    return Register(kRoutine, registration, context, hookOut,
+                    [&](WatchedHook* hook, const HOOK_FILTER_REGISTRATION_EX* block, PVOID its) {
+                        return CallDriver(kRoutine, driver.ITarnHKRegisterFilterEx, hook, block,
+                                          its, hookOut);
+                    });
 }
 
 NTSTATUS ClientWatch::ITarnHKRegisterFilter(const DriverExports& driver,
@@ -220,20 +229,11 @@ NTSTATUS ClientWatch::ITarnHKRegisterFilter(const DriverExports& driver,
                                             ULONG priorityClass,
                                             HOOK_FILTER** hookOut) {
     constexpr const char* kRoutine = "ITarnHKRegisterFilter";
-    if (!MayCall(kRoutine, InUnload::kForbidden)) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    const auto function = driver.ITarnHKRegisterFilter;
-    if (registration == nullptr || hookOut == nullptr) {
-        return CallDriver(kRoutine, function, nullptr, registration, context, priorityClass,
-                          hookOut);
-    }
-    HOOK_FILTER_REGISTRATION block = *registration;
-    WatchedHook& hook = TakeOver(block, context);
-    const NTSTATUS status =
-        CallDriver(kRoutine, function, &hook, static_cast<const HOOK_FILTER_REGISTRATION*>(&block),
-                   static_cast<PVOID>(&hook), priorityClass, hookOut);
-    return Registered(status, hook, hookOut);
+    return Register(kRoutine, registration, context, hookOut,
+                    [&](WatchedHook* hook, const HOOK_FILTER_REGISTRATION* block, PVOID its) {
+                        return CallDriver(kRoutine, driver.ITarnHKRegisterFilter, hook, block, its,
+                                          priorityClass, hookOut);
+                    });
 }
 
 NTSTATUS ClientWatch::ITarnHKDeregisterFilter(const DriverExports& driver, HOOK_FILTER* handle) {

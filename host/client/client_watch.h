@@ -106,6 +106,13 @@ class ClientWatch {
 
     template <typename Block>
     WatchedHook& TakeOver(Block& block, PVOID context);
+    /// `call` calls the driver for a hook, or for none, with a block and a context.
+    template <typename Block, typename Call>
+    NTSTATUS Register(const char* routine,
+                      const Block* registration,
+                      PVOID context,
+                      HOOK_FILTER** hookOut,
+                      Call call);
     NTSTATUS Registered(NTSTATUS status, WatchedHook& hook, HOOK_FILTER** hookOut);
     WatchedHook* HookOf(const HOOK_FILTER* handle);
     void EndRegistration(WatchedHook& hook);

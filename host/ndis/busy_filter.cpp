@@ -7,6 +7,7 @@
 
 #include "host/machine.h"
 #include "host/ndis/module_pnp.h"
+#include "host/ndis/other_filter.h"
 #include "host/sched/random.h"
 #include "platform/ndis.h"
 
@@ -337,10 +338,9 @@ VOID NTAPI Send(NDIS_HANDLE context, PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER po
     }
 }
 
-VOID NTAPI SendComplete(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags) {
-    const ModuleCall call(context);
-    Module& module = *call;
-    Chain others;
+/// Ends the module's own NBLs of a chain that comes back. Returns how many there were; in `others`
+/// are the rest and the parents of clones, which go back further.
+unsigned EndOwnOf(const Module& module, PNET_BUFFER_LIST chain, Chain& others) {
     unsigned ended = 0;
     ForEach(chain, [&](PNET_BUFFER_LIST nbl) {
         if (IsOwn(module, nbl)) {
@@ -351,8 +351,17 @@ VOID NTAPI SendComplete(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags
             others.Append(nbl);
         }
     });
+    return ended;
+}
+
+template <auto kGoBack>
+VOID NTAPI ComeBack(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags) {
+    const ModuleCall call(context);
+    Module& module = *call;
+    Chain others;
+    unsigned ended = EndOwnOf(module, chain, others);
     if (others.head != nullptr) {
-        NdisFSendNetBufferListsComplete(module.handle, others.head, flags);
+        kGoBack(module.handle, others.head, flags);
     }
     for (; ended != 0; --ended) {
         EndWork(module);
@@ -400,27 +409,6 @@ VOID NTAPI Receive(NDIS_HANDLE context,
     });
     if (passed.head != nullptr) {
         NdisFIndicateReceiveNetBufferLists(module.handle, passed.head, port, passed.count, flags);
-    }
-}
-
-VOID NTAPI Return(NDIS_HANDLE context, PNET_BUFFER_LIST chain, ULONG flags) {
-    const ModuleCall call(context);
-    Module& module = *call;
-    Chain others;
-    unsigned ended = 0;
-    ForEach(chain, [&](PNET_BUFFER_LIST nbl) {
-        if (IsOwn(module, nbl)) {
-            EndOwn(nbl);
-            ++ended;
-        } else {
-            others.Append(nbl);
-        }
-    });
-    if (others.head != nullptr) {
-        NdisFReturnNetBufferLists(module.handle, others.head, flags);
-    }
-    for (; ended != 0; --ended) {
-        EndWork(module);
     }
 }
 
@@ -534,20 +522,16 @@ VOID NTAPI Unload(PDRIVER_OBJECT) {
 template <Driver* kDriver>
 NTSTATUS NTAPI Entry(PDRIVER_OBJECT driverObject, PUNICODE_STRING) {
     driverObject->DriverUnload = &Unload<kDriver>;
-    NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
-    handlers.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(handlers)};
-    handlers.MajorNdisVersion = 6;
-    RtlInitUnicodeString(&handlers.FriendlyName, u"Busy filter");
-    RtlInitUnicodeString(&handlers.UniqueName, u"{2D6F4A10-9C0B-4C0E-8E4F-51B7C9F0A3B5}");
-    RtlInitUnicodeString(&handlers.ServiceName, u"BUSY");
+    NDIS_FILTER_DRIVER_CHARACTERISTICS handlers =
+        DescribeFilter(u"Busy filter", u"{2D6F4A10-9C0B-4C0E-8E4F-51B7C9F0A3B5}", u"BUSY");
     handlers.AttachHandler = &Attach;
     handlers.DetachHandler = &Detach;
     handlers.RestartHandler = &Restart;
     handlers.PauseHandler = &Pause;
     handlers.SendNetBufferListsHandler = &Send;
-    handlers.SendNetBufferListsCompleteHandler = &SendComplete;
+    handlers.SendNetBufferListsCompleteHandler = &ComeBack<&NdisFSendNetBufferListsComplete>;
     handlers.ReceiveNetBufferListsHandler = &Receive;
-    handlers.ReturnNetBufferListsHandler = &Return;
+    handlers.ReturnNetBufferListsHandler = &ComeBack<&NdisFReturnNetBufferLists>;
     return NdisFRegisterFilterDriver(driverObject, kDriver, &handlers, &kDriver->registration);
 }
 

@@ -193,12 +193,8 @@ struct Filter {
 
     static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driverObject, PUNICODE_STRING) {
         driverObject->DriverUnload = &Unload;
-        NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
-        handlers.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(handlers)};
-        handlers.MajorNdisVersion = 6;
-        RtlInitUnicodeString(&handlers.FriendlyName, u"Other filter");
-        RtlInitUnicodeString(&handlers.UniqueName, u"{0B3F8E64-5D17-4C53-9B3C-7A6B2C9F0E11}");
-        RtlInitUnicodeString(&handlers.ServiceName, u"OTHER");
+        NDIS_FILTER_DRIVER_CHARACTERISTICS handlers =
+            DescribeFilter(u"Other filter", u"{0B3F8E64-5D17-4C53-9B3C-7A6B2C9F0E11}", u"OTHER");
         handlers.AttachHandler = &Attach;
         handlers.DetachHandler = &Detach;
         handlers.RestartHandler = &Restart;
@@ -212,6 +208,18 @@ struct Filter {
 };
 
 }  // namespace
+
+NDIS_FILTER_DRIVER_CHARACTERISTICS DescribeFilter(PCWSTR friendlyName,
+                                                  PCWSTR uniqueName,
+                                                  PCWSTR serviceName) {
+    NDIS_FILTER_DRIVER_CHARACTERISTICS description{};
+    description.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(description)};
+    description.MajorNdisVersion = 6;
+    RtlInitUnicodeString(&description.FriendlyName, friendlyName);
+    RtlInitUnicodeString(&description.UniqueName, uniqueName);
+    RtlInitUnicodeString(&description.ServiceName, serviceName);
+    return description;
+}
 
 DriverSource OtherFilter(bool above) {
     return above ? DriverSource{.name = g_above.name,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/loaded_driver.h"
+#include "platform/ndis.h"
 
 namespace netsieve::host {
 
@@ -10,5 +11,11 @@ namespace netsieve::host {
 /// unchanged, and reports a broken rule otherwise. Two may be loaded at once, one of each kind.
 /// `above`: nearer to the protocols than a driver of altitude 0.
 DriverSource OtherFilter(bool above);
+
+/// What a filter driver registers, without its handlers. The names, which end with a NUL, stay the
+/// caller's. IRQL <= DISPATCH_LEVEL.
+NDIS_FILTER_DRIVER_CHARACTERISTICS DescribeFilter(PCWSTR friendlyName,
+                                                  PCWSTR uniqueName,
+                                                  PCWSTR serviceName);
 
 }  // namespace netsieve::host

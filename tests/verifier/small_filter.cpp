@@ -1,5 +1,7 @@
 #include "tests/verifier/small_filter.h"
 
+#include "host/ndis/other_filter.h"
+
 namespace netsieve::host {
 
 namespace {
@@ -100,12 +102,8 @@ SmallFilter::~SmallFilter() {
 NTSTATUS NTAPI SmallFilter::Entry(PDRIVER_OBJECT driverObject, PUNICODE_STRING) {
     driverObject->DriverUnload = &Unload;
     g_filter->object = driverObject;
-    NDIS_FILTER_DRIVER_CHARACTERISTICS handlers{};
-    handlers.Header = {NDIS_OBJECT_TYPE_FILTER_DRIVER_CHARACTERISTICS, 1, sizeof(handlers)};
-    handlers.MajorNdisVersion = 6;
-    RtlInitUnicodeString(&handlers.FriendlyName, u"Small filter");
-    RtlInitUnicodeString(&handlers.UniqueName, u"{5E0B6A57-3C11-4B7A-9F0D-2F6C6B1D7A02}");
-    RtlInitUnicodeString(&handlers.ServiceName, u"SMALL");
+    NDIS_FILTER_DRIVER_CHARACTERISTICS handlers =
+        DescribeFilter(u"Small filter", u"{5E0B6A57-3C11-4B7A-9F0D-2F6C6B1D7A02}", u"SMALL");
     handlers.AttachHandler = &Attach;
     handlers.DetachHandler = &Detach;
     handlers.RestartHandler = &Restart;
