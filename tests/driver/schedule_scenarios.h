@@ -223,7 +223,8 @@ inline void ExpectNothing(const char* name, const ExploreResult& result) {
                result.points / result.schedules);
 }
 
-inline void RunSearch(const Search& search) {
+/// Returns how many schedules were run.
+inline std::uint64_t RunSearch(const Search& search) {
     const std::unique_ptr<Scenario> scenario = search.make();
     const ExploreResult result = SearchSchedules(search, *scenario);
     ExpectNothing(search.name, result);
@@ -232,7 +233,11 @@ inline void RunSearch(const Search& search) {
     if (result.schedules >= 1000) {
         EXPECT_GT(scenario->Meetings(), 0u) << "the search never came where it was to look";
     }
+    return result.schedules;
 }
+
+/// Schedules in which everything that a scenario's seed chooses has happened.
+constexpr std::uint64_t kEnoughForAll = 300;
 
 /// The same scenario on real threads, where ThreadSanitizer sees the driver without the host's
 /// turns.

@@ -119,9 +119,15 @@ class HookedTraffic final : public Scenario {
 };
 
 TEST(HookedTraffic, PassesInEverySchedule) {
+    bool enough = true;
     for (const StrategyKind strategy : {StrategyKind::kPct, StrategyKind::kUniform}) {
-        RunSearch({"hooked traffic", [] { return std::make_unique<HookedTraffic>(); }, strategy,
-                   3'000 / kShare});
+        const std::uint64_t schedules =
+            RunSearch({"hooked traffic", [] { return std::make_unique<HookedTraffic>(); }, strategy,
+                       3'000 / kShare});
+        enough = enough && schedules >= kEnoughForAll;
+    }
+    if (!enough) {
+        return;
     }
     for (const char* const what : {"sends with", "sends without", "indications with",
                                    "indications without", "completions with", "completions without",
