@@ -257,6 +257,11 @@ NDIS_STATUS NTAPI NdisFSetAttributes(NDIS_HANDLE NdisFilterHandle,
         FilterAttributes->Header.Size < sizeof(NDIS_FILTER_ATTRIBUTES)) {
         return NDIS_STATUS_INVALID_PARAMETER;
     }
+    if (FilterAttributes->Flags != 0) {
+        machine.verifier().Report(Rule::kAttachAttributes,
+                                  fmt::format("{}: Flags of its NDIS_FILTER_ATTRIBUTES is {:#x}",
+                                              module->component.name, FilterAttributes->Flags));
+    }
     if (machine.faults().Fails(FaultKind::kFilterAttributes)) {
         return NDIS_STATUS_RESOURCES;
     }

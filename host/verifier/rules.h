@@ -38,7 +38,7 @@ namespace netsieve::host {
     X(PauseTooLong, "pause and restart end within 10 seconds")                             \
     X(PnpCompletion, "a pause or restart is completed once, when it is pending")           \
     X(OriginatedWhilePaused, "a paused filter originates nothing")                         \
-    X(AttachAttributes, "a filter that attaches sets its module's attributes")             \
+    X(AttachAttributes, "a filter that attaches sets its attributes, reserved ones to 0")  \
     X(AttachLeftBehind, "a failed attach leaves nothing behind")                           \
     X(DeregisteredElsewhere, "a filter driver is deregistered from its unload routine")    \
     X(CancelNotForwarded, "a cancel request is passed down")                               \

@@ -508,6 +508,11 @@ std::vector<Breaker> ModuleBreakers() {
              scene.filter.setsAttributes = false;
              scene.Start();
          }},
+        {Rule::kAttachAttributes, "attributes with a reserved flag",
+         [](Scene& scene) {
+             scene.filter.attributeFlags = 0x80;
+             scene.Start();
+         }},
         {Rule::kOriginatedWhilePaused, "sends an NBL of its own when paused",
          [](Scene& scene) {
              StartWithOwn(scene);

@@ -31,6 +31,7 @@ NDIS_STATUS NTAPI Attach(NDIS_HANDLE handle, NDIS_HANDLE, PNDIS_FILTER_ATTACH_PA
     static_cast<SmallModule*>(memory)->handle = handle;
     NDIS_FILTER_ATTRIBUTES attributes{};
     attributes.Header = {NDIS_OBJECT_TYPE_FILTER_ATTRIBUTES, 1, sizeof(attributes)};
+    attributes.Flags = g_filter->attributeFlags;
     const NDIS_STATUS set = NdisFSetAttributes(handle, memory, &attributes);
     if (set != NDIS_STATUS_SUCCESS) {
         NdisFreeMemory(memory, 0, 0);

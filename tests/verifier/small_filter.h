@@ -28,6 +28,7 @@ struct SmallFilter {
     bool deregisters = true;              ///< whether the unload routine deregisters
     std::function<NDIS_STATUS()> attach;  ///< first in attach; a failure is its result
     bool setsAttributes = true;           ///< whether attach sets the module's attributes
+    ULONG attributeFlags = 0;             ///< in what it sets
     std::function<NDIS_STATUS()> pause;
     std::function<NDIS_STATUS()> restart;
     std::function<void(PNET_BUFFER_LIST, NDIS_PORT_NUMBER, ULONG flags)> send;
