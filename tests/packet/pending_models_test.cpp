@@ -22,12 +22,22 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     const ULONG records = FreeRecordsOf(module);
     NblFactory sends(machine, model.stack.protocol().pool());
     NblFactory receives(machine, model.stack.adapter().pool());
+    constexpr std::uint8_t kTaken = 1;
     int arrived = 0;
+    int marks = 0, completions = 0;  // that succeeded, that have begun
+    int completedAtArrival = -1;     // of the frame that is taken over
+    const auto arrive = [&](PNET_BUFFER_LIST chain) {
+        if (chain->FirstNetBuffer != nullptr) {
+            ++arrived;
+            const bool isTaken = NblFactory::BytesOf(*chain->FirstNetBuffer)[6] == kTaken;
+            completedAtArrival = isTaken ? completions : completedAtArrival;
+        }
+    };
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
-        arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
+        arrive(chain);
     };
     model.stack.protocol().onReceive = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG, ULONG) {
-        arrived += chain->FirstNetBuffer != nullptr ? 1 : 0;
+        arrive(chain);
     };
     // Held, the NBL comes back when the model says; deferred, from a DPC or a worker that is
     // ready to run when the moment begins, and so do clones.
@@ -42,17 +52,22 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
         taken = nirp;
         const bool isMarked = ITarnHKMarkPending(nirp) == STATUS_SUCCESS;
         marked += isMarked ? 1 : 0;
+        marks += isMarked ? 1 : 0;
         return isMarked;
+    };
+    const auto completeNow = [&] {
+        ++completions;
+        ITarnHKCompleteRequest(taken, 0);
     };
     bool paused = false;  // before a completion began
     const auto complete = [&](unsigned processor) {
         --marked;
         model.Start(ContextKind::kThread, processor, [&] {
             paused = paused || module->State == FILTER_STATE_PAUSED;
-            ITarnHKCompleteRequest(taken, 0);
+            completeNow();
         });
     };
-    const auto takesOver = [](NIRP* nirp) { return ITarnHKGetBuffer(nirp)[6] == 1; };
+    const auto takesOver = [](NIRP* nirp) { return ITarnHKGetBuffer(nirp)[6] == kTaken; };
     {
         TestHook first([&](NIRP* nirp) -> LONG {
             if (!takesOver(nirp)) {
@@ -78,7 +93,7 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
                 },
                 u"second");
         }
-        const Frame frames[] = {MakeFrame(1), MakeFrame(2)};
+        const Frame frames[] = {MakeFrame(kTaken), MakeFrame(2)};
         const std::span<const std::uint8_t> spans[] = {frames[0], frames[1]};
         PNET_BUFFER_LIST const nbl = request.receive ? receives.Make(spans) : sends.Make(spans);
         const auto pass = [&] {
@@ -109,7 +124,7 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
             }
         });
         for (; marked > 0; --marked) {
-            ITarnHKCompleteRequest(taken, 0);
+            completeNow();
         }
         queue.SetMode(ReleaseMode::kInline);
         queue.ReleaseAll();
@@ -122,6 +137,10 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     // The frame that nobody takes over, and the other one unless a pause drops it.
     if (arrived > (paused ? 1 : 2) || (arrived < 2 && !request.pause)) {
         model.wrong += fmt::format("{} of 2 frames arrived", arrived);
+    }
+    if (completedAtArrival >= 0 && completedAtArrival != marks) {
+        model.wrong +=
+            fmt::format("the frame left after {} of {} completions", completedAtArrival, marks);
     }
     return model.wrong;
 }
