@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -35,10 +36,17 @@ OneRun RunOnce(const MachineOptions& options,
     return run;
 }
 
-// PCT draws its change points over the length of a run, which a first run tells.
-std::uint64_t MeasurePoints(MachineOptions options, const std::function<void(Machine&)>& body) {
-    options.strategy = StrategyKind::kUniform;
-    return RunOnce(options, body, {}).result.points;
+// How many choices a run has depends on its schedule, so several are asked. The most count: a late
+// change point that falls behind the end of a short run costs less than an end that none reaches.
+std::uint64_t MeasureChoices(MachineOptions options, const std::function<void(Machine&)>& body) {
+    constexpr std::uint64_t kRuns = 8;
+    options.strategy = StrategyKind::kPct;
+    options.pctDepth = 1;
+    std::uint64_t most = 0;
+    for (std::uint64_t run = 0; run < kRuns; ++run, ++options.seed) {
+        most = std::max(most, RunOnce(options, body, {}).result.choices);
+    }
+    return most;
 }
 
 std::string ReplayOf(std::uint64_t seed, const std::string& name) {
@@ -99,7 +107,7 @@ ExploreResult Explore(const ExploreOptions& options,
     machine.seed = options.firstSeed;
     machine.pctDepth =
         static_cast<unsigned>(NumberFromEnvironment("NETSIEVE_PCT_DEPTH", machine.pctDepth));
-    machine.expectedPoints = MeasurePoints(machine, body);
+    machine.expectedChoices = MeasureChoices(machine, body);
     machine.strategy = options.strategy;
     std::uint64_t count = NumberFromEnvironment("NETSIEVE_SCHEDULES", options.schedules);
     if (const std::uint64_t seed = NumberFromEnvironment("NETSIEVE_SEED", 0); seed != 0) {

@@ -15,7 +15,7 @@ namespace netsieve::host {
 /// runs the one schedule of that seed.
 struct ExploreOptions {
     std::string name;          ///< of the scenario, for the replay line
-    MachineOptions machine{};  ///< seed, strategy and expected points are set by the search
+    MachineOptions machine{};  ///< seed, strategy and expected choices are set by the search
     StrategyKind strategy = StrategyKind::kPct;
     std::uint64_t schedules = 1000;
     std::uint64_t firstSeed = 1;

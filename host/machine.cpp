@@ -52,7 +52,7 @@ std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
         simulated.strategy = std::make_unique<TreeStrategy>(*options.tree);
     } else if (options.strategy == StrategyKind::kPct) {
         simulated.strategy =
-            std::make_unique<PctStrategy>(options.seed, options.pctDepth, options.expectedPoints);
+            std::make_unique<PctStrategy>(options.seed, options.pctDepth, options.expectedChoices);
     } else {
         simulated.strategy = std::make_unique<UniformStrategy>(options.seed);
     }

@@ -40,7 +40,7 @@ struct MachineOptions {
     ScheduleTree* tree = nullptr;  ///< chooses instead of a strategy; lives longer
     std::uint64_t seed = 1;
     unsigned pctDepth = 2;
-    std::uint64_t expectedPoints = 1000;  ///< length of a run, for PCT's change points
+    std::uint64_t expectedChoices = 300;  ///< in a run, for PCT's change points
     ClockMode clock = ClockMode::kIdle;
     unsigned processors = 2;  ///< 1 to 4 are tried
     bool verify = true;

@@ -69,9 +69,7 @@ class TreeStrategy final : public Strategy {
   public:
     explicit TreeStrategy(ScheduleTree& tree) : tree_(tree) {}
     void OnStart(std::uint32_t) override {}
-    std::size_t Pick(std::span<const std::uint32_t> enabled,
-                     std::size_t current,
-                     std::uint64_t) override {
+    std::size_t Pick(std::span<const std::uint32_t> enabled, std::size_t current) override {
         return tree_.Pick(enabled, current);
     }
 

@@ -87,6 +87,7 @@ struct StartOptions {
 struct RunResult {
     std::uint64_t points = 0;     ///< scheduling points passed (simulated)
     std::uint64_t traceHash = 0;  ///< of every choice and point kind (simulated)
+    std::uint64_t choices = 0;    ///< as Strategy::choices
     bool completed = true;        ///< false when the run was abandoned (deadlock, hang)
     std::string abandonReason;    ///< why, with who holds and awaits what
 };

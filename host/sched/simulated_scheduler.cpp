@@ -32,6 +32,7 @@ RunResult SimulatedScheduler::Run(const std::function<void()>& body) {
     calls_.clear();
     callDue_.clear();
     return {.points = points_,
+            .choices = strategy_->choices(),
             .traceHash = traceHash_,
             .completed = abandonReason_.empty(),
             .abandonReason = abandonReason_};
@@ -130,8 +131,7 @@ void SimulatedScheduler::Reschedule(PointKind kind) {
             AdvanceClock();
             continue;
         }
-        const std::size_t pick =
-            enabled_.size() == 1 ? 0 : strategy_->Pick(choices_, current, points_);
+        const std::size_t pick = enabled_.size() == 1 ? 0 : strategy_->Pick(choices_, current);
         Fold(static_cast<std::uint64_t>(choices_[pick]) << 8 | static_cast<std::uint64_t>(kind));
         if (enabled_[pick] == nullptr) {
             AdvanceClock();

@@ -4,16 +4,18 @@
 
 namespace netsieve::host {
 
-std::size_t UniformStrategy::Pick(std::span<const std::uint32_t> enabled,
-                                  std::size_t,
-                                  std::uint64_t) {
+namespace {
+constexpr unsigned kMostClockTurns = 8;
+}
+
+std::size_t UniformStrategy::Pick(std::span<const std::uint32_t> enabled, std::size_t) {
     return random_.Below(enabled.size());
 }
 
-PctStrategy::PctStrategy(std::uint64_t seed, unsigned depth, std::uint64_t points)
+PctStrategy::PctStrategy(std::uint64_t seed, unsigned depth, std::uint64_t choices)
     : random_(seed), depth_(depth) {
     for (unsigned i = 1; i < depth; ++i) {
-        changePoints_.push_back(random_.Below(std::max<std::uint64_t>(points, 1)));
+        changePoints_.push_back(random_.Below(std::max<std::uint64_t>(choices, 1)));
     }
     std::sort(changePoints_.begin(), changePoints_.end());
 }
@@ -31,14 +33,23 @@ std::uint64_t PctStrategy::DrawPriority(std::uint32_t id) {
     return (1ull << 63) | (random_.Next() >> 21 << 20) | id;
 }
 
-std::size_t PctStrategy::Pick(std::span<const std::uint32_t> enabled,
-                              std::size_t current,
-                              std::uint64_t step) {
-    while (nextChange_ < changePoints_.size() && step >= changePoints_[nextChange_]) {
+bool PctStrategy::IsChoice(std::span<const std::uint32_t> enabled, std::size_t current) const {
+    const bool idleClock = enabled[0] == kClock && clockTurns_ >= kMostClockTurns;
+    return current != kNone && enabled.size() > (idleClock ? 2u : 1u);
+}
+
+// Two change points at one choice drop its context once: the second takes effect at the next.
+void PctStrategy::DropAtChangePoint(std::uint32_t running) {
+    if (nextChange_ < changePoints_.size() && choices_ >= changePoints_[nextChange_]) {
         ++nextChange_;
-        if (current != kNone) {
-            priorities_[enabled[current]] = depth_ - nextChange_;
-        }
+        priorities_[running] = depth_ - nextChange_;
+    }
+    ++choices_;
+}
+
+std::size_t PctStrategy::Pick(std::span<const std::uint32_t> enabled, std::size_t current) {
+    if (IsChoice(enabled, current)) {
+        DropAtChangePoint(enabled[current]);
     }
     std::size_t best = 0;
     for (std::size_t i = 1; i < enabled.size(); ++i) {
@@ -50,10 +61,9 @@ std::size_t PctStrategy::Pick(std::span<const std::uint32_t> enabled,
         // A clock that stayed above someone would let timeouts pass for ever while he never runs:
         // each turn that it took from others leaves it less likely to take another, and none in
         // the end.
-        constexpr unsigned kMostTurns = 8;
         ++clockTurns_;
         priorities_[kClock] =
-            clockTurns_ < kMostTurns ? (1ull << 63) | (random_.Next() >> (1 + clockTurns_)) : 0;
+            clockTurns_ < kMostClockTurns ? (1ull << 63) | (random_.Next() >> (1 + clockTurns_)) : 0;
     }
     return best;
 }

@@ -55,7 +55,7 @@ TEST(DeterminismTest, OneSeedIsOneRun) {
         std::uint64_t previous = 0;
         for (std::uint64_t seed = 1; seed <= 25; ++seed) {
             const MachineOptions options{
-                .strategy = strategy, .seed = seed * 977, .expectedPoints = 800, .processors = 4};
+                .strategy = strategy, .seed = seed * 977, .expectedChoices = 400, .processors = 4};
             RunResult runs[2];
             for (RunResult& run : runs) {
                 Machine machine(options);

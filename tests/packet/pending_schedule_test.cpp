@@ -14,7 +14,7 @@ void RefuseACall(Machine& machine) {
 /// Lets the others come a part of their way that each seed sets anew. A pause begun at once would
 /// be over before a frame is offered in nearly every schedule of random turns.
 void LetOthersGoAhead(Machine& machine) {
-    const std::uint64_t most = machine.options().expectedPoints / 6 | 1;
+    const std::uint64_t most = machine.options().expectedChoices / 4 | 1;
     for (std::uint64_t turns = machine.options().seed % most; turns > 0; --turns) {
         machine.scheduler().Point(PointKind::kMemory);
     }
