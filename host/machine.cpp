@@ -26,6 +26,9 @@ bool g_verifyMode = true;
 
 namespace {
 
+// The strategy draws from the seed itself; the two must not follow each other.
+constexpr std::uint64_t kPlacementSalt = 0x706C616365ull;
+
 void NTAPI AtomicPointHook(const volatile void*) {
     if (t_context != nullptr) {
         Machine::Current().scheduler().Point(PointKind::kAtomic);
@@ -61,7 +64,8 @@ std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
 
 }  // namespace
 
-Machine::Machine(MachineOptions options) : options_(options), verifier_(options.verify) {
+Machine::Machine(MachineOptions options)
+    : options_(options), verifier_(options.verify), placement_(options.seed ^ kPlacementSalt) {
     current_ = this;
     const bool simulated = options.scheduler == SchedulerKind::kSimulated;
     HostMutex::SetThreaded(!simulated);
@@ -280,6 +284,13 @@ void Machine::EnterCallChecked(const char* routine) {
                                      static_cast<LoadedDriver*>(frame->driver)->name()));
     }
     scheduler_->Point(PointKind::kCall);
+}
+
+unsigned Machine::AnyProcessor() {
+    if (!scheduler_->simulated() || options_.tree != nullptr) {
+        return CurrentContext().processor;
+    }
+    return static_cast<unsigned>(placement_.Below(scheduler_->processors()));
 }
 
 void Machine::WriteDebug(std::string text) {

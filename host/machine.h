@@ -19,6 +19,7 @@
 #include "host/kernel/registry.h"
 #include "host/kernel/timers.h"
 #include "host/loaded_driver.h"
+#include "host/sched/random.h"
 #include "host/sched/schedule_tree.h"
 #include "host/sched/scheduler.h"
 #include "host/sched/simulated_scheduler.h"
@@ -117,6 +118,20 @@ class Machine {
         }
     }
 
+    /// At the end of a platform call that may have woken or released someone: a scheduling point, so
+    /// that what the caller touches next may be gone by then. Nothing of the call's may be touched
+    /// behind it.
+    void LeaveCall() {
+        if (!g_plainMode) {
+            scheduler_->Point(PointKind::kReleased);
+        }
+    }
+
+    /// The processor that a DPC, worker or thread of the machine's own is put on. Nobody outside of
+    /// the kernel decides that, so that in a simulated machine the seed does; where every schedule
+    /// is run, it is the caller's.
+    unsigned AnyProcessor();
+
     /// What drivers printed with DbgPrint, in order.
     const std::vector<std::string>& debugOutput() const { return debugOutput_; }
     void WriteDebug(std::string text);
@@ -136,6 +151,7 @@ class Machine {
     MachineOptions options_;
     Verifier verifier_;
     Faults faults_;
+    Random placement_;
     std::unique_ptr<Scheduler> scheduler_;
     std::unique_ptr<LockTracker> locks_;
     std::unique_ptr<MemoryPool> pool_;

@@ -161,7 +161,7 @@ void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID conte
     }
     machine_.scheduler().Start({.name = "work item",
                                 .kind = ContextKind::kWorker,
-                                .processor = CurrentContext().processor},
+                                .processor = machine_.AnyProcessor()},
                                [this, item, routine, context] { Run(item, routine, context); });
 }
 

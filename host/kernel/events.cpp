@@ -150,7 +150,9 @@ __attribute__((noinline)) LONG NTAPI SetSlowly(PKEVENT event, bool wait) {
             Rule::kEventWaitLevel,
             fmt::format("KeSetEvent with Wait TRUE at IRQL {}", CurrentContext().irql));
     }
-    return Machine::Current().events().Set(event);
+    const LONG before = Machine::Current().events().Set(event);
+    Machine::Current().LeaveCall();
+    return before;
 }
 
 __attribute__((noinline)) void NTAPI ReleaseSlowly(PKEVENT event) {
@@ -207,6 +209,7 @@ VOID NTAPI NdisInitializeEvent(PNDIS_EVENT Event) {
 VOID NTAPI NdisSetEvent(PNDIS_EVENT Event) {
     Machine::Current().EnterCall("NdisSetEvent");
     Machine::Current().events().Set(&Event->Event);
+    Machine::Current().LeaveCall();
 }
 
 VOID NTAPI NdisResetEvent(PNDIS_EVENT Event) {

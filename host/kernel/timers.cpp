@@ -55,8 +55,8 @@ void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
                 .driver = LoadedDriver::Calling(context),
                 .module = CallingModule()};
     const Ticks due = scheduler_.Now() + milliseconds * kTicksPerMillisecond;
-    armed.call =
-        scheduler_.CallAt(due, context.processor, [this, timer, armed] { Fire(timer, armed); });
+    armed.call = scheduler_.CallAt(due, Machine::Current().AnyProcessor(),
+                                   [this, timer, armed] { Fire(timer, armed); });
     armed_[reinterpret_cast<std::uintptr_t>(timer)] = armed;
     underWay_[armed.generation] = due;
     ++started_[armed.driver];
@@ -172,6 +172,7 @@ VOID NTAPI NdisSetTimer(PNDIS_TIMER Timer, UINT MillisecondsToDelay) {
     if (timers.IsInitialised(Timer, "NdisSetTimer")) {
         timers.Set(Timer, MillisecondsToDelay);
     }
+    Machine::Current().LeaveCall();
 }
 
 VOID NTAPI KeFlushQueuedDpcs(VOID) {
@@ -192,6 +193,7 @@ VOID NTAPI NdisCancelTimer(PNDIS_TIMER Timer, PBOOLEAN TimerCancelled) {
     Timers& timers = Machine::Current().timers();
     const bool cancelled = timers.IsInitialised(Timer, "NdisCancelTimer") && timers.Cancel(Timer);
     *TimerCancelled = cancelled ? TRUE : FALSE;
+    Machine::Current().LeaveCall();
 }
 
 }  // extern "C"

@@ -420,6 +420,7 @@ class ModuleCall {
         if (counted_) {
             --module_->callsBelow;
         }
+        Machine::Current().LeaveCall();
     }
     ModuleCall(const ModuleCall&) = delete;
     ModuleCall& operator=(const ModuleCall&) = delete;

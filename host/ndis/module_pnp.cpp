@@ -179,6 +179,7 @@ void CompleteChange(NDIS_HANDLE handle, NDIS_STATUS status, const char* routine)
                                               module == nullptr ? "a handle that is no module's"
                                                                 : module->component.name));
     }
+    machine.LeaveCall();
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ NDIS_STATUS Ndis::RegisterFilter(PDRIVER_OBJECT driverObject,
         AttachToAll(registration);
     } else {
         registration.pnpThread = machine_.scheduler().Start(
-            {.name = "attach"}, [this, &registration] { AttachToAll(registration); });
+            {.name = "attach", .processor = machine_.AnyProcessor()}, [this, &registration] { AttachToAll(registration); });
     }
     return NDIS_STATUS_SUCCESS;
 }

@@ -35,7 +35,8 @@ enum class PointKind : std::uint8_t {
     kStart,
     kWait,
     kEnd,
-    kClock
+    kClock,
+    kReleased
 };
 
 /// Guards host data that several OS threads share. Costs nothing in a simulated machine, whose
@@ -86,8 +87,8 @@ struct StartOptions {
 /// How a run of the whole machine ended.
 struct RunResult {
     std::uint64_t points = 0;     ///< scheduling points passed (simulated)
-    std::uint64_t traceHash = 0;  ///< of every choice and point kind (simulated)
     std::uint64_t choices = 0;    ///< as Strategy::choices
+    std::uint64_t traceHash = 0;  ///< of every choice and point kind (simulated)
     bool completed = true;        ///< false when the run was abandoned (deadlock, hang)
     std::string abandonReason;    ///< why, with who holds and awaits what
 };

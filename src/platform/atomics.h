@@ -1,7 +1,8 @@
 // Interlocked operations and the accessors for fields that are read without their lock.
 //
-// In the native build each of them first calls PlatformAtomicHook when the host has set it: the
-// simulated scheduler may switch to another processor there, just before the operation.
+// In the native build each of them calls PlatformAtomicHook when the host has set it, before the
+// operation and, where that may let someone else go on, behind it too: the simulated scheduler may
+// switch to another processor there.
 #pragma once
 
 #include "platform/types.h"
@@ -28,14 +29,18 @@ inline Integer InterlockedIncrement(volatile Integer* target) {
 template <typename Integer>
 inline Integer InterlockedDecrement(volatile Integer* target) {
     AtomicPoint(target);
-    return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
+    const Integer left = __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
+    AtomicPoint(target);
+    return left;
 }
 
 // Adds `value` and returns the new value; a full barrier.
 template <typename Integer>
 inline Integer InterlockedAdd(volatile Integer* target, Integer value) {
     AtomicPoint(target);
-    return __atomic_add_fetch(target, value, __ATOMIC_SEQ_CST);
+    const Integer sum = __atomic_add_fetch(target, value, __ATOMIC_SEQ_CST);
+    AtomicPoint(target);
+    return sum;
 }
 
 // Stores `value` if `target` holds `expected`; returns what it held. A full barrier.
@@ -46,6 +51,7 @@ inline Integer InterlockedCompareExchange(volatile Integer* target,
     AtomicPoint(target);
     __atomic_compare_exchange_n(target, &expected, value, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
+    AtomicPoint(target);
     return expected;
 }
 
@@ -61,4 +67,5 @@ template <typename Value>
 inline void WriteRelease(volatile Value* target, Value value) {
     AtomicPoint(target);
     __atomic_store_n(target, value, __ATOMIC_RELEASE);
+    AtomicPoint(target);
 }

@@ -176,22 +176,23 @@ TEST_F(DriverObjects, ADescriptorIsMappedWhenSomeoneAsks) {
 
 int g_atomicPoints = 0;
 
-// Without its point an operation would hide every race that it is part of from the searches.
+// Without its point an operation would hide every race that it is part of from the searches. What
+// may let another go on has one behind it too.
 TEST(Atomics, EachOperationIsASchedulingPoint) {
     PlatformAtomicHook = [](const volatile void*) NTAPI { ++g_atomicPoints; };
     ULONG word = 5;
-    int points = 0;
-    const auto expect = [&](ULONG result, ULONG expected) {
+    int seen = 0;
+    const auto expect = [&](ULONG result, ULONG expected, int points) {
         EXPECT_EQ(result, expected);
-        EXPECT_EQ(g_atomicPoints, ++points);
+        EXPECT_EQ(g_atomicPoints, seen += points);
     };
-    expect(InterlockedIncrement(&word), 6);
-    expect(InterlockedDecrement(&word), 5);
-    expect(InterlockedAdd(&word, 3U), 8);
-    expect(InterlockedCompareExchange(&word, 9U, 8U), 8);
-    expect(ReadAcquire(&word), 9);
+    expect(InterlockedIncrement(&word), 6, 1);
+    expect(InterlockedDecrement(&word), 5, 2);
+    expect(InterlockedAdd(&word, 3U), 8, 2);
+    expect(InterlockedCompareExchange(&word, 9U, 8U), 8, 2);
+    expect(ReadAcquire(&word), 9, 1);
     WriteRelease(&word, 1U);
-    expect(word, 1);
+    expect(word, 1, 2);
     PlatformAtomicHook = nullptr;
 }
 

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <set>
 
+#include "platform/atomics.h"
+
 namespace netsieve::host {
 namespace {
 
@@ -78,6 +80,77 @@ TEST_F(Explored, ABrokenRuleAndARunThatDoesNotEndAreFindings) {
                     KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
                 }),
                 testing::HasSubstr("Deadlock"));
+}
+
+constexpr ULONG kSharedTag = 0x72616853;  // "Shar"
+
+struct Shared {
+    KEVENT event;
+    NDIS_TIMER timer;
+    LONG users;
+    LONG touched;
+};
+
+VOID NTAPI FreeFromTimer(PVOID, PVOID shared, PVOID, PVOID) {
+    ExFreePoolWithTag(shared, kSharedTag);
+}
+
+// A block that another context frees as soon as it is let go on, and that is touched behind that.
+TEST_F(Explored, WhatIsTouchedBehindASignalIsFoundFreed) {
+    using Act = void (*)(Shared*);
+    const auto wait = [](Shared* shared) {
+        KeWaitForSingleObject(&shared->event, Executive, KernelMode, FALSE, nullptr);
+        ExFreePoolWithTag(shared, kSharedTag);
+    };
+    const Act drop = [](Shared* shared) {
+        if (InterlockedDecrement(&shared->users) == 0) {
+            ExFreePoolWithTag(shared, kSharedTag);
+        }
+    };
+    const struct {
+        const char* name;
+        Act other;
+        Act signal;
+    } kCases[] = {
+        {"event", wait, [](Shared* shared) { KeSetEvent(&shared->event, 0, FALSE); }},
+        {"count", drop, [](Shared* shared) { InterlockedDecrement(&shared->users); }},
+        {"timer", [](Shared*) {},
+         [](Shared* shared) {
+             NdisInitializeTimer(&shared->timer, &FreeFromTimer, shared);
+             NdisSetTimer(&shared->timer, 0);
+         }},
+    };
+    for (const auto& act : kCases) {
+        const ExploreResult result = Explore(
+            {.name = act.name, .machine = {.clock = ClockMode::kEager}}, [&](Machine& machine) {
+                auto* const shared = static_cast<Shared*>(
+                    ExAllocatePoolWithTag(NonPagedPool, sizeof(Shared), kSharedTag));
+                KeInitializeEvent(&shared->event, SynchronizationEvent, FALSE);
+                shared->users = 2;
+                machine.scheduler().Start({.name = "other", .processor = 1},
+                                          [&, shared] { act.other(shared); });
+                act.signal(shared);
+                shared->touched = 1;
+                machine.scheduler().WaitUntilIdle();
+            });
+        ASSERT_TRUE(result.finding) << act.name;
+        EXPECT_THAT(result.finding->what, testing::HasSubstr("PoolUseAfterFree")) << act.name;
+    }
+}
+
+TEST_F(Explored, TheSeedPutsRoutinesOnAnyProcessorAndATreeOnTheCallers) {
+    std::set<unsigned> drawn;
+    for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+        Machine machine({.seed = seed, .processors = 4});
+        machine.Run([&] { drawn.insert(machine.AnyProcessor()); });
+    }
+    EXPECT_EQ(drawn.size(), 4u);
+    ScheduleTree tree(0);
+    Machine machine({.tree = &tree, .processors = 4});
+    machine.Run([&] {
+        machine.scheduler().Start({.name = "caller", .processor = 3},
+                                  [&] { EXPECT_EQ(machine.AnyProcessor(), 3u); });
+    });
 }
 
 // Two threads of n steps: an order of the steps in i and j blocks has (i - 1) + (j - 1)
