@@ -24,8 +24,10 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
                 const Frame frame = FromAdapter(1, 200);
                 AtIrql(machine, irql, [&] {
                     Inject(frame);
-                    // It has gone within the call, or is left to a worker.
-                    EXPECT_EQ(first.wire.size(), irql == PASSIVE_LEVEL ? 1u : 0u);
+                    // Else it is left to a worker, which may be as quick on another processor.
+                    if (irql == PASSIVE_LEVEL) {
+                        EXPECT_EQ(first.wire.size(), 1u);
+                    }
                 });
                 EXPECT_TRUE(
                     Await(machine, [&] { return first.wire.size() + second.wire.size() == 2; }));
