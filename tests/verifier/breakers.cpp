@@ -93,17 +93,18 @@ void FreeBlockWithTimer(Scene& scene) {
     scene.machine.scheduler().Sleep(10 * kTicksPerMillisecond);
 }
 
-// The timer fires while this processor is kept, so that its routine is queued and has not begun.
+// The timer fires while both processors are kept, so that its routine is queued and has not begun.
 void FreeBlockWithQueuedTimer(Scene& scene) {
     auto* const timer = reinterpret_cast<PNDIS_TIMER>(Block(sizeof(NDIS_TIMER)));
     NdisInitializeTimer(timer, &NoTimerRoutine, nullptr);
     NdisSetTimer(timer, 1);
     Scheduler& scheduler = scene.machine.scheduler();
-    const std::uint32_t other = scheduler.Start({.name = "other", .processor = 1}, [&] {
-        scheduler.Sleep(2 * kTicksPerMillisecond);
-        Free(timer);
-        scheduler.Sleep(kTicksPerMillisecond);
-    });
+    const std::uint32_t other =
+        scheduler.Start({.name = "other", .kind = ContextKind::kDpc, .processor = 1}, [&] {
+            scheduler.Sleep(2 * kTicksPerMillisecond);
+            Free(timer);
+            scheduler.Sleep(kTicksPerMillisecond);
+        });
     AtDispatch([&] { scheduler.Sleep(5 * kTicksPerMillisecond); });
     scheduler.Join(other);
 }
