@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "host/image/kernel_image.h"
+#include "host/image/parked_images.h"
 #include "host/image/platform_imports.h"
 #include "host/machine.h"
 
@@ -22,7 +23,11 @@ LoadedDriver::LoadedDriver(DriverSource source) : source_(std::move(source)) {
     object_.DriverName = {.Length = bytes, .MaximumLength = bytes, .Buffer = objectName_.data()};
 }
 
-LoadedDriver::~LoadedDriver() = default;
+LoadedDriver::~LoadedDriver() {
+    if (image_ != nullptr) {
+        ParkImage(std::move(image_));
+    }
+}
 
 bool LoadedDriver::Prepare(std::string& error) {
     entry_ = source_.entry;
@@ -32,12 +37,12 @@ bool LoadedDriver::Prepare(std::string& error) {
         if (source_.imports != nullptr) {
             imports.Add(*source_.imports);
         }
-        ImageResult<KernelImage> loaded = KernelImage::Load(source_.image, imports);
+        ImageResult<std::unique_ptr<KernelImage>> loaded = LoadImage(source_.image, imports);
         if (!loaded) {
             error = loaded.fault().message;
             return false;
         }
-        image_ = std::make_unique<KernelImage>(std::move(loaded.value()));
+        image_ = std::move(loaded.value());
         entry_ = reinterpret_cast<PDRIVER_INITIALIZE>(image_->EntryPoint());
         object_.DriverStart = const_cast<void*>(static_cast<const void*>(image_->memory().data()));
         object_.DriverSize = static_cast<ULONG>(image_->memory().size());

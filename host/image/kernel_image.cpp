@@ -111,9 +111,10 @@ ImageResult<KernelImage> KernelImage::Load(std::span<const std::uint8_t> file,
         CheckLoadable(parsed.value());
         std::vector<void*> imports = ResolveImports(parsed.value(), resolver);
         std::uint8_t* base = Reserve(parsed.value());
-        KernelImage image(std::move(parsed.value()), base);
-        image.Relocate();
-        image.Bind(imports);
+        KernelImage image(file, std::move(parsed.value()), base);
+        image.imports_ = std::move(imports);
+        image.Relocate(Pages::kAll);
+        image.Bind(Pages::kAll);
         image.Protect();
         return image;
     } catch (ImageFault& fault) {
@@ -174,14 +175,38 @@ std::uint8_t* KernelImage::Reserve(const PeFile& file) {
     return static_cast<std::uint8_t*>(base);
 }
 
-KernelImage::KernelImage(PeFile file, std::uint8_t* base)
-    : file_(std::move(file)), base_(base), size_(file_.header().imageSize) {
+KernelImage::KernelImage(std::span<const std::uint8_t> bytes, PeFile file, std::uint8_t* base)
+    : bytes_(bytes.begin(), bytes.end()),
+      file_(std::move(file)),
+      base_(base),
+      size_(file_.header().imageSize) {
     std::memcpy(base_, file_.layout().data(), size_);
 }
 
-void KernelImage::Relocate() {
+bool KernelImage::Renew(const ImportResolver& resolver) {
+    for (std::size_t index = 0; index < imports_.size(); ++index) {
+        const PeImport& import = file_.imports()[index];
+        if (resolver.Resolve(import.dll, import.name) != imports_[index]) {
+            return false;
+        }
+    }
+    for (const PeSection& section : file_.sections()) {
+        if (section.writable) {
+            std::memcpy(base_ + section.address, file_.layout().data() + section.address,
+                        section.size);
+        }
+    }
+    Relocate(Pages::kWritable);
+    Bind(Pages::kWritable);
+    return true;
+}
+
+void KernelImage::Relocate(Pages pages) {
     std::uint64_t distance = reinterpret_cast<std::uint64_t>(base_) - file_.header().imageBase;
     for (std::uint32_t address : file_.relocations()) {
+        if (pages == Pages::kWritable && !file_.SectionAt(address)->writable) {
+            continue;
+        }
         std::uint64_t pointer;
         std::memcpy(&pointer, base_ + address, sizeof(pointer));
         pointer += distance;
@@ -189,9 +214,12 @@ void KernelImage::Relocate() {
     }
 }
 
-void KernelImage::Bind(const std::vector<void*>& addresses) {
-    for (std::size_t index = 0; index < addresses.size(); ++index) {
-        std::memcpy(base_ + file_.imports()[index].slot, &addresses[index], sizeof(void*));
+void KernelImage::Bind(Pages pages) {
+    for (std::size_t index = 0; index < imports_.size(); ++index) {
+        const std::uint32_t slot = file_.imports()[index].slot;
+        if (pages == Pages::kAll || file_.SectionAt(slot)->writable) {
+            std::memcpy(base_ + slot, &imports_[index], sizeof(void*));
+        }
     }
 }
 
@@ -212,14 +240,18 @@ KernelImage::~KernelImage() {
 }
 
 KernelImage::KernelImage(KernelImage&& other) noexcept
-    : file_(std::move(other.file_)),
+    : bytes_(std::move(other.bytes_)),
+      file_(std::move(other.file_)),
+      imports_(std::move(other.imports_)),
       base_(std::exchange(other.base_, nullptr)),
       size_(std::exchange(other.size_, 0)) {}
 
 KernelImage& KernelImage::operator=(KernelImage&& other) noexcept {
     if (this != &other) {
         Unmap();
+        bytes_ = std::move(other.bytes_);
         file_ = std::move(other.file_);
+        imports_ = std::move(other.imports_);
         base_ = std::exchange(other.base_, nullptr);
         size_ = std::exchange(other.size_, 0);
     }

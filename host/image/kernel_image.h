@@ -32,6 +32,13 @@ class KernelImage {
     KernelImage(KernelImage&& other) noexcept;
     KernelImage& operator=(KernelImage&& other) noexcept;
 
+    /// Makes the image what Load has made of it, for another driver to run in; false, and nothing
+    /// is changed, when `resolver` binds an import elsewhere or to nothing. The image's own code
+    /// could write in its writable sections only.
+    bool Renew(const ImportResolver& resolver);
+
+    /// The file that it was made from.
+    std::span<const std::uint8_t> bytes() const { return bytes_; }
     /// The driver's entry routine.
     void* EntryPoint() const;
     /// The address of an export, or null.
@@ -45,16 +52,20 @@ class KernelImage {
     const PeFile& file() const { return file_; }
 
   private:
-    KernelImage(PeFile file, std::uint8_t* base);
+    enum class Pages : std::uint8_t { kAll, kWritable };
+
+    KernelImage(std::span<const std::uint8_t> bytes, PeFile file, std::uint8_t* base);
     static void CheckLoadable(const PeFile& file);
     static std::vector<void*> ResolveImports(const PeFile& file, const ImportResolver& resolver);
     static std::uint8_t* Reserve(const PeFile& file);
-    void Relocate();
-    void Bind(const std::vector<void*>& addresses);
+    void Relocate(Pages pages);
+    void Bind(Pages pages);
     void Protect();
     void Unmap() noexcept;
 
+    std::vector<std::uint8_t> bytes_;
     PeFile file_;
+    std::vector<void*> imports_;
     std::uint8_t* base_;
     std::size_t size_;
 };

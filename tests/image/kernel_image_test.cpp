@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 
+#include "host/image/parked_images.h"
 #include "platform/kernel.h"
 #include "tests/image/test_image.h"
 
@@ -101,6 +102,37 @@ TEST(KernelImage, RunsInItsOwnProtectedPages) {
         }
     }
     EXPECT_EQ(ProtectionOf(base), "");
+}
+
+UINT NTAPI OtherVersion() {
+    return 0x60014;
+}
+
+// gNextStep points into the image, so that what is renewed has to be relocated too.
+TEST(ParkedImages, AreTakenAsNewWhileTheirImportsAreTheSame) {
+    ImportTable other = ToyImports();
+    other.Add("ndis.sys", "NdisGetVersion", reinterpret_cast<void*>(OtherVersion));
+    const ImportTable imports = ToyImports();
+    const void* first = nullptr;
+    for (const ImportTable* table :
+         std::initializer_list<const ImportTable*>{&imports, &imports, &other}) {
+        auto loaded = LoadImage(NETSIEVE_TOY_IMAGE, *table);
+        ASSERT_TRUE(loaded) << loaded.fault().message;
+        KernelImage& image = *loaded.value();
+        EXPECT_EQ(At<ULONG NTAPI()>(image.FindExport("ToyLoads"))(), 0u);
+        gLog.clear();
+        DRIVER_OBJECT driver{};
+        At<NTSTATUS NTAPI(DRIVER_OBJECT*, UNICODE_STRING*)>(image.EntryPoint())(&driver, nullptr);
+        EXPECT_NE(gLog.find(fmt::format("loaded {} ", table == &other ? 0x60014 : 0x60001)),
+                  std::string::npos)
+            << gLog;
+        EXPECT_EQ(At<ULONG NTAPI(ULONG)>(image.FindExport("ToySum"))(4), 14u);
+        first = first == nullptr ? image.memory().data() : first;
+        if (table == &imports) {
+            EXPECT_EQ(image.memory().data(), first);
+        }
+        ParkImage(std::move(loaded.value()));
+    }
 }
 
 TEST(KernelImage, BindsOneImageToAnother) {
