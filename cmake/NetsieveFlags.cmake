@@ -61,14 +61,8 @@ foreach(export IN LISTS exports)
 endforeach()
 
 # For the driver's sources alone, never for the host's: the host answers these calls, and must not
-# be called from inside itself. Without a granularity (here func) clang 14 accepts the two trace
-# flags and inserts nothing.
-set(NETSIEVE_SEARCH_OPTIONS -fsanitize-coverage=func,trace-loads,trace-stores)
+# be called from inside itself.
 add_library(netsieve_search_flags INTERFACE)
 if(NETSIEVE_SEARCH)
-    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-        message(FATAL_ERROR "NETSIEVE_SEARCH needs clang's load and store tracing; "
-                            "configure with the preset 'search', or with CXX=clang++-14")
-    endif()
-    target_compile_options(netsieve_search_flags INTERFACE ${NETSIEVE_SEARCH_OPTIONS})
+    netsieve_trace_loads_and_stores(netsieve_search_flags INTERFACE)
 endif()

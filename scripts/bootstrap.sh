@@ -37,6 +37,7 @@ demo    tcpdump                     shows what was withheld
 test    tcpdump                     what replay is compared with
 test    libwin-hivex-perl           reads the hives that the tests write
 test    reglookup                   the same, by other means
+test    clang-14                    compiles a filter with a point at each load and store
 checks  clang-14                    compiles the sanitizer and the search builds
 checks  libclang-rt-14-dev          the run-time libraries of the sanitizers
 checks  llvm-14                     puts names and lines into what the sanitizers report
