@@ -14,8 +14,31 @@ inline void AtomicPoint(const volatile void* address) {
         PlatformAtomicHook(address);
     }
 }
+
+template <typename Operation>
+[[gnu::noinline, gnu::cold]] auto FASTABI BetweenPointsSlowly(const volatile void* address,
+                                                              Operation operation) {
+    PlatformAtomicHook(address);
+    const auto result = operation();
+    PlatformAtomicHook(address);
+    return result;
+}
+
+// One test of the hook for both points, and none of the slow way's registers on the fast one.
+template <typename Operation>
+inline auto BetweenPoints(const volatile void* address, Operation operation) {
+    if (__builtin_expect(PlatformAtomicHook != nullptr, 0)) {
+        return BetweenPointsSlowly(address, operation);
+    }
+    return operation();
+}
 #else
 inline void AtomicPoint(const volatile void*) {}
+
+template <typename Operation>
+inline auto BetweenPoints(const volatile void*, Operation operation) {
+    return operation();
+}
 #endif
 
 // Adds 1 and returns the new value; a full barrier, as published.
@@ -28,19 +51,14 @@ inline Integer InterlockedIncrement(volatile Integer* target) {
 // Subtracts 1 and returns the new value; a full barrier.
 template <typename Integer>
 inline Integer InterlockedDecrement(volatile Integer* target) {
-    AtomicPoint(target);
-    const Integer left = __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
-    AtomicPoint(target);
-    return left;
+    return BetweenPoints(target, [=] { return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST); });
 }
 
 // Adds `value` and returns the new value; a full barrier.
 template <typename Integer>
 inline Integer InterlockedAdd(volatile Integer* target, Integer value) {
-    AtomicPoint(target);
-    const Integer sum = __atomic_add_fetch(target, value, __ATOMIC_SEQ_CST);
-    AtomicPoint(target);
-    return sum;
+    return BetweenPoints(target,
+                         [=] { return __atomic_add_fetch(target, value, __ATOMIC_SEQ_CST); });
 }
 
 // Stores `value` if `target` holds `expected`; returns what it held. A full barrier.
@@ -48,11 +66,12 @@ template <typename Integer>
 inline Integer InterlockedCompareExchange(volatile Integer* target,
                                           Integer value,
                                           Integer expected) {
-    AtomicPoint(target);
-    __atomic_compare_exchange_n(target, &expected, value, false, __ATOMIC_SEQ_CST,
-                                __ATOMIC_SEQ_CST);
-    AtomicPoint(target);
-    return expected;
+    return BetweenPoints(target, [=] {
+        Integer found = expected;
+        __atomic_compare_exchange_n(target, &found, value, false, __ATOMIC_SEQ_CST,
+                                    __ATOMIC_SEQ_CST);
+        return found;
+    });
 }
 
 // Reads a field whose writers hold a lock that the reader does not hold.
@@ -65,7 +84,8 @@ inline Value ReadAcquire(const volatile Value* source) {
 // Writes a field that ReadAcquire may be reading at this moment.
 template <typename Value>
 inline void WriteRelease(volatile Value* target, Value value) {
-    AtomicPoint(target);
-    __atomic_store_n(target, value, __ATOMIC_RELEASE);
-    AtomicPoint(target);
+    BetweenPoints(target, [=] {
+        __atomic_store_n(target, value, __ATOMIC_RELEASE);
+        return value;
+    });
 }
