@@ -60,10 +60,6 @@ bool LoadedDriver::Prepare(std::string& error) {
     return true;
 }
 
-std::string LoadedDriver::Describe(const void* address) const {
-    return fmt::format("{}+{:#x}", name(), reinterpret_cast<std::uintptr_t>(address) - start_);
-}
-
 LoadedDriver* LoadedDriver::Calling(const Context& context) {
     if (LoadedDriver* const driver = Machine::Current().DriverAt(context.caller)) {
         return driver;

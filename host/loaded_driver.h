@@ -51,8 +51,6 @@ class LoadedDriver {
     bool Contains(const void* address) const {
         return reinterpret_cast<std::uintptr_t>(address) - start_ < size_;
     }
-    /// Where it lies in there: "DELAY+0x4080".
-    std::string Describe(const void* address) const;
 
     /// The driver whose code made the latest call to the platform. For code that is part of the
     /// program it is the driver of the innermost callback that `context` is inside of; null outside

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/client/client_watch.h"
+#include "host/image/code_place.h"
 #include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
 #include "host/sanitizers.h"
@@ -48,9 +49,11 @@ std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
             thread_local const Watchdog watchdog(limit);
         });
     }
-    SimulatedScheduler::Options simulated{.processors = options.processors,
-                                          .clock = options.clock,
-                                          .pointsWithoutProgress = options.pointsWithoutProgress};
+    SimulatedScheduler::Options simulated{
+        .processors = options.processors,
+        .clock = options.clock,
+        .pointsWithoutProgress = options.pointsWithoutProgress,
+        .describe = [](const void* address) { return Machine::Current().Describe(address); }};
     if (options.tree != nullptr) {
         simulated.strategy = std::make_unique<TreeStrategy>(*options.tree);
     } else if (options.strategy == StrategyKind::kPct) {
@@ -266,8 +269,11 @@ LoadedDriver* Machine::DriverAt(const void* address) {
 }
 
 std::string Machine::Describe(const void* address) {
-    const LoadedDriver* const driver = DriverAt(address);
-    return driver != nullptr ? driver->Describe(address) : pool_->Describe(address);
+    if (const std::optional<std::string> block = pool_->BlockAt(address)) {
+        return *block;
+    }
+    const std::string place = PlaceName(address);
+    return place.empty() ? pool_->Describe(address) : place;
 }
 
 void Machine::EnterCallChecked(const char* routine) {

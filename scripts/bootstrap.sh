@@ -16,6 +16,7 @@ build   ccache                      keeps what was compiled before
 build   libboost-context-dev        the fibers of the simulated scheduler
 build   libpcap-dev                 reads and writes captures
 build   libhivex-dev                reads and writes registry hives
+build   libdw-dev                   names the functions and variables that reports tell of
 build   libcli11-dev                parses the command line
 build   libfmt-dev                  formats what is printed
 build   nlohmann-json3-dev          writes reports for programs

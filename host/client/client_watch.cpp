@@ -70,9 +70,16 @@ std::string WatchedHook::Describe() const {
 /// Surrounds a callback of a hook.
 class ClientWatch::HookCall {
   public:
-    HookCall(const char* routine, const WatchedHook& hook, HookRoutine kind, const NIRP* nirp)
+    /// `code` is the hook's own.
+    template <typename Code>
+    HookCall(const char* routine,
+             const WatchedHook& hook,
+             HookRoutine kind,
+             Code* code,
+             const NIRP* nirp = nullptr)
         : scope_(routine, hook.owner, nullptr) {
         CallFrame& frame = scope_.frame();
+        frame.code = reinterpret_cast<const void*>(code);
         frame.hook = &hook;
         frame.hookName = hook.name.c_str();
         frame.hookRoutine = kind;
@@ -302,7 +309,7 @@ VOID NTAPI ClientWatch::OnAttach(FILTER_MODULE* module, HOOK_FILTER* handle, PVO
         hook.handle = handle;
         current_->byHandle_[handle] = &hook;
     }
-    const HookCall call("AttachNotify", hook, HookRoutine::kAttachNotify, nullptr);
+    const HookCall call("AttachNotify", hook, HookRoutine::kAttachNotify, hook.attachNotify);
     hook.attachNotify(module, handle, hook.context);
 }
 
@@ -311,7 +318,7 @@ VOID NTAPI ClientWatch::OnDetach(FILTER_MODULE* module, HOOK_FILTER* handle, PVO
     if (IsGone(hook)) {
         return;
     }
-    const HookCall call("DetachNotify", hook, HookRoutine::kDetachNotify, nullptr);
+    const HookCall call("DetachNotify", hook, HookRoutine::kDetachNotify, hook.detachNotify);
     hook.detachNotify(module, handle, hook.context);
     current_->EndModule(hook, module);
 }
@@ -321,7 +328,7 @@ VOID NTAPI ClientWatch::OnUnload(PVOID context) {
     if (IsGone(hook)) {
         return;
     }
-    const HookCall call("UnloadNotify", hook, HookRoutine::kUnloadNotify, nullptr);
+    const HookCall call("UnloadNotify", hook, HookRoutine::kUnloadNotify, hook.unloadNotify);
     hook.unloadNotify(hook.context);
 }
 
@@ -348,7 +355,7 @@ LONG ClientWatch::Offer(WatchedHook& hook,
     }
     LONG verdict = HOOK_VERDICT_PASS;
     {
-        HookCall call(routine, hook, HookRoutine::kPacketHandler, nirp);
+        HookCall call(routine, hook, HookRoutine::kPacketHandler, handler, nirp);
         verdict = handler(hook.context, nirp);
         CheckVerdict(verdict, hook, call.frame());
     }

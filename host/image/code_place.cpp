@@ -9,7 +9,10 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <optional>
 #include <span>
+
+#include "host/image/symbols.h"
 
 namespace netsieve::host {
 
@@ -138,10 +141,23 @@ std::string CodePlace(const void* code) {
         return fmt::format("{}, where no code is known", code);
     }
     std::string text = fmt::format("{}+{:#x}", location.name, location.offset);
-    if (location.symbol != nullptr) {
-        text += fmt::format(" ({}+{:#x})", location.symbol, location.symbolOffset);
+    if (const std::optional<Symbol> symbol = SymbolAt(code)) {
+        text += fmt::format(" ({}+{:#x})", symbol->name, symbol->offset);
     }
     return text;
+}
+
+std::string PlaceName(const void* address) {
+    const CodeLocation location = LocateCode(address);
+    if (location.name == nullptr) {
+        return {};
+    }
+    const std::optional<Symbol> symbol = SymbolAt(address);
+    if (!symbol) {
+        return fmt::format("{}+{:#x}", location.name, location.offset);
+    }
+    return fmt::format("{}!{}", location.name, symbol->name) +
+           (symbol->offset == 0 ? "" : fmt::format("+{:#x}", symbol->offset));
 }
 
 std::string CallStack() {

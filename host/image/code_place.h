@@ -45,6 +45,9 @@ std::pair<const void*, std::size_t> SharedObjectOf(const void* code);
 
 /// As text: "hook.so+0x1139 (DriverEntry+0x20)".
 std::string CodePlace(const void* code);
+/// What a function or variable of a driver is called: "hook.so!g_lock", "hook.sys+0x3010"; empty
+/// where neither code nor data of a program lies. Not in a signal handler.
+std::string PlaceName(const void* address);
 /// The calls that the caller stands in, innermost first, one place a line.
 std::string CallStack();
 

@@ -159,10 +159,9 @@ void Devices::Queue(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID conte
         item->queued = true;
         routines_.insert(item->driver);
     }
-    machine_.scheduler().Start({.name = "work item",
-                                .kind = ContextKind::kWorker,
-                                .processor = machine_.AnyProcessor()},
-                               [this, item, routine, context] { Run(item, routine, context); });
+    machine_.scheduler().Start(
+        {.name = "work item", .kind = ContextKind::kWorker, .processor = machine_.AnyProcessor()},
+        [this, item, routine, context] { Run(item, routine, context); });
 }
 
 void Devices::Run(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE routine, PVOID context) {

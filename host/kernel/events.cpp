@@ -34,8 +34,7 @@ void Events::CheckInitialised(PKEVENT event, const char* routine, CheckSite site
         (event->Header.Size != kEventSize || event->Header.Type > SynchronizationEvent)) {
         verifier_.Report(
             Rule::kEventUninitialised,
-            fmt::format("{} on an event in {}", routine, Machine::Current().pool().Describe(event)),
-            site);
+            fmt::format("{} on an event in {}", routine, Machine::Current().Describe(event)), site);
     }
 }
 
@@ -121,7 +120,7 @@ void Events::NoteTimeout(PKEVENT event, const char* routine) {
     if (context.timeouts == kTimeoutsThatHang) {
         const std::string what =
             fmt::format("{} on the event in {} has timed out {} times in a row", routine,
-                        Machine::Current().pool().Describe(event), context.timeouts);
+                        Machine::Current().Describe(event), context.timeouts);
         verifier_.Report(Rule::kHang, what);
         scheduler_.Abandon("hang: " + what);
     }

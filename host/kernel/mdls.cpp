@@ -60,9 +60,8 @@ PMDL Mdls::Allocate(void* buffer, std::uint32_t size) {
         return nullptr;
     }
     if (PagedMemory::Contains(buffer)) {
-        machine_.verifier().Report(
-            Rule::kMdlPagedMemory,
-            fmt::format("NdisAllocateMdl for {}", machine_.pool().Describe(buffer)));
+        machine_.verifier().Report(Rule::kMdlPagedMemory, fmt::format("NdisAllocateMdl for {}",
+                                                                      machine_.Describe(buffer)));
     }
     auto* mdl = new MDL;
     DescribeBuffer(*mdl, buffer, size, true);

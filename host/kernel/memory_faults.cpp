@@ -42,7 +42,7 @@ void CollectTouchSlowly(Machine& machine) {
     if (touch.kind == TouchKind::kPaged) {
         machine.verifier().Report(
             Rule::kPagedPoolTouched,
-            fmt::format("{} was touched at IRQL {} by {}", machine.pool().Describe(touch.address),
+            fmt::format("{} was touched at IRQL {} by {}", machine.Describe(touch.address),
                         touch.irql, CodePlace(touch.code)));
     } else {
         UnmappedMemory::Close();

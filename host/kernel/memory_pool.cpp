@@ -190,7 +190,7 @@ bool MemoryPool::IsIn(const void* address, PoolKind kind) {
            it->second.kind == kind;
 }
 
-std::string MemoryPool::Describe(const void* address) {
+std::optional<std::string> MemoryPool::BlockAt(const void* address) {
     const auto value = reinterpret_cast<std::uintptr_t>(address);
     HostLock lock(mutex_);
     for (const auto* blocks : {&blocks_, &freed_}) {
@@ -201,7 +201,12 @@ std::string MemoryPool::Describe(const void* address) {
                                it->second.size, value - it->first);
         }
     }
-    return address == nullptr ? "a null pointer" : "memory outside the pools";
+    return std::nullopt;
+}
+
+std::string MemoryPool::Describe(const void* address) {
+    return BlockAt(address).value_or(address == nullptr ? "a null pointer"
+                                                        : "memory outside the pools");
 }
 
 }  // namespace netsieve::host

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,8 @@ class MemoryPool {
     std::vector<PoolBlock> Find(const std::function<bool(const PoolBlock&)>& wanted);
     /// Which live block an address lies in: "block 'nsvf' of 3000 bytes, offset 88", or where else.
     std::string Describe(const void* address);
+    /// The same; none outside of any block.
+    std::optional<std::string> BlockAt(const void* address);
     /// Whether a live block of this kind is there. Needs the verifier.
     bool IsIn(const void* address, PoolKind kind);
     /// Checks what is in quarantine and lets it go.

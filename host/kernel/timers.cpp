@@ -27,7 +27,7 @@ void Timers::Initialise(PNDIS_TIMER timer, PNDIS_TIMER_FUNCTION function, PVOID 
     if (Cancel(timer)) {
         verifier_.Report(Rule::kTimerReinitialised,
                          fmt::format("NdisInitializeTimer of the timer in {}",
-                                     Machine::Current().pool().Describe(timer)));
+                                     Machine::Current().Describe(timer)));
     }
     *timer = {};
     timer->Timer.Header.Type = kTimerType;
@@ -42,8 +42,7 @@ bool Timers::IsInitialised(PNDIS_TIMER timer, const char* routine, CheckSite sit
     }
     verifier_.Report(
         Rule::kTimerUninitialised,
-        fmt::format("{} of a timer in {}", routine, Machine::Current().pool().Describe(timer)),
-        site);
+        fmt::format("{} of a timer in {}", routine, Machine::Current().Describe(timer)), site);
     return false;
 }
 

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "host/image/code_place.h"
+
 namespace netsieve::host {
 
 thread_local Context* t_context = nullptr;
@@ -17,7 +19,7 @@ std::string Context::DescribeCalls() const {
     for (const CallFrame* call = frame; call != nullptr; call = call->outer) {
         text += fmt::format(", in {}", call->routine);
         if (call->IsHookCallback()) {
-            text += fmt::format(" of hook '{}'", call->hookName);
+            text += fmt::format(" of hook '{}' ({})", call->hookName, PlaceName(call->code));
         }
     }
     return text;

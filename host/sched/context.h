@@ -42,6 +42,7 @@ struct CallFrame {
     std::size_t stackBefore = 0;
     const WatchedHook* hook = nullptr;
     const char* hookName = nullptr;  ///< set in a callback of the hook
+    const void* code = nullptr;      ///< of that callback
     HookRoutine hookRoutine = HookRoutine::kNone;
     const void* nirp = nullptr;  ///< that a packet handler was given
     unsigned marks = 0;          ///< that it has made on it

@@ -1,6 +1,6 @@
-// In a search build every plain load and store of the driver calls one of these, and of a hook driver
-// that is built so: a scheduling point just before the access, so that a forgotten lock around a
-// plain field is found too.
+// In a search build every plain load and store of the driver calls one of these, and of a hook
+// driver that is built so: a scheduling point just before the access, so that a forgotten lock
+// around a plain field is found too.
 
 #include <cstdint>
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "host/image/code_place.h"
 #include "host/sched/raise_hook.h"
 
 namespace netsieve::host {
@@ -14,7 +13,8 @@ SimulatedScheduler::SimulatedScheduler(Options options)
       clock_(options.clock),
       holders_(options.processors),
       pointsWithoutProgress_(options.pointsWithoutProgress),
-      pointsLimit_(options.pointsWithoutProgress) {
+      pointsLimit_(options.pointsWithoutProgress),
+      describe_(std::move(options.describe)) {
     strategy_->OnStart(Strategy::kClock);
 }
 
@@ -320,12 +320,12 @@ std::string SimulatedScheduler::DescribeSpin(const Task& task) const {
     for (const auto& other : tasks_) {
         for (const HeldLock& held : other->context.held) {
             if (held.lock == task.lock) {
-                return fmt::format("spins on lock #{} held by {}", held.record,
+                return fmt::format("spins on the lock in {} held by {}", describe_(task.lock),
                                    other->context.Describe());
             }
         }
     }
-    return "spins on a lock that nobody alive holds";
+    return fmt::format("spins on the lock in {}, which nobody alive holds", describe_(task.lock));
 }
 
 std::string SimulatedScheduler::DescribeStuck() const {
@@ -344,7 +344,7 @@ std::string SimulatedScheduler::DescribeStuck() const {
                                 holders_[task->context.processor]->context.Describe());
         }
         for (const HeldLock& held : task->context.held) {
-            text += fmt::format("; holds spin lock #{}", held.record);
+            text += fmt::format("; holds the lock in {}", describe_(held.lock));
         }
         text += task->context.DescribeCalls();
     }

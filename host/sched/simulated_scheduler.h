@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/image/code_place.h"
 #include "host/sched/fiber.h"
 #include "host/sched/scheduler.h"
 #include "host/sched/strategy.h"
@@ -26,6 +27,8 @@ class SimulatedScheduler final : public Scheduler {
         std::unique_ptr<Strategy> strategy = nullptr;
         ClockMode clock = ClockMode::kIdle;
         std::uint64_t pointsWithoutProgress = 10'000'000;  ///< the most, before a run is abandoned
+        /// What a lock lies in, for reports.
+        std::function<std::string(const void*)> describe = &PlaceName;
     };
 
     explicit SimulatedScheduler(Options options);
@@ -109,6 +112,7 @@ class SimulatedScheduler final : public Scheduler {
     std::uint64_t pointsLimit_;  // of points_
     std::uint64_t traceHash_ = 0xCBF29CE484222325ull;
     std::string abandonReason_;
+    std::function<std::string(const void*)> describe_;
 };
 
 }  // namespace netsieve::host

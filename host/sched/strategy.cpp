@@ -62,8 +62,9 @@ std::size_t PctStrategy::Pick(std::span<const std::uint32_t> enabled, std::size_
         // each turn that it took from others leaves it less likely to take another, and none in
         // the end.
         ++clockTurns_;
-        priorities_[kClock] =
-            clockTurns_ < kMostClockTurns ? (1ull << 63) | (random_.Next() >> (1 + clockTurns_)) : 0;
+        priorities_[kClock] = clockTurns_ < kMostClockTurns
+                                  ? (1ull << 63) | (random_.Next() >> (1 + clockTurns_))
+                                  : 0;
     }
     return best;
 }

@@ -47,7 +47,7 @@ void AppendContext(SignalText& text, const Context& context) {
     }
     text << "\n";
     for (const HeldLock& held : context.held) {
-        text << "    holds:  spin lock #" << std::uint64_t{held.record} << " in ";
+        text << "    holds:  the lock in ";
         AppendPlace(text, held.lock);
         text << "\n";
     }

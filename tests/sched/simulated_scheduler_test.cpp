@@ -1,5 +1,6 @@
 #include "host/sched/simulated_scheduler.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +10,8 @@ namespace netsieve::host {
 namespace {
 
 using testing::HasSubstr;
+
+KSPIN_LOCK g_lock;
 
 TEST(SimulatedScheduler, TimeJumpsToTheNextDeadline) {
     Machine machine;
@@ -79,27 +82,32 @@ TEST(SimulatedScheduler, OneProcessorExposesAWaitThatNeverEnds) {
 TEST(SimulatedScheduler, ADeadlockNamesWhoHoldsWhat) {
     Machine machine;
     Scheduler& scheduler = machine.scheduler();
-    KSPIN_LOCK locks[2];
+    PKSPIN_LOCK locks[] = {&g_lock, nullptr};
     const auto takeBoth = [&](int first) {
-        const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&locks[first]);
+        const KIRQL irql = KeAcquireSpinLockRaiseToDpc(locks[first]);
         scheduler.Sleep(1);  // until the other has its first one too
-        KeAcquireSpinLockAtDpcLevel(&locks[1 - first]);
-        KeReleaseSpinLockFromDpcLevel(&locks[1 - first]);
-        KeReleaseSpinLock(&locks[first], irql);
+        KeAcquireSpinLockAtDpcLevel(locks[1 - first]);
+        KeReleaseSpinLockFromDpcLevel(locks[1 - first]);
+        KeReleaseSpinLock(locks[first], irql);
     };
     const RunResult result = machine.Run([&] {
-        KeInitializeSpinLock(&locks[0]);
-        KeInitializeSpinLock(&locks[1]);
+        auto* const block = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPool, 64, 0x6B636F4C));
+        locks[1] = reinterpret_cast<PKSPIN_LOCK>(block + 16);
+        KeInitializeSpinLock(locks[0]);
+        KeInitializeSpinLock(locks[1]);
         scheduler.Start({.name = "up", .processor = 1}, [&] { takeBoth(0); });
         takeBoth(1);
     });
     EXPECT_FALSE(result.completed);
+    constexpr const char* kBlock = "block 'Lock' of 64 bytes, offset 16";
+    constexpr const char* kVariable = "sched_test!netsieve::host::(anonymous namespace)::g_lock";
+    EXPECT_THAT(
+        result.abandonReason,
+        HasSubstr(fmt::format("thread 1 (main) on processor 0 at IRQL 2: spins on the lock in "
+                              "{} held by thread 2 (up) on processor 1; holds the lock in {}",
+                              kVariable, kBlock)));
     EXPECT_THAT(result.abandonReason,
-                HasSubstr("thread 1 (main) on processor 0 at IRQL 2: spins on lock #0 held by "
-                          "thread 2 (up) on processor 1; holds spin lock #1"));
-    EXPECT_THAT(result.abandonReason,
-                HasSubstr("thread 2 (up) on processor 1 at IRQL 2: spins on lock #1 held by "
-                          "thread 1 (main) on processor 0; holds spin lock #0"));
+                HasSubstr(fmt::format("spins on the lock in {} held by thread 1 (main)", kBlock)));
 }
 
 TEST(SimulatedScheduler, AnEagerClockLetsTimeoutsRaceWithRunningCode) {
