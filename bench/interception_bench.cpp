@@ -46,7 +46,8 @@ void MeasureHooks(benchmark::State& state, Path path) {
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
+            Traffic traffic(machine, machine.ndis().AddAdapter({.largeSends = false}), path, size,
+                            state.range(1));
             Hooks hooks;
             FillHooks(hooks, state.range(2), state.range(3) != 0);
             // The first call allocates the context space and the protocol's name.
@@ -98,9 +99,9 @@ void BM_SendOnSeveralAdapters(benchmark::State& state) {
         {
             std::vector<std::unique_ptr<Traffic>> traffic;
             for (std::uint32_t i = 1; i <= state.range(1); ++i) {
-                traffic.push_back(
-                    std::make_unique<Traffic>(machine, machine.ndis().AddAdapter({.ifIndex = i}),
-                                              Path::kSend, kFrameSize, state.range(0)));
+                traffic.push_back(std::make_unique<Traffic>(
+                    machine, machine.ndis().AddAdapter({.ifIndex = i, .largeSends = false}),
+                    Path::kSend, kFrameSize, state.range(0)));
             }
             Hooks hooks;
             if (state.range(2) != 0) {

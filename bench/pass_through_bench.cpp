@@ -50,7 +50,7 @@ void MeasureStacks(benchmark::State& state, Path path) {
         }
         std::vector<std::unique_ptr<Traffic>> traffic;
         for (std::uint32_t i = 1; i <= state.range(1); ++i) {
-            Stack& stack = machine.ndis().AddAdapter({.ifIndex = i});
+            Stack& stack = machine.ndis().AddAdapter({.ifIndex = i, .largeSends = false});
             traffic.push_back(
                 std::make_unique<Traffic>(machine, stack, path, kFrameSize, state.range(0)));
         }

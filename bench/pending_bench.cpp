@@ -67,7 +67,8 @@ void MeasurePending(benchmark::State& state, Path path) {
     machine.Run([&] {
         machine.LoadDriver({.name = "NETSIEVE", .entry = &DriverEntry});
         {
-            Traffic traffic(machine, machine.ndis().AddAdapter(), path, size, state.range(1));
+            Traffic traffic(machine, machine.ndis().AddAdapter({.largeSends = false}), path, size,
+                            state.range(1));
             Hooks hooks;
             hooks.Add(state.range(2) != 0 ? MarkAndComplete : Pass);
             traffic.Go();  // allocates the context space and the protocol's name

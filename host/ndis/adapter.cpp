@@ -20,7 +20,9 @@ Adapter::Adapter(Machine& machine, Stack& stack, AdapterOptions options)
              fmt::format("adapter {} completes", options_.ifIndex),
              machine.options().seed ^ (0xADA0ull + options_.ifIndex),
              [this](PNET_BUFFER_LIST chain, bool dispatch) {
-                 AnswerLargeSends(chain);
+                 if (options_.largeSends) {
+                     AnswerLargeSends(chain);
+                 }
                  CompleteUp(stack_, nullptr, chain, stack_.DispatchFlag(dispatch));
              }) {
     component_.kind = ComponentKind::kAdapter;

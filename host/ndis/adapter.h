@@ -30,6 +30,8 @@ struct AdapterOptions {
     std::uint32_t mtu = 1500;
     bool restartAttributes = true;  ///< whether a restart carries the general attributes
     DispatchFlagUse dispatchFlag = DispatchFlagUse::kBySeed;  ///< without the verifier: always
+    /// Whether protocols may leave segmentation to it: it answers each such request then.
+    bool largeSends = true;
     /// Bind filters although the medium is not theirs, to see that they refuse.
     bool bindAnyway = false;
 };

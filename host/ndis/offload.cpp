@@ -486,7 +486,7 @@ FrameBytes AsReceived(FrameBytes frame, const OffloadInfo& info) {
 
 void AnswerLargeSends(PNET_BUFFER_LIST chain) {
     for (PNET_BUFFER_LIST nbl = chain; nbl != nullptr; nbl = nbl->Next) {
-        PVOID const request = OffloadInfoOf(*nbl).largeSend;
+        PVOID const request = NET_BUFFER_LIST_INFO(nbl, TcpLargeSendNetBufferListInfo);
         if (request == nullptr) {
             continue;
         }
