@@ -10,6 +10,19 @@ set(_netsieve_sanitizer_options
     "UBSAN_OPTIONS=print_stacktrace=1:${_netsieve_symbolizer}"
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:history_size=5:${_netsieve_symbolizer}")
 
+# What all tests include, compiled once for all, where headers are precompiled.
+file(WRITE "${CMAKE_BINARY_DIR}/test_headers.cpp.new" "")
+file(COPY_FILE "${CMAKE_BINARY_DIR}/test_headers.cpp.new" "${CMAKE_BINARY_DIR}/test_headers.cpp"
+     ONLY_IF_DIFFERENT)
+add_library(netsieve_test_headers OBJECT "${CMAKE_BINARY_DIR}/test_headers.cpp")
+target_link_libraries(netsieve_test_headers PRIVATE netsieve_host netsieve_precompiled GTest::gmock
+                                                    netsieve_warnings)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_precompile_headers(netsieve_test_headers PRIVATE
+        <gmock/gmock.h> <gtest/gtest.h> "${PROJECT_SOURCE_DIR}/host/machine.h"
+        "${PROJECT_SOURCE_DIR}/host/ndis/nbl_factory.h" "${PROJECT_SOURCE_DIR}/host/ndis/ndis.h")
+endif()
+
 # netsieve_add_test(name SOURCES file... [LIBS library...] [LABELS label...] [TIMEOUT seconds])
 #
 # Builds an executable from SOURCES, GoogleTest's main and LIBS, and makes a CTest test of each of
@@ -27,6 +40,9 @@ function(netsieve_add_test name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
                                           netsieve_warnings)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        target_precompile_headers(${name} REUSE_FROM netsieve_test_headers)
+    endif()
     target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
     target_compile_definitions(${name} PRIVATE
         NETSIEVE_IMAGE_PATH="${NETSIEVE_IMAGE}" NETSIEVE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

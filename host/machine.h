@@ -118,9 +118,9 @@ class Machine {
         }
     }
 
-    /// At the end of a platform call that may have woken or released someone: a scheduling point, so
-    /// that what the caller touches next may be gone by then. Nothing of the call's may be touched
-    /// behind it.
+    /// At the end of a platform call that may have woken or released someone: a scheduling point,
+    /// so that what the caller touches next may be gone by then. Nothing of the call's may be
+    /// touched behind it.
     void LeaveCall() {
         if (!g_plainMode) {
             scheduler_->Point(PointKind::kReleased);

@@ -98,8 +98,9 @@ NDIS_STATUS Ndis::RegisterFilter(PDRIVER_OBJECT driverObject,
     if (attachTiming_ == AttachTiming::kInline) {
         AttachToAll(registration);
     } else {
-        registration.pnpThread = machine_.scheduler().Start(
-            {.name = "attach", .processor = machine_.AnyProcessor()}, [this, &registration] { AttachToAll(registration); });
+        registration.pnpThread =
+            machine_.scheduler().Start({.name = "attach", .processor = machine_.AnyProcessor()},
+                                       [this, &registration] { AttachToAll(registration); });
     }
     return NDIS_STATUS_SUCCESS;
 }
