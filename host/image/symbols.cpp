@@ -1,6 +1,7 @@
 #include "host/image/symbols.h"
 
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <elfutils/libdwfl.h>
 #include <unistd.h>
 
@@ -37,12 +38,20 @@ std::string Demangled(const char* name) {
     return status == 0 ? plain.get() : name;
 }
 
+// Zeroed variables lie behind what is mapped from the file, so that it is found by its start.
+Dwfl_Module* ModuleOf(Dwfl* view, const void* address) {
+    Dl_info info{};
+    return dladdr(address, &info) == 0
+               ? nullptr
+               : dwfl_addrmodule(view, reinterpret_cast<Dwarf_Addr>(info.dli_fbase));
+}
+
 }  // namespace
 
 std::optional<Symbol> SymbolAt(const void* address) {
     const auto view = ViewOfProcess();
     const auto value = reinterpret_cast<Dwarf_Addr>(address);
-    Dwfl_Module* const module = view == nullptr ? nullptr : dwfl_addrmodule(view.get(), value);
+    Dwfl_Module* const module = view == nullptr ? nullptr : ModuleOf(view.get(), address);
     if (module == nullptr) {
         return std::nullopt;
     }
