@@ -25,7 +25,7 @@ RunResult Add(std::unique_ptr<Strategy> strategy, bool& lost) {
             counter = step == moment ? seen + 1 : counter;
         }
     };
-    const RunResult result = scheduler.Run([&] {
+    RunResult result = scheduler.Run([&] {
         scheduler.Start({.name = "a", .processor = 0}, [&] { add(3); });
         scheduler.Start({.name = "b", .processor = 1}, [&] { add(6); });
     });
