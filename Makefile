@@ -5,8 +5,8 @@ JOBS ?= $(shell nproc)
 
 # How many schedules a schedule search runs. The release build uses the tests' own numbers; under
 # a sanitizer, and with many more points, a schedule takes several times as long and fewer must do.
-asan: export NETSIEVE_SCHEDULES ?= 1000
-tsan: export NETSIEVE_SCHEDULES ?= 500
+asan: export NETSIEVE_SCHEDULES ?= 400
+tsan: export NETSIEVE_SCHEDULES ?= 250
 search: export NETSIEVE_SCHEDULES ?= 2500
 
 CTEST = ctest --output-on-failure --no-tests=error --parallel $(JOBS) --test-dir
@@ -84,8 +84,8 @@ search: image ## run the tests with every load and store of the driver a schedul
 	cmake --build --preset search --parallel $(JOBS)
 	$(CTEST) build/search
 
-# The searches of one night: deeper, in other schedules each night, and then with every load and
-# store a scheduling point, where a schedule takes several times as long.
+# The searches of one night, behind the whole static analysis: deeper, in other schedules each night,
+# and then with every load and store a scheduling point, where a schedule takes several times as long.
 NIGHTLY_SCHEDULES ?= 1000000
 NIGHTLY_SEARCH_SCHEDULES ?= 100000
 
@@ -95,7 +95,7 @@ NIGHTLY_RUN = printf '%s\n' $(1)/tests/*/*_schedule_tests | \
 nightly: export NETSIEVE_PCT_DEPTH ?= 3
 nightly: export NETSIEVE_PREEMPTIONS ?= 3
 nightly: export NETSIEVE_FIRST_SEED ?= $(shell echo $$(($$(date +%s) / 86400 * 10000000)))
-nightly: image ## run every schedule search with NIGHTLY_SCHEDULES schedules (1000000), PCT depth 3
+nightly: image tidy ## run every schedule search with NIGHTLY_SCHEDULES schedules (1000000), PCT depth 3
 	@scripts/bootstrap.sh build test checks
 	@cmake --preset release -DNETSIEVE_TESTS=ON -DNETSIEVE_BENCH=ON
 	cmake --build --preset release --parallel $(JOBS)
@@ -130,9 +130,12 @@ format-check: ## fail if a source is not formatted
 	@$(SOURCES) | xargs clang-format-14 --dry-run --Werror --ferror-limit=1 || \
 	    { echo "Not formatted: run 'make format'." >&2; exit 1; }
 
+# SINCE, a commit, leaves out what has not changed since then.
+SINCE ?=
+
 tidy: ## static analysis
 	@scripts/bootstrap.sh build test checks
-	@scripts/tidy.sh $(JOBS)
+	@scripts/tidy.sh $(JOBS) $(SINCE)
 
 clean: ## remove everything that was built
 	rm -rf build
