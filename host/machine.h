@@ -19,6 +19,7 @@
 #include "host/kernel/registry.h"
 #include "host/kernel/timers.h"
 #include "host/loaded_driver.h"
+#include "host/modes.h"
 #include "host/sched/random.h"
 #include "host/sched/schedule_tree.h"
 #include "host/sched/scheduler.h"
@@ -56,12 +57,6 @@ struct MachineOptions {
     std::uint32_t ndisVersion = 0x60000;  ///< as NdisGetVersion gives it
     std::uint32_t osMajorVersion = 6;     ///< as PsGetVersion gives it
 };
-
-/// True when the machine runs on real threads without the verifier: the data path then takes the
-/// shortest way. Set by the machine.
-extern bool g_plainMode;
-/// True when the machine's verifier is on. Set by the machine.
-extern bool g_verifyMode;
 
 /// One machine exists at a time in a process: drivers call the platform by plain functions, and
 /// those have to find it.

@@ -39,7 +39,7 @@ FilterModule* NextUpper(Stack& stack, FilterModule* from) {
 /// returned.
 class InsideModule {
   public:
-    explicit InsideModule(FilterModule* module) : module_(g_verifyMode ? module : nullptr) {
+    explicit InsideModule(FilterModule* module) : module_(module) {
         if (module_ != nullptr) {
             ++module_->component.callsInside;
         }
@@ -56,16 +56,12 @@ class InsideModule {
     FilterModule* module_;
 };
 
-/// Calls a module's handler; checks the call when the verifier is on.
+/// Calls a module's handler and checks the call.
 template <typename Handler, typename... Arguments>
 void CallDataPath(const char* routine,
                   FilterModule& module,
                   Handler handler,
                   Arguments... arguments) {
-    if (!g_verifyMode) {
-        handler(module.context, arguments...);
-        return;
-    }
     CallbackScope scope(routine, module.registration.driver, &module);
     scope.frame().dataPath = true;
     handler(module.context, arguments...);
@@ -215,24 +211,23 @@ void CheckCount(Stack& stack, const Component& from, PNET_BUFFER_LIST chain, ULO
     }
 }
 
-}  // namespace
+/// Of the module, or of the adapter at the end of the stack.
+Component& ComponentOrAdapter(Stack& stack, FilterModule* module) {
+    return module != nullptr ? module->component : stack.adapter().component();
+}
 
-void NTAPI SendDown(Stack& stack,
-                    FilterModule* from,
-                    Component& component,
-                    PNET_BUFFER_LIST chain,
-                    NDIS_PORT_NUMBER port,
-                    ULONG flags) {
-    FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
+void SendDownChecked(Stack& stack,
+                     FilterModule* next,
+                     Component& component,
+                     PNET_BUFFER_LIST chain,
+                     NDIS_PORT_NUMBER port,
+                     ULONG flags) {
     const InsideModule inside(next);
-    if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), component, flags, "send");
-        chain = Tracker(stack).Transfer(
-            chain, component, next != nullptr ? next->component : stack.adapter().component(),
-            NblTransfer::kSend);
-        if (chain == nullptr) {
-            return;
-        }
+    CheckDispatchFlag(stack.machine(), component, flags, "send");
+    chain = Tracker(stack).Transfer(chain, component, ComponentOrAdapter(stack, next),
+                                    NblTransfer::kSend);
+    if (chain == nullptr) {
+        return;
     }
     if (next == nullptr) {
         stack.adapter().Send(chain, port, flags);
@@ -242,53 +237,37 @@ void NTAPI SendDown(Stack& stack,
                  port, flags);
 }
 
-void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
-    Component& component = from == nullptr ? stack.adapter().component() : from->component;
-    FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
+void CompleteUpChecked(Stack& stack,
+                       FilterModule* next,
+                       Component& component,
+                       PNET_BUFFER_LIST chain,
+                       ULONG flags) {
     const InsideModule inside(next);
-    if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), component, flags, "send completion");
-    }
+    CheckDispatchFlag(stack.machine(), component, flags, "send completion");
     if (next == nullptr) {
         CompleteToProtocols(stack, component, chain, flags);
         return;
     }
-    if (g_verifyMode) {
-        chain =
-            Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kSendComplete);
-        if (chain == nullptr) {
-            return;
-        }
+    chain = Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kSendComplete);
+    if (chain != nullptr) {
+        CallDataPath("FilterSendNetBufferListsComplete", *next,
+                     next->handlers.SendNetBufferListsCompleteHandler, chain, flags);
     }
-    CallDataPath("FilterSendNetBufferListsComplete", *next,
-                 next->handlers.SendNetBufferListsCompleteHandler, chain, flags);
 }
 
-void NTAPI IndicateUp(Stack& stack,
-                      FilterModule* from,
-                      PNET_BUFFER_LIST chain,
-                      NDIS_PORT_NUMBER port,
-                      ULONG count,
-                      ULONG flags) {
-    Component& component = from == nullptr ? stack.adapter().component() : from->component;
-    FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
+void IndicateUpChecked(Stack& stack,
+                       FilterModule* next,
+                       Component& component,
+                       PNET_BUFFER_LIST chain,
+                       Indication indication) {
     const InsideModule inside(next);
-    if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), component, flags, "indication");
-        CheckCount(stack, component, chain, count);
-        if ((flags & NDIS_RECEIVE_FLAGS_RESOURCES) == 0 &&
-            Tracker(stack).DropsResourcesFlag(chain, component)) {
-            flags |= NDIS_RECEIVE_FLAGS_RESOURCES;
-        }
+    CheckDispatchFlag(stack.machine(), component, indication.flags, "indication");
+    CheckCount(stack, component, chain, indication.count);
+    if (!indication.HasResourcesFlag() && Tracker(stack).DropsResourcesFlag(chain, component)) {
+        indication.flags |= NDIS_RECEIVE_FLAGS_RESOURCES;
     }
-    const Indication indication{port, count, flags};
     if (next == nullptr) {
         IndicateToProtocols(stack, component, chain, indication);
-        return;
-    }
-    const auto handler = next->handlers.ReceiveNetBufferListsHandler;
-    if (!g_verifyMode) {
-        handler(next->context, chain, port, count, flags);
         return;
     }
     chain = Tracker(stack).Transfer(chain, component, next->component, NblTransfer::kIndicate,
@@ -300,11 +279,81 @@ void NTAPI IndicateUp(Stack& stack,
     {
         CallbackScope scope("FilterReceiveNetBufferLists", next->registration.driver, next);
         scope.frame().dataPath = true;
-        scope.frame().countWasWrong = count != nbls.size();
-        handler(next->context, chain, port, count, flags);
+        scope.frame().countWasWrong = indication.count != nbls.size();
+        next->handlers.ReceiveNetBufferListsHandler(next->context, chain, indication.port,
+                                                    indication.count, indication.flags);
     }
     if (indication.HasResourcesFlag()) {
         Tracker(stack).ResourcesCallEnded(nbls, component, next->component);
+    }
+}
+
+void ReturnDownChecked(Stack& stack,
+                       FilterModule* next,
+                       Component& component,
+                       PNET_BUFFER_LIST chain,
+                       ULONG flags) {
+    const InsideModule inside(next);
+    CheckDispatchFlag(stack.machine(), component, flags, "return");
+    chain = Tracker(stack).Transfer(chain, component, ComponentOrAdapter(stack, next),
+                                    NblTransfer::kReturn);
+    if (chain == nullptr) {
+        return;
+    }
+    if (next == nullptr) {
+        stack.adapter().Returned(chain, flags);
+        return;
+    }
+    CallDataPath("FilterReturnNetBufferLists", *next, next->handlers.ReturnNetBufferListsHandler,
+                 chain, flags);
+}
+
+}  // namespace
+
+// Without the verifier a call goes straight to the next module, or to the end of the stack.
+
+void NTAPI SendDown(Stack& stack,
+                    FilterModule* from,
+                    Component& component,
+                    PNET_BUFFER_LIST chain,
+                    NDIS_PORT_NUMBER port,
+                    ULONG flags) {
+    FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
+    if (g_verifyMode) {
+        SendDownChecked(stack, next, component, chain, port, flags);
+    } else if (next == nullptr) {
+        stack.adapter().Send(chain, port, flags);
+    } else {
+        next->handlers.SendNetBufferListsHandler(next->context, chain, port, flags);
+    }
+}
+
+void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
+    Component& component = from == nullptr ? stack.adapter().component() : from->component;
+    FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
+    if (g_verifyMode) {
+        CompleteUpChecked(stack, next, component, chain, flags);
+    } else if (next == nullptr) {
+        CompleteToProtocols(stack, component, chain, flags);
+    } else {
+        next->handlers.SendNetBufferListsCompleteHandler(next->context, chain, flags);
+    }
+}
+
+void NTAPI IndicateUp(Stack& stack,
+                      FilterModule* from,
+                      PNET_BUFFER_LIST chain,
+                      NDIS_PORT_NUMBER port,
+                      ULONG count,
+                      ULONG flags) {
+    Component& component = from == nullptr ? stack.adapter().component() : from->component;
+    FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
+    if (g_verifyMode) {
+        IndicateUpChecked(stack, next, component, chain, {port, count, flags});
+    } else if (next == nullptr) {
+        IndicateToProtocols(stack, component, chain, {port, count, flags});
+    } else {
+        next->handlers.ReceiveNetBufferListsHandler(next->context, chain, port, count, flags);
     }
 }
 
@@ -314,22 +363,13 @@ void NTAPI ReturnDown(Stack& stack,
                       PNET_BUFFER_LIST chain,
                       ULONG flags) {
     FilterModule* const next = NextLower<&Handlers::ReturnNetBufferListsHandler>(stack, from);
-    const InsideModule inside(next);
     if (g_verifyMode) {
-        CheckDispatchFlag(stack.machine(), component, flags, "return");
-        chain = Tracker(stack).Transfer(
-            chain, component, next != nullptr ? next->component : stack.adapter().component(),
-            NblTransfer::kReturn);
-        if (chain == nullptr) {
-            return;
-        }
-    }
-    if (next == nullptr) {
+        ReturnDownChecked(stack, next, component, chain, flags);
+    } else if (next == nullptr) {
         stack.adapter().Returned(chain, flags);
-        return;
+    } else {
+        next->handlers.ReturnNetBufferListsHandler(next->context, chain, flags);
     }
-    CallDataPath("FilterReturnNetBufferLists", *next, next->handlers.ReturnNetBufferListsHandler,
-                 chain, flags);
 }
 
 void CancelDown(Stack& stack, FilterModule* from, PVOID cancelId) {

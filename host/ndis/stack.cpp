@@ -88,12 +88,8 @@ void Stack::Leave(ULONG nbls) {
     }
 }
 
-ULONG Stack::DispatchFlag(bool known) {
-    const DispatchFlagUse use = adapter_->options().dispatchFlag;
-    if (known && use == DispatchFlagUse::kBySeed && g_verifyMode) {
-        return Random(machine_.options().seed + 0xD15Bull * ++dispatchCalls_).OneIn(3) ? 0 : 1;
-    }
-    return known && use != DispatchFlagUse::kNever ? 1 : 0;
+bool Stack::DrawsNoFlag() {
+    return Random(machine_.options().seed + 0xD15Bull * ++dispatchCalls_).OneIn(3);
 }
 
 void Stack::Pause() {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/modes.h"
 #include "host/ndis/adapter.h"
 #include "host/ndis/filter_module.h"
 #include "host/ndis/protocol.h"
@@ -68,13 +69,21 @@ class Stack {
 
     /// The dispatch flag of a call that an end of the stack makes, `known` to be at DISPATCH_LEVEL:
     /// what the adapter's options say.
-    ULONG DispatchFlag(bool known);
+    ULONG DispatchFlag(bool known) {
+        const DispatchFlagUse use = adapter_->options().dispatchFlag;
+        return known && use != DispatchFlagUse::kNever && !Withholds(use) ? 1 : 0;
+    }
 
   private:
     /// How far the pause is.
     enum class Gate : std::uint8_t { kClosed, kNoSends, kOpen };
     class PnpTurn;
     bool Enter(ULONG nbls, Gate least);
+    /// By choice of the seed, while the verifier looks at what a driver makes of it.
+    bool Withholds(DispatchFlagUse use) {
+        return g_verifyMode && use == DispatchFlagUse::kBySeed && DrawsNoFlag();
+    }
+    bool DrawsNoFlag();
     void PauseStack();
     void RestartStack();
     NDIS_STATUS CallAttach(FilterModule& module);

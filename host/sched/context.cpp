@@ -6,7 +6,7 @@
 
 namespace netsieve::host {
 
-thread_local Context* t_context = nullptr;
+constinit thread_local Context* t_context = nullptr;
 
 std::string Context::Describe() const {
     static constexpr const char* kKinds[] = {"thread", "dpc", "worker"};

@@ -96,7 +96,7 @@ struct Context {
 };
 
 /// The context that is running on this OS thread; never null inside Scheduler::Run.
-extern thread_local Context* t_context;
+extern constinit thread_local Context* t_context;
 
 inline Context& CurrentContext() {
     return *t_context;

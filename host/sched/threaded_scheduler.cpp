@@ -226,7 +226,7 @@ void ThreadedScheduler::Abandon(const std::string& reason) {
     abandonReason_ = reason;
 }
 
-void ThreadedScheduler::SpinContended(PKSPIN_LOCK lock) {
+void NTAPI ThreadedScheduler::SpinContended(PKSPIN_LOCK lock) {
     constexpr int kSpinsBeforeYield = 128;
     for (;;) {
         for (int i = 0; i < kSpinsBeforeYield; ++i) {

@@ -74,7 +74,8 @@ class ThreadedScheduler final : public Scheduler {
         std::function<void()> routine;
     };
 
-    static void SpinContended(PKSPIN_LOCK lock);
+    /// Out of line, in the platform's calling convention: what calls it saves no registers for it.
+    static void NTAPI SpinContended(PKSPIN_LOCK lock);
     Clock::time_point At(Ticks time) const;
     void RunContext(std::uint32_t id,
                     const StartOptions& options,
