@@ -1,5 +1,5 @@
-// Which sanitizer this build runs under: NETSIEVE_ASAN or NETSIEVE_TSAN, or neither, and
-// kSanitized.
+// Which sanitizer this build runs under: NETSIEVE_ASAN or NETSIEVE_TSAN, or neither, kSanitized and
+// kThreadSanitizer.
 #pragma once
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -19,5 +19,10 @@ namespace netsieve::host {
 constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
+#endif
+#ifdef NETSIEVE_TSAN
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
 #endif
 }  // namespace netsieve::host

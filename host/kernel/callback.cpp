@@ -6,6 +6,7 @@
 
 #include "host/kernel/memory_faults.h"
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -55,6 +56,7 @@ CallbackScope::~CallbackScope() {
         }
     }
     while (context.held.size() > frame_.heldAtEntry) {
+        NoteRelease(context.held.back().lock);
         machine.scheduler().ReleaseSpin(context.held.back().lock);
         context.held.pop_back();
     }

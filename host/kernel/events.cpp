@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -40,6 +41,7 @@ void Events::CheckInitialised(PKEVENT event, const char* routine, CheckSite site
 
 LONG Events::Set(PKEVENT event) {
     CheckInitialised(event, "KeSetEvent");
+    NoteRelease(event);
     const LONG before = __atomic_exchange_n(&event->Header.SignalState, 1, __ATOMIC_SEQ_CST);
     if (waiterCount_.load(std::memory_order_seq_cst) != 0) {
         ReleaseWaiters(event);
@@ -96,6 +98,7 @@ NTSTATUS Events::Wait(PKEVENT event, Ticks deadline, const char* routine) {
     waiterCount_.fetch_sub(1, std::memory_order_seq_cst);
     lock.unlock();
     if (self.satisfied) {
+        NoteAcquire(event);
         context.timedOutOn = nullptr;
         return STATUS_SUCCESS;
     }
@@ -175,6 +178,7 @@ LONG NTAPI KeSetEvent(PKEVENT Event, KPRIORITY, BOOLEAN Wait) {
     if (!g_plainMode) {
         return SetSlowly(Event, Wait != FALSE);
     }
+    NoteRelease(Event);
     const LONG before = __atomic_exchange_n(&Event->Header.SignalState, 1, __ATOMIC_SEQ_CST);
     if (Machine::Current().events().waiters() != 0) {
         ReleaseSlowly(Event);

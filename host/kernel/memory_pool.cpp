@@ -9,6 +9,7 @@
 
 #include "host/kernel/paged_memory.h"
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 #include "platform/ndis.h"
 
 namespace netsieve::host {
@@ -81,6 +82,7 @@ void* MemoryPool::AllocateChecked(std::size_t size, std::uint32_t tag, PoolKind 
         return nullptr;
     }
     unsigned char* const block = allocation + kEndSize;
+    NoteAcquire(block);
     std::memset(allocation, kEndPattern, kEndSize);
     std::memset(block, kNewPattern, size);
     std::memset(block + size, kEndPattern, kEndSize);
@@ -153,6 +155,8 @@ void MemoryPool::FreeChecked(void* block, std::uint32_t tag) {
     onFree_(block, info.size);
     RetirePages(info.kind);
     live_.fetch_sub(1, std::memory_order_relaxed);
+    NoteFreed(block, info.size);
+    NoteRelease(block);
     quarantine_.Add(static_cast<unsigned char*>(block) - kEndSize, block, info.size,
                     fmt::format("block '{}' of {} bytes", TagText(info.tag), info.size));
 }

@@ -1,6 +1,7 @@
 // The kernel's spin locks and IRQL.
 
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 #include "host/sched/threaded_scheduler.h"
 
 using namespace netsieve::host;
@@ -22,6 +23,7 @@ __attribute__((noinline)) KIRQL NTAPI AcquireSlowly(PKSPIN_LOCK lock, bool atDpc
         machine.scheduler().SetIrql(DISPATCH_LEVEL);
     }
     machine.scheduler().AcquireSpin(lock);
+    NoteAcquire(lock);
     if (tracker != nullptr) {
         tracker->AfterAcquire(lock, atDpc, saved);
     }
@@ -32,6 +34,7 @@ __attribute__((noinline)) void NTAPI ReleaseSlowly(PKSPIN_LOCK lock, bool atDpc,
     Machine& machine = Machine::Current();
     LockTracker* const tracker = machine.locks();
     if (tracker == nullptr || tracker->BeforeRelease(lock, atDpc, irql)) {
+        NoteRelease(lock);
         machine.scheduler().ReleaseSpin(lock);
     }
     if (!atDpc) {
@@ -59,6 +62,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
     const KIRQL saved = context.irql;
     context.irql = DISPATCH_LEVEL;
     ThreadedScheduler::SpinUntilAcquired(SpinLock);
+    NoteAcquire(SpinLock);
     return saved;
 }
 
@@ -67,6 +71,7 @@ VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
         ReleaseSlowly(SpinLock, false, NewIrql);
         return;
     }
+    NoteRelease(SpinLock);
     ThreadedScheduler::ReleaseWord(SpinLock);
     CurrentContext().irql = NewIrql;
 }
@@ -77,6 +82,7 @@ VOID NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
         return;
     }
     ThreadedScheduler::SpinUntilAcquired(SpinLock);
+    NoteAcquire(SpinLock);
 }
 
 VOID NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
@@ -84,6 +90,7 @@ VOID NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
         ReleaseSlowly(SpinLock, true, DISPATCH_LEVEL);
         return;
     }
+    NoteRelease(SpinLock);
     ThreadedScheduler::ReleaseWord(SpinLock);
 }
 

@@ -6,6 +6,7 @@
 
 #include "host/kernel/callback.h"
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -86,6 +87,7 @@ void Timers::Fire(PNDIS_TIMER timer, const Armed& armed) {
 
 void Timers::End(const Armed& armed) {
     underWay_.erase(armed.generation);
+    NoteRelease(&ended_);
     scheduler_.Wake(ended_);
 }
 
@@ -99,6 +101,7 @@ void Timers::AwaitDue() {
     while (std::any_of(underWay_.begin(), underWay_.end(), isDue)) {
         scheduler_.Wait(ended_, lock, kForever);
     }
+    NoteAcquire(&ended_);
 }
 
 bool Timers::Cancel(PNDIS_TIMER timer) {

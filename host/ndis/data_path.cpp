@@ -8,6 +8,7 @@
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -77,6 +78,14 @@ void CheckDispatchFlag(Machine& machine,
                                   fmt::format("{} by {} with the flag set at IRQL {}", call,
                                               component.name, CurrentContext().irql),
                                   site);
+    }
+}
+
+/// The tracker does this for each NBL that it lets pass.
+void NotePassed(PNET_BUFFER_LIST chain) {
+    const bool noted = kThreadSanitizer && !g_verifyMode;
+    for (PNET_BUFFER_LIST nbl = chain; noted && nbl != nullptr; nbl = nbl->Next) {
+        NotePassedOn(nbl);
     }
 }
 
@@ -318,6 +327,7 @@ void NTAPI SendDown(Stack& stack,
                     PNET_BUFFER_LIST chain,
                     NDIS_PORT_NUMBER port,
                     ULONG flags) {
+    NotePassed(chain);
     FilterModule* const next = NextLower<&Handlers::SendNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
         SendDownChecked(stack, next, component, chain, port, flags);
@@ -330,6 +340,7 @@ void NTAPI SendDown(Stack& stack,
 
 void NTAPI CompleteUp(Stack& stack, FilterModule* from, PNET_BUFFER_LIST chain, ULONG flags) {
     Component& component = from == nullptr ? stack.adapter().component() : from->component;
+    NotePassed(chain);
     FilterModule* const next = NextUpper<&Handlers::SendNetBufferListsCompleteHandler>(stack, from);
     if (g_verifyMode) {
         CompleteUpChecked(stack, next, component, chain, flags);
@@ -347,6 +358,7 @@ void NTAPI IndicateUp(Stack& stack,
                       ULONG count,
                       ULONG flags) {
     Component& component = from == nullptr ? stack.adapter().component() : from->component;
+    NotePassed(chain);
     FilterModule* const next = NextUpper<&Handlers::ReceiveNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
         IndicateUpChecked(stack, next, component, chain, {port, count, flags});
@@ -362,6 +374,7 @@ void NTAPI ReturnDown(Stack& stack,
                       Component& component,
                       PNET_BUFFER_LIST chain,
                       ULONG flags) {
+    NotePassed(chain);
     FilterModule* const next = NextLower<&Handlers::ReturnNetBufferListsHandler>(stack, from);
     if (g_verifyMode) {
         ReturnDownChecked(stack, next, component, chain, flags);

@@ -8,6 +8,7 @@
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
 #include "host/ndis/stack.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 namespace {
@@ -110,6 +111,7 @@ bool PnpCompletion::Complete(Scheduler& scheduler, NDIS_STATUS status) {
         return false;
     }
     status_ = status;
+    NoteRelease(&completed_);
     scheduler.Wake(completed_);
     return true;
 }
@@ -130,6 +132,7 @@ std::optional<NDIS_STATUS> PnpCompletion::Await(Scheduler& scheduler, NDIS_STATU
         scheduler.Wait(completed_, lock, deadline);
     }
     open_ = false;
+    NoteAcquire(&completed_);
     return status_;
 }
 

@@ -9,6 +9,7 @@
 #include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/memory_poison.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -37,6 +38,7 @@ class ContextCache {
         }
         void* const allocation = free_.back();
         free_.pop_back();
+        NoteAcquire(allocation);
         return allocation;
     }
     bool Give(void* allocation, std::size_t size) {
@@ -46,6 +48,7 @@ class ContextCache {
         if (size != size_ || free_.size() == kMost) {
             return false;
         }
+        NoteRelease(allocation);
         free_.push_back(allocation);
         return true;
     }

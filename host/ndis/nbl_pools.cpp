@@ -9,6 +9,7 @@
 
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
+#include "host/sched/happens_before.h"
 #include "host/sched/threaded_scheduler.h"
 
 namespace netsieve::host {
@@ -98,6 +99,7 @@ NblBlock* NblPools::TakeBlock(NblPool* pool) {
     ThreadedScheduler::SpinUntilAcquired(&pool->lock);
     NblBlock* block = pool->free;
     if (block != nullptr) {
+        NoteAcquire(block);
         pool->free = block->nextFree;
     }
     ThreadedScheduler::ReleaseWord(&pool->lock);
@@ -144,6 +146,7 @@ void NblPools::FreeNbl(PNET_BUFFER_LIST nbl) {
         NblBlock* const block = BlockOf(nbl);
         NblPool* const pool = block->pool;
         pool->live.fetch_sub(1, std::memory_order_relaxed);
+        NoteRelease(block);
         ThreadedScheduler::SpinUntilAcquired(&pool->lock);
         block->nextFree = pool->free;
         pool->free = block;

@@ -7,6 +7,7 @@
 #include "host/kernel/callback.h"
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -44,10 +45,12 @@ class Stack::PnpTurn {
             stack_.machine_.scheduler().Wait(stack_.pnpFree_, lock, kForever);
         }
         stack_.pnpBusy_ = true;
+        NoteAcquire(&stack_.pnpFree_);
     }
     ~PnpTurn() {
         HostLock lock(stack_.mutex_);
         stack_.pnpBusy_ = false;
+        NoteRelease(&stack_.pnpFree_);
         stack_.machine_.scheduler().Wake(stack_.pnpFree_);
     }
     PnpTurn(const PnpTurn&) = delete;
@@ -74,6 +77,7 @@ Protocol& Stack::AddProtocol(std::u16string name) {
 bool Stack::Enter(ULONG nbls, Gate least) {
     outstanding_.fetch_add(nbls, std::memory_order_seq_cst);
     if (gate_.load(std::memory_order_seq_cst) >= least) {
+        NoteAcquire(&gate_);
         return true;
     }
     Leave(nbls);
@@ -81,6 +85,7 @@ bool Stack::Enter(ULONG nbls, Gate least) {
 }
 
 void Stack::Leave(ULONG nbls) {
+    NoteRelease(&drained_);
     const std::int64_t left = outstanding_.fetch_sub(nbls, std::memory_order_seq_cst) - nbls;
     if (left == 0 && gate_.load(std::memory_order_seq_cst) == Gate::kClosed) {
         HostLock lock(mutex_);
@@ -128,6 +133,7 @@ void Stack::RestartStack() {
     for (const auto& protocol : protocols_) {
         protocol->queue().SetDraining(false);
     }
+    NoteRelease(&gate_);
     gate_.store(Gate::kOpen, std::memory_order_seq_cst);
 }
 
@@ -148,6 +154,7 @@ void Stack::WaitUntilDrained() {
             return;
         }
     }
+    NoteAcquire(&drained_);
 }
 
 NDIS_STATUS Stack::Attach(FilterRegistration& registration) {

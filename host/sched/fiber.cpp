@@ -8,6 +8,7 @@
 
 #include "host/sanitizers.h"
 #include "host/sched/context.h"
+#include "host/sched/happens_before.h"
 
 #ifdef NETSIEVE_ASAN
 #include <sanitizer/asan_interface.h>
@@ -49,16 +50,33 @@ std::vector<Stack>& StackPool(StackSize size) {
     return pools[static_cast<std::size_t>(size)];
 }
 
+#ifdef NETSIEVE_TSAN
+thread_local void* g_adopted = nullptr;  // ThreadSanitizer's fiber of the flow that was adopted
+#endif
+
 // A flow ends in the middle of its functions. ThreadSanitizer's record of them would grow with each
 // flow on the same stack, until it runs over, so that each gets a fiber of its own there.
 void BeginSanitizerFiber([[maybe_unused]] Stack& stack) {
 #ifdef NETSIEVE_TSAN
+    // What makes a fiber happens before it. It is made on behalf of whoever adopted the thread: the
+    // context that runs at this moment may have nothing to do with the new one.
+    void* const current = __tsan_get_current_fiber();
+    __tsan_switch_to_fiber(g_adopted, __tsan_switch_to_fiber_no_sync);
     stack.sanitizerFiber = __tsan_create_fiber(0);
+    __tsan_switch_to_fiber(current, __tsan_switch_to_fiber_no_sync);
 #endif
 }
 
-void EndSanitizerFiber([[maybe_unused]] Stack& stack) {
+// Of a flow that was dropped nothing tells that it is over but that its fiber is destroyed.
+void EndSanitizerFiber([[maybe_unused]] Stack& stack, [[maybe_unused]] bool ended) {
 #ifdef NETSIEVE_TSAN
+    if (!ended) {
+        void* const current = __tsan_get_current_fiber();
+        __tsan_switch_to_fiber(stack.sanitizerFiber, __tsan_switch_to_fiber_no_sync);
+        NoteRelease(stack.base);
+        __tsan_switch_to_fiber(current, __tsan_switch_to_fiber_no_sync);
+        NoteAcquire(stack.base);
+    }
     __tsan_destroy_fiber(stack.sanitizerFiber);
 #endif
 }
@@ -70,6 +88,11 @@ Stack TakeStack(StackSize size) {
         Stack stack = pool.back();
         pool.pop_back();
         BeginSanitizerFiber(stack);
+#ifdef NETSIEVE_TSAN
+        // As new memory: of what the last flow did in its frames nothing may be left.
+        mmap(stack.base, bytes, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+#endif
 #ifdef NETSIEVE_ASAN
         __asan_unpoison_memory_region(stack.base, bytes);
 #endif
@@ -137,7 +160,8 @@ std::unique_ptr<Fiber> Fiber::Adopt() {
     auto impl = std::make_unique<Impl>();
     impl->adopted = true;
 #ifdef NETSIEVE_TSAN
-    impl->stack.sanitizerFiber = __tsan_get_current_fiber();
+    g_adopted = __tsan_get_current_fiber();
+    impl->stack.sanitizerFiber = g_adopted;
 #endif
     return std::unique_ptr<Fiber>(new Fiber(std::move(impl)));
 }
@@ -163,7 +187,7 @@ Fiber::~Fiber() {
     const bool reuse = true;
 #endif
     if (!impl_->adopted && reuse) {
-        EndSanitizerFiber(impl_->stack);
+        EndSanitizerFiber(impl_->stack, impl_->ended);
         StackPool(impl_->kind).push_back(impl_->stack);
     }
 }
@@ -175,7 +199,8 @@ void Fiber::Switch(Fiber& from, Fiber& to, bool final) {
     __sanitizer_start_switch_fiber(final ? nullptr : &source.fakeStack, target.bottom, target.size);
 #endif
 #ifdef NETSIEVE_TSAN
-    __tsan_switch_to_fiber(target.stack.sanitizerFiber, 0);
+    // An edge at each switch would order all that contexts do, with locks or without.
+    __tsan_switch_to_fiber(target.stack.sanitizerFiber, __tsan_switch_to_fiber_no_sync);
 #endif
     source.ended = final;
     Impl::switchedFrom = &source;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/sched/happens_before.h"
 #include "host/sched/raise_hook.h"
 
 namespace netsieve::host {
@@ -23,10 +24,11 @@ SimulatedScheduler::~SimulatedScheduler() = default;
 RunResult SimulatedScheduler::Run(const std::function<void()>& body) {
     root_ = Fiber::Adopt();
     Context* const outside = t_context;
-    Start({.name = "main"}, body);
+    StartTask({.name = "main"}, AfterNow(body));
     SwitchTo(*tasks_.front(), false);
     t_context = outside;
     current_ = nullptr;
+    NoteAcquire(&endQueue_);
     tasks_.clear();
     ended_.clear();
     calls_.clear();
@@ -39,6 +41,14 @@ RunResult SimulatedScheduler::Run(const std::function<void()>& body) {
 }
 
 std::uint32_t SimulatedScheduler::Start(StartOptions options, std::function<void()> body) {
+    const std::uint32_t id = StartTask(std::move(options), AfterNow(std::move(body)));
+    if (current_ != nullptr) {
+        Point(PointKind::kStart);
+    }
+    return id;
+}
+
+std::uint32_t SimulatedScheduler::StartTask(StartOptions options, std::function<void()> body) {
     auto task = std::make_unique<Task>();
     task->scheduler = this;
     task->body = std::move(body);
@@ -53,9 +63,6 @@ std::uint32_t SimulatedScheduler::Start(StartOptions options, std::function<void
     const std::uint32_t id = task->context.id;
     strategy_->OnStart(id);
     tasks_.push_back(std::move(task));
-    if (current_ != nullptr) {
-        Point(PointKind::kStart);
-    }
     return id;
 }
 
@@ -79,6 +86,7 @@ void SimulatedScheduler::End(Task& task) {
         std::find_if(tasks_.begin(), tasks_.end(), [&](const auto& t) { return t.get() == &task; });
     ended_.push_back(std::move(*it));
     tasks_.erase(it);
+    NoteRelease(&endQueue_);
     Wake(endQueue_);
     WakeIdleWaiters();
     if (tasks_.empty()) {
@@ -241,6 +249,7 @@ void SimulatedScheduler::Join(std::uint32_t id) {
     while (alive()) {
         Wait(endQueue_, lock, kForever);
     }
+    NoteAcquire(&endQueue_);
 }
 
 void SimulatedScheduler::WaitUntilIdle() {
@@ -250,9 +259,11 @@ void SimulatedScheduler::WaitUntilIdle() {
             return task.get() == current_ || task->queue == &idleQueue_;
         });
     };
+    NoteRelease(&endQueue_);
     while (!idle()) {
         Wait(idleQueue_, lock, kForever);
     }
+    NoteAcquire(&endQueue_);
     Wake(idleQueue_);
 }
 
@@ -289,11 +300,9 @@ void SimulatedScheduler::AdvanceClock() {
     while (!calls_.empty() && calls_.begin()->first.first <= now_) {
         auto node = calls_.extract(calls_.begin());
         callDue_.erase(node.key().second);
-        Task* const running = current_;
-        current_ = nullptr;  // no scheduling point between the calls of one moment
-        Start({.name = "timer", .kind = ContextKind::kDpc, .processor = node.mapped().processor},
-              std::move(node.mapped().routine));
-        current_ = running;
+        StartTask(
+            {.name = "timer", .kind = ContextKind::kDpc, .processor = node.mapped().processor},
+            std::move(node.mapped().routine));
     }
 }
 
@@ -301,7 +310,7 @@ std::uint64_t SimulatedScheduler::CallAt(Ticks due,
                                          unsigned processor,
                                          std::function<void()> routine) {
     const std::uint64_t id = nextCall_++;
-    calls_[{due, id}] = {processor, std::move(routine)};
+    calls_[{due, id}] = {processor, AfterNow(std::move(routine))};
     callDue_[id] = due;
     return id;
 }

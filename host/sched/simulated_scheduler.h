@@ -73,6 +73,7 @@ class SimulatedScheduler final : public Scheduler {
         std::function<void()> routine;
     };
 
+    std::uint32_t StartTask(StartOptions options, std::function<void()> body);
     static void Enter(void* task);
     void End(Task& task);
     bool Enabled(const Task& task) const;

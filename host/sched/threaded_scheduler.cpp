@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/sched/happens_before.h"
 #include "host/sched/raise_hook.h"
 
 namespace netsieve::host {
@@ -204,7 +205,7 @@ std::uint64_t ThreadedScheduler::CallAt(Ticks due,
                                         std::function<void()> routine) {
     HostLock lock(mutex_);
     const std::uint64_t id = nextCall_++;
-    calls_[{due, id}] = {processor, std::move(routine)};
+    calls_[{due, id}] = {processor, AfterNow(std::move(routine))};
     callDue_[id] = due;
     Wake(timersChanged_);
     return id;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <set>
 
+#include "host/sched/happens_before.h"
+
 namespace netsieve::host {
 
 namespace {
@@ -193,6 +195,7 @@ PNET_BUFFER_LIST NblTracker::Transfer(PNET_BUFFER_LIST chain,
                              fmt::format("an NBL that is not allocated was {} by {}",
                                          kVerbs[static_cast<int>(transfer)], from.name));
         } else if (TransferOne(nbl, from, to, transfer, resources)) {
+            NotePassedOn(nbl);
             *tail = nbl;
             tail = &nbl->Next;
         }
