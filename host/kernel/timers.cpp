@@ -60,6 +60,7 @@ void Timers::Set(PNDIS_TIMER timer, UINT milliseconds) {
     armed_[reinterpret_cast<std::uintptr_t>(timer)] = armed;
     underWay_[armed.generation] = due;
     ++started_[armed.driver];
+    NoteRelease(timer);
 }
 
 void Timers::Fire(PNDIS_TIMER timer, const Armed& armed) {
@@ -113,6 +114,7 @@ bool Timers::Cancel(PNDIS_TIMER timer) {
     --started_[it->second.driver];
     End(it->second);
     armed_.erase(it);
+    NoteAcquire(timer);
     return true;
 }
 

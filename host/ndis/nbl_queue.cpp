@@ -4,6 +4,7 @@
 
 #include "host/machine.h"
 #include "host/ndis/ndis.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -47,6 +48,7 @@ void NblQueue::Add(PNET_BUFFER_LIST chain, bool dispatch) {
 
 // Nobody touches an NBL while it is queued.
 void NblQueue::PutAway(PNET_BUFFER_LIST nbl) {
+    NoteRelease(nbl);
     queued_.push_back({nbl, NET_BUFFER_LIST_INFO(nbl, NetBufferListCancelId)});
     if (machine_.verifier().enabled()) {
         machine_.ndis().nblPools().tracker().PutAway(nbl);
@@ -57,6 +59,7 @@ PNET_BUFFER_LIST NblQueue::TakeUp(const Entry& entry, PNET_BUFFER_LIST next) {
     if (machine_.verifier().enabled()) {
         machine_.ndis().nblPools().tracker().TakeUp(entry.nbl);
     }
+    NoteAcquire(entry.nbl);
     entry.nbl->Next = next;
     return entry.nbl;
 }

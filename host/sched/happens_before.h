@@ -1,10 +1,10 @@
 // What ThreadSanitizer is told of the order that the kernel and NDIS give to what drivers do. Empty
 // without it.
 //
-// All contexts of a simulated run share one OS thread, and the host code that they pass through says
-// nothing of the driver's own locks. So fibers are switched without synchronisation, accesses of the
-// host are not looked at (cmake/tsan_ignored.txt, host/CMakeLists.txt), and each operation that a
-// driver may rely on for an order says so here.
+// All contexts of a simulated run share one OS thread, and the host code that they pass through
+// says nothing of the driver's own locks. So fibers are switched without synchronisation, accesses
+// of the host are not looked at (cmake/tsan_ignored.txt, host/CMakeLists.txt), and each operation
+// that a driver may rely on for an order says so here.
 #pragma once
 
 #include <cstddef>

@@ -37,6 +37,7 @@ TEST(InjectionTest, GoesOutOfEveryRunningAdapterWithItsAddress) {
                 EXPECT_TRUE(elsewhere.wire.empty());
                 EXPECT_EQ(shown, 0);
                 EXPECT_EQ(TracesOf(DriverModuleOf(machine, paused)), "[0 NSVFSendPacket->2363]\n");
+                machine.scheduler().WaitUntilIdle();
                 first.ExpectPoolWhole();
                 paused.Restart();
             }

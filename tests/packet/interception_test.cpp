@@ -198,7 +198,7 @@ class RandomTraffic {
     NblFactory nbls_;
     HostMutex mutex_;
     std::uint64_t number_ = 0;
-    std::size_t back_ = 0;
+    std::atomic<std::size_t> back_ = 0;
     std::map<PNET_BUFFER_LIST, Buffers> made_;
     std::map<std::string, int> frames_, withheld_, arrived_;
 };

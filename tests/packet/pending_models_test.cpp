@@ -1,5 +1,7 @@
 // Small models of what the searches meet by chance, with one frame and one record: every schedule
 // up to two preemptions.
+#include <atomic>
+
 #include "tests/driver/model.h"
 #include "tests/packet/pending_rig.h"
 
@@ -24,13 +26,14 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     NblFactory receives(machine, model.stack.adapter().pool());
     constexpr std::uint8_t kTaken = 1;
     int arrived = 0;
-    int marks = 0, completions = 0;  // that succeeded, that have begun
-    int completedAtArrival = -1;     // of the frame that is taken over
+    int marks = 0;                     // that succeeded
+    std::atomic<int> completions = 0;  // that have begun
+    int completedAtArrival = -1;       // of the frame that is taken over
     const auto arrive = [&](PNET_BUFFER_LIST chain) {
         if (chain->FirstNetBuffer != nullptr) {
             ++arrived;
             const bool isTaken = NblFactory::BytesOf(*chain->FirstNetBuffer)[6] == kTaken;
-            completedAtArrival = isTaken ? completions : completedAtArrival;
+            completedAtArrival = isTaken ? completions.load() : completedAtArrival;
         }
     };
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
@@ -46,8 +49,8 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     queue.SetMode(!request.pause    ? ReleaseMode::kHold
                   : request.restore ? ReleaseMode::kDeferred
                                     : ReleaseMode::kInline);
-    NIRP* taken = nullptr;
-    int marked = 0;
+    std::atomic<NIRP*> taken = nullptr;
+    std::atomic<int> marked = 0;
     const auto mark = [&](NIRP* nirp) {
         taken = nirp;
         const bool isMarked = ITarnHKMarkPending(nirp) == STATUS_SUCCESS;
@@ -59,11 +62,11 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
         ++completions;
         ITarnHKCompleteRequest(taken, 0);
     };
-    bool paused = false;  // before a completion began
+    std::atomic<bool> paused = false;  // before a completion began
     const auto complete = [&](unsigned processor) {
         --marked;
         model.Start(ContextKind::kThread, processor, [&] {
-            paused = paused || module->State == FILTER_STATE_PAUSED;
+            paused = paused || ReadAcquire(&module->State) == FILTER_STATE_PAUSED;
             completeNow();
         });
     };

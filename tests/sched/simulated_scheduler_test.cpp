@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "host/machine.h"
 
 namespace netsieve::host {
@@ -31,7 +33,7 @@ TEST(SimulatedScheduler, DispatchLevelKeepsTheProcessor) {
     for (std::uint64_t seed = 1; seed <= 100; ++seed) {
         Machine machine({.seed = seed});
         Scheduler& scheduler = machine.scheduler();
-        bool inside = false;
+        std::atomic<bool> inside = false;
         machine.Run([&] {
             for (const unsigned processor : {0u, 1u}) {
                 scheduler.Start({.name = "observer", .processor = processor}, [&, processor] {

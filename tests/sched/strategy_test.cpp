@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 
 #include "host/sched/simulated_scheduler.h"
@@ -17,12 +18,12 @@ constexpr int kSteps = 10;
 /// `lost`: whether an addition was lost, which takes one preemption at the right point.
 RunResult Add(std::unique_ptr<Strategy> strategy, bool& lost) {
     SimulatedScheduler scheduler({.processors = kThreads, .strategy = std::move(strategy)});
-    int counter = 0;
+    std::atomic<int> counter = 0;  // atomic alone: an addition may be lost
     const auto add = [&](int moment) {
         for (int step = 0; step < kSteps; ++step) {
             const int seen = counter;
             scheduler.Point(PointKind::kMemory);
-            counter = step == moment ? seen + 1 : counter;
+            counter = step == moment ? seen + 1 : counter.load();
         }
     };
     RunResult result = scheduler.Run([&] {
