@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "host/machine.h"
+#include "host/sched/happens_before.h"
 
 namespace netsieve::host {
 
@@ -158,6 +159,7 @@ NTSTATUS Registry::SetValue(HANDLE handle, const RegistryValue& value) {
     HostLock lock(mutex_);
     KeyHandle used;
     const NTSTATUS status = Use(handle, KEY_SET_VALUE, &used);
+    NoteRelease(this);
     return NT_SUCCESS(status) ? used.store->WriteValue(used.key, value) : status;
 }
 
@@ -169,6 +171,7 @@ NTSTATUS Registry::QueryValue(HANDLE handle,
     HostLock lock(mutex_);
     KeyHandle used;
     NTSTATUS status = Use(handle, KEY_QUERY_VALUE, &used);
+    NoteAcquire(this);
     RegistryValue value;
     if (NT_SUCCESS(status)) {
         status = used.store->ReadValue(used.key, name, &value);
@@ -189,6 +192,7 @@ NTSTATUS Registry::DeleteValue(HANDLE handle, std::u16string_view name) {
     HostLock lock(mutex_);
     KeyHandle used;
     const NTSTATUS status = Use(handle, KEY_SET_VALUE, &used);
+    NoteRelease(this);
     return NT_SUCCESS(status) ? used.store->DeleteValue(used.key, name) : status;
 }
 

@@ -239,8 +239,7 @@ inline std::uint64_t RunSearch(const Search& search) {
 /// Schedules in which everything that a scenario's seed chooses has happened.
 constexpr std::uint64_t kEnoughForAll = 300;
 
-/// The same scenario on real threads, where ThreadSanitizer sees the driver without the host's
-/// turns.
+/// The same scenario on real threads, which take no turns.
 inline void RunOnRealThreads(const Search& search) {
     const std::unique_ptr<Scenario> scenario = search.make();
     for (std::uint64_t seed = 1; seed <= search.realRuns; ++seed) {

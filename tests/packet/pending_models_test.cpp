@@ -25,15 +25,17 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     NblFactory sends(machine, model.stack.protocol().pool());
     NblFactory receives(machine, model.stack.adapter().pool());
     constexpr std::uint8_t kTaken = 1;
-    int arrived = 0;
-    int marks = 0;                     // that succeeded
-    std::atomic<int> completions = 0;  // that have begun
-    int completedAtArrival = -1;       // of the frame that is taken over
+    std::atomic<int> arrived = 0;
+    int marks = 0;                             // that succeeded
+    std::atomic<int> completions = 0;          // that have begun
+    std::atomic<int> completedAtArrival = -1;  // of the frame that is taken over
     const auto arrive = [&](PNET_BUFFER_LIST chain) {
         if (chain->FirstNetBuffer != nullptr) {
             ++arrived;
             const bool isTaken = NblFactory::BytesOf(*chain->FirstNetBuffer)[6] == kTaken;
-            completedAtArrival = isTaken ? completions.load() : completedAtArrival;
+            if (isTaken) {
+                completedAtArrival = completions.load();
+            }
         }
     };
     model.stack.adapter().onSend = [&](PNET_BUFFER_LIST chain, NDIS_PORT_NUMBER, ULONG) {
@@ -139,11 +141,11 @@ std::string RunRequest(Machine& machine, ScheduleTree& tree, const Request& requ
     machine.UnloadDriver("NETSIEVE");
     // The frame that nobody takes over, and the other one unless a pause drops it.
     if (arrived > (paused ? 1 : 2) || (arrived < 2 && !request.pause)) {
-        model.wrong += fmt::format("{} of 2 frames arrived", arrived);
+        model.wrong += fmt::format("{} of 2 frames arrived", arrived.load());
     }
     if (completedAtArrival >= 0 && completedAtArrival != marks) {
-        model.wrong +=
-            fmt::format("the frame left after {} of {} completions", completedAtArrival, marks);
+        model.wrong += fmt::format("the frame left after {} of {} completions",
+                                   completedAtArrival.load(), marks);
     }
     return model.wrong;
 }
