@@ -9,6 +9,7 @@
 #include "host/kernel/memory_faults.h"
 #include "host/ndis/ndis.h"
 #include "host/sanitizers.h"
+#include "host/sched/happens_before.h"
 #include "host/sched/threaded_scheduler.h"
 #include "host/verifier/fault_signals.h"
 #include "host/verifier/signal_stack.h"
@@ -70,6 +71,7 @@ std::unique_ptr<Scheduler> MakeScheduler(const MachineOptions& options) {
 Machine::Machine(MachineOptions options)
     : options_(options), verifier_(options.verify), placement_(options.seed ^ kPlacementSalt) {
     current_ = this;
+    g_unseenCodeRuns = false;
     const bool simulated = options.scheduler == SchedulerKind::kSimulated;
     HostMutex::SetThreaded(!simulated);
     InstallFaultSignals();
@@ -138,6 +140,7 @@ NTSTATUS Machine::LoadDriver(const DriverSource& source) {
     if (driver.image() != nullptr && locks_ != nullptr) {
         locks_->AcceptInlineInitialisation();
     }
+    g_unseenCodeRuns = g_unseenCodeRuns || driver.image() != nullptr;
     {
         HostLock lock(mutex_);
         drivers_.push_back(std::move(made));

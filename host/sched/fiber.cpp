@@ -200,7 +200,8 @@ void Fiber::Switch(Fiber& from, Fiber& to, bool final) {
 #endif
 #ifdef NETSIEVE_TSAN
     // An edge at each switch would order all that contexts do, with locks or without.
-    __tsan_switch_to_fiber(target.stack.sanitizerFiber, __tsan_switch_to_fiber_no_sync);
+    __tsan_switch_to_fiber(target.stack.sanitizerFiber,
+                           g_unseenCodeRuns ? 0 : __tsan_switch_to_fiber_no_sync);
 #endif
     source.ended = final;
     Impl::switchedFrom = &source;

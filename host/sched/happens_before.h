@@ -14,6 +14,10 @@
 
 namespace netsieve::host {
 
+/// True from when a machine loads an image: ThreadSanitizer does not see the atomic operations in
+/// it that may order contexts, so each switch of fibers does.
+inline bool g_unseenCodeRuns = false;
+
 #ifdef NETSIEVE_TSAN
 
 /// All that the context has done happens before whatever follows a NoteAcquire of the same address.
