@@ -42,13 +42,17 @@ __attribute__((noinline)) void NTAPI ReleaseSlowly(PKSPIN_LOCK lock, bool atDpc,
     }
 }
 
+__attribute__((noinline)) void NTAPI InitialiseTracked(LockTracker* tracker, PKSPIN_LOCK lock) {
+    tracker->Initialise(lock);
+}
+
 }  // namespace
 
 extern "C" {
 
 VOID NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     if (LockTracker* const tracker = Machine::Current().locks()) {
-        tracker->Initialise(SpinLock);
+        InitialiseTracked(tracker, SpinLock);
     } else {
         *SpinLock = 0;
     }
