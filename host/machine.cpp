@@ -194,37 +194,24 @@ void Machine::CheckNothingLeft(LoadedDriver& driver) {
     if (clients_ != nullptr) {
         clients_->ReportLeft(driver);
     }
-    const std::size_t routines = devices_->RoutinesOf(&driver) + timers_->Outstanding(&driver);
-    if (routines != 0) {
-        verifier_.Report(Rule::kRoutineOutlivesDriver,
-                         fmt::format("{}: {} work item or timer routine(s) armed or queued",
-                                     driver.name(), routines));
-    }
+    const std::string& name = driver.name();
+    constexpr Rule kRoutine = Rule::kRoutineOutlivesDriver;
+    verifier_.DemandNoneLeft(name, devices_->RoutinesOf(&driver), "work item(s) queued", kRoutine);
+    verifier_.DemandNoneLeft(name, timers_->Outstanding(&driver), "timer(s) armed", kRoutine);
     // What the driver keeps of a hook is not its leak when the hook was never deregistered.
     const auto blocks = pool_->Find([&](const PoolBlock& block) {
         return block.driver == &driver && !ClientWatch::IsLeft(block.hook);
     });
     for (const PoolBlock& block : blocks) {
-        verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", driver.name(),
+        verifier_.Report(Rule::kPoolLeak, fmt::format("{}: block '{}' of {} bytes", name,
                                                       TagText(block.tag), block.size));
     }
-    const struct {
-        const char* what;
-        std::size_t count;
-    } objects[] = {
-        {"device(s)", devices_->DevicesOf(&driver)},
-        {"work item(s)", devices_->WorkItemsOf(&driver)},
-        {"registry handle(s)", registry_->HandlesOf(&driver)},
-        {"MDL(s)", mdls_->AllocatedBy(&driver)},
-        {"NBL pool(s)", ndis_->nblPools().PoolsOf(&driver)},
-        {"filter registration", ndis_->IsRegistered(&driver) ? std::size_t{1} : 0},
-    };
-    for (const auto& object : objects) {
-        if (object.count != 0) {
-            verifier_.Report(Rule::kObjectLeak,
-                             fmt::format("{}: {} {}", driver.name(), object.count, object.what));
-        }
-    }
+    verifier_.DemandNoneLeft(name, devices_->DevicesOf(&driver), "device(s)");
+    verifier_.DemandNoneLeft(name, devices_->WorkItemsOf(&driver), "work item(s)");
+    verifier_.DemandNoneLeft(name, registry_->HandlesOf(&driver), "registry handle(s)");
+    verifier_.DemandNoneLeft(name, mdls_->AllocatedBy(&driver), "MDL(s)");
+    verifier_.DemandNoneLeft(name, ndis_->nblPools().PoolsOf(&driver), "NBL pool(s)");
+    verifier_.DemandNoneLeft(name, ndis_->IsRegistered(&driver) ? 1 : 0, "filter registration");
 }
 
 LoadedDriver* Machine::FindDriver(const std::string& name) {

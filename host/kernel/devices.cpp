@@ -207,9 +207,9 @@ std::size_t Devices::DevicesOf(const LoadedDriver* driver) {
 
 std::size_t Devices::WorkItemsOf(const LoadedDriver* driver) {
     HostLock lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(items_.begin(), items_.end(),
-                      [&](const PIO_WORKITEM item) { return item->driver == driver; }));
+    return static_cast<std::size_t>(std::count_if(
+        items_.begin(), items_.end(),
+        [&](const PIO_WORKITEM item) { return item->driver == driver && !item->queued; }));
 }
 
 std::size_t Devices::RoutinesOf(const LoadedDriver* driver) {

@@ -54,7 +54,7 @@ class Devices {
     std::size_t LiveWorkItems();
     /// What is left of a driver's, for the accounting.
     std::size_t DevicesOf(const LoadedDriver* driver);
-    std::size_t WorkItemsOf(const LoadedDriver* driver);
+    std::size_t WorkItemsOf(const LoadedDriver* driver);  ///< that are not queued
     /// Routines of the driver that are queued and have not begun.
     std::size_t RoutinesOf(const LoadedDriver* driver);
 

@@ -76,4 +76,14 @@ void Verifier::DemandUpToDispatch(const char* routine, CheckSite site) {
     }
 }
 
+void Verifier::DemandNoneLeft(const std::string& driver,
+                              std::size_t count,
+                              const char* kind,
+                              Rule rule,
+                              CheckSite site) {
+    if (count != 0) {
+        Report(rule, fmt::format("{}: {} {}", driver, count, kind), site);
+    }
+}
+
 }  // namespace netsieve::host

@@ -45,6 +45,13 @@ class Verifier {
     /// Demands an IRQL of PASSIVE_LEVEL, or at most DISPATCH_LEVEL, of the caller of `routine`.
     void DemandPassive(const char* routine, CheckSite site = CheckSite::Here());
     void DemandUpToDispatch(const char* routine, CheckSite site = CheckSite::Here());
+    /// Demands that `driver`, which is unloaded, has left no objects of a kind: ObjectLeak, or
+    /// `rule`.
+    void DemandNoneLeft(const std::string& driver,
+                        std::size_t count,
+                        const char* kind,
+                        Rule rule = Rule::kObjectLeak,
+                        CheckSite site = CheckSite::Here());
 
   private:
     bool enabled_;

@@ -30,6 +30,9 @@ NTSTATUS WaitFor(KEVENT& event, LONGLONG timeout) {
 }
 
 VOID NTAPI NoRoutine(PDEVICE_OBJECT, PVOID) {}
+VOID NTAPI FreeOwnItem(PDEVICE_OBJECT, PVOID item) {
+    IoFreeWorkItem(static_cast<PIO_WORKITEM>(item));
+}
 VOID NTAPI NoTimerRoutine(PVOID, PVOID, PVOID, PVOID) {}
 
 // Two events that a routine waits for and sets, on behalf of a driver that does not wait for it.
@@ -430,6 +433,25 @@ std::vector<Breaker> PoolBreakers() {
              WithWorkItem(
                  scene, [](PIO_WORKITEM) {}, false);
          }},
+        {Rule::kObjectLeak, "a registry handle outlives the driver",
+         [](Scene& scene) {
+             scene.filter.unload = [] { OpenKey(); };
+             scene.Start();
+         }},
+        {Rule::kObjectLeak, "an MDL outlives the driver",
+         [](Scene& scene) {
+             static UCHAR bytes[16];
+             scene.filter.unload = [&] {
+                 NdisAllocateMdl(scene.filter.handle, bytes, sizeof(bytes));
+             };
+             scene.Start();
+         }},
+        {Rule::kObjectLeak, "a registration outlives the driver",
+         [](Scene& scene) {
+             scene.filter.deregisters = false;
+             scene.filter.attach = [] { return NDIS_STATUS_FAILURE; };
+             scene.Start();
+         }},
         {Rule::kObjectLeak, "an NBL pool outlives the driver",
          [](Scene& scene) {
              scene.filter.restart = [&] {
@@ -489,6 +511,16 @@ std::vector<Breaker> RoutineBreakers() {
              scene.filter.unload = [] {
                  NdisInitializeTimer(&timer, &NoTimerRoutine, nullptr);
                  NdisSetTimer(&timer, 1);
+             };
+             scene.Start();
+         }},
+        {Rule::kRoutineOutlivesDriver, "a work item is queued at the end of unload",
+         [](Scene& scene) {
+             scene.filter.unload = [&] {
+                 PDEVICE_OBJECT const device = Device(scene);
+                 PIO_WORKITEM const item = IoAllocateWorkItem(device);
+                 IoQueueWorkItem(item, &FreeOwnItem, DelayedWorkQueue, item);
+                 IoDeleteDevice(device);
              };
              scene.Start();
          }},
