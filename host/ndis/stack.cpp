@@ -122,19 +122,29 @@ void Stack::PauseStack() {
     WaitUntilDrained();
 }
 
+// The adapter is up before the filter modules, as published, and may indicate while they restart.
 void Stack::RestartStack() {
+    OpenGate(Gate::kNoSends);
     const std::vector<FilterModule*> bottomUp(modules_.rbegin(), modules_.rend());
     for (FilterModule* module : bottomUp) {
         if (!RestartModule(machine_, *module, adapter_->options())) {
+            gate_.store(Gate::kClosed, std::memory_order_seq_cst);
+            WaitUntilDrained();
             CallDetach(*module);
+            OpenGate(Gate::kNoSends);
         }
     }
     adapter_->queue().SetDraining(false);
     for (const auto& protocol : protocols_) {
         protocol->queue().SetDraining(false);
     }
+    OpenGate(Gate::kOpen);
+}
+
+// What was done while it was closed happens before the calls that it lets in.
+void Stack::OpenGate(Gate how) {
     NoteRelease(&gate_);
-    gate_.store(Gate::kOpen, std::memory_order_seq_cst);
+    gate_.store(how, std::memory_order_seq_cst);
 }
 
 void Stack::WaitUntilDrained() {

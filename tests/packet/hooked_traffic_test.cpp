@@ -57,6 +57,7 @@ class HookedTraffic final : public Scenario {
             NoteFlag("indications", flags);
             Note("indicated while pausing", module->state == ModuleState::kPausing);
             Note("indicated while paused", module->state == ModuleState::kPaused);
+            Note("indicated while restarting", module->state == ModuleState::kRestarting);
             count(chain, port, nbls, flags);
         };
         stack.protocol().onSendComplete = [count = stack.protocol().onSendComplete](auto* chain,
@@ -129,10 +130,11 @@ TEST(HookedTraffic, PassesInEverySchedule) {
     if (!enough) {
         return;
     }
-    for (const char* const what : {"sends with", "sends without", "indications with",
-                                   "indications without", "completions with", "completions without",
-                                   "returns with", "returns without", "indicated while pausing",
-                                   "indicated while paused", "failed", "cancelled", "shown cut"}) {
+    for (const char* const what :
+         {"sends with", "sends without", "indications with", "indications without",
+          "completions with", "completions without", "returns with", "returns without",
+          "indicated while pausing", "indicated while paused", "indicated while restarting",
+          "failed", "cancelled", "shown cut"}) {
         EXPECT_GT(g_seen[what], 0) << what;
     }
 }
