@@ -15,7 +15,7 @@ SOURCES = find src host tools samples windows tests bench -name '*.cpp' -o -name
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
 .PHONY: help build image signed-image demo test bench format format-check tidy asan tsan fuzz \
-    search nightly mutants mutants-checks mutants-generated clean
+    search coverage nightly mutants mutants-checks mutants-generated clean
 
 help: ## print this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-17s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
@@ -83,6 +83,16 @@ search: image ## run the tests with every load and store of the driver a schedul
 	@test -f build/search/build.ninja || cmake --preset search
 	cmake --build --preset search --parallel $(JOBS)
 	$(CTEST) build/search
+
+# One file of counts for each program, which all its runs add to.
+coverage: export NETSIEVE_SCHEDULES ?= 1000
+coverage: image ## run the tests, and print what of the driver none of them reaches
+	@scripts/bootstrap.sh build test checks
+	@test -f build/coverage/build.ninja || cmake --preset coverage
+	cmake --build --preset coverage --parallel $(JOBS)
+	rm -rf build/coverage/profiles
+	LLVM_PROFILE_FILE=$(CURDIR)/build/coverage/profiles/%m.profraw $(CTEST) build/coverage
+	scripts/coverage.py build/coverage
 
 # The searches of one night, behind the whole static analysis: deeper, in other schedules each night,
 # and then with every load and store a scheduling point, where a schedule takes several times as long.

@@ -3,6 +3,7 @@
 option(NETSIEVE_TESTS "Build the test suite" ON)
 option(NETSIEVE_BENCH "Build the benchmarks" ON)
 option(NETSIEVE_SEARCH "Make every plain load and store of the driver a scheduling point (clang)" OFF)
+option(NETSIEVE_COVERAGE "Count which lines and branches of the driver are taken (clang)" OFF)
 option(NETSIEVE_LOCK_ANALYSIS "Check which lock guards what (clang); off where locks are removed on purpose" ON)
 set(NETSIEVE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 set(NETSIEVE_IMAGE "${CMAKE_SOURCE_DIR}/build/image/NETSIEVE.sys" CACHE FILEPATH
