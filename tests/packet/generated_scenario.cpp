@@ -111,7 +111,7 @@ struct GeneratedScenario::Sent {
 /// The machine's frames, and what the ends of its stacks see of them.
 class GeneratedScenario::Site {
   public:
-    Site(Machine& machine, const Plan& plan) : machine_(machine), random_(machine.options().seed) {
+    Site(Machine& machine, const Plan& plan) : random_(machine.options().seed) {
         static const char16_t* const names[] = {u"\\DEVICE\\{A}", u"\\DEVICE\\{B}"};
         for (std::size_t i = 0; i < plan.adapters; ++i) {
             Stack& stack = machine.ndis().AddAdapter(
@@ -230,7 +230,6 @@ class GeneratedScenario::Site {
     }
 
   private:
-    Machine& machine_;
     Random random_;
     std::deque<NblFactory> factories_;
 };
