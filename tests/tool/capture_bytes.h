@@ -64,8 +64,8 @@ inline CaptureBytes OddCapture(bool bigEndian, std::uint32_t magic) {
         .Record(99, 0, std::string(80066, 'b'), 80066)  // back in time, longer than 16 bits
         .Record(99, 0, "", 0)
         .Record(99, 1, "", 262144)
-        .Record(0xFFFFFFF0, 1, std::string(34, 'c'), 32)  // captured more than there was
-        .Record(101, 1234567, std::string(14, 'd'), 14);  // more than a second of microseconds
+        .Record(0xFFFFFFF0, 1, std::string(34, 'c'), 32)   // captured more than there was
+        .Record(101, 50266112, std::string(14, 'd'), 14);  // microseconds beyond 32 bits of nano
     return file;
 }
 

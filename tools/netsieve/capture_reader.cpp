@@ -46,7 +46,7 @@ ReadOutcome CaptureReader::Next(CaptureFrame& frame) {
     }
     ++framesRead_;
     // Asked for nanoseconds, the library delivers them in the field for microseconds.
-    frame.stamp = {header->ts.tv_sec, static_cast<uint32_t>(header->ts.tv_usec)};
+    frame.stamp = {header->ts.tv_sec, header->ts.tv_usec};
     frame.bytes = bytes;
     frame.capturedLength = header->caplen;
     frame.originalLength = header->len;

@@ -17,13 +17,13 @@ namespace netsieve::tool {
 /// not normalised, so that a stamp with a fraction above a second leaves as it came.
 struct CaptureStamp {
     int64_t seconds = 0;
-    uint32_t nanoseconds = 0;
+    int64_t nanoseconds = 0;
 
     int64_t TotalNanoseconds() const { return seconds * 1'000'000'000 + nanoseconds; }
     /// The time so much later.
     CaptureStamp After(std::chrono::nanoseconds time) const {
         const int64_t sum = nanoseconds + time.count();
-        return {seconds + sum / 1'000'000'000, static_cast<uint32_t>(sum % 1'000'000'000)};
+        return {seconds + sum / 1'000'000'000, sum % 1'000'000'000};
     }
     bool operator==(const CaptureStamp&) const = default;
 };

@@ -71,10 +71,10 @@ bool CaptureWriter::CanRepresent(const CaptureStamp& stamp) {
 void CaptureWriter::Begin(const CaptureStamp& stamp,
                           uint32_t capturedLength,
                           uint32_t originalLength) {
-    const RecordHeader record{
-        static_cast<uint32_t>(stamp.seconds),
-        precision_ == TimePrecision::kNanoseconds ? stamp.nanoseconds : stamp.nanoseconds / 1000,
-        capturedLength, originalLength};
+    const int64_t fraction =
+        precision_ == TimePrecision::kNanoseconds ? stamp.nanoseconds : stamp.nanoseconds / 1000;
+    const RecordHeader record{static_cast<uint32_t>(stamp.seconds), static_cast<uint32_t>(fraction),
+                              capturedLength, originalLength};
     Append(reinterpret_cast<const uint8_t*>(&record), sizeof record);
     ++framesWritten_;
 }

@@ -13,7 +13,7 @@ namespace netsieve::tool {
 /// other driver may write.
 struct FrameTag {
     std::int64_t seconds;
-    std::uint32_t nanoseconds;
+    std::int64_t nanoseconds;
     std::uint32_t originalLength;
     std::uint64_t number;  ///< in the capture, from 1
 
