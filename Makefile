@@ -59,18 +59,13 @@ asan: image ## run all tests under AddressSanitizer and UndefinedBehaviorSanitiz
 	cmake --build --preset asan --parallel $(JOBS)
 	$(CTEST) build/asan
 
-# Each target goes on from the inputs that it found before.
 FUZZ_SECONDS ?= 60
 
-fuzz: ## run each fuzz target for FUZZ_SECONDS (60)
+fuzz: image ## run each fuzz target for FUZZ_SECONDS (60)
 	@scripts/bootstrap.sh build test checks
 	@test -f build/fuzz/build.ninja || cmake --preset fuzz
 	cmake --build --preset fuzz --parallel $(JOBS) --target fuzz_targets
-	@for target in build/fuzz/tests/fuzz/*_fuzz; do \
-	    corpus=build/fuzz/corpus/$${target##*/}; mkdir -p $$corpus; echo "$$target"; \
-	    ASAN_OPTIONS=detect_stack_use_after_return=0 $$target -max_total_time=$(FUZZ_SECONDS) \
-	        -max_len=1500 -verbosity=0 -print_final_stats=1 -artifact_prefix=build/fuzz/ \
-	        $$corpus || exit 1; done
+	scripts/fuzz.sh build/fuzz $(FUZZ_SECONDS)
 
 tsan: image ## run all tests under ThreadSanitizer
 	@scripts/bootstrap.sh build test checks
@@ -94,8 +89,10 @@ coverage: image ## run the tests, and print what of the driver none of them reac
 	LLVM_PROFILE_FILE=$(CURDIR)/build/coverage/profiles/%m.profraw $(CTEST) build/coverage
 	scripts/coverage.py build/coverage
 
-# The searches of one night, behind the whole static analysis: deeper, in other schedules each night,
-# and then with every load and store a scheduling point, where a schedule takes several times as long.
+# What a night has time for, behind the whole static analysis: the fuzz targets, the searches, deeper
+# and in other schedules each night, and then those with every load and store a scheduling point,
+# where a schedule takes several times as long.
+NIGHTLY_FUZZ_SECONDS ?= 3600
 NIGHTLY_SCHEDULES ?= 1000000
 NIGHTLY_SEARCH_SCHEDULES ?= 100000
 
@@ -105,12 +102,13 @@ NIGHTLY_RUN = printf '%s\n' $(1)/tests/*/*_schedule_tests | \
 nightly: export NETSIEVE_PCT_DEPTH ?= 3
 nightly: export NETSIEVE_PREEMPTIONS ?= 3
 nightly: export NETSIEVE_FIRST_SEED ?= $(shell echo $$(($$(date +%s) / 86400 * 10000000)))
-nightly: image tidy ## run every schedule search with NIGHTLY_SCHEDULES schedules (1000000), PCT depth 3
+nightly: image tidy ## search for a night: fuzz targets, and NIGHTLY_SCHEDULES schedules (1000000) each
 	@scripts/bootstrap.sh build test checks
 	@cmake --preset release -DNETSIEVE_TESTS=ON -DNETSIEVE_BENCH=ON
 	cmake --build --preset release --parallel $(JOBS)
 	@test -f build/search/build.ninja || cmake --preset search
 	cmake --build --preset search --parallel $(JOBS)
+	$(MAKE) fuzz FUZZ_SECONDS=$(NIGHTLY_FUZZ_SECONDS)
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SCHEDULES); $(call NIGHTLY_RUN,build/release)
 	export NETSIEVE_SCHEDULES=$(NIGHTLY_SEARCH_SCHEDULES); $(call NIGHTLY_RUN,build/search)
 

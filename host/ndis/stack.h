@@ -35,8 +35,8 @@ class Stack {
     /// modules are paused, and the adapter, which may indicate until then, is paused last, when no
     /// NBL is outstanding. PASSIVE_LEVEL.
     void Pause();
-    /// Restarts the stack, bottom up: the adapter, which may indicate from then on, the modules, the
-    /// protocols. A module that does not restart is detached, as NDIS does.
+    /// Restarts the stack, bottom up: the adapter, which may indicate from then on, the modules,
+    /// the protocols. A module that does not restart is detached, as NDIS does.
     void Restart();
     bool running() const { return gate_.load() == Gate::kOpen; }
 

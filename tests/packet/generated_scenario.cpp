@@ -82,6 +82,10 @@ struct GeneratedScenario::Plan {
         return std::any_of(steps.begin(), steps.end(), [&](auto& step) { return step.act == act; });
     }
     bool FiltersLose() const { return busyAbove || busyBelow; }
+    int Hooks() const {
+        return static_cast<int>(std::count_if(std::begin(ways), std::end(ways),
+                                              [](Way way) { return way != Way::kAbsent; }));
+    }
     bool Fails() const { return mappingsFail || memoryFails; }
     /// Whether each hook is shown each frame. While records are held others find none, and pass.
     bool Steady() const {
@@ -165,6 +169,13 @@ class GeneratedScenario::Site {
                    : nullptr;
     }
 
+    /// They were refused, each frame.
+    void LoseAll(PNET_BUFFER_LIST chain) {
+        for (; chain != nullptr; chain = chain->Next) {
+            Lose(chain);
+        }
+    }
+
     std::vector<Stack*> stacks;
     std::deque<Sent> frames;
     std::atomic<int> strangers = 0;  ///< frames at an end of a stack that nobody sent so
@@ -220,7 +231,6 @@ class GeneratedScenario::Site {
         }
     }
 
-  public:
     void Lose(PNET_BUFFER_LIST nbl) {
         ForEachFrame(nbl, [&](const Frame& bytes) {
             if (Sent* const sent = Find(bytes)) {
@@ -229,7 +239,6 @@ class GeneratedScenario::Site {
         });
     }
 
-  private:
     Random random_;
     std::deque<NblFactory> factories_;
 };
@@ -325,6 +334,145 @@ class GeneratedScenario::Hook {
     std::deque<Mark> held_;
 };
 
+/// One run: the hooks, and what each flow does.
+class GeneratedScenario::Cast {
+  public:
+    Cast(Machine& machine, const Plan& plan, Site& site)
+        : machine_(machine), plan_(plan), site_(site) {
+        for (std::size_t i = 0; i < kHooks; ++i) {
+            if (plan.ways[i] != Way::kAbsent) {
+                hooks_.emplace_back(site, plan, i);
+            }
+        }
+        for (const Step& step : plan.steps) {
+            if (auto act = Prepare(step)) {
+                flows_[step.flow].push_back(std::move(act));
+            }
+        }
+    }
+
+    void RunFlows() {
+        if (plan_.Fails()) {
+            machine_.faults().Arm(
+                {.kind = plan_.mappingsFail ? FaultKind::kMapping : FaultKind::kPool,
+                 .probability = 0.1,
+                 .seed = machine_.options().seed});
+        }
+        Scheduler& scheduler = machine_.scheduler();
+        std::vector<std::uint32_t> contexts;
+        for (std::size_t i = 0; i < kFlows; ++i) {
+            contexts.push_back(
+                scheduler.Start({.name = "flow",
+                                 .kind = i == kDpcFlow ? ContextKind::kDpc : ContextKind::kThread,
+                                 .processor = static_cast<unsigned>(i + 1)},
+                                [&flow = flows_[i]] {
+                                    for (const auto& act : flow) {
+                                        act();
+                                    }
+                                }));
+        }
+        scheduler.JoinAll(contexts);
+        machine_.faults().Disarm();
+    }
+
+    void CompleteAll() {
+        while (CompleteOne()) {
+        }
+        machine_.scheduler().WaitUntilIdle();
+    }
+
+  private:
+    bool CompleteOne() {
+        return std::any_of(hooks_.begin(), hooks_.end(),
+                           [](Hook& hook) { return hook.CompleteOne(); });
+    }
+
+    /// What the step does, with its NBLs made; empty when it has no place in its flow.
+    std::function<void()> Prepare(const Step& step) {
+        switch (step.act) {
+            case Act::kSend:
+            case Act::kSendAndCancel:
+            case Act::kIndicate:
+            case Act::kIndicateResources:
+                return PrepareTraffic(step);
+            case Act::kComplete:
+                return [this] { CompleteOne(); };
+            case Act::kInject:
+                return [&frame = site_.MakeInjected(step.which % plan_.adapters)] {
+                    ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size()));
+                };
+            case Act::kStopHook:
+            case Act::kSwitchHook:
+                return PrepareHookChange(step);
+            case Act::kPause:
+            case Act::kAdapter:
+                // What waits has its place in a thread.
+                return step.flow == kDpcFlow ? nullptr : PreparePnp(step);
+            default:
+                return nullptr;
+        }
+    }
+
+    std::function<void()> PrepareTraffic(const Step& step) {
+        const bool send = step.act == Act::kSend || step.act == Act::kSendAndCancel;
+        const std::size_t adapter = step.which % plan_.adapters;
+        Stack& stack = *site_.stacks[adapter];
+        PNET_BUFFER_LIST const chain = site_.Make(send, adapter, step.nbls);
+        if (!send) {
+            const ULONG flags = step.act == Act::kIndicate ? 0 : NDIS_RECEIVE_FLAGS_RESOURCES;
+            return [this, &stack, flags, chain] {
+                if (!stack.adapter().Indicate(chain, 0, flags)) {
+                    site_.LoseAll(chain);
+                }
+            };
+        }
+        return [&stack, chain, cancels = step.act == Act::kSendAndCancel] {
+            PVOID const id = NET_BUFFER_LIST_INFO(chain, NetBufferListCancelId);
+            stack.protocol().Send(chain);
+            if (cancels) {
+                stack.protocol().CancelSend(id);
+            }
+        };
+    }
+
+    // By one flow alone, which has the handles. A hook that holds frames stays to complete them.
+    std::function<void()> PrepareHookChange(const Step& step) {
+        if (step.flow != 0 || hooks_.empty()) {
+            return nullptr;
+        }
+        Hook& hook = hooks_[step.which % hooks_.size()];
+        if (step.act == Act::kSwitchHook) {
+            return [&hook] { hook.Switch(); };
+        }
+        return hook.holds() ? std::function<void()>() : [&hook] { hook.Stop(); };
+    }
+
+    std::function<void()> PreparePnp(const Step& step) {
+        if (step.act == Act::kPause) {
+            return [&stack = *site_.stacks[step.which % plan_.adapters]] {
+                stack.Pause();
+                stack.Restart();
+            };
+        }
+        return [this, first = step.flow == 0] {
+            const std::uint8_t number = first ? 3 : 4;
+            Stack& guest = machine_.ndis().AddAdapter(
+                {.deviceName = first ? u"\\DEVICE\\{C}" : u"\\DEVICE\\{D}",
+                 .mac = {2, 0, 0, 0, 0, number},
+                 .ifIndex = number});
+            machine_.ndis().RemoveAdapter(guest);
+        };
+    }
+
+    static constexpr std::size_t kDpcFlow = 1;
+
+    Machine& machine_;
+    const Plan& plan_;
+    Site& site_;
+    std::deque<Hook> hooks_;
+    std::vector<std::function<void()>> flows_[kFlows];
+};
+
 GeneratedScenario::GeneratedScenario(ScenarioBytes bytes)
     : plan_(std::make_shared<Plan>(std::move(bytes))) {}
 
@@ -339,152 +487,43 @@ void GeneratedScenario::Run(Machine& machine) {
     for (Stack* stack : site.stacks) {
         SetRelease(*stack, plan.release);
     }
-    std::deque<Hook> hooks;
-    for (std::size_t i = 0; i < kHooks; ++i) {
-        if (plan.ways[i] != Way::kAbsent) {
-            hooks.emplace_back(site, plan, i);
+    {
+        Cast cast(machine, plan, site);
+        cast.RunFlows();
+        cast.CompleteAll();
+        for (Stack* stack : site.stacks) {
+            stack->Pause();  // waits until no NBL is outstanding
         }
+        cast.CompleteAll();  // what busy filters have kept until the pause
     }
-    const auto completeOne = [&] {
-        return std::any_of(hooks.begin(), hooks.end(),
-                           [](Hook& hook) { return hook.CompleteOne(); });
-    };
-
-    std::vector<std::function<void()>> flows[kFlows];
-    for (const Step& step : plan.steps) {
-        const std::size_t adapter = step.which % plan.adapters;
-        Stack& stack = *site.stacks[adapter];
-        // What waits has its place in a thread. A hook that holds frames stays to complete them,
-        // and one flow has the handles of the others.
-        const bool passive = step.flow != 1;
-        Hook* const hook = hooks.empty() ? nullptr : &hooks[step.which % hooks.size()];
-        auto& flow = flows[step.flow];
-        switch (step.act) {
-            case Act::kSend:
-                flow.push_back([&, chain = site.Make(true, adapter, step.nbls)] {
-                    stack.protocol().Send(chain);
-                });
-                break;
-            case Act::kSendAndCancel:
-                flow.push_back([&, chain = site.Make(true, adapter, step.nbls)] {
-                    PVOID const id = NET_BUFFER_LIST_INFO(chain, NetBufferListCancelId);
-                    stack.protocol().Send(chain);
-                    stack.protocol().CancelSend(id);
-                });
-                break;
-            case Act::kIndicate:
-            case Act::kIndicateResources: {
-                const ULONG flags = step.act == Act::kIndicate ? 0 : NDIS_RECEIVE_FLAGS_RESOURCES;
-                flow.push_back([&, flags, chain = site.Make(false, adapter, step.nbls)] {
-                    if (!stack.adapter().Indicate(chain, 0, flags)) {
-                        for (PNET_BUFFER_LIST nbl : NblsOf(chain)) {
-                            site.Lose(nbl);
-                        }
-                    }
-                });
-                break;
-            }
-            case Act::kComplete:
-                flow.push_back(completeOne);
-                break;
-            case Act::kInject:
-                flow.push_back([&frame = site.MakeInjected(adapter)] {
-                    ITarnHKSendPacket(nullptr, frame.data(), static_cast<ULONG>(frame.size()));
-                });
-                break;
-            case Act::kPause:
-                if (passive) {
-                    flow.push_back([&] {
-                        stack.Pause();
-                        stack.Restart();
-                    });
-                }
-                break;
-            case Act::kStopHook:
-                if (step.flow == 0 && hook != nullptr && !hook->holds()) {
-                    flow.push_back([hook] { hook->Stop(); });
-                }
-                break;
-            case Act::kSwitchHook:
-                if (hook != nullptr && step.flow == 0) {
-                    flow.push_back([hook] { hook->Switch(); });
-                }
-                break;
-            case Act::kAdapter:
-                if (passive) {
-                    flow.push_back([&machine, &step] {
-                        const auto number = static_cast<std::uint8_t>(3 + step.flow);
-                        Stack& guest = machine.ndis().AddAdapter(
-                            {.deviceName = step.flow == 0 ? u"\\DEVICE\\{C}" : u"\\DEVICE\\{D}",
-                             .mac = {2, 0, 0, 0, 0, number},
-                             .ifIndex = number});
-                        machine.ndis().RemoveAdapter(guest);
-                    });
-                }
-                break;
-            case Act::kNothing:
-            case Act::kCount:
-                break;
-        }
-    }
-
-    if (plan.Fails()) {
-        machine.faults().Arm({.kind = plan.mappingsFail ? FaultKind::kMapping : FaultKind::kPool,
-                              .probability = 0.1,
-                              .seed = machine.options().seed});
-    }
-    Scheduler& scheduler = machine.scheduler();
-    std::vector<std::uint32_t> contexts;
-    for (std::size_t i = 0; i < kFlows; ++i) {
-        contexts.push_back(
-            scheduler.Start({.name = "flow",
-                             .kind = i == 1 ? ContextKind::kDpc : ContextKind::kThread,
-                             .processor = static_cast<unsigned>(i + 1)},
-                            [&flow = flows[i]] {
-                                for (const auto& act : flow) {
-                                    act();
-                                }
-                            }));
-    }
-    scheduler.JoinAll(contexts);
-    machine.faults().Disarm();
-    const auto completeAll = [&] {
-        while (completeOne()) {
-        }
-        scheduler.WaitUntilIdle();
-    };
-    completeAll();
-    for (Stack* stack : site.stacks) {
-        stack->Pause();  // waits until no NBL is outstanding
-    }
-    completeAll();  // what busy filters have kept until the pause
-    hooks.clear();
     for (const char* const driver : {"BUSYUP", "NETSIEVE", "BUSYLO"}) {
         if (machine.FindDriver(driver) != nullptr) {
             machine.UnloadDriver(driver);
         }
     }
-
     Demand(site.strangers == 0, "a frame arrived that nobody sent so");
-    const auto present = std::count_if(std::begin(plan.ways), std::end(plan.ways),
-                                       [](Way way) { return way != Way::kAbsent; });
     for (const Sent& frame : site.frames) {
-        const bool taken = frame.marked != 0;
-        const bool stopped = taken ? frame.droppedMarks != 0 : frame.withheld != 0;
-        const bool losable = frame.mayBeLost || plan.FiltersLose() || plan.memoryFails ||
-                             (taken && plan.Has(Act::kPause));
-        const int least = stopped || losable ? 0 : 1;
-        const int most = stopped ? 0 : 1;
-        const bool shown = losable || !plan.Steady() || plan.Has(Act::kPause) ||
-                           frame.shown == static_cast<int>(present);
-        Demand(frame.arrived >= least && frame.arrived <= most && shown,
-               fmt::format("frame {}, {} adapter {}: arrived {} times of {} to {}; shown to {} of "
-                           "{} hooks, withheld by {}, {} marks, {} of them to drop it",
-                           frame.bytes[kNumberAt], frame.send ? "sent to" : "received from",
-                           frame.adapter, frame.arrived.load(), least, most, frame.shown.load(),
-                           present, frame.withheld.load(), frame.marked.load(),
-                           frame.droppedMarks.load()));
+        JudgeFrame(frame);
     }
+}
+
+void GeneratedScenario::JudgeFrame(const Sent& frame) {
+    const Plan& plan = *plan_;
+    const bool taken = frame.marked != 0;
+    const bool stopped = taken ? frame.droppedMarks != 0 : frame.withheld != 0;
+    const bool losable = frame.mayBeLost || plan.FiltersLose() || plan.memoryFails ||
+                         (taken && plan.Has(Act::kPause));
+    const int least = stopped || losable ? 0 : 1;
+    const int most = stopped ? 0 : 1;
+    const int present = plan.Hooks();
+    const bool shown = losable || !plan.Steady() || plan.Has(Act::kPause) || frame.shown == present;
+    Demand(
+        frame.arrived >= least && frame.arrived <= most && shown,
+        fmt::format("frame {}, {} adapter {}: arrived {} times of {} to {}; shown to {} of {} "
+                    "hooks, withheld by {}, {} marks, {} of them to drop it",
+                    frame.bytes[kNumberAt], frame.send ? "sent to" : "received from", frame.adapter,
+                    frame.arrived.load(), least, most, frame.shown.load(), present,
+                    frame.withheld.load(), frame.marked.load(), frame.droppedMarks.load()));
 }
 
 ScenarioBytes DrawScenario(std::uint64_t seed) {

@@ -34,6 +34,8 @@ class GeneratedScenario final : public Scenario {
     struct Sent;
     class Hook;
     class Site;
+    class Cast;
+    void JudgeFrame(const Sent& frame);
 
     std::shared_ptr<const Plan> plan_;
 
