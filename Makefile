@@ -89,28 +89,19 @@ coverage: image ## run the tests, and print what of the driver none of them reac
 	LLVM_PROFILE_FILE=$(CURDIR)/build/coverage/profiles/%m.profraw $(CTEST) build/coverage
 	scripts/coverage.py build/coverage
 
-# What a night has time for, behind the whole static analysis: the fuzz targets, the searches, deeper
-# and in other schedules each night, and then those with every load and store a scheduling point,
-# where a schedule takes several times as long.
-NIGHTLY_FUZZ_SECONDS ?= 3600
-NIGHTLY_SCHEDULES ?= 1000000
-NIGHTLY_SEARCH_SCHEDULES ?= 100000
+# What a night has time for, behind the whole static analysis. NIGHTLY takes what the script knows:
+# hours, a shard, budgets.
+NIGHTLY ?=
 
-NIGHTLY_RUN = printf '%s\n' $(1)/tests/*/*_schedule_tests | \
-    xargs -P $(JOBS) -I PROGRAM sh -c 'PROGRAM --gtest_color=no'
-
-nightly: export NETSIEVE_PCT_DEPTH ?= 3
-nightly: export NETSIEVE_PREEMPTIONS ?= 3
-nightly: export NETSIEVE_FIRST_SEED ?= $(shell echo $$(($$(date +%s) / 86400 * 10000000)))
-nightly: image tidy ## search for a night: fuzz targets, and NIGHTLY_SCHEDULES schedules (1000000) each
+nightly: image tidy ## fuzz and search for eight hours, and leave a page, build/nightly/report.md
 	@scripts/bootstrap.sh build test checks
 	@cmake --preset release -DNETSIEVE_TESTS=ON -DNETSIEVE_BENCH=ON
 	cmake --build --preset release --parallel $(JOBS)
 	@test -f build/search/build.ninja || cmake --preset search
 	cmake --build --preset search --parallel $(JOBS)
-	$(MAKE) fuzz FUZZ_SECONDS=$(NIGHTLY_FUZZ_SECONDS)
-	export NETSIEVE_SCHEDULES=$(NIGHTLY_SCHEDULES); $(call NIGHTLY_RUN,build/release)
-	export NETSIEVE_SCHEDULES=$(NIGHTLY_SEARCH_SCHEDULES); $(call NIGHTLY_RUN,build/search)
+	@test -f build/fuzz/build.ninja || cmake --preset fuzz
+	cmake --build --preset fuzz --parallel $(JOBS) --target fuzz_targets
+	scripts/nightly.py --jobs $(JOBS) $(NIGHTLY)
 
 mutants-checks: ## disable each check of the verifier alone, and see that the tests find it
 	@scripts/bootstrap.sh build test checks

@@ -1,10 +1,10 @@
 #!/bin/bash
-# Runs each fuzz target of a build, and prints how many inputs each has tried. A target goes on from
+# Runs each fuzz target of a build, or the one that is named, and prints how many inputs each has tried. A target goes on from
 # the inputs that it found before, build/fuzz/corpus; an input that fails is left beside that.
 #
-# usage: scripts/fuzz.sh BUILD SECONDS
+# usage: scripts/fuzz.sh BUILD SECONDS [TARGET]
 set -euo pipefail
-readonly build=$1 seconds=$2
+readonly build=$1 seconds=$2 targets=${3:-*_fuzz}
 tree=$(cd "$(dirname "$0")/.." && pwd)
 export ASAN_OPTIONS=detect_stack_use_after_return=0 # fibers have stacks of their own
 
@@ -16,7 +16,7 @@ seed() { # TARGET CORPUS
 }
 
 total=0
-for target in "$build"/tests/fuzz/*_fuzz; do
+for target in "$build"/tests/fuzz/$targets; do
     name=${target##*/}
     corpus=$build/corpus/$name
     mkdir -p "$corpus"
