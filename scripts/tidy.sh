@@ -54,8 +54,8 @@ if [ $status != 0 ]; then
     # Without the colours. A header is analysed with every file that includes it, and each finding
     # wants to be read once.
     sed -i 's/\x1b\[[0-9;]*m//g' "$log"
-    grep -A 2 -E ': (warning|error): ' "$log" |
-        awk '/: (warning|error): / { show = !seen[$0]++ } show'
+    grep -A 2 -E ': (warning|error): |Program arguments|signal' "$log" |
+        awk '/: (warning|error): |Program|signal/ { show = !seen[$0]++ } show' || tail -n 20 "$log"
     echo "clang-tidy found faults; all of its output is in $log" >&2
     exit 1
 fi

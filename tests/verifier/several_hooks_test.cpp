@@ -49,11 +49,14 @@ void Register(NamedHook& hook) {
 }
 
 template <std::size_t kFirst>
+VOID NTAPI Unload(PDRIVER_OBJECT) {
+    ITarnHKDeregisterFilter(g_hooks->of[kFirst].handle);
+    ITarnHKDeregisterFilter(g_hooks->of[kFirst + 1].handle);
+}
+
+template <std::size_t kFirst>
 NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-    driver->DriverUnload = [](PDRIVER_OBJECT) NTAPI {
-        ITarnHKDeregisterFilter(g_hooks->of[kFirst].handle);
-        ITarnHKDeregisterFilter(g_hooks->of[kFirst + 1].handle);
-    };
+    driver->DriverUnload = &Unload<kFirst>;
     Register(g_hooks->of[kFirst]);
     Register(g_hooks->of[kFirst + 1]);
     return STATUS_SUCCESS;
